@@ -1,0 +1,512 @@
+/* pdfcore: the PDF object-model library under the forms module.
+ *
+ * A C API over qpdf. Every call returns a PDResult; outputs go through pointers.
+ *
+ * Things to know
+ * - Results. 0 is success. Every other value is one of the PD_ERR_* codes below;
+ *   PDGetErrMessage() gives a fixed English text for each. A call that fails leaves
+ *   its outputs as they were, except handle outputs, which are set to NULL first.
+ * - Handles. Documents, pages, annotations and fields are reference-counted handles.
+ *   A call that hands out a handle (an out parameter of a handle type) gives the
+ *   caller one reference, to be dropped with PDHandleRelease(). PDHandleAcquire()
+ *   adds one. While any reference to a handle is alive, the same PDF object in the
+ *   same role always yields the same handle value, so handles may be compared and
+ *   used as map keys. A field whose only widget shares its dictionary (as most files
+ *   have them) has two handles, one in the field role and one in the annotation role.
+ *   Every handle keeps its document alive; PDDocClose() drops the caller's reference
+ *   to the document only.
+ * - Threads. Reference counts are atomic, and atoms may be used from any thread.
+ *   One document must be used by one thread at a time.
+ * - Texts. Texts are UTF-16 (char16_t) without terminator, passed as pointer and
+ *   length in units. Text getters follow the two-call pattern: pass a NULL buffer
+ *   to learn the length in *outLen, then a buffer of at least that many units. A
+ *   buffer that is too small gives PD_ERR_BUFFER_SMALL and *outLen set to the length
+ *   needed; a larger buffer also receives a terminating zero.
+ * - Absent values. A getter of a relation (a parent, a found field) answers 0 and a
+ *   NULL handle when there is none. A getter of a stored value answers
+ *   PD_ERR_NO_VALUE when the PDF holds none, unless it documents a default.
+ * - Geometry. Coordinates are PDF user-space units (points). PDRect carries the
+ *   annotation /Rect entries as stored, in the order left, top, right, bottom:
+ *   left = /Rect[0], bottom = /Rect[1], right = /Rect[2], top = /Rect[3]. Stored
+ *   rectangles are not normalised; rectangles passed in are normalised on write.
+ * - Colours are packed 0xAARRGGBB words. Alpha 0 means "no colour" (the entry is
+ *   absent); any other alpha is written as opaque DeviceRGB. Grey and CMYK colours
+ *   read from files are converted to RGB.
+ * - Appearances. Every widget created or changed through pdfcore gets a normal
+ *   appearance stream that viewers show as it is; no call sets /NeedAppearances.
+ */
+#ifndef PDFCORE_PDFCORE_H
+#define PDFCORE_PDFCORE_H
+
+#include <stddef.h>
+#include <stdint.h>
+#include <uchar.h>
+
+#if defined(_WIN32)
+#  if defined(PDFCORE_BUILDING)
+#    define PDFCORE_API __declspec(dllexport)
+#  else
+#    define PDFCORE_API __declspec(dllimport)
+#  endif
+#else
+#  define PDFCORE_API __attribute__((visibility("default")))
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Results ------------------------------------------------------------ */
+
+typedef int32_t PDResult;
+
+enum {
+    PD_ERR_INTERNAL = -1,        /* unexpected failure inside pdfcore or qpdf */
+    PD_OK = 0,
+    PD_ERR_MISSING_OBJECT = 1,   /* a required handle is NULL or its object is gone */
+    PD_ERR_BAD_ARGUMENT = 2,     /* NULL output pointer, value out of its domain */
+    PD_ERR_NO_VALUE = 3,         /* no such entry, or no value stored */
+    PD_ERR_WRONG_HANDLE = 4,     /* a handle of another kind (a page for a field...) */
+    PD_ERR_RANGE = 5,            /* index out of range */
+    PD_ERR_NAME_IN_USE = 6,      /* the name belongs to another field, or a dotted
+                                    name runs through a terminal field */
+    PD_ERR_NOT_FOUND = 7,        /* negative answer: the item looked for is not there */
+    PD_ERR_BUFFER_SMALL = 8,     /* the text buffer is shorter than the text */
+    PD_ERR_IO = 9,               /* a file could not be read or written */
+    PD_ERR_DAMAGED = 10,         /* the file is not a PDF or cannot be repaired */
+    PD_ERR_PASSWORD = 11,        /* the file is encrypted and needs a password */
+    PD_ERR_NOT_WIDGET = 12,      /* the annotation is not a widget */
+    PD_ERR_FIELD_KIND = 13,      /* the call does not apply to this field's type or to
+                                    a non-terminal field */
+    PD_ERR_NOT_ON_PAGE = 14,     /* the annotation is not in the page's list */
+    PD_ERR_ALREADY = 15,         /* already there: the annotation is in the page's list,
+                                    or the widget already has a field */
+    PD_ERR_NOT_KID = 16,         /* the widget is not a widget of that field */
+    PD_ERR_OTHER_DOCUMENT = 17,  /* handles of two different documents were mixed */
+    PD_ERR_BAD_NAME = 18,        /* a field name with an empty part ("a..b", ".a") */
+    PD_ERR_UNSUPPORTED = 19,     /* valid PDF that this version does not handle */
+    /* 20 to 31 are reserved and never returned. */
+    PD_ERR_CYCLE = 32,           /* the object graph loops (a field that is its own
+                                    ancestor) */
+    PD_ERR_TOO_LARGE = 33,       /* a count or size above what pdfcore holds */
+    PD_ERR_OUT_OF_MEMORY = 34
+};
+
+/* A fixed English text for a result code; never NULL, valid for the life of the
+ * process. Unknown codes give "Unknown error". Any thread. */
+PDFCORE_API const char16_t* PDGetErrMessage(PDResult result);
+
+/* ---- Handles ------------------------------------------------------------ */
+
+typedef struct PDHandleRec* PDHandle;
+typedef PDHandle PDDoc;
+typedef PDHandle PDPage;
+typedef PDHandle PDAnnot;   /* any annotation; a widget is an annotation */
+typedef PDHandle PDField;
+typedef PDHandle PDOCConfig;
+typedef int32_t PDBool;     /* 0 false, 1 true */
+
+/* Adds one reference. NULL gives PD_ERR_MISSING_OBJECT. Any thread. */
+PDFCORE_API PDResult PDHandleAcquire(PDHandle handle);
+/* Drops one reference; the last one frees the handle (and, for the last handle of a
+ * closed document, the document). NULL is accepted and ignored (PD_OK). Any thread. */
+PDFCORE_API PDResult PDHandleRelease(PDHandle handle);
+/* The same as PDHandleRelease, for handles of generic objects. */
+PDFCORE_API PDResult PDObjectRelease(PDHandle handle);
+
+/* ---- Atoms -------------------------------------------------------------- */
+
+/* An atom is the process-wide number of a PDF name (without the slash). Numbers up
+ * to PD_ATOM_PREDEFINED_COUNT - 1 are a fixed, alphabetically ordered table of PDF
+ * names; other names get numbers from PD_ATOM_PREDEFINED_COUNT on, in the order they
+ * are first seen. Atom 0 is the empty name and never names anything. */
+typedef uint32_t PDAtom;
+
+enum {
+    PD_ATOM_A = 13,
+    PD_ATOM_Action = 19,
+    PD_ATOM_Btn = 74,
+    PD_ATOM_C = 77,
+    PD_ATOM_Ch = 93,
+    PD_ATOM_Filespec = 140,
+    PD_ATOM_GoTo = 235,
+    PD_ATOM_GoToE = 237,
+    PD_ATOM_Hide = 246,
+    PD_ATOM_JavaScript = 275,
+    PD_ATOM_Launch = 289,
+    PD_ATOM_Link = 301,
+    PD_ATOM_N = 333,
+    PD_ATOM_Named = 337,
+    PD_ATOM_Off = 362,
+    PD_ATOM_P = 380,
+    PD_ATOM_Popup = 410,
+    PD_ATOM_R = 429,
+    PD_ATOM_ResetForm = 445,
+    PD_ATOM_S = 458,
+    PD_ATOM_Sig = 468,
+    PD_ATOM_SubmitForm = 498,
+    PD_ATOM_T = 504,
+    PD_ATOM_Tx = 536,
+    PD_ATOM_Type = 537,
+    PD_ATOM_URI = 550,
+    PD_ATOM_Widget = 577
+};
+
+/* Number of predefined atoms (the table holds atoms 0 .. count-1). */
+PDFCORE_API uint32_t PDAtomGetPredefinedCount(void);
+/* The atom of a name (UTF-8 bytes, NUL-terminated, no leading slash), made on first
+ * use. Empty or NULL name: PD_ERR_BAD_ARGUMENT. Any thread. */
+PDFCORE_API PDResult PDAtomPutString(const char* name, PDAtom* outAtom);
+/* The name of an atom, NUL-terminated, valid for the life of the process. An atom
+ * never handed out: PD_ERR_RANGE. Any thread. */
+PDFCORE_API PDResult PDAtomGetString(PDAtom atom, const char** outName);
+
+/* ---- Documents ---------------------------------------------------------- */
+
+/* Opens a PDF file (UTF-8 path). Damaged files are repaired when qpdf can; a file
+ * that cannot be read gives PD_ERR_IO, one that is not a PDF or cannot be repaired
+ * PD_ERR_DAMAGED, one that needs a password PD_ERR_PASSWORD (files encrypted with an
+ * empty user password open). */
+PDFCORE_API PDResult PDDocOpen(const char* path, PDDoc* outDoc);
+/* The same from bytes in memory; the bytes are copied. */
+PDFCORE_API PDResult PDDocOpenMem(const void* data, size_t size, PDDoc* outDoc);
+/* A new document of pageCount (1..100000) empty pages of width x height points. */
+PDFCORE_API PDResult PDDocCreate(uint32_t pageCount, float width, float height,
+                                 PDDoc* outDoc);
+/* Writes the document to path: a temporary file beside it, then a rename, so that a
+ * failed save leaves the target as it was (PD_ERR_IO). The document stays open and
+ * unchanged. Encrypted input is written unencrypted. */
+PDFCORE_API PDResult PDDocSave(PDDoc doc, const char* path);
+/* Writes the document into a buffer allocated with malloc; the caller frees it with
+ * PDFreeBuffer(). */
+PDFCORE_API PDResult PDDocSaveMem(PDDoc doc, void** outData, size_t* outSize);
+PDFCORE_API void PDFreeBuffer(void* data);
+/* Drops the caller's reference to the document (the same as PDHandleRelease). */
+PDFCORE_API PDResult PDDocClose(PDDoc doc);
+PDFCORE_API PDResult PDDocGetNumPages(PDDoc doc, uint32_t* outCount);
+/* The page at index (0-based). */
+PDFCORE_API PDResult PDDocGetPage(PDDoc doc, uint32_t index, PDPage* outPage);
+/* True when a signature field of the document holds a signature (/V). */
+PDFCORE_API PDResult PDDocIsSigned(PDDoc doc, PDBool* outSigned);
+/* The document's default optional-content configuration (/OCProperties /D); NULL
+ * with PD_OK when the document has no optional content. */
+PDFCORE_API PDResult PDDocGetOCConfig(PDDoc doc, PDOCConfig* outConfig);
+/* The document that a handle of any kind belongs to (one reference). */
+PDFCORE_API PDResult PDHandleGetDoc(PDHandle handle, PDDoc* outDoc);
+
+/* Annotation change notifications. PDDocNotifyAnnotChanged() calls every listener of
+ * the document, in the order they were added, on the calling thread. kind: 0
+ * inserted or reordered, 1 removed, 2 radio buttons regrouped, 3 field name,
+ * membership, choice or options changed; other values are passed on as they are.
+ * annot may be NULL. Listeners must not add or remove listeners while called. */
+typedef void (*PDAnnotChangedProc)(void* clientData, PDDoc doc, int32_t kind,
+                                   uint32_t pageIndex, PDAnnot annot);
+PDFCORE_API PDResult PDDocNotifyAnnotChanged(PDDoc doc, int32_t kind, uint32_t pageIndex,
+                                             PDAnnot annot);
+PDFCORE_API PDResult PDDocAddAnnotChangedListener(PDDoc doc, PDAnnotChangedProc proc,
+                                                  void* clientData, uint32_t* outCookie);
+/* Unknown cookie: PD_ERR_NOT_FOUND. */
+PDFCORE_API PDResult PDDocRemoveAnnotChangedListener(PDDoc doc, uint32_t cookie);
+
+/* ---- Pages -------------------------------------------------------------- */
+
+typedef struct PDRect {
+    float left;    /* /Rect[0] */
+    float top;     /* /Rect[3] */
+    float right;   /* /Rect[2] */
+    float bottom;  /* /Rect[1] */
+} PDRect;
+
+enum { PD_BOX_MEDIA = 0, PD_BOX_CROP = 1 };
+
+PDFCORE_API PDResult PDPageGetIndex(PDPage page, uint32_t* outIndex);
+/* The page's media or crop box (inherited from the page tree; the crop box
+ * defaults to the media box), in PDRect order. */
+PDFCORE_API PDResult PDPageGetBox(PDPage page, int32_t which, PDRect* outBox);
+/* /Rotate (inherited), normalised to 0, 90, 180 or 270. */
+PDFCORE_API PDResult PDPageGetRotate(PDPage page, int32_t* outDegrees);
+PDFCORE_API PDResult PDPageGetNumAnnots(PDPage page, uint32_t* outCount);
+PDFCORE_API PDResult PDPageGetAnnot(PDPage page, uint32_t index, PDAnnot* outAnnot);
+/* Position of annot in the page's /Annots; PD_ERR_NOT_FOUND when it is not there. */
+PDFCORE_API PDResult PDPageGetAnnotIndex(PDPage page, PDAnnot annot, uint32_t* outIndex);
+/* Inserts annot into /Annots before position index (index == count appends) and
+ * sets its /P. Already in the list: PD_ERR_ALREADY; index > count: PD_ERR_RANGE. */
+PDFCORE_API PDResult PDPageAddAnnot(PDPage page, uint32_t index, PDAnnot annot);
+/* Takes annot out of /Annots; the annotation object and its field membership stay.
+ * Not in the list: PD_ERR_NOT_ON_PAGE. */
+PDFCORE_API PDResult PDPageRemoveAnnot(PDPage page, PDAnnot annot);
+
+/* ---- Annotations -------------------------------------------------------- */
+
+/* Annotation flags (/F). */
+enum {
+    PD_ANNOT_INVISIBLE = 0x1,
+    PD_ANNOT_HIDDEN = 0x2,
+    PD_ANNOT_PRINT = 0x4,
+    PD_ANNOT_NOVIEW = 0x20,
+    PD_ANNOT_LOCKED = 0x80
+};
+
+/* The /Subtype atom. */
+PDFCORE_API PDResult PDAnnotGetSubtype(PDAnnot annot, PDAtom* outSubtype);
+PDFCORE_API PDResult PDAnnotGetRect(PDAnnot annot, PDRect* outRect);
+/* Sets /Rect (normalised) and regenerates a widget's appearance for the new size. */
+PDFCORE_API PDResult PDAnnotSetRect(PDAnnot annot, const PDRect* rect);
+/* /F; 0 when absent. */
+PDFCORE_API PDResult PDAnnotGetFlags(PDAnnot annot, uint32_t* outFlags);
+PDFCORE_API PDResult PDAnnotSetFlags(PDAnnot annot, uint32_t flags);
+/* False when the Hidden or NoView flag is set, true otherwise. */
+PDFCORE_API PDResult PDAnnotGetVisible(PDAnnot annot, PDBool* outVisible);
+/* True for the markup subtypes (Text, FreeText, Line, Square, Circle, Polygon,
+ * PolyLine, Highlight, Underline, Squiggly, StrikeOut, Stamp, Caret, Ink,
+ * FileAttachment, Sound, Redact). */
+PDFCORE_API PDResult PDAnnotIsMarkupAnnot(PDAnnot annot, PDBool* outMarkup);
+/* The annotation this one replies to (/IRT), or NULL. */
+PDFCORE_API PDResult PDMarkupAnnotGetInReplyTo(PDAnnot annot, PDAnnot* outParent);
+/* /AS as an atom; PD_ERR_NO_VALUE when absent. */
+PDFCORE_API PDResult PDAnnotGetAppearanceState(PDAnnot annot, PDAtom* outState);
+/* Sets /AS; atom 0 removes it. */
+PDFCORE_API PDResult PDAnnotSetAppearanceState(PDAnnot annot, PDAtom state);
+/* Whether the annotation shows under the configuration: false when its /OC names
+ * an optional-content group (or a membership dictionary) that the configuration
+ * turns off. A NULL configuration shows everything. */
+PDFCORE_API PDResult PDOCConfigIsAnnotVisible(PDOCConfig config, PDAnnot annot,
+                                              PDBool* outVisible);
+
+/* ---- Fields ------------------------------------------------------------- */
+
+/* Field flags (/Ff) that pdfcore itself looks at. */
+enum {
+    PD_FIELD_READONLY = 0x1,
+    PD_FIELD_MULTILINE = 0x1000,
+    PD_FIELD_PASSWORD = 0x2000,
+    PD_FIELD_NO_TOGGLE_TO_OFF = 0x4000,
+    PD_FIELD_RADIO = 0x8000,
+    PD_FIELD_PUSHBUTTON = 0x10000,
+    PD_FIELD_COMBO = 0x20000,
+    PD_FIELD_MULTISELECT = 0x200000,
+    PD_FIELD_COMB = 0x1000000
+};
+
+/* Finds or creates the field of a fully qualified name (dots separate the parts;
+ * missing parents are made as non-terminal fields) and gives it /FT type and /Ff
+ * flags. type: PD_ATOM_Btn, _Ch, _Tx or _Sig, else PD_ERR_BAD_ARGUMENT. A name
+ * already used, or one running through a terminal field: PD_ERR_NAME_IN_USE. */
+PDFCORE_API PDResult PDDocCreateField(PDDoc doc, const char16_t* name, uint32_t nameLen,
+                                      PDAtom type, uint32_t flags, PDField* outField);
+/* Typed variants. name may be NULL (nameLen 0): pdfcore then gives the field a
+ * fresh name of its own that no field of the document bears. */
+PDFCORE_API PDResult PDCreateButtonField(PDDoc doc, const char16_t* name, uint32_t nameLen,
+                                         uint32_t flags, PDField* outField);
+PDFCORE_API PDResult PDCreateTextField(PDDoc doc, const char16_t* name, uint32_t nameLen,
+                                       uint32_t flags, PDField* outField);
+PDFCORE_API PDResult PDCreateChoiceField(PDDoc doc, const char16_t* name, uint32_t nameLen,
+                                         uint32_t flags, PDField* outField);
+/* A signature field always gets a fresh name of pdfcore's own. */
+PDFCORE_API PDResult PDCreateSignField(PDDoc doc, uint32_t flags, PDField* outField);
+/* The field of a fully qualified name, terminal or not, or NULL. Uses an index of
+ * the form's names, not a walk of the form. */
+PDFCORE_API PDResult PDDocFindField(PDDoc doc, const char16_t* name, uint32_t nameLen,
+                                    PDField* outField);
+/* Gives field the fully qualified name; a dotted name moves it under that parent
+ * (made when missing). The field keeps its handle, kids, value and widgets. Another
+ * field of that name: PD_ERR_NAME_IN_USE. */
+PDFCORE_API PDResult PDDocRenameField(PDDoc doc, PDField field, const char16_t* name,
+                                      uint32_t nameLen);
+/* Terminal fields of the form in tree order (the order of /Fields, depth first). */
+PDFCORE_API PDResult PDDocGetNumFields(PDDoc doc, uint32_t* outCount);
+PDFCORE_API PDResult PDDocGetField(PDDoc doc, uint32_t index, PDField* outField);
+
+/* The partial name (/T); the fully qualified name. */
+PDFCORE_API PDResult PDFieldGetName(PDField field, char16_t* buf, uint32_t bufLen,
+                                    uint32_t* outLen);
+PDFCORE_API PDResult PDFieldGetFullName(PDField field, char16_t* buf, uint32_t bufLen,
+                                        uint32_t* outLen);
+/* /FT (inherited) as an atom; PD_ERR_NO_VALUE for a field without a type. */
+PDFCORE_API PDResult PDFieldGetType(PDField field, PDAtom* outType);
+/* /Ff (inherited); 0 when absent. */
+PDFCORE_API PDResult PDFieldGetFlags(PDField field, uint32_t* outFlags);
+PDFCORE_API PDResult PDFieldSetFlags(PDField field, uint32_t flags);
+/* /TU, the name shown to the user (tooltip). An empty text removes it. */
+PDFCORE_API PDResult PDFieldGetUIName(PDField field, char16_t* buf, uint32_t bufLen,
+                                      uint32_t* outLen);
+PDFCORE_API PDResult PDFieldSetUIName(PDField field, const char16_t* text, uint32_t len);
+/* /V and /DV (inherited) as text: a button's value is its state name ("Off" or an
+ * on-state), a multi-select choice gives its first value. PD_ERR_NO_VALUE when absent.
+ * Setting /V regenerates the appearances of all widgets of the field; for buttons it
+ * also sets each widget's /AS to the value when that is its on-state, else to Off.
+ * An empty text removes the entry. */
+PDFCORE_API PDResult PDFieldGetValue(PDField field, char16_t* buf, uint32_t bufLen,
+                                     uint32_t* outLen);
+PDFCORE_API PDResult PDFieldSetValue(PDField field, const char16_t* text, uint32_t len);
+PDFCORE_API PDResult PDFieldGetDefaultValue(PDField field, char16_t* buf, uint32_t bufLen,
+                                            uint32_t* outLen);
+PDFCORE_API PDResult PDFieldSetDefaultValue(PDField field, const char16_t* text,
+                                            uint32_t len);
+/* Widgets of the field: its widget kids, or the field itself when it shares its
+ * dictionary with its one widget. */
+PDFCORE_API PDResult PDFieldGetNumWidgets(PDField field, uint32_t* outCount);
+PDFCORE_API PDResult PDFieldGetWidget(PDField field, uint32_t index, PDAnnot* outWidget);
+/* Makes widget a widget of field (a terminal field, else PD_ERR_FIELD_KIND). The
+ * widget must have no field (PD_ERR_ALREADY). A field that shares its dictionary
+ * with its one widget is split first; both keep their handles. The widget's
+ * appearance is regenerated for the field's value. */
+PDFCORE_API PDResult PDFieldAppendWidget(PDField field, PDAnnot widget);
+/* Takes widget out of field (PD_ERR_NOT_KID when it is not one of its widgets). The
+ * widget stays on its page without a field; the field stays in the form, also when
+ * it has no widget left. */
+PDFCORE_API PDResult PDFieldRemoveWidget(PDField field, PDAnnot widget);
+/* Regenerates the appearances of all widgets of the field. */
+PDFCORE_API PDResult PDFieldUpdateWidgets(PDField field);
+
+/* Text fields: /MaxLen (inherited), 0 when absent; setting 0 removes it. */
+PDFCORE_API PDResult PDTextFieldGetMaxLen(PDField field, uint32_t* outMaxLen);
+PDFCORE_API PDResult PDTextFieldSetMaxLen(PDField field, uint32_t maxLen);
+
+/* Choice fields: the options of /Opt. An option is a display text and an export
+ * value; an option stored as one string has both equal. */
+PDFCORE_API PDResult PDChoiceFieldGetNumOptions(PDField field, uint32_t* outCount);
+PDFCORE_API PDResult PDChoiceFieldGetOptionValue(PDField field, uint32_t index,
+                                                 char16_t* buf, uint32_t bufLen,
+                                                 uint32_t* outLen);
+PDFCORE_API PDResult PDChoiceFieldGetOptionExportValue(PDField field, uint32_t index,
+                                                       char16_t* buf, uint32_t bufLen,
+                                                       uint32_t* outLen);
+/* Inserts an option before index (index == count appends; larger: PD_ERR_RANGE). An
+ * empty export value, or one equal to the display text, stores one string. Widgets are
+ * not regenerated (PDFieldUpdateWidgets does that). */
+PDFCORE_API PDResult PDChoiceFieldInsertOption(PDField field, uint32_t index,
+                                               const char16_t* display, uint32_t displayLen,
+                                               const char16_t* exportValue,
+                                               uint32_t exportLen);
+/* Removes /Opt and the selected indices /I; /V stays as it is. */
+PDFCORE_API PDResult PDChoiceFieldRemoveAllOptions(PDField field);
+
+/* ---- Widgets ------------------------------------------------------------ */
+
+/* Widget creators: a new widget annotation of field with the given rectangle, tied
+ * to page (/P; page may be NULL) but not in the page's /Annots: PDPageAddAnnot puts
+ * it there. The field must be of the creator's type (PD_ERR_FIELD_KIND), terminal,
+ * and of the same document as page. The widget gets the Print flag, a border and an
+ * appearance. A new button widget's on-state is "Yes". */
+PDFCORE_API PDResult PDCreateButtonWidgetAnnot(PDDoc doc, PDField field, PDPage page,
+                                               const PDRect* rect, PDAnnot* outWidget);
+PDFCORE_API PDResult PDCreateTextWidgetAnnot(PDDoc doc, PDField field, PDPage page,
+                                             const PDRect* rect, PDAnnot* outWidget);
+PDFCORE_API PDResult PDCreateChoiceWidgetAnnot(PDDoc doc, PDField field, PDPage page,
+                                               const PDRect* rect, PDAnnot* outWidget);
+PDFCORE_API PDResult PDCreateSignWidgetAnnot(PDDoc doc, PDField field, PDPage page,
+                                             const PDRect* rect, PDAnnot* outWidget);
+
+/* The field of a widget (the widget itself in the field role when the two share a
+ * dictionary), or NULL. Not a widget: PD_ERR_NOT_WIDGET. */
+PDFCORE_API PDResult PDWidgetAnnotGetParent(PDAnnot widget, PDField* outField);
+
+/* All setters below regenerate the widget's appearance. */
+
+/* /MK /R: 0, 90, 180 or 270 (0 when absent). Setting takes any multiple of 90,
+ * negative ones too, and stores it modulo 360; other values: PD_ERR_BAD_ARGUMENT. */
+PDFCORE_API PDResult PDWidgetAnnotGetRotate(PDAnnot widget, int32_t* outDegrees);
+PDFCORE_API PDResult PDWidgetAnnotSetRotate(PDAnnot widget, int32_t degrees);
+
+/* Border style (/BS). style: 0 solid, 1 dashed, 2 beveled, 3 inset, 4 underline. */
+#define PD_MAX_DASH 10
+typedef struct PDBorderStyle {
+    int32_t style;
+    float width;                /* points; 1 when absent */
+    uint32_t dashCount;         /* entries used in dash, at most PD_MAX_DASH */
+    float dash[PD_MAX_DASH];
+} PDBorderStyle;
+PDFCORE_API PDResult PDWidgetAnnotGetBorderStyle(PDAnnot widget, PDBorderStyle* outStyle);
+/* dashCount above PD_MAX_DASH is cut to it; style outside 0..4 or a negative width:
+ * PD_ERR_BAD_ARGUMENT. */
+PDFCORE_API PDResult PDWidgetAnnotSetBorderStyle(PDAnnot widget, const PDBorderStyle* style);
+
+/* /MK /BG and /MK /BC; 0 (no colour) when absent. */
+PDFCORE_API PDResult PDWidgetAnnotGetBgColor(PDAnnot widget, uint32_t* outArgb);
+PDFCORE_API PDResult PDWidgetAnnotSetBgColor(PDAnnot widget, uint32_t argb);
+PDFCORE_API PDResult PDWidgetAnnotGetBorderColor(PDAnnot widget, uint32_t* outArgb);
+PDFCORE_API PDResult PDWidgetAnnotSetBorderColor(PDAnnot widget, uint32_t argb);
+
+/* Highlight mode (/H): 0 none, 1 invert (the default when absent), 2 outline,
+ * 3 push, 4 toggle. */
+PDFCORE_API PDResult PDWidgetAnnotGetHighlight(PDAnnot widget, int32_t* outMode);
+PDFCORE_API PDResult PDWidgetAnnotSetHighlight(PDAnnot widget, int32_t mode);
+
+/* Font of the default appearance (/DA), written to the widget's field and, when the
+ * widget has a /DA of its own, to that too; the font resource goes into the form's
+ * /DR. family: the atom of a font family name ("Helvetica", "MS Gothic"); the
+ * standard 14 families are Type 1 fonts, others non-embedded TrueType fonts that
+ * viewers substitute. format: 0 Type 1, 1 TrueType (as read; ignored on write for
+ * the standard families). style: bit 1 bold, bit 2 italic. Reading a /DA without a
+ * font gives PD_ERR_NO_VALUE. */
+typedef struct PDFontInfo {
+    PDAtom family;
+    int32_t format;
+    int32_t style;
+} PDFontInfo;
+PDFCORE_API PDResult PDWidgetAnnotGetFontInfo(PDAnnot widget, PDFontInfo* outInfo);
+PDFCORE_API PDResult PDWidgetAnnotSetFontInfo(PDAnnot widget, const PDFontInfo* info);
+/* Font size of /DA, 0 meaning automatic; negative: PD_ERR_BAD_ARGUMENT. */
+PDFCORE_API PDResult PDWidgetAnnotGetFontSize(PDAnnot widget, float* outSize);
+PDFCORE_API PDResult PDWidgetAnnotSetFontSize(PDAnnot widget, float size);
+/* Text colour of /DA; opaque black (0xFF000000) when /DA sets none. */
+PDFCORE_API PDResult PDWidgetAnnotGetFontColor(PDAnnot widget, uint32_t* outArgb);
+PDFCORE_API PDResult PDWidgetAnnotSetFontColor(PDAnnot widget, uint32_t argb);
+
+/* Button captions: /MK /CA (normal), /AC (down), /RC (rollover). For check boxes and
+ * radio buttons the normal caption is the ZapfDingbats character drawn in the on
+ * state ("4" check, "l" circle, "8" cross, "u" diamond, "n" square, "H" star). */
+PDFCORE_API PDResult PDButtonWidgetAnnotGetCaption(PDAnnot widget, char16_t* buf,
+                                                   uint32_t bufLen, uint32_t* outLen);
+PDFCORE_API PDResult PDButtonWidgetAnnotSetCaption(PDAnnot widget, const char16_t* text,
+                                                   uint32_t len);
+PDFCORE_API PDResult PDButtonWidgetAnnotGetDownCaption(PDAnnot widget, char16_t* buf,
+                                                       uint32_t bufLen, uint32_t* outLen);
+PDFCORE_API PDResult PDButtonWidgetAnnotSetDownCaption(PDAnnot widget, const char16_t* text,
+                                                       uint32_t len);
+PDFCORE_API PDResult PDButtonWidgetAnnotGetRolloverCaption(PDAnnot widget, char16_t* buf,
+                                                           uint32_t bufLen, uint32_t* outLen);
+PDFCORE_API PDResult PDButtonWidgetAnnotSetRolloverCaption(PDAnnot widget,
+                                                           const char16_t* text,
+                                                           uint32_t len);
+
+/* Icon fit (/MK /IF). scaleWhen: 0 always, 1 when bigger, 2 when smaller, 3 never;
+ * scaleHow: 0 proportional, 1 anamorphic; left/bottom: /A, 0.5 each by default;
+ * fitBounds: /FB. */
+typedef struct PDIconFit {
+    int32_t scaleWhen;
+    int32_t scaleHow;
+    float left;
+    float bottom;
+    PDBool fitBounds;
+} PDIconFit;
+PDFCORE_API PDResult PDButtonWidgetAnnotGetIconFit(PDAnnot widget, PDIconFit* outFit);
+PDFCORE_API PDResult PDButtonWidgetAnnotSetIconFit(PDAnnot widget, const PDIconFit* fit);
+
+/* The on-state name of a check box or radio widget: the appearance state other than
+ * Off. PD_ERR_NO_VALUE for a widget without one (push buttons). Setting renames the
+ * on state (an empty name or "Off": PD_ERR_BAD_ARGUMENT) and keeps the widget on
+ * when it was on. */
+PDFCORE_API PDResult PDButtonWidgetAnnotGetChoice(PDAnnot widget, char16_t* buf,
+                                                  uint32_t bufLen, uint32_t* outLen);
+PDFCORE_API PDResult PDButtonWidgetAnnotSetChoice(PDAnnot widget, const char16_t* name,
+                                                  uint32_t len);
+
+/* Text alignment (/Q, inherited): 0 left, 1 centred, 2 right. */
+PDFCORE_API PDResult PDTextWidgetAnnotGetQuadding(PDAnnot widget, int32_t* outQuadding);
+PDFCORE_API PDResult PDTextWidgetAnnotSetQuadding(PDAnnot widget, int32_t quadding);
+
+/* The selected option of a choice widget's field: the index of the option whose export
+ * value is /V (the first one for several), PD_NO_SELECTION when none is. Setting an
+ * index sets /V to that option's export value and /I to [index]; PD_NO_SELECTION
+ * clears both; an index past the options: PD_ERR_RANGE. */
+#define PD_NO_SELECTION 0xFFFFFFFFu
+PDFCORE_API PDResult PDChoiceWidgetAnnotGetSelection(PDAnnot widget, uint32_t* outIndex);
+PDFCORE_API PDResult PDChoiceWidgetAnnotSetSelection(PDAnnot widget, uint32_t index);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* PDFCORE_PDFCORE_H */

@@ -1,0 +1,166 @@
+// Internal model shared by the pdfcore sources: documents, the handle registry, the
+// entry-point wrapper that turns exceptions into results, and helpers over qpdf.
+#pragma once
+
+#include "pdfcore/pdfcore.h"
+
+#include <qpdf/QPDF.hh>
+#include <qpdf/QPDFObjectHandle.hh>
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace pdfcore {
+
+// Thrown inside pdfcore to leave an entry point with a result code.
+struct Failure {
+    PDResult result;
+};
+[[noreturn]] inline void fail(PDResult r) { throw Failure{r}; }
+
+// The role in which a PDF object is handed out. A merged field/widget dictionary has one
+// handle per role.
+enum class Kind : uint8_t { Document, Page, Annot, Field, OCConfig };
+
+struct Document;
+
+}  // namespace pdfcore
+
+// The object behind every PDHandle.
+struct PDHandleRec {
+    static constexpr uint32_t kMagic = 0x50444831;  // "PDH1"
+    uint32_t magic = kMagic;
+    pdfcore::Kind kind;
+    std::atomic<int32_t> refs{1};
+    pdfcore::Document* doc;  // the owning document; for Kind::Document, itself
+    QPDFObjectHandle obj;    // indirect object (page, annot, field, OC config)
+};
+
+namespace pdfcore {
+
+struct Listener {
+    uint32_t cookie;
+    PDAnnotChangedProc proc;
+    void* clientData;
+};
+
+// One open document. Lives as long as its own handle or any handle of one of its
+// objects holds a reference: every object handle adds one reference to the document
+// handle and drops it when freed.
+struct Document {
+    PDHandleRec self;  // the PDDoc handle
+    std::unique_ptr<QPDF> qpdf;
+
+    // Handle registry: (object, role) -> live handle. Guarded by registryMutex, as
+    // handles may be released from any thread.
+    std::mutex registryMutex;
+    std::map<std::pair<QPDFObjGen, Kind>, PDHandleRec*> handles;
+
+    // Fully qualified field name -> field object. Built on first use by a walk of the
+    // form, then kept up to date by every call that creates or renames fields.
+    bool nameIndexBuilt = false;
+    std::unordered_map<std::u16string, QPDFObjGen> nameIndex;
+    uint32_t freshNameCounter = 0;
+
+    std::vector<Listener> listeners;
+    uint32_t nextCookie = 1;
+};
+
+// ---- entry points ----------------------------------------------------------------
+
+// Runs body, mapping Failure to its result, std::bad_alloc to PD_ERR_OUT_OF_MEMORY and
+// any other exception to PD_ERR_INTERNAL.
+template <typename F>
+PDResult guard(F&& body) noexcept;
+
+// Handle checks: NULL -> PD_ERR_MISSING_OBJECT, bad magic or other kind ->
+// PD_ERR_WRONG_HANDLE.
+PDHandleRec& checked(PDHandle h, Kind kind);
+Document& checkedDoc(PDHandle h);
+// An annotation handle whose object is a widget (else PD_ERR_NOT_WIDGET).
+PDHandleRec& checkedWidget(PDHandle h);
+// Fails with PD_ERR_OTHER_DOCUMENT unless both belong to the same document.
+void sameDoc(const PDHandleRec& a, const PDHandleRec& b);
+template <typename T>
+void checkOut(T* out) {
+    if (!out) fail(PD_ERR_BAD_ARGUMENT);
+}
+
+// The handle of obj in role kind: the live one with one more reference, or a new one.
+// obj must be indirect.
+PDHandle handleFor(Document& doc, QPDFObjectHandle obj, Kind kind);
+// Points the live handle of (from, kind), if any, at object to instead (used when a
+// merged field is split and the field moves to a new object).
+void rekeyHandle(Document& doc, QPDFObjGen from, QPDFObjectHandle to, Kind kind);
+
+// ---- texts -----------------------------------------------------------------------
+
+std::u16string toU16(const std::string& utf8);
+std::string toUtf8(const std::u16string& s);
+std::u16string textArg(const char16_t* s, uint32_t len);  // NULL with len > 0: bad arg
+// The two-call getter: copies value into buf per the header's rules.
+PDResult putText(const std::u16string& value, char16_t* buf, uint32_t bufLen,
+                 uint32_t* outLen);
+// A PDF text string (PDFDocEncoding or UTF-16BE) as UTF-16; a name object gives its
+// name without the slash.
+std::u16string textOf(QPDFObjectHandle obj);
+// A PDF text string for s: PDFDocEncoding when it fits, else UTF-16BE.
+QPDFObjectHandle textString(const std::u16string& s);
+
+// ---- atoms -----------------------------------------------------------------------
+
+PDAtom atomOf(const std::string& nameWithoutSlash);
+std::string atomName(PDAtom atom);  // "" for an unknown atom
+
+// ---- object helpers --------------------------------------------------------------
+
+bool isWidget(QPDFObjectHandle annot);
+// A dictionary entry looked up through /Parent links (bounded, loop-safe).
+QPDFObjectHandle inherited(QPDFObjectHandle dict, const std::string& key);
+// /AcroForm of the catalog, made (with /Fields, /DR and /DA) when create is true.
+// Returns a null handle when absent and not created, or when it is not a dictionary.
+QPDFObjectHandle acroForm(Document& doc, bool create);
+QPDFObjectHandle pageOf(Document& doc, uint32_t index);  // fails PD_ERR_RANGE
+
+// ---- field tree (Fields.cpp) ------------------------------------------------------
+
+// The field of a widget: the merged widget itself, its /Parent, or null.
+QPDFObjectHandle fieldOfWidget(QPDFObjectHandle widget);
+// Widgets of a terminal field (kids that are widgets, or itself when merged).
+std::vector<QPDFObjectHandle> widgetsOf(QPDFObjectHandle field);
+// Fully qualified name of a field.
+std::u16string fullNameOf(QPDFObjectHandle field);
+
+// ---- appearances (Appearance.cpp) -------------------------------------------------
+
+// Writes /AP for one widget from its field's type, flags, value and options and from the
+// widget's /MK, /BS, /DA, /Q and /Rect. Buttons: /N and /D with an on and an Off state
+// for check boxes and radio buttons, and /AS kept consistent with the field value.
+void regenerateAppearance(Document& doc, QPDFObjectHandle widget);
+// Regenerates every widget of a terminal field.
+void regenerateField(Document& doc, QPDFObjectHandle field);
+
+// ---- implementation of guard --------------------------------------------------------
+
+template <typename F>
+PDResult guard(F&& body) noexcept {
+    try {
+        body();
+        return PD_OK;
+    } catch (const Failure& f) {
+        return f.result;
+    } catch (const std::bad_alloc&) {
+        return PD_ERR_OUT_OF_MEMORY;
+    } catch (...) {
+        return PD_ERR_INTERNAL;
+    }
+}
+
+}  // namespace pdfcore
