@@ -4,7 +4,13 @@
 
 #include "pdfcore/pdfcore.h"
 
+// qpdf 11: use std::shared_ptr throughout, without the transitional PointerHolder.
+#ifndef POINTERHOLDER_TRANSITION
+#define POINTERHOLDER_TRANSITION 4
+#endif
+
 #include <qpdf/QPDF.hh>
+#include <qpdf/QPDFExc.hh>
 #include <qpdf/QPDFObjectHandle.hh>
 
 #include <atomic>
@@ -57,6 +63,7 @@ struct Listener {
 struct Document {
     PDHandleRec self;  // the PDDoc handle
     std::unique_ptr<QPDF> qpdf;
+    std::string fileBytes;  // the opened file, read whole, so the source may be overwritten
 
     // Handle registry: (object, role) -> live handle. Guarded by registryMutex, as
     // handles may be released from any thread.
@@ -67,6 +74,9 @@ struct Document {
     // form, then kept up to date by every call that creates or renames fields.
     bool nameIndexBuilt = false;
     std::unordered_map<std::u16string, QPDFObjGen> nameIndex;
+    // Terminal fields in tree order; rebuilt when formChanged is set.
+    std::vector<QPDFObjectHandle> terminalFields;
+    bool formChanged = true;
     uint32_t freshNameCounter = 0;
 
     std::vector<Listener> listeners;
@@ -75,8 +85,9 @@ struct Document {
 
 // ---- entry points ----------------------------------------------------------------
 
-// Runs body, mapping Failure to its result, std::bad_alloc to PD_ERR_OUT_OF_MEMORY and
-// any other exception to PD_ERR_INTERNAL.
+// Runs body, mapping Failure to its result, std::bad_alloc to PD_ERR_OUT_OF_MEMORY, qpdf's
+// errors about the file's content to PD_ERR_DAMAGED and any other exception to
+// PD_ERR_INTERNAL.
 template <typename F>
 PDResult guard(F&& body) noexcept;
 
@@ -109,7 +120,7 @@ std::u16string textArg(const char16_t* s, uint32_t len);  // NULL with len > 0: 
 PDResult putText(const std::u16string& value, char16_t* buf, uint32_t bufLen,
                  uint32_t* outLen);
 // A PDF text string (PDFDocEncoding or UTF-16BE) as UTF-16; a name object gives its
-// name without the slash.
+// name without the slash, a stream the text its data holds.
 std::u16string textOf(QPDFObjectHandle obj);
 // A PDF text string for s: PDFDocEncoding when it fits, else UTF-16BE.
 QPDFObjectHandle textString(const std::u16string& s);
@@ -158,6 +169,8 @@ PDResult guard(F&& body) noexcept {
         return f.result;
     } catch (const std::bad_alloc&) {
         return PD_ERR_OUT_OF_MEMORY;
+    } catch (const QPDFExc&) {
+        return PD_ERR_DAMAGED;
     } catch (...) {
         return PD_ERR_INTERNAL;
     }

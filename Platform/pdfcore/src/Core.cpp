@@ -1,0 +1,325 @@
+// Handles, texts and small object helpers shared by all pdfcore sources.
+#include "Core.h"
+
+
+#include <set>
+
+namespace pdfcore {
+
+// ---- handles ------------------------------------------------------------------------
+
+PDHandleRec& checked(PDHandle h, Kind kind) {
+    if (!h) fail(PD_ERR_MISSING_OBJECT);
+    if (h->magic != PDHandleRec::kMagic || h->kind != kind) fail(PD_ERR_WRONG_HANDLE);
+    return *h;
+}
+
+Document& checkedDoc(PDHandle h) { return *checked(h, Kind::Document).doc; }
+
+PDHandleRec& checkedWidget(PDHandle h) {
+    PDHandleRec& rec = checked(h, Kind::Annot);
+    if (!isWidget(rec.obj)) fail(PD_ERR_NOT_WIDGET);
+    return rec;
+}
+
+void sameDoc(const PDHandleRec& a, const PDHandleRec& b) {
+    if (a.doc != b.doc) fail(PD_ERR_OTHER_DOCUMENT);
+}
+
+static void destroyDocument(Document* doc) { delete doc; }
+
+static void releaseDocRef(Document* doc) {
+    if (doc->self.refs.fetch_sub(1) == 1) destroyDocument(doc);
+}
+
+PDHandle handleFor(Document& doc, QPDFObjectHandle obj, Kind kind) {
+    if (!obj.isIndirect()) fail(PD_ERR_INTERNAL);
+    std::lock_guard lock(doc.registryMutex);
+    auto key = std::make_pair(obj.getObjGen(), kind);
+    auto it = doc.handles.find(key);
+    if (it != doc.handles.end()) {
+        // A handle whose count already reached zero is being freed by another thread and
+        // is never revived; it is replaced below.
+        int32_t r = it->second->refs.load();
+        while (r > 0) {
+            if (it->second->refs.compare_exchange_weak(r, r + 1)) return it->second;
+        }
+    }
+    auto* rec = new PDHandleRec;
+    rec->kind = kind;
+    rec->doc = &doc;
+    rec->obj = obj;
+    doc.self.refs.fetch_add(1);
+    doc.handles[key] = rec;
+    return rec;
+}
+
+void rekeyHandle(Document& doc, QPDFObjGen from, QPDFObjectHandle to, Kind kind) {
+    std::lock_guard lock(doc.registryMutex);
+    auto it = doc.handles.find({from, kind});
+    if (it == doc.handles.end()) return;
+    PDHandleRec* rec = it->second;
+    doc.handles.erase(it);
+    rec->obj = to;
+    doc.handles[{to.getObjGen(), kind}] = rec;
+}
+
+static void freeObjectHandle(PDHandleRec* rec) {
+    Document* doc = rec->doc;
+    {
+        std::lock_guard lock(doc->registryMutex);
+        auto it = doc->handles.find({rec->obj.getObjGen(), rec->kind});
+        if (it != doc->handles.end() && it->second == rec) doc->handles.erase(it);
+    }
+    rec->magic = 0;
+    delete rec;
+    releaseDocRef(doc);
+}
+
+}  // namespace pdfcore
+
+using namespace pdfcore;
+
+extern "C" {
+
+PDResult PDHandleAcquire(PDHandle handle) {
+    if (!handle) return PD_ERR_MISSING_OBJECT;
+    if (handle->magic != PDHandleRec::kMagic) return PD_ERR_WRONG_HANDLE;
+    handle->refs.fetch_add(1);
+    return PD_OK;
+}
+
+PDResult PDHandleRelease(PDHandle handle) {
+    if (!handle) return PD_OK;
+    if (handle->magic != PDHandleRec::kMagic) return PD_ERR_WRONG_HANDLE;
+    if (handle->kind == Kind::Document) {
+        releaseDocRef(handle->doc);
+    } else if (handle->refs.fetch_sub(1) == 1) {
+        freeObjectHandle(handle);
+    }
+    return PD_OK;
+}
+
+PDResult PDObjectRelease(PDHandle handle) { return PDHandleRelease(handle); }
+
+PDResult PDHandleGetDoc(PDHandle handle, PDDoc* outDoc) {
+    if (outDoc) *outDoc = nullptr;
+    return guard([&] {
+        if (!handle) fail(PD_ERR_MISSING_OBJECT);
+        if (handle->magic != PDHandleRec::kMagic) fail(PD_ERR_WRONG_HANDLE);
+        checkOut(outDoc);
+        handle->doc->self.refs.fetch_add(1);
+        *outDoc = &handle->doc->self;
+    });
+}
+
+const char16_t* PDGetErrMessage(PDResult result) {
+    switch (result) {
+    case PD_ERR_INTERNAL: return u"Internal error in the PDF library";
+    case PD_OK: return u"No error";
+    case PD_ERR_MISSING_OBJECT: return u"Missing object";
+    case PD_ERR_BAD_ARGUMENT: return u"Bad argument";
+    case PD_ERR_NO_VALUE: return u"No value is stored";
+    case PD_ERR_WRONG_HANDLE: return u"The handle is of the wrong kind";
+    case PD_ERR_RANGE: return u"Index out of range";
+    case PD_ERR_NAME_IN_USE: return u"The field name is already in use";
+    case PD_ERR_NOT_FOUND: return u"Not found";
+    case PD_ERR_BUFFER_SMALL: return u"The buffer is too small";
+    case PD_ERR_IO: return u"The file could not be read or written";
+    case PD_ERR_DAMAGED: return u"The file is damaged or is not a PDF file";
+    case PD_ERR_PASSWORD: return u"The file is encrypted and needs a password";
+    case PD_ERR_NOT_WIDGET: return u"The annotation is not a widget";
+    case PD_ERR_FIELD_KIND: return u"The operation does not apply to this field";
+    case PD_ERR_NOT_ON_PAGE: return u"The annotation is not on the page";
+    case PD_ERR_ALREADY: return u"Already present";
+    case PD_ERR_NOT_KID: return u"The widget does not belong to the field";
+    case PD_ERR_OTHER_DOCUMENT: return u"The objects belong to different documents";
+    case PD_ERR_BAD_NAME: return u"The field name has an empty part";
+    case PD_ERR_UNSUPPORTED: return u"Not supported";
+    case PD_ERR_CYCLE: return u"The object structure loops";
+    case PD_ERR_TOO_LARGE: return u"Too large";
+    case PD_ERR_OUT_OF_MEMORY: return u"Out of memory";
+    default: return u"Unknown error";
+    }
+}
+
+}  // extern "C"
+
+namespace pdfcore {
+
+// ---- texts --------------------------------------------------------------------------
+
+static bool decodeUtf8(const std::string& s, std::u16string& out) {
+    out.clear();
+    size_t i = 0;
+    while (i < s.size()) {
+        auto c = static_cast<unsigned char>(s[i]);
+        uint32_t cp;
+        size_t n;
+        if (c < 0x80) {
+            cp = c;
+            n = 1;
+        } else if ((c & 0xE0) == 0xC0) {
+            cp = c & 0x1F;
+            n = 2;
+        } else if ((c & 0xF0) == 0xE0) {
+            cp = c & 0x0F;
+            n = 3;
+        } else if ((c & 0xF8) == 0xF0) {
+            cp = c & 0x07;
+            n = 4;
+        } else {
+            return false;
+        }
+        if (i + n > s.size()) return false;
+        for (size_t k = 1; k < n; ++k) {
+            auto cc = static_cast<unsigned char>(s[i + k]);
+            if ((cc & 0xC0) != 0x80) return false;
+            cp = (cp << 6) | (cc & 0x3F);
+        }
+        if ((n == 2 && cp < 0x80) || (n == 3 && cp < 0x800) || (n == 4 && cp < 0x10000) ||
+            cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
+            return false;
+        }
+        if (cp >= 0x10000) {
+            cp -= 0x10000;
+            out.push_back(static_cast<char16_t>(0xD800 + (cp >> 10)));
+            out.push_back(static_cast<char16_t>(0xDC00 + (cp & 0x3FF)));
+        } else {
+            out.push_back(static_cast<char16_t>(cp));
+        }
+        i += n;
+    }
+    return true;
+}
+
+std::u16string toU16(const std::string& utf8) {
+    std::u16string out;
+    if (decodeUtf8(utf8, out)) return out;
+    // Not UTF-8: take the bytes as Latin-1, which keeps every byte visible.
+    out.clear();
+    for (unsigned char c : utf8) out.push_back(c);
+    return out;
+}
+
+std::string toUtf8(const std::u16string& s) {
+    std::string out;
+    for (size_t i = 0; i < s.size(); ++i) {
+        uint32_t cp = s[i];
+        if (cp >= 0xD800 && cp <= 0xDBFF && i + 1 < s.size() && s[i + 1] >= 0xDC00 &&
+            s[i + 1] <= 0xDFFF) {
+            cp = 0x10000 + ((cp - 0xD800) << 10) + (s[i + 1] - 0xDC00);
+            ++i;
+        } else if (cp >= 0xD800 && cp <= 0xDFFF) {
+            cp = 0xFFFD;
+        }
+        if (cp < 0x80) {
+            out.push_back(static_cast<char>(cp));
+        } else if (cp < 0x800) {
+            out.push_back(static_cast<char>(0xC0 | (cp >> 6)));
+            out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+        } else if (cp < 0x10000) {
+            out.push_back(static_cast<char>(0xE0 | (cp >> 12)));
+            out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+        } else {
+            out.push_back(static_cast<char>(0xF0 | (cp >> 18)));
+            out.push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+        }
+    }
+    return out;
+}
+
+std::u16string textArg(const char16_t* s, uint32_t len) {
+    if (len == 0) return {};
+    if (!s) fail(PD_ERR_BAD_ARGUMENT);
+    return std::u16string(s, len);
+}
+
+PDResult putText(const std::u16string& value, char16_t* buf, uint32_t bufLen,
+                 uint32_t* outLen) {
+    if (!outLen) return PD_ERR_BAD_ARGUMENT;
+    if (value.size() > UINT32_MAX - 1) return PD_ERR_TOO_LARGE;
+    auto len = static_cast<uint32_t>(value.size());
+    *outLen = len;
+    if (!buf) return PD_OK;
+    if (bufLen < len) return PD_ERR_BUFFER_SMALL;
+    std::copy(value.begin(), value.end(), buf);
+    if (bufLen > len) buf[len] = 0;
+    return PD_OK;
+}
+
+std::u16string textOf(QPDFObjectHandle obj) {
+    if (obj.isName()) return toU16(obj.getName().substr(1));
+    if (obj.isString()) return toU16(obj.getUTF8Value());
+    if (obj.isStream()) {
+        // Long texts (/V, /JS) may be streams holding a text string's bytes.
+        try {
+            auto data = obj.getStreamData(qpdf_dl_generalized);
+            std::string bytes(reinterpret_cast<const char*>(data->getBuffer()), data->getSize());
+            return toU16(QPDFObjectHandle::newString(bytes).getUTF8Value());
+        } catch (const std::exception&) {
+            return {};
+        }
+    }
+    return {};
+}
+
+QPDFObjectHandle textString(const std::u16string& s) {
+    return QPDFObjectHandle::newUnicodeString(toUtf8(s));
+}
+
+// ---- object helpers -------------------------------------------------------------------
+
+bool isWidget(QPDFObjectHandle annot) {
+    if (!annot.isDictionary()) return false;
+    auto st = annot.getKey("/Subtype");
+    return st.isName() && st.getName() == "/Widget";
+}
+
+QPDFObjectHandle inherited(QPDFObjectHandle dict, const std::string& key) {
+    std::set<QPDFObjGen> seen;
+    for (int depth = 0; depth < 64 && dict.isDictionary(); ++depth) {
+        if (dict.isIndirect() && !seen.insert(dict.getObjGen()).second) break;
+        if (dict.hasKey(key)) return dict.getKey(key);
+        dict = dict.getKey("/Parent");
+    }
+    return QPDFObjectHandle::newNull();
+}
+
+QPDFObjectHandle acroForm(Document& doc, bool create) {
+    auto root = doc.qpdf->getRoot();
+    auto form = root.getKey("/AcroForm");
+    if (form.isDictionary()) {
+        if (create && !form.getKey("/Fields").isArray()) {
+            form.replaceKey("/Fields", QPDFObjectHandle::newArray());
+        }
+        return form;
+    }
+    if (!create) return QPDFObjectHandle::newNull();
+    auto helv = QPDFObjectHandle::parse(
+        "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica /Encoding /WinAnsiEncoding >>");
+    auto zadb = QPDFObjectHandle::parse("<< /Type /Font /Subtype /Type1 /BaseFont /ZapfDingbats >>");
+    auto fonts = QPDFObjectHandle::newDictionary();
+    fonts.replaceKey("/Helv", doc.qpdf->makeIndirectObject(helv));
+    fonts.replaceKey("/ZaDb", doc.qpdf->makeIndirectObject(zadb));
+    auto dr = QPDFObjectHandle::newDictionary();
+    dr.replaceKey("/Font", fonts);
+    form = QPDFObjectHandle::newDictionary();
+    form.replaceKey("/Fields", QPDFObjectHandle::newArray());
+    form.replaceKey("/DR", dr);
+    form.replaceKey("/DA", QPDFObjectHandle::newString("/Helv 0 Tf 0 g"));
+    form = doc.qpdf->makeIndirectObject(form);
+    root.replaceKey("/AcroForm", form);
+    return form;
+}
+
+QPDFObjectHandle pageOf(Document& doc, uint32_t index) {
+    const auto& pages = doc.qpdf->getAllPages();
+    if (index >= pages.size()) fail(PD_ERR_RANGE);
+    return pages[index];
+}
+
+}  // namespace pdfcore

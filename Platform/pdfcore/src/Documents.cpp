@@ -1,0 +1,262 @@
+// Opening, creating and saving documents; document-wide queries and notifications.
+#include "Core.h"
+
+#include <qpdf/QPDFPageDocumentHelper.hh>
+#include <qpdf/QPDFWriter.hh>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <random>
+
+namespace pdfcore {
+namespace {
+
+PDResult openFrom(std::string bytes, const char* description, PDDoc* outDoc) {
+    if (outDoc) *outDoc = nullptr;
+    return guard([&] {
+        checkOut(outDoc);
+        auto doc = std::make_unique<Document>();
+        doc->self.kind = Kind::Document;
+        doc->self.doc = doc.get();
+        doc->fileBytes = std::move(bytes);
+        doc->qpdf = std::make_unique<QPDF>();
+        doc->qpdf->setSuppressWarnings(true);
+        try {
+            doc->qpdf->processMemoryFile(description, doc->fileBytes.data(),
+                                         doc->fileBytes.size());
+            doc->qpdf->getAllPages();  // a page tree that cannot be read fails here
+        } catch (const QPDFExc& e) {
+            fail(e.getErrorCode() == qpdf_e_password ? PD_ERR_PASSWORD : PD_ERR_DAMAGED);
+        } catch (const std::bad_alloc&) {
+            throw;
+        } catch (const std::exception&) {
+            fail(PD_ERR_DAMAGED);
+        }
+        *outDoc = &doc.release()->self;
+    });
+}
+
+bool readFile(const char* path, std::string& out) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return false;
+    out.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return !in.bad();
+}
+
+bool writeFileChecked(const std::filesystem::path& path, const unsigned char* data,
+                      size_t size) {
+    FILE* f = std::fopen(path.string().c_str(), "wb");
+    if (!f) return false;
+    bool ok = std::fwrite(data, 1, size, f) == size;
+    ok = std::fflush(f) == 0 && ok;
+    ok = std::fclose(f) == 0 && ok;
+    return ok;
+}
+
+void writeTo(QPDFWriter& w) {
+    w.setPreserveEncryption(false);
+    w.setDeterministicID(true);
+    w.write();
+}
+
+// Every terminal field of the form, for document-wide questions.
+bool anySignedField(Document& doc) {
+    uint32_t n = 0;
+    if (PDDocGetNumFields(&doc.self, &n) != PD_OK) return false;
+    for (const auto& f : doc.terminalFields) {
+        auto ft = inherited(f, "/FT");
+        if (ft.isName() && ft.getName() == "/Sig" && inherited(f, "/V").isDictionary()) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// qpdf sets up some process-wide state of its own the first time a document is closed.
+// Doing that while pdfcore loads keeps it alive longer than any document a host may still
+// close from its own static destructors.
+const bool qpdfReady = [] {
+    QPDF warmUp;
+    warmUp.emptyPDF();
+    return true;
+}();
+
+}  // namespace
+}  // namespace pdfcore
+
+using namespace pdfcore;
+
+extern "C" {
+
+PDResult PDDocOpen(const char* path, PDDoc* outDoc) {
+    if (outDoc) *outDoc = nullptr;
+    if (!path || !outDoc) return PD_ERR_BAD_ARGUMENT;
+    std::string bytes;
+    if (!readFile(path, bytes)) return PD_ERR_IO;
+    return openFrom(std::move(bytes), path, outDoc);
+}
+
+PDResult PDDocOpenMem(const void* data, size_t size, PDDoc* outDoc) {
+    if (outDoc) *outDoc = nullptr;
+    if (!data || !outDoc) return PD_ERR_BAD_ARGUMENT;
+    return openFrom(std::string(static_cast<const char*>(data), size), "memory", outDoc);
+}
+
+PDResult PDDocCreate(uint32_t pageCount, float width, float height, PDDoc* outDoc) {
+    if (outDoc) *outDoc = nullptr;
+    return guard([&] {
+        checkOut(outDoc);
+        if (pageCount < 1 || pageCount > 100000 || !(width > 0) || !(height > 0) ||
+            width > 14400 || height > 14400) {
+            fail(PD_ERR_BAD_ARGUMENT);
+        }
+        auto doc = std::make_unique<Document>();
+        doc->self.kind = Kind::Document;
+        doc->self.doc = doc.get();
+        doc->qpdf = std::make_unique<QPDF>();
+        doc->qpdf->emptyPDF();
+        QPDFPageDocumentHelper pages(*doc->qpdf);
+        auto box = QPDFObjectHandle::newArray(QPDFObjectHandle::Rectangle(0, 0, width, height));
+        for (uint32_t i = 0; i < pageCount; ++i) {
+            auto page = QPDFObjectHandle::newDictionary();
+            page.replaceKey("/Type", QPDFObjectHandle::newName("/Page"));
+            page.replaceKey("/MediaBox", box.shallowCopy());
+            page.replaceKey("/Resources", QPDFObjectHandle::newDictionary());
+            pages.addPage(doc->qpdf->makeIndirectObject(page), false);
+        }
+        *outDoc = &doc.release()->self;
+    });
+}
+
+PDResult PDDocSave(PDDoc doc, const char* path) {
+    return guard([&] {
+        Document& d = checkedDoc(doc);
+        if (!path || !*path) fail(PD_ERR_BAD_ARGUMENT);
+        namespace fs = std::filesystem;
+        fs::path target(path);
+        std::random_device rd;
+        fs::path tmp = target;
+        tmp += ".tmp-" + std::to_string(rd());
+        // The file is made in memory and written with every step checked: qpdf's own file
+        // output does not report a failed final flush (a full disk, a size limit).
+        QPDFWriter w(*d.qpdf);
+        w.setOutputMemory();
+        writeTo(w);
+        auto buf = w.getBufferSharedPointer();
+        if (!writeFileChecked(tmp, buf->getBuffer(), buf->getSize())) {
+            std::error_code ec;
+            fs::remove(tmp, ec);
+            fail(PD_ERR_IO);
+        }
+        std::error_code ec;
+        fs::rename(tmp, target, ec);
+        if (ec) {
+            fs::remove(tmp, ec);
+            fail(PD_ERR_IO);
+        }
+    });
+}
+
+PDResult PDDocSaveMem(PDDoc doc, void** outData, size_t* outSize) {
+    return guard([&] {
+        Document& d = checkedDoc(doc);
+        checkOut(outData);
+        checkOut(outSize);
+        QPDFWriter w(*d.qpdf);
+        w.setOutputMemory();
+        writeTo(w);
+        auto buf = w.getBufferSharedPointer();
+        void* mem = std::malloc(buf->getSize() ? buf->getSize() : 1);
+        if (!mem) fail(PD_ERR_OUT_OF_MEMORY);
+        std::memcpy(mem, buf->getBuffer(), buf->getSize());
+        *outData = mem;
+        *outSize = buf->getSize();
+    });
+}
+
+void PDFreeBuffer(void* data) { std::free(data); }
+
+PDResult PDDocClose(PDDoc doc) {
+    if (!doc) return PD_ERR_MISSING_OBJECT;
+    if (doc->magic != PDHandleRec::kMagic || doc->kind != Kind::Document) {
+        return PD_ERR_WRONG_HANDLE;
+    }
+    return PDHandleRelease(doc);
+}
+
+PDResult PDDocGetNumPages(PDDoc doc, uint32_t* outCount) {
+    return guard([&] {
+        Document& d = checkedDoc(doc);
+        checkOut(outCount);
+        *outCount = static_cast<uint32_t>(d.qpdf->getAllPages().size());
+    });
+}
+
+PDResult PDDocGetPage(PDDoc doc, uint32_t index, PDPage* outPage) {
+    if (outPage) *outPage = nullptr;
+    return guard([&] {
+        Document& d = checkedDoc(doc);
+        checkOut(outPage);
+        *outPage = handleFor(d, pageOf(d, index), Kind::Page);
+    });
+}
+
+PDResult PDDocIsSigned(PDDoc doc, PDBool* outSigned) {
+    return guard([&] {
+        Document& d = checkedDoc(doc);
+        checkOut(outSigned);
+        *outSigned = anySignedField(d) ? 1 : 0;
+    });
+}
+
+PDResult PDDocGetOCConfig(PDDoc doc, PDOCConfig* outConfig) {
+    if (outConfig) *outConfig = nullptr;
+    return guard([&] {
+        Document& d = checkedDoc(doc);
+        checkOut(outConfig);
+        auto config = d.qpdf->getRoot().getKey("/OCProperties").getKey("/D");
+        if (!config.isDictionary()) return;
+        if (!config.isIndirect()) {
+            config = d.qpdf->makeIndirectObject(config);
+            d.qpdf->getRoot().getKey("/OCProperties").replaceKey("/D", config);
+        }
+        *outConfig = handleFor(d, config, Kind::OCConfig);
+    });
+}
+
+PDResult PDDocNotifyAnnotChanged(PDDoc doc, int32_t kind, uint32_t pageIndex, PDAnnot annot) {
+    return guard([&] {
+        Document& d = checkedDoc(doc);
+        if (annot) sameDoc(d.self, checked(annot, Kind::Annot));
+        for (const auto& l : d.listeners) l.proc(l.clientData, doc, kind, pageIndex, annot);
+    });
+}
+
+PDResult PDDocAddAnnotChangedListener(PDDoc doc, PDAnnotChangedProc proc, void* clientData,
+                                      uint32_t* outCookie) {
+    return guard([&] {
+        Document& d = checkedDoc(doc);
+        if (!proc) fail(PD_ERR_BAD_ARGUMENT);
+        checkOut(outCookie);
+        d.listeners.push_back({d.nextCookie, proc, clientData});
+        *outCookie = d.nextCookie++;
+    });
+}
+
+PDResult PDDocRemoveAnnotChangedListener(PDDoc doc, uint32_t cookie) {
+    return guard([&] {
+        Document& d = checkedDoc(doc);
+        for (auto it = d.listeners.begin(); it != d.listeners.end(); ++it) {
+            if (it->cookie == cookie) {
+                d.listeners.erase(it);
+                return;
+            }
+        }
+        fail(PD_ERR_NOT_FOUND);
+    });
+}
+
+}  // extern "C"

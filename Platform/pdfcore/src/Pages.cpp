@@ -1,0 +1,327 @@
+// Pages and their annotation lists; annotation properties.
+#include "Core.h"
+
+#include <cmath>
+#include <set>
+
+namespace pdfcore {
+namespace {
+
+PDRect rectOf(QPDFObjectHandle arr) {
+    if (!arr.isArray() || arr.getArrayNItems() != 4) fail(PD_ERR_NO_VALUE);
+    double v[4];
+    for (int i = 0; i < 4; ++i) {
+        auto item = arr.getArrayItem(i);
+        if (!item.isNumber()) fail(PD_ERR_NO_VALUE);
+        v[i] = item.getNumericValue();
+    }
+    return PDRect{static_cast<float>(v[0]), static_cast<float>(v[3]), static_cast<float>(v[2]),
+                  static_cast<float>(v[1])};
+}
+
+// The page's /Annots with every entry an indirect annotation dictionary. Direct
+// dictionaries are made indirect in place and entries that are not dictionaries are
+// dropped, so that indices and handles stay meaningful.
+QPDFObjectHandle annotsOf(Document& doc, QPDFObjectHandle page, bool create) {
+    auto annots = page.getKey("/Annots");
+    if (!annots.isArray()) {
+        if (!create) return QPDFObjectHandle::newNull();
+        annots = QPDFObjectHandle::newArray();
+        page.replaceKey("/Annots", annots);
+        return annots;
+    }
+    for (int i = annots.getArrayNItems() - 1; i >= 0; --i) {
+        auto item = annots.getArrayItem(i);
+        if (!item.isDictionary()) {
+            annots.eraseItem(i);
+        } else if (!item.isIndirect()) {
+            annots.setArrayItem(i, doc.qpdf->makeIndirectObject(item));
+        }
+    }
+    return annots;
+}
+
+int indexIn(QPDFObjectHandle annots, QPDFObjGen og) {
+    if (!annots.isArray()) return -1;
+    int n = annots.getArrayNItems();
+    for (int i = 0; i < n; ++i) {
+        if (annots.getArrayItem(i).getObjGen() == og) return i;
+    }
+    return -1;
+}
+
+bool isMarkupSubtype(const std::string& st) {
+    static const std::set<std::string> markup = {
+        "/Text",   "/FreeText",  "/Line",     "/Square",   "/Circle",         "/Polygon",
+        "/PolyLine", "/Highlight", "/Underline", "/Squiggly", "/StrikeOut",   "/Stamp",
+        "/Caret",  "/Ink",       "/FileAttachment", "/Sound", "/Redact"};
+    return markup.count(st) != 0;
+}
+
+// Whether optional-content group ocg is on under config.
+bool groupOn(QPDFObjectHandle config, QPDFObjectHandle ocg) {
+    auto contains = [&](const char* key) {
+        auto arr = config.getKey(key);
+        if (!arr.isArray()) return false;
+        for (auto& item : arr.aitems()) {
+            if (item.getObjGen() == ocg.getObjGen()) return true;
+        }
+        return false;
+    };
+    auto base = config.getKey("/BaseState");
+    if (base.isName() && base.getName() == "/OFF") return contains("/ON");
+    return !contains("/OFF");
+}
+
+bool ocVisible(QPDFObjectHandle config, QPDFObjectHandle oc) {
+    if (!oc.isDictionary()) return true;
+    auto type = oc.getKey("/Type");
+    if (type.isName() && type.getName() == "/OCMD") {
+        auto ocgs = oc.getKey("/OCGs");
+        std::vector<QPDFObjectHandle> groups;
+        if (ocgs.isArray()) {
+            for (auto& g : ocgs.aitems()) {
+                if (g.isDictionary()) groups.push_back(g);
+            }
+        } else if (ocgs.isDictionary()) {
+            groups.push_back(ocgs);
+        }
+        if (groups.empty()) return true;
+        auto p = oc.getKey("/P");
+        std::string policy = p.isName() ? p.getName() : "/AnyOn";
+        size_t on = 0;
+        for (auto& g : groups) on += groupOn(config, g) ? 1 : 0;
+        if (policy == "/AllOn") return on == groups.size();
+        if (policy == "/AnyOff") return on < groups.size();
+        if (policy == "/AllOff") return on == 0;
+        return on > 0;
+    }
+    return groupOn(config, oc);
+}
+
+}  // namespace
+}  // namespace pdfcore
+
+using namespace pdfcore;
+
+extern "C" {
+
+PDResult PDPageGetIndex(PDPage page, uint32_t* outIndex) {
+    return guard([&] {
+        auto& p = checked(page, Kind::Page);
+        checkOut(outIndex);
+        int i = p.doc->qpdf->findPage(p.obj.getObjGen());
+        if (i < 0) fail(PD_ERR_NOT_FOUND);
+        *outIndex = static_cast<uint32_t>(i);
+    });
+}
+
+PDResult PDPageGetBox(PDPage page, int32_t which, PDRect* outBox) {
+    return guard([&] {
+        auto& p = checked(page, Kind::Page);
+        checkOut(outBox);
+        if (which != PD_BOX_MEDIA && which != PD_BOX_CROP) fail(PD_ERR_BAD_ARGUMENT);
+        auto media = inherited(p.obj, "/MediaBox");
+        auto box = which == PD_BOX_CROP ? inherited(p.obj, "/CropBox") : media;
+        if (!box.isArray()) box = media;
+        if (!box.isArray()) {
+            *outBox = PDRect{0, 792, 612, 0};  // US Letter, the customary default
+            return;
+        }
+        *outBox = rectOf(box);
+    });
+}
+
+PDResult PDPageGetRotate(PDPage page, int32_t* outDegrees) {
+    return guard([&] {
+        auto& p = checked(page, Kind::Page);
+        checkOut(outDegrees);
+        auto r = inherited(p.obj, "/Rotate");
+        int v = r.isNumber() ? static_cast<int>(std::lround(r.getNumericValue())) : 0;
+        v = ((v / 90) * 90) % 360;
+        *outDegrees = v < 0 ? v + 360 : v;
+    });
+}
+
+PDResult PDPageGetNumAnnots(PDPage page, uint32_t* outCount) {
+    return guard([&] {
+        auto& p = checked(page, Kind::Page);
+        checkOut(outCount);
+        auto annots = annotsOf(*p.doc, p.obj, false);
+        *outCount = annots.isArray() ? static_cast<uint32_t>(annots.getArrayNItems()) : 0;
+    });
+}
+
+PDResult PDPageGetAnnot(PDPage page, uint32_t index, PDAnnot* outAnnot) {
+    if (outAnnot) *outAnnot = nullptr;
+    return guard([&] {
+        auto& p = checked(page, Kind::Page);
+        checkOut(outAnnot);
+        auto annots = annotsOf(*p.doc, p.obj, false);
+        if (!annots.isArray() || index >= static_cast<uint32_t>(annots.getArrayNItems())) {
+            fail(PD_ERR_RANGE);
+        }
+        *outAnnot = handleFor(*p.doc, annots.getArrayItem(static_cast<int>(index)), Kind::Annot);
+    });
+}
+
+PDResult PDPageGetAnnotIndex(PDPage page, PDAnnot annot, uint32_t* outIndex) {
+    return guard([&] {
+        auto& p = checked(page, Kind::Page);
+        auto& a = checked(annot, Kind::Annot);
+        sameDoc(p, a);
+        checkOut(outIndex);
+        int i = indexIn(annotsOf(*p.doc, p.obj, false), a.obj.getObjGen());
+        if (i < 0) fail(PD_ERR_NOT_FOUND);
+        *outIndex = static_cast<uint32_t>(i);
+    });
+}
+
+PDResult PDPageAddAnnot(PDPage page, uint32_t index, PDAnnot annot) {
+    return guard([&] {
+        auto& p = checked(page, Kind::Page);
+        auto& a = checked(annot, Kind::Annot);
+        sameDoc(p, a);
+        auto annots = annotsOf(*p.doc, p.obj, true);
+        if (indexIn(annots, a.obj.getObjGen()) >= 0) fail(PD_ERR_ALREADY);
+        if (index > static_cast<uint32_t>(annots.getArrayNItems())) fail(PD_ERR_RANGE);
+        a.obj.replaceKey("/P", p.obj);
+        annots.insertItem(static_cast<int>(index), a.obj);
+    });
+}
+
+PDResult PDPageRemoveAnnot(PDPage page, PDAnnot annot) {
+    return guard([&] {
+        auto& p = checked(page, Kind::Page);
+        auto& a = checked(annot, Kind::Annot);
+        sameDoc(p, a);
+        auto annots = annotsOf(*p.doc, p.obj, false);
+        int i = indexIn(annots, a.obj.getObjGen());
+        if (i < 0) fail(PD_ERR_NOT_ON_PAGE);
+        annots.eraseItem(i);
+    });
+}
+
+PDResult PDAnnotGetSubtype(PDAnnot annot, PDAtom* outSubtype) {
+    return guard([&] {
+        auto& a = checked(annot, Kind::Annot);
+        checkOut(outSubtype);
+        auto st = a.obj.getKey("/Subtype");
+        if (!st.isName()) fail(PD_ERR_NO_VALUE);
+        *outSubtype = atomOf(st.getName().substr(1));
+    });
+}
+
+PDResult PDAnnotGetRect(PDAnnot annot, PDRect* outRect) {
+    return guard([&] {
+        auto& a = checked(annot, Kind::Annot);
+        checkOut(outRect);
+        *outRect = rectOf(a.obj.getKey("/Rect"));
+    });
+}
+
+PDResult PDAnnotSetRect(PDAnnot annot, const PDRect* rect) {
+    return guard([&] {
+        auto& a = checked(annot, Kind::Annot);
+        if (!rect || !std::isfinite(rect->left) || !std::isfinite(rect->right) ||
+            !std::isfinite(rect->top) || !std::isfinite(rect->bottom)) {
+            fail(PD_ERR_BAD_ARGUMENT);
+        }
+        QPDFObjectHandle::Rectangle r(std::min(rect->left, rect->right),
+                                      std::min(rect->top, rect->bottom),
+                                      std::max(rect->left, rect->right),
+                                      std::max(rect->top, rect->bottom));
+        a.obj.replaceKey("/Rect", QPDFObjectHandle::newArray(r));
+        if (isWidget(a.obj)) regenerateAppearance(*a.doc, a.obj);
+    });
+}
+
+PDResult PDAnnotGetFlags(PDAnnot annot, uint32_t* outFlags) {
+    return guard([&] {
+        auto& a = checked(annot, Kind::Annot);
+        checkOut(outFlags);
+        auto f = a.obj.getKey("/F");
+        *outFlags = f.isInteger() ? static_cast<uint32_t>(f.getIntValue()) : 0;
+    });
+}
+
+PDResult PDAnnotSetFlags(PDAnnot annot, uint32_t flags) {
+    return guard([&] {
+        auto& a = checked(annot, Kind::Annot);
+        if (flags == 0) {
+            a.obj.removeKey("/F");
+        } else {
+            a.obj.replaceKey("/F", QPDFObjectHandle::newInteger(flags));
+        }
+    });
+}
+
+PDResult PDAnnotGetVisible(PDAnnot annot, PDBool* outVisible) {
+    return guard([&] {
+        auto& a = checked(annot, Kind::Annot);
+        checkOut(outVisible);
+        auto f = a.obj.getKey("/F");
+        uint32_t flags = f.isInteger() ? static_cast<uint32_t>(f.getIntValue()) : 0;
+        *outVisible = (flags & (PD_ANNOT_HIDDEN | PD_ANNOT_NOVIEW)) ? 0 : 1;
+    });
+}
+
+PDResult PDAnnotIsMarkupAnnot(PDAnnot annot, PDBool* outMarkup) {
+    return guard([&] {
+        auto& a = checked(annot, Kind::Annot);
+        checkOut(outMarkup);
+        auto st = a.obj.getKey("/Subtype");
+        *outMarkup = st.isName() && isMarkupSubtype(st.getName()) ? 1 : 0;
+    });
+}
+
+PDResult PDMarkupAnnotGetInReplyTo(PDAnnot annot, PDAnnot* outParent) {
+    if (outParent) *outParent = nullptr;
+    return guard([&] {
+        auto& a = checked(annot, Kind::Annot);
+        checkOut(outParent);
+        auto irt = a.obj.getKey("/IRT");
+        if (irt.isDictionary() && irt.isIndirect()) {
+            *outParent = handleFor(*a.doc, irt, Kind::Annot);
+        }
+    });
+}
+
+PDResult PDAnnotGetAppearanceState(PDAnnot annot, PDAtom* outState) {
+    return guard([&] {
+        auto& a = checked(annot, Kind::Annot);
+        checkOut(outState);
+        auto as = a.obj.getKey("/AS");
+        if (!as.isName()) fail(PD_ERR_NO_VALUE);
+        *outState = atomOf(as.getName().substr(1));
+    });
+}
+
+PDResult PDAnnotSetAppearanceState(PDAnnot annot, PDAtom state) {
+    return guard([&] {
+        auto& a = checked(annot, Kind::Annot);
+        if (state == 0) {
+            a.obj.removeKey("/AS");
+            return;
+        }
+        std::string name = atomName(state);
+        if (name.empty()) fail(PD_ERR_BAD_ARGUMENT);
+        a.obj.replaceKey("/AS", QPDFObjectHandle::newName("/" + name));
+    });
+}
+
+PDResult PDOCConfigIsAnnotVisible(PDOCConfig config, PDAnnot annot, PDBool* outVisible) {
+    return guard([&] {
+        auto& a = checked(annot, Kind::Annot);
+        checkOut(outVisible);
+        if (!config) {
+            *outVisible = 1;
+            return;
+        }
+        auto& c = checked(config, Kind::OCConfig);
+        sameDoc(c, a);
+        *outVisible = ocVisible(c.obj, a.obj.getKey("/OC")) ? 1 : 0;
+    });
+}
+
+}  // extern "C"
