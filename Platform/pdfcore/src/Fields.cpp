@@ -1,0 +1,895 @@
+// The field tree: names and the name index, creating and renaming fields, widget
+// membership (including splitting fields that share their dictionary with their widget),
+// values and options.
+#include "Core.h"
+
+#include <cmath>
+#include <set>
+
+namespace pdfcore {
+
+namespace {
+
+constexpr int kMaxDepth = 64;
+
+// Keys that move to the field when a merged field/widget dictionary is split; the rest are
+// the widget annotation's. /DA and /Q go to the field so that every widget the field gains
+// follows them.
+const char* const kFieldKeys[] = {"/FT", "/Ff",     "/V",  "/DV", "/T",  "/TU", "/TM", "/Opt",
+                                  "/TI", "/I", "/MaxLen", "/DS", "/RV", "/DA", "/Q"};
+// Trigger keys of a field's /AA; the others are the widget's.
+const char* const kFieldTriggers[] = {"/K", "/F", "/V", "/C"};
+
+bool hasName(QPDFObjectHandle node) { return node.getKey("/T").isString(); }
+
+// The /Parent of a field or widget when it is a field. Damaged files point /Parent at
+// pages or at nothing; such links are not followed.
+QPDFObjectHandle fieldParent(QPDFObjectHandle node) {
+    auto parent = node.getKey("/Parent");
+    if (!parent.isDictionary()) return QPDFObjectHandle::newNull();
+    auto type = parent.getKey("/Type");
+    if (type.isName() && (type.getName() == "/Page" || type.getName() == "/Pages")) {
+        return QPDFObjectHandle::newNull();
+    }
+    return parent;
+}
+
+// Whether node, reached as a kid of a field, is a field rather than a widget of it.
+bool isFieldKid(QPDFObjectHandle node) {
+    if (!node.isDictionary()) return false;
+    if (hasName(node)) return true;
+    return !isWidget(node) && node.getKey("/Kids").isArray();
+}
+
+bool isTerminal(QPDFObjectHandle field) {
+    auto kids = field.getKey("/Kids");
+    if (!kids.isArray()) return true;
+    for (auto& kid : kids.aitems()) {
+        if (isFieldKid(kid)) return false;
+    }
+    return true;
+}
+
+// A field that is also its own (only) widget.
+bool isMerged(QPDFObjectHandle field) {
+    return isWidget(field) && !field.getKey("/Kids").isArray();
+}
+
+std::vector<std::u16string> splitName(const std::u16string& name) {
+    std::vector<std::u16string> parts;
+    size_t start = 0;
+    for (;;) {
+        size_t dot = name.find(u'.', start);
+        parts.push_back(name.substr(start, dot == std::u16string::npos ? dot : dot - start));
+        if (parts.back().empty()) fail(PD_ERR_BAD_NAME);
+        if (dot == std::u16string::npos) break;
+        start = dot + 1;
+    }
+    return parts;
+}
+
+std::u16string join(const std::vector<std::u16string>& parts, size_t count) {
+    std::u16string out;
+    for (size_t i = 0; i < count; ++i) {
+        if (i) out += u'.';
+        out += parts[i];
+    }
+    return out;
+}
+
+std::u16string qualified(const std::u16string& parent, QPDFObjectHandle node) {
+    if (!hasName(node)) return parent;
+    auto t = textOf(node.getKey("/T"));
+    return parent.empty() ? t : parent + u'.' + t;
+}
+
+// Walks the field tree below node (whose qualified name is name), visiting each field
+// node once.
+template <typename Visit>
+void walkFields(QPDFObjectHandle node, const std::u16string& name, std::set<QPDFObjGen>& seen,
+                int depth, Visit& visit) {
+    if (depth > kMaxDepth || !node.isDictionary()) return;
+    if (node.isIndirect() && !seen.insert(node.getObjGen()).second) return;
+    bool terminal = isTerminal(node);
+    visit(node, name, terminal);
+    if (terminal) return;
+    for (auto& kid : node.getKey("/Kids").aitems()) {
+        if (!kid.isDictionary()) continue;
+        // A kid whose /Parent is missing or broken gets the parent it is listed under.
+        if (node.isIndirect() && fieldParent(kid).isNull()) kid.replaceKey("/Parent", node);
+        if (isFieldKid(kid)) walkFields(kid, qualified(name, kid), seen, depth + 1, visit);
+    }
+}
+
+// The roots of the form: /AcroForm /Fields, then the root of every widget on a page that
+// /Fields misses (files without /AcroForm, or with fields left out of it).
+std::vector<QPDFObjectHandle> formRoots(Document& doc) {
+    std::vector<QPDFObjectHandle> roots;
+    std::set<QPDFObjGen> known;
+    auto form = acroForm(doc, false);
+    if (form.isDictionary() && form.getKey("/Fields").isArray()) {
+        for (auto& f : form.getKey("/Fields").aitems()) {
+            // Some writers list the widgets of a field in /Fields as well.
+            bool widgetOfAnother = !hasName(f) && isWidget(f) && fieldParent(f).isDictionary();
+            if (f.isDictionary() && !widgetOfAnother) {
+                roots.push_back(f);
+                if (f.isIndirect()) known.insert(f.getObjGen());
+            }
+        }
+    }
+    for (auto page : doc.qpdf->getAllPages()) {
+        auto annots = page.getKey("/Annots");
+        if (!annots.isArray()) continue;
+        for (auto& a : annots.aitems()) {
+            if (!isWidget(a)) continue;
+            auto node = a;
+            std::set<QPDFObjGen> chain;
+            for (int d = 0; d < kMaxDepth && fieldParent(node).isDictionary(); ++d) {
+                if (node.isIndirect() && !chain.insert(node.getObjGen()).second) break;
+                node = fieldParent(node);
+            }
+            if (!node.isIndirect() || !node.isDictionary()) continue;
+            if (!hasName(node) && !node.getKey("/FT").isName() && !node.getKey("/Kids").isArray()) {
+                continue;  // a widget with no field at all
+            }
+            if (known.insert(node.getObjGen()).second) roots.push_back(node);
+        }
+    }
+    return roots;
+}
+
+// One walk of the whole form; fills the name index, the list of terminal fields, or both.
+void walkForm(Document& doc, bool names, bool terminals) {
+    if (names) doc.nameIndex.clear();
+    if (terminals) doc.terminalFields.clear();
+    std::set<QPDFObjGen> seen;
+    auto visit = [&](QPDFObjectHandle node, const std::u16string& name, bool terminal) {
+        if (!node.isIndirect()) return;
+        if (names && !name.empty()) doc.nameIndex.emplace(name, node.getObjGen());
+        if (terminals && terminal) doc.terminalFields.push_back(node);
+    };
+    for (auto& root : formRoots(doc)) {
+        walkFields(root, hasName(root) ? textOf(root.getKey("/T")) : u"", seen, 0, visit);
+    }
+    if (names) doc.nameIndexBuilt = true;
+    if (terminals) doc.formChanged = false;
+}
+
+// The name index is built once and then kept up to date by every change of names.
+void ensureIndex(Document& doc) {
+    if (!doc.nameIndexBuilt) walkForm(doc, true, doc.formChanged);
+}
+
+// The list of terminal fields is rebuilt after any change of the tree.
+void ensureTerminals(Document& doc) {
+    if (!doc.nameIndexBuilt || doc.formChanged) walkForm(doc, !doc.nameIndexBuilt, true);
+}
+
+QPDFObjectHandle findByName(Document& doc, const std::u16string& name) {
+    ensureIndex(doc);
+    auto it = doc.nameIndex.find(name);
+    if (it == doc.nameIndex.end()) return QPDFObjectHandle::newNull();
+    auto obj = doc.qpdf->getObject(it->second);
+    return obj.isDictionary() ? obj : QPDFObjectHandle::newNull();
+}
+
+// The array that holds node: its parent's /Kids, or /AcroForm /Fields for a root.
+QPDFObjectHandle containerOf(Document& doc, QPDFObjectHandle node) {
+    auto parent = fieldParent(node);
+    if (parent.isDictionary()) return parent.getKey("/Kids");
+    return acroForm(doc, true).getKey("/Fields");
+}
+
+void replaceIn(QPDFObjectHandle arr, QPDFObjGen og, QPDFObjectHandle with) {
+    if (!arr.isArray()) return;
+    int n = arr.getArrayNItems();
+    for (int i = 0; i < n; ++i) {
+        if (arr.getArrayItem(i).getObjGen() == og) {
+            arr.setArrayItem(i, with);
+            return;
+        }
+    }
+    arr.appendItem(with);
+}
+
+void removeFrom(QPDFObjectHandle arr, QPDFObjGen og) {
+    if (!arr.isArray()) return;
+    for (int i = arr.getArrayNItems() - 1; i >= 0; --i) {
+        if (arr.getArrayItem(i).getObjGen() == og) arr.eraseItem(i);
+    }
+}
+
+// Splits a field that shares its dictionary with its widget: the field moves to a new
+// object that takes the field keys and the widget as its one kid; the widget keeps its
+// object (so page /Annots stay valid). Live field handles follow the field.
+QPDFObjectHandle splitMerged(Document& doc, QPDFObjectHandle widget) {
+    auto field = QPDFObjectHandle::newDictionary();
+    for (const char* key : kFieldKeys) {
+        if (widget.hasKey(key)) {
+            field.replaceKey(key, widget.getKey(key));
+            widget.removeKey(key);
+        }
+    }
+    auto aa = widget.getKey("/AA");
+    if (aa.isDictionary()) {
+        auto fieldAA = QPDFObjectHandle::newDictionary();
+        for (const char* key : kFieldTriggers) {
+            if (aa.hasKey(key)) {
+                fieldAA.replaceKey(key, aa.getKey(key));
+                aa.removeKey(key);
+            }
+        }
+        if (!fieldAA.getKeys().empty()) field.replaceKey("/AA", fieldAA);
+        if (aa.getKeys().empty()) widget.removeKey("/AA");
+    }
+    auto parent = fieldParent(widget);
+    if (parent.isDictionary()) field.replaceKey("/Parent", parent);
+    field.replaceKey("/Kids", QPDFObjectHandle::newArray());
+    field = doc.qpdf->makeIndirectObject(field);
+    field.getKey("/Kids").appendItem(widget);
+
+    QPDFObjGen old = widget.getObjGen();
+    if (parent.isDictionary()) {
+        replaceIn(parent.getKey("/Kids"), old, field);
+    } else {
+        replaceIn(acroForm(doc, true).getKey("/Fields"), old, field);
+    }
+    widget.replaceKey("/Parent", field);
+    rekeyHandle(doc, old, field, Kind::Field);
+    if (doc.nameIndexBuilt) {
+        auto it = doc.nameIndex.find(fullNameOf(field));
+        if (it != doc.nameIndex.end() && it->second == old) it->second = field.getObjGen();
+    }
+    doc.formChanged = true;
+    return field;
+}
+
+const char* typeName(PDAtom type) {
+    switch (type) {
+    case PD_ATOM_Btn: return "/Btn";
+    case PD_ATOM_Ch: return "/Ch";
+    case PD_ATOM_Tx: return "/Tx";
+    case PD_ATOM_Sig: return "/Sig";
+    default: return nullptr;
+    }
+}
+
+std::u16string freshName(Document& doc, PDAtom type) {
+    const char16_t* word = type == PD_ATOM_Btn  ? u"Button"
+                           : type == PD_ATOM_Ch ? u"Choice"
+                           : type == PD_ATOM_Tx ? u"Text"
+                                                : u"Signature";
+    ensureIndex(doc);
+    for (;;) {
+        std::u16string name = word + toU16(std::to_string(++doc.freshNameCounter));
+        if (!doc.nameIndex.count(name)) return name;
+    }
+}
+
+// Finds or makes the non-terminal parent of parts[0..count) and returns it (null for the
+// form's root). A part that is a terminal field with a type cannot take kids.
+QPDFObjectHandle parentFor(Document& doc, const std::vector<std::u16string>& parts,
+                           size_t count, bool create) {
+    QPDFObjectHandle parent = QPDFObjectHandle::newNull();
+    for (size_t i = 1; i <= count; ++i) {
+        auto name = join(parts, i);
+        auto node = findByName(doc, name);
+        if (node.isDictionary()) {
+            if (isTerminal(node) && (node.getKey("/FT").isName() || isMerged(node))) {
+                fail(PD_ERR_NAME_IN_USE);
+            }
+            parent = node;
+            continue;
+        }
+        if (!create) return QPDFObjectHandle::newNull();
+        auto made = QPDFObjectHandle::newDictionary();
+        made.replaceKey("/T", textString(parts[i - 1]));
+        made.replaceKey("/Kids", QPDFObjectHandle::newArray());
+        if (parent.isDictionary()) made.replaceKey("/Parent", parent);
+        made = doc.qpdf->makeIndirectObject(made);
+        containerOf(doc, made).appendItem(made);
+        doc.nameIndex.emplace(name, made.getObjGen());
+        parent = made;
+    }
+    return parent;
+}
+
+PDResult createField(PDDoc doc, std::u16string name, bool freshIfEmpty, PDAtom type,
+                     uint32_t flags, PDField* outField) {
+    if (outField) *outField = nullptr;
+    return guard([&] {
+        Document& d = checkedDoc(doc);
+        checkOut(outField);
+        const char* ft = typeName(type);
+        if (!ft) fail(PD_ERR_BAD_ARGUMENT);
+        if (name.empty()) {
+            if (!freshIfEmpty) fail(PD_ERR_BAD_ARGUMENT);
+            name = freshName(d, type);
+        }
+        auto parts = splitName(name);
+        if (findByName(d, name).isDictionary()) fail(PD_ERR_NAME_IN_USE);
+        auto parent = parentFor(d, parts, parts.size() - 1, true);
+        auto field = QPDFObjectHandle::newDictionary();
+        field.replaceKey("/FT", QPDFObjectHandle::newName(ft));
+        field.replaceKey("/T", textString(parts.back()));
+        if (flags) field.replaceKey("/Ff", QPDFObjectHandle::newInteger(flags));
+        if (type == PD_ATOM_Tx || type == PD_ATOM_Ch) {
+            field.replaceKey("/DA", QPDFObjectHandle::newString("/Helv 0 Tf 0 g"));
+        }
+        if (parent.isDictionary()) field.replaceKey("/Parent", parent);
+        field = d.qpdf->makeIndirectObject(field);
+        containerOf(d, field).appendItem(field);
+        d.nameIndex.emplace(name, field.getObjGen());
+        d.formChanged = true;
+        *outField = handleFor(d, field, Kind::Field);
+    });
+}
+
+PDHandleRec& checkedField(PDField h) { return checked(h, Kind::Field); }
+
+// A terminal field of the given type (nullptr: any type).
+PDHandleRec& checkedTyped(PDField h, const char* ft) {
+    auto& f = checkedField(h);
+    if (!isTerminal(f.obj)) fail(PD_ERR_FIELD_KIND);
+    if (ft) {
+        auto t = inherited(f.obj, "/FT");
+        if (!t.isName() || t.getName() != ft) fail(PD_ERR_FIELD_KIND);
+    }
+    return f;
+}
+
+void eraseSubtreeNames(Document& doc, QPDFObjectHandle node, const std::u16string& name) {
+    std::set<QPDFObjGen> seen;
+    auto visit = [&](QPDFObjectHandle n, const std::u16string& nm, bool) {
+        auto it = doc.nameIndex.find(nm);
+        if (it != doc.nameIndex.end() && it->second == n.getObjGen()) doc.nameIndex.erase(it);
+    };
+    walkFields(node, name, seen, 0, visit);
+}
+
+void addSubtreeNames(Document& doc, QPDFObjectHandle node, const std::u16string& name) {
+    std::set<QPDFObjGen> seen;
+    auto visit = [&](QPDFObjectHandle n, const std::u16string& nm, bool) {
+        if (n.isIndirect() && !nm.empty()) doc.nameIndex[nm] = n.getObjGen();
+    };
+    walkFields(node, name, seen, 0, visit);
+}
+
+QPDFObjectHandle valueObject(QPDFObjectHandle field, const std::u16string& text) {
+    auto ft = inherited(field, "/FT");
+    if (ft.isName() && ft.getName() == "/Btn") {
+        return QPDFObjectHandle::newName("/" + toUtf8(text));
+    }
+    return textString(text);
+}
+
+// The first value of /V or /DV; an array selecting nothing holds no value.
+std::u16string firstValue(QPDFObjectHandle v) {
+    if (v.isArray()) {
+        for (auto& item : v.aitems()) {
+            if (item.isString() || item.isName()) return textOf(item);
+        }
+        fail(PD_ERR_NO_VALUE);
+    }
+    return textOf(v);
+}
+
+QPDFObjectHandle optionAt(PDHandleRec& f, uint32_t index) {
+    auto opt = inherited(f.obj, "/Opt");
+    if (!opt.isArray() || index >= static_cast<uint32_t>(opt.getArrayNItems())) {
+        fail(PD_ERR_RANGE);
+    }
+    return opt.getArrayItem(static_cast<int>(index));
+}
+
+}  // namespace
+
+// ---- shared with the other sources ------------------------------------------------------
+
+QPDFObjectHandle fieldOfWidget(QPDFObjectHandle widget) {
+    if (!widget.isDictionary()) return QPDFObjectHandle::newNull();
+    if (hasName(widget)) return widget;
+    auto parent = fieldParent(widget);
+    if (parent.isDictionary()) return parent;
+    if (widget.getKey("/FT").isName()) return widget;
+    return QPDFObjectHandle::newNull();
+}
+
+std::vector<QPDFObjectHandle> widgetsOf(QPDFObjectHandle field) {
+    std::vector<QPDFObjectHandle> out;
+    if (isMerged(field)) {
+        out.push_back(field);
+        return out;
+    }
+    auto kids = field.getKey("/Kids");
+    if (!kids.isArray()) return out;
+    for (auto& kid : kids.aitems()) {
+        if (isWidget(kid) && !hasName(kid)) out.push_back(kid);
+    }
+    return out;
+}
+
+std::u16string fullNameOf(QPDFObjectHandle field) {
+    std::vector<std::u16string> parts;
+    std::set<QPDFObjGen> seen;
+    for (int d = 0; d < kMaxDepth && field.isDictionary(); ++d) {
+        if (field.isIndirect() && !seen.insert(field.getObjGen()).second) break;
+        if (hasName(field)) parts.push_back(textOf(field.getKey("/T")));
+        field = fieldParent(field);
+    }
+    std::u16string out;
+    for (auto it = parts.rbegin(); it != parts.rend(); ++it) {
+        if (!out.empty()) out += u'.';
+        out += *it;
+    }
+    return out;
+}
+
+// Adds widget to the terminal field (splitting a merged field first). Used by
+// PDFieldAppendWidget and the widget creators.
+void attachWidget(Document& doc, PDHandleRec& field, QPDFObjectHandle widget) {
+    if (isMerged(field.obj)) splitMerged(doc, field.obj);
+    auto kids = field.obj.getKey("/Kids");
+    if (!kids.isArray()) {
+        kids = QPDFObjectHandle::newArray();
+        field.obj.replaceKey("/Kids", kids);
+    }
+    kids.appendItem(widget);
+    widget.replaceKey("/Parent", field.obj);
+}
+
+}  // namespace pdfcore
+
+using namespace pdfcore;
+
+extern "C" {
+
+PDResult PDDocCreateField(PDDoc doc, const char16_t* name, uint32_t nameLen, PDAtom type,
+                          uint32_t flags, PDField* outField) {
+    if (outField) *outField = nullptr;
+    std::u16string n;
+    PDResult r = guard([&] { n = textArg(name, nameLen); });
+    if (r != PD_OK) return r;
+    return createField(doc, n, false, type, flags, outField);
+}
+
+#define PD_TYPED_CREATE(Func, Atom)                                                          \
+    PDResult Func(PDDoc doc, const char16_t* name, uint32_t nameLen, uint32_t flags,        \
+                  PDField* outField) {                                                       \
+        if (outField) *outField = nullptr;                                                   \
+        std::u16string n;                                                                    \
+        PDResult r = guard([&] { n = textArg(name, nameLen); });                            \
+        if (r != PD_OK) return r;                                                            \
+        return createField(doc, n, true, Atom, flags, outField);                            \
+    }
+PD_TYPED_CREATE(PDCreateButtonField, PD_ATOM_Btn)
+PD_TYPED_CREATE(PDCreateTextField, PD_ATOM_Tx)
+PD_TYPED_CREATE(PDCreateChoiceField, PD_ATOM_Ch)
+#undef PD_TYPED_CREATE
+
+PDResult PDCreateSignField(PDDoc doc, uint32_t flags, PDField* outField) {
+    return createField(doc, {}, true, PD_ATOM_Sig, flags, outField);
+}
+
+PDResult PDDocFindField(PDDoc doc, const char16_t* name, uint32_t nameLen, PDField* outField) {
+    if (outField) *outField = nullptr;
+    return guard([&] {
+        Document& d = checkedDoc(doc);
+        checkOut(outField);
+        auto n = textArg(name, nameLen);
+        if (n.empty()) fail(PD_ERR_BAD_ARGUMENT);
+        auto field = findByName(d, n);
+        if (field.isDictionary()) *outField = handleFor(d, field, Kind::Field);
+    });
+}
+
+PDResult PDDocRenameField(PDDoc doc, PDField field, const char16_t* name, uint32_t nameLen) {
+    return guard([&] {
+        Document& d = checkedDoc(doc);
+        auto& f = checkedField(field);
+        sameDoc(d.self, f);
+        auto n = textArg(name, nameLen);
+        if (n.empty()) fail(PD_ERR_BAD_ARGUMENT);
+        auto parts = splitName(n);
+        ensureIndex(d);
+        auto oldName = fullNameOf(f.obj);
+        if (oldName == n) return;
+        auto existing = findByName(d, n);
+        if (existing.isDictionary()) fail(PD_ERR_NAME_IN_USE);
+        // The new parent chain must not run through the field itself or its subtree.
+        for (size_t i = 1; i < parts.size(); ++i) {
+            auto prefix = join(parts, i);
+            if (prefix == oldName || prefix.rfind(oldName + u'.', 0) == 0) {
+                fail(PD_ERR_BAD_NAME);
+            }
+        }
+        auto newParent = parentFor(d, parts, parts.size() - 1, false);
+        bool parentExists = parts.size() == 1 || newParent.isDictionary();
+        auto oldParent = fieldParent(f.obj);
+        bool sameParent =
+            parentExists && ((parts.size() == 1 && !oldParent.isDictionary()) ||
+                             (newParent.isDictionary() && oldParent.isDictionary() &&
+                              newParent.getObjGen() == oldParent.getObjGen()));
+        eraseSubtreeNames(d, f.obj, oldName);
+        if (!sameParent) {
+            if (!parentExists) newParent = parentFor(d, parts, parts.size() - 1, true);
+            removeFrom(containerOf(d, f.obj), f.obj.getObjGen());
+            if (newParent.isDictionary()) {
+                f.obj.replaceKey("/Parent", newParent);
+            } else {
+                f.obj.removeKey("/Parent");
+            }
+            containerOf(d, f.obj).appendItem(f.obj);
+        }
+        f.obj.replaceKey("/T", textString(parts.back()));
+        addSubtreeNames(d, f.obj, n);
+        d.formChanged = true;
+    });
+}
+
+PDResult PDDocGetNumFields(PDDoc doc, uint32_t* outCount) {
+    return guard([&] {
+        Document& d = checkedDoc(doc);
+        checkOut(outCount);
+        ensureTerminals(d);
+        *outCount = static_cast<uint32_t>(d.terminalFields.size());
+    });
+}
+
+PDResult PDDocGetField(PDDoc doc, uint32_t index, PDField* outField) {
+    if (outField) *outField = nullptr;
+    return guard([&] {
+        Document& d = checkedDoc(doc);
+        checkOut(outField);
+        ensureTerminals(d);
+        if (index >= d.terminalFields.size()) fail(PD_ERR_RANGE);
+        *outField = handleFor(d, d.terminalFields[index], Kind::Field);
+    });
+}
+
+PDResult PDFieldGetName(PDField field, char16_t* buf, uint32_t bufLen, uint32_t* outLen) {
+    std::u16string value;
+    PDResult r = guard([&] { value = textOf(checkedField(field).obj.getKey("/T")); });
+    return r != PD_OK ? r : putText(value, buf, bufLen, outLen);
+}
+
+PDResult PDFieldGetFullName(PDField field, char16_t* buf, uint32_t bufLen, uint32_t* outLen) {
+    std::u16string value;
+    PDResult r = guard([&] { value = fullNameOf(checkedField(field).obj); });
+    return r != PD_OK ? r : putText(value, buf, bufLen, outLen);
+}
+
+PDResult PDFieldGetType(PDField field, PDAtom* outType) {
+    return guard([&] {
+        auto& f = checkedField(field);
+        checkOut(outType);
+        auto ft = inherited(f.obj, "/FT");
+        if (!ft.isName()) fail(PD_ERR_NO_VALUE);
+        *outType = atomOf(ft.getName().substr(1));
+    });
+}
+
+PDResult PDFieldGetFlags(PDField field, uint32_t* outFlags) {
+    return guard([&] {
+        auto& f = checkedField(field);
+        checkOut(outFlags);
+        auto ff = inherited(f.obj, "/Ff");
+        *outFlags = ff.isInteger() ? static_cast<uint32_t>(ff.getIntValue()) : 0;
+    });
+}
+
+PDResult PDFieldSetFlags(PDField field, uint32_t flags) {
+    return guard([&] {
+        auto& f = checkedField(field);
+        f.obj.replaceKey("/Ff", QPDFObjectHandle::newInteger(flags));
+        if (isTerminal(f.obj)) regenerateField(*f.doc, f.obj);
+    });
+}
+
+PDResult PDFieldGetUIName(PDField field, char16_t* buf, uint32_t bufLen, uint32_t* outLen) {
+    std::u16string value;
+    PDResult r = guard([&] {
+        auto tu = checkedField(field).obj.getKey("/TU");
+        if (!tu.isString()) fail(PD_ERR_NO_VALUE);
+        value = textOf(tu);
+    });
+    return r != PD_OK ? r : putText(value, buf, bufLen, outLen);
+}
+
+PDResult PDFieldSetUIName(PDField field, const char16_t* text, uint32_t len) {
+    return guard([&] {
+        auto& f = checkedField(field);
+        auto t = textArg(text, len);
+        if (t.empty()) {
+            f.obj.removeKey("/TU");
+        } else {
+            f.obj.replaceKey("/TU", textString(t));
+        }
+    });
+}
+
+static PDResult getValue(PDField field, const char* key, char16_t* buf, uint32_t bufLen,
+                         uint32_t* outLen) {
+    std::u16string value;
+    PDResult r = guard([&] {
+        auto v = inherited(checkedField(field).obj, key);
+        if (!(v.isString() || v.isName() || v.isArray() || v.isStream())) fail(PD_ERR_NO_VALUE);
+        value = firstValue(v);
+    });
+    return r != PD_OK ? r : putText(value, buf, bufLen, outLen);
+}
+
+PDResult PDFieldGetValue(PDField field, char16_t* buf, uint32_t bufLen, uint32_t* outLen) {
+    return getValue(field, "/V", buf, bufLen, outLen);
+}
+
+PDResult PDFieldGetDefaultValue(PDField field, char16_t* buf, uint32_t bufLen,
+                                uint32_t* outLen) {
+    return getValue(field, "/DV", buf, bufLen, outLen);
+}
+
+PDResult PDFieldSetValue(PDField field, const char16_t* text, uint32_t len) {
+    return guard([&] {
+        auto& f = checkedTyped(field, nullptr);
+        auto t = textArg(text, len);
+        auto ft = inherited(f.obj, "/FT");
+        if (ft.isName() && ft.getName() == "/Sig") fail(PD_ERR_FIELD_KIND);
+        if (t.empty()) {
+            f.obj.removeKey("/V");
+        } else {
+            f.obj.replaceKey("/V", valueObject(f.obj, t));
+        }
+        if (ft.isName() && ft.getName() == "/Ch") {
+            f.obj.removeKey("/I");
+            auto opt = inherited(f.obj, "/Opt");
+            if (opt.isArray() && !t.empty()) {
+                int n = opt.getArrayNItems();
+                for (int i = 0; i < n; ++i) {
+                    auto o = opt.getArrayItem(i);
+                    auto exportValue = o.isArray() ? o.getArrayItem(0) : o;
+                    if (textOf(exportValue) == t) {
+                        auto sel = QPDFObjectHandle::newArray();
+                        sel.appendItem(QPDFObjectHandle::newInteger(i));
+                        f.obj.replaceKey("/I", sel);
+                        break;
+                    }
+                }
+            }
+        }
+        regenerateField(*f.doc, f.obj);
+    });
+}
+
+PDResult PDFieldSetDefaultValue(PDField field, const char16_t* text, uint32_t len) {
+    return guard([&] {
+        auto& f = checkedTyped(field, nullptr);
+        auto t = textArg(text, len);
+        if (t.empty()) {
+            f.obj.removeKey("/DV");
+        } else {
+            f.obj.replaceKey("/DV", valueObject(f.obj, t));
+        }
+    });
+}
+
+PDResult PDFieldGetNumWidgets(PDField field, uint32_t* outCount) {
+    return guard([&] {
+        auto& f = checkedField(field);
+        checkOut(outCount);
+        *outCount = static_cast<uint32_t>(widgetsOf(f.obj).size());
+    });
+}
+
+PDResult PDFieldGetWidget(PDField field, uint32_t index, PDAnnot* outWidget) {
+    if (outWidget) *outWidget = nullptr;
+    return guard([&] {
+        auto& f = checkedField(field);
+        checkOut(outWidget);
+        auto widgets = widgetsOf(f.obj);
+        if (index >= widgets.size()) fail(PD_ERR_RANGE);
+        auto w = widgets[index];
+        if (!w.isIndirect()) fail(PD_ERR_DAMAGED);
+        if (w.getObjGen() != f.obj.getObjGen() && fieldParent(w).isNull()) {
+            w.replaceKey("/Parent", f.obj);  // a kid that lost its /Parent link
+        }
+        *outWidget = handleFor(*f.doc, w, Kind::Annot);
+    });
+}
+
+PDResult PDFieldAppendWidget(PDField field, PDAnnot widget) {
+    return guard([&] {
+        auto& f = checkedTyped(field, nullptr);
+        auto& w = checkedWidget(widget);
+        sameDoc(f, w);
+        if (fieldOfWidget(w.obj).isDictionary()) fail(PD_ERR_ALREADY);
+        attachWidget(*f.doc, f, w.obj);
+        regenerateAppearance(*f.doc, w.obj);
+    });
+}
+
+PDResult PDFieldRemoveWidget(PDField field, PDAnnot widget) {
+    return guard([&] {
+        auto& f = checkedField(field);
+        auto& w = checkedWidget(widget);
+        sameDoc(f, w);
+        auto owner = fieldOfWidget(w.obj);
+        if (!owner.isDictionary() || owner.getObjGen() != f.obj.getObjGen()) {
+            fail(PD_ERR_NOT_KID);
+        }
+        if (isMerged(f.obj)) splitMerged(*f.doc, f.obj);
+        auto kids = f.obj.getKey("/Kids");
+        removeFrom(kids, w.obj.getObjGen());
+        if (kids.isArray() && kids.getArrayNItems() == 0) f.obj.removeKey("/Kids");
+        w.obj.removeKey("/Parent");
+    });
+}
+
+PDResult PDFieldUpdateWidgets(PDField field) {
+    return guard([&] {
+        auto& f = checkedTyped(field, nullptr);
+        regenerateField(*f.doc, f.obj);
+    });
+}
+
+PDResult PDTextFieldGetMaxLen(PDField field, uint32_t* outMaxLen) {
+    return guard([&] {
+        auto& f = checkedTyped(field, "/Tx");
+        checkOut(outMaxLen);
+        auto m = inherited(f.obj, "/MaxLen");
+        *outMaxLen = m.isInteger() && m.getIntValue() > 0 ? static_cast<uint32_t>(m.getIntValue())
+                                                           : 0;
+    });
+}
+
+PDResult PDTextFieldSetMaxLen(PDField field, uint32_t maxLen) {
+    return guard([&] {
+        auto& f = checkedTyped(field, "/Tx");
+        if (maxLen == 0) {
+            f.obj.removeKey("/MaxLen");
+        } else {
+            f.obj.replaceKey("/MaxLen", QPDFObjectHandle::newInteger(maxLen));
+        }
+        regenerateField(*f.doc, f.obj);
+    });
+}
+
+PDResult PDChoiceFieldGetNumOptions(PDField field, uint32_t* outCount) {
+    return guard([&] {
+        auto& f = checkedTyped(field, "/Ch");
+        checkOut(outCount);
+        auto opt = inherited(f.obj, "/Opt");
+        *outCount = opt.isArray() ? static_cast<uint32_t>(opt.getArrayNItems()) : 0;
+    });
+}
+
+PDResult PDChoiceFieldGetOptionValue(PDField field, uint32_t index, char16_t* buf,
+                                     uint32_t bufLen, uint32_t* outLen) {
+    std::u16string value;
+    PDResult r = guard([&] {
+        auto o = optionAt(checkedTyped(field, "/Ch"), index);
+        value = textOf(o.isArray() ? o.getArrayItem(1) : o);
+    });
+    return r != PD_OK ? r : putText(value, buf, bufLen, outLen);
+}
+
+PDResult PDChoiceFieldGetOptionExportValue(PDField field, uint32_t index, char16_t* buf,
+                                           uint32_t bufLen, uint32_t* outLen) {
+    std::u16string value;
+    PDResult r = guard([&] {
+        auto o = optionAt(checkedTyped(field, "/Ch"), index);
+        value = textOf(o.isArray() ? o.getArrayItem(0) : o);
+    });
+    return r != PD_OK ? r : putText(value, buf, bufLen, outLen);
+}
+
+PDResult PDChoiceFieldInsertOption(PDField field, uint32_t index, const char16_t* display,
+                                   uint32_t displayLen, const char16_t* exportValue,
+                                   uint32_t exportLen) {
+    return guard([&] {
+        auto& f = checkedTyped(field, "/Ch");
+        auto shown = textArg(display, displayLen);
+        auto exported = textArg(exportValue, exportLen);
+        auto opt = f.obj.getKey("/Opt");
+        if (!opt.isArray()) {
+            // An inherited list is copied down before it is changed.
+            auto from = inherited(f.obj, "/Opt");
+            opt = from.isArray() ? from.shallowCopy() : QPDFObjectHandle::newArray();
+            f.obj.replaceKey("/Opt", opt);
+        }
+        if (index > static_cast<uint32_t>(opt.getArrayNItems())) fail(PD_ERR_RANGE);
+        QPDFObjectHandle item;
+        if (exported.empty() || exported == shown) {
+            item = textString(shown);
+        } else {
+            item = QPDFObjectHandle::newArray();
+            item.appendItem(textString(exported));
+            item.appendItem(textString(shown));
+        }
+        opt.insertItem(static_cast<int>(index), item);
+    });
+}
+
+PDResult PDChoiceFieldRemoveAllOptions(PDField field) {
+    return guard([&] {
+        auto& f = checkedTyped(field, "/Ch");
+        f.obj.removeKey("/Opt");
+        f.obj.removeKey("/I");
+    });
+}
+
+// ---- widget creation and parent -------------------------------------------------------
+
+static PDResult createWidget(PDDoc doc, PDField field, PDPage page, const PDRect* rect,
+                             const char* ft, PDAnnot* outWidget) {
+    if (outWidget) *outWidget = nullptr;
+    return guard([&] {
+        Document& d = checkedDoc(doc);
+        auto& f = checkedTyped(field, ft);
+        sameDoc(d.self, f);
+        PDHandleRec* p = page ? &checked(page, Kind::Page) : nullptr;
+        if (p) sameDoc(d.self, *p);
+        checkOut(outWidget);
+        if (!rect || !std::isfinite(rect->left) || !std::isfinite(rect->right) ||
+            !std::isfinite(rect->top) || !std::isfinite(rect->bottom)) {
+            fail(PD_ERR_BAD_ARGUMENT);
+        }
+        auto w = QPDFObjectHandle::newDictionary();
+        w.replaceKey("/Type", QPDFObjectHandle::newName("/Annot"));
+        w.replaceKey("/Subtype", QPDFObjectHandle::newName("/Widget"));
+        w.replaceKey("/Rect", QPDFObjectHandle::newArray(QPDFObjectHandle::Rectangle(
+                                  std::min(rect->left, rect->right),
+                                  std::min(rect->top, rect->bottom),
+                                  std::max(rect->left, rect->right),
+                                  std::max(rect->top, rect->bottom))));
+        w.replaceKey("/F", QPDFObjectHandle::newInteger(PD_ANNOT_PRINT));
+        if (p) w.replaceKey("/P", p->obj);
+        auto mk = QPDFObjectHandle::parse("<< /BC [0 0 0] >>");
+        w.replaceKey("/BS", QPDFObjectHandle::parse("<< /W 1 /S /S >>"));
+        uint32_t flags = 0;
+        auto ff = inherited(f.obj, "/Ff");
+        if (ff.isInteger()) flags = static_cast<uint32_t>(ff.getIntValue());
+        bool isButton = std::string(ft) == "/Btn";
+        if (isButton && !(flags & PD_FIELD_PUSHBUTTON)) {
+            bool radio = flags & PD_FIELD_RADIO;
+            mk.replaceKey("/CA", QPDFObjectHandle::newString(radio ? "l" : "4"));
+            // The appearance names the on state "Yes"; /AS follows the field value.
+            w.replaceKey("/AS", QPDFObjectHandle::newName("/Off"));
+        } else if (isButton) {
+            mk.replaceKey("/BG", QPDFObjectHandle::parse("[0.75 0.75 0.75]"));
+        }
+        w.replaceKey("/MK", mk);
+        w = d.qpdf->makeIndirectObject(w);
+        attachWidget(d, f, w);
+        regenerateAppearance(d, w);
+        *outWidget = handleFor(d, w, Kind::Annot);
+    });
+}
+
+PDResult PDCreateButtonWidgetAnnot(PDDoc doc, PDField field, PDPage page, const PDRect* rect,
+                                   PDAnnot* outWidget) {
+    return createWidget(doc, field, page, rect, "/Btn", outWidget);
+}
+PDResult PDCreateTextWidgetAnnot(PDDoc doc, PDField field, PDPage page, const PDRect* rect,
+                                 PDAnnot* outWidget) {
+    return createWidget(doc, field, page, rect, "/Tx", outWidget);
+}
+PDResult PDCreateChoiceWidgetAnnot(PDDoc doc, PDField field, PDPage page, const PDRect* rect,
+                                   PDAnnot* outWidget) {
+    return createWidget(doc, field, page, rect, "/Ch", outWidget);
+}
+PDResult PDCreateSignWidgetAnnot(PDDoc doc, PDField field, PDPage page, const PDRect* rect,
+                                 PDAnnot* outWidget) {
+    return createWidget(doc, field, page, rect, "/Sig", outWidget);
+}
+
+PDResult PDWidgetAnnotGetParent(PDAnnot widget, PDField* outField) {
+    if (outField) *outField = nullptr;
+    return guard([&] {
+        auto& w = checkedWidget(widget);
+        checkOut(outField);
+        auto f = fieldOfWidget(w.obj);
+        if (f.isDictionary() && f.isIndirect()) *outField = handleFor(*w.doc, f, Kind::Field);
+    });
+}
+
+}  // extern "C"
