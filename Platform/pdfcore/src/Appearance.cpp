@@ -1,0 +1,1422 @@
+// Normal (and, for buttons, down) appearance streams of widgets, drawn from the field's
+// type, flags, value and options and from the widget's /MK, /BS, /DA, /Q and /Rect.
+// The streams are complete: viewers show them as they are.
+#include "Core.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <charconv>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <map>
+#include <numbers>
+#include <qpdf/Buffer.hh>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace pdfcore {
+namespace {
+
+// ---- metrics ---------------------------------------------------------------------
+
+// Advance widths (1/1000 em) of WinAnsi codes 32..255; 0 for unused codes.
+constexpr std::array<uint16_t, 224> kHelvetica = {
+    278,  278, 355, 556, 556,  889, 667, 191, 333, 333, 389, 584,  278, 333,  278,  278,  556, 556,
+    556,  556, 556, 556, 556,  556, 556, 556, 278, 278, 584, 584,  584, 556,  1015, 667,  667, 722,
+    722,  667, 611, 778, 722,  278, 500, 667, 556, 833, 722, 778,  667, 778,  722,  667,  611, 722,
+    667,  944, 667, 667, 611,  278, 278, 278, 469, 556, 333, 556,  556, 500,  556,  556,  278, 556,
+    556,  222, 222, 500, 222,  833, 556, 556, 556, 556, 333, 500,  278, 556,  500,  722,  500, 500,
+    500,  334, 260, 334, 584,  0,   556, 0,   222, 556, 333, 1000, 556, 556,  333,  1000, 667, 333,
+    1000, 0,   611, 0,   0,    222, 222, 333, 333, 350, 556, 1000, 333, 1000, 500,  333,  944, 0,
+    500,  667, 278, 333, 556,  556, 556, 556, 260, 556, 333, 737,  370, 556,  584,  333,  737, 333,
+    400,  584, 333, 333, 333,  578, 537, 278, 333, 333, 365, 556,  834, 834,  834,  611,  667, 667,
+    667,  667, 667, 667, 1000, 722, 667, 667, 667, 667, 278, 278,  278, 278,  722,  722,  778, 778,
+    778,  778, 778, 584, 778,  722, 722, 722, 722, 667, 667, 611,  556, 556,  556,  556,  556, 556,
+    889,  500, 556, 556, 556,  556, 278, 278, 278, 278, 556, 556,  556, 556,  556,  556,  556, 584,
+    611,  556, 556, 556, 556,  500, 556, 500};
+constexpr std::array<uint16_t, 224> kHelveticaBold = {
+    278,  333, 474, 556, 556,  889, 722, 238, 333, 333, 389, 584,  278, 333,  278, 278,  556, 556,
+    556,  556, 556, 556, 556,  556, 556, 556, 333, 333, 584, 584,  584, 611,  975, 722,  722, 722,
+    722,  667, 611, 778, 722,  278, 556, 722, 611, 833, 722, 778,  667, 778,  722, 667,  611, 722,
+    667,  944, 667, 667, 611,  333, 278, 333, 584, 556, 333, 556,  611, 556,  611, 556,  333, 611,
+    611,  278, 278, 556, 278,  889, 611, 611, 611, 611, 389, 556,  333, 611,  556, 778,  556, 556,
+    500,  389, 280, 389, 584,  0,   556, 0,   278, 556, 500, 1000, 556, 556,  333, 1000, 667, 333,
+    1000, 0,   611, 0,   0,    278, 278, 500, 500, 350, 556, 1000, 333, 1000, 556, 333,  944, 0,
+    500,  667, 278, 333, 556,  556, 556, 556, 280, 556, 333, 737,  370, 556,  584, 333,  737, 333,
+    400,  584, 333, 333, 333,  611, 556, 278, 333, 333, 365, 556,  834, 834,  834, 611,  722, 722,
+    722,  722, 722, 722, 1000, 722, 667, 667, 667, 667, 278, 278,  278, 278,  722, 722,  778, 778,
+    778,  778, 778, 584, 778,  722, 722, 722, 722, 667, 667, 611,  556, 556,  556, 556,  556, 556,
+    889,  556, 556, 556, 556,  556, 278, 278, 278, 278, 611, 611,  611, 611,  611, 611,  611, 584,
+    611,  611, 611, 611, 611,  556, 611, 556};
+constexpr std::array<uint16_t, 224> kTimes = {
+    250, 333, 408, 500, 500, 833, 778, 180, 333, 333, 500, 564,  250, 333, 250, 278,  500, 500,
+    500, 500, 500, 500, 500, 500, 500, 500, 278, 278, 564, 564,  564, 444, 921, 722,  667, 667,
+    722, 611, 556, 722, 722, 333, 389, 722, 611, 889, 722, 722,  556, 722, 667, 556,  611, 722,
+    722, 944, 722, 722, 611, 333, 278, 333, 469, 500, 333, 444,  500, 444, 500, 444,  333, 500,
+    500, 278, 278, 500, 278, 778, 500, 500, 500, 500, 333, 389,  278, 500, 500, 722,  500, 500,
+    444, 480, 200, 480, 541, 0,   500, 0,   333, 500, 444, 1000, 500, 500, 333, 1000, 556, 333,
+    889, 0,   611, 0,   0,   333, 333, 444, 444, 350, 500, 1000, 333, 980, 389, 333,  722, 0,
+    444, 722, 250, 333, 500, 500, 500, 500, 200, 500, 333, 760,  276, 500, 564, 333,  760, 333,
+    400, 564, 300, 300, 333, 510, 453, 250, 333, 300, 310, 500,  750, 750, 750, 444,  722, 722,
+    722, 722, 722, 722, 889, 667, 611, 611, 611, 611, 333, 333,  333, 333, 722, 722,  722, 722,
+    722, 722, 722, 564, 722, 722, 722, 722, 722, 722, 556, 500,  444, 444, 444, 444,  444, 444,
+    667, 444, 444, 444, 444, 444, 278, 278, 278, 278, 500, 500,  500, 500, 500, 500,  500, 564,
+    500, 500, 500, 500, 500, 500, 500, 500};
+constexpr std::array<uint16_t, 224> kTimesBold = {
+    250,  333,  555, 500, 500,  1000, 833, 278, 333, 333, 500, 570,  250, 333,  250, 278,  500, 500,
+    500,  500,  500, 500, 500,  500,  500, 500, 333, 333, 570, 570,  570, 500,  930, 722,  667, 722,
+    722,  667,  611, 778, 778,  389,  500, 778, 667, 944, 722, 778,  611, 778,  722, 556,  667, 722,
+    722,  1000, 722, 722, 667,  333,  278, 333, 581, 500, 333, 500,  556, 444,  556, 444,  333, 500,
+    556,  278,  333, 556, 278,  833,  556, 500, 556, 556, 444, 389,  333, 556,  500, 722,  500, 500,
+    444,  394,  220, 394, 520,  0,    500, 0,   333, 500, 500, 1000, 500, 500,  333, 1000, 556, 333,
+    1000, 0,    667, 0,   0,    333,  333, 500, 500, 350, 500, 1000, 333, 1000, 389, 333,  722, 0,
+    444,  722,  250, 333, 500,  500,  500, 500, 220, 500, 333, 747,  300, 500,  570, 333,  747, 333,
+    400,  570,  300, 300, 333,  601,  540, 250, 333, 300, 330, 500,  750, 750,  750, 500,  722, 722,
+    722,  722,  722, 722, 1000, 722,  667, 667, 667, 667, 389, 389,  389, 389,  722, 722,  778, 778,
+    778,  778,  778, 570, 778,  722,  722, 722, 722, 722, 611, 556,  500, 500,  500, 500,  500, 500,
+    722,  444,  444, 444, 444,  444,  278, 278, 278, 278, 500, 556,  500, 500,  500, 500,  500, 570,
+    500,  556,  556, 556, 556,  500,  556, 500};
+// ZapfDingbats, codes 32..126.
+constexpr std::array<uint16_t, 95> kDingbats = {
+    278, 974, 961, 974, 980, 719, 789, 790, 791, 690, 960, 939, 549, 855, 911, 933, 911, 945, 974,
+    755, 846, 762, 761, 571, 677, 763, 760, 759, 754, 494, 552, 537, 577, 692, 786, 788, 788, 790,
+    793, 794, 816, 823, 789, 841, 823, 833, 816, 831, 923, 744, 723, 749, 790, 792, 695, 776, 768,
+    792, 759, 707, 708, 682, 701, 826, 815, 789, 789, 707, 687, 696, 689, 786, 787, 713, 791, 785,
+    791, 873, 761, 762, 762, 759, 759, 892, 892, 788, 784, 438, 138, 277, 415, 392, 392, 668, 668};
+
+// ---- small helpers ------------------------------------------------------------------
+
+// A number for a content stream: at most four decimals, no exponent, no "-0".
+std::string num(double v) {
+    if (!std::isfinite(v)) v = 0;
+    v = std::clamp(v, -1e9, 1e9);
+    v = std::round(v * 10000) / 10000;
+    if (v == 0) return "0";
+    char buf[40];
+    auto r = std::to_chars(buf, buf + sizeof buf, v, std::chars_format::fixed, 4);
+    std::string s(buf, r.ptr);
+    while (!s.empty() && s.back() == '0')
+        s.pop_back();
+    if (!s.empty() && s.back() == '.') s.pop_back();
+    return s;
+}
+
+constexpr double kPi = std::numbers::pi;
+
+QPDFObjectHandle real(double v) {
+    return QPDFObjectHandle::newReal(num(v));
+}
+
+bool numberOf(QPDFObjectHandle o, double& out) {
+    if (!o.isNumber()) return false;
+    out = o.getNumericValue();
+    return std::isfinite(out);
+}
+
+std::string nameOf(QPDFObjectHandle o) {
+    return o.isName() ? o.getName() : std::string();
+}
+
+int64_t intOf(QPDFObjectHandle o, int64_t fallback) {
+    double v;
+    return numberOf(o, v) ? static_cast<int64_t>(v) : fallback;
+}
+
+struct Colour {
+    int n = 0; // 0 none, 1 grey, 3 RGB, 4 CMYK
+    double c[4] = {0, 0, 0, 0};
+
+    bool present() const { return n > 0; }
+    static Colour grey(double g) {
+        Colour k;
+        k.n = 1;
+        k.c[0] = g;
+        return k;
+    }
+    Colour rgb() const {
+        Colour k;
+        k.n = 3;
+        if (n == 1) {
+            k.c[0] = k.c[1] = k.c[2] = c[0];
+        } else if (n == 3) {
+            std::copy(c, c + 3, k.c);
+        } else if (n == 4) {
+            for (int i = 0; i < 3; ++i)
+                k.c[i] = (1 - c[i]) * (1 - c[3]);
+        }
+        return k;
+    }
+    Colour scaled(double f) const {
+        Colour k = rgb();
+        for (int i = 0; i < 3; ++i)
+            k.c[i] = std::clamp(k.c[i] * f, 0.0, 1.0);
+        return k;
+    }
+    std::string op(bool stroke) const {
+        std::string s;
+        for (int i = 0; i < n; ++i)
+            s += num(std::clamp(c[i], 0.0, 1.0)) + ' ';
+        static const char* fill[] = {"", "g", "", "rg", "k"};
+        static const char* strokeOps[] = {"", "G", "", "RG", "K"};
+        return s + (stroke ? strokeOps[n] : fill[n]) + '\n';
+    }
+};
+
+Colour colourOf(QPDFObjectHandle arr) {
+    Colour k;
+    if (!arr.isArray()) return k;
+    int n = arr.getArrayNItems();
+    if (n != 1 && n != 3 && n != 4) return k;
+    for (int i = 0; i < n; ++i)
+        if (!numberOf(arr.getArrayItem(i), k.c[i])) return Colour{};
+    k.n = n;
+    return k;
+}
+
+// ---- default appearance ------------------------------------------------------------
+
+struct DefaultAppearance {
+    std::string font; // resource name without slash; empty when no Tf
+    double size = 0;
+    Colour colour;
+};
+
+bool isPdfSpace(char c) {
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\f' || c == '\0';
+}
+bool isPdfDelimiter(char c) {
+    return c == '(' || c == ')' || c == '<' || c == '>' || c == '[' || c == ']' || c == '{' ||
+           c == '}' || c == '/' || c == '%';
+}
+
+// Reads the operators that matter (Tf, g, rg, k) from a /DA string; the last one of
+// each kind wins, as it would when the string is run as content.
+DefaultAppearance parseDA(const std::string& s) {
+    struct Operand {
+        bool isName;
+        double value;
+        std::string name;
+    };
+    DefaultAppearance da;
+    std::vector<Operand> stack;
+    size_t i = 0, n = s.size();
+    auto bad = [&] { stack.push_back({false, NAN, {}}); };
+    while (i < n) {
+        char c = s[i];
+        if (isPdfSpace(c)) {
+            ++i;
+        } else if (c == '%') {
+            while (i < n && s[i] != '\r' && s[i] != '\n')
+                ++i;
+        } else if (c == '/') {
+            std::string name;
+            for (++i; i < n && !isPdfSpace(s[i]) && !isPdfDelimiter(s[i]); ++i) {
+                if (s[i] == '#' && i + 2 < n &&
+                    std::isxdigit(static_cast<unsigned char>(s[i + 1])) &&
+                    std::isxdigit(static_cast<unsigned char>(s[i + 2]))) {
+                    name += static_cast<char>(std::stoi(s.substr(i + 1, 2), nullptr, 16));
+                    i += 2;
+                } else {
+                    name += s[i];
+                }
+            }
+            stack.push_back({true, 0, name});
+        } else if (c == '(') {
+            int depth = 0;
+            for (; i < n; ++i) {
+                if (s[i] == '\\')
+                    ++i;
+                else if (s[i] == '(')
+                    ++depth;
+                else if (s[i] == ')' && --depth == 0)
+                    break;
+            }
+            ++i;
+            bad();
+        } else if (c == '<' || c == '[' || c == ']' || c == '{' || c == '}' || c == '>' ||
+                   c == ')') {
+            if (c == '<')
+                while (i < n && s[i] != '>')
+                    ++i;
+            ++i;
+            bad();
+        } else {
+            size_t start = i;
+            while (i < n && !isPdfSpace(s[i]) && !isPdfDelimiter(s[i]))
+                ++i;
+            std::string word = s.substr(start, i - start);
+            if ((word[0] >= '0' && word[0] <= '9') || word[0] == '-' || word[0] == '+' ||
+                word[0] == '.') {
+                double v = NAN;
+                const char* b = word.data() + (word[0] == '+' ? 1 : 0);
+                auto r = std::from_chars(b, word.data() + word.size(), v);
+                if (r.ec != std::errc() || r.ptr != word.data() + word.size()) v = NAN;
+                stack.push_back({false, v, {}});
+                continue;
+            }
+            auto numberAt = [&](size_t fromEnd, double& v) {
+                if (stack.size() < fromEnd) return false;
+                const Operand& o = stack[stack.size() - fromEnd];
+                v = o.value;
+                return !o.isName && std::isfinite(v);
+            };
+            if (word == "Tf" && stack.size() >= 2 && stack[stack.size() - 2].isName) {
+                double size;
+                if (numberAt(1, size)) {
+                    da.font = stack[stack.size() - 2].name;
+                    da.size = size;
+                }
+            } else if (word == "g" || word == "rg" || word == "k") {
+                int count = word == "g" ? 1 : word == "rg" ? 3 : 4;
+                Colour k;
+                bool ok = true;
+                for (int j = 0; j < count && ok; ++j)
+                    ok = numberAt(count - j, k.c[j]);
+                if (ok) {
+                    k.n = count;
+                    da.colour = k;
+                }
+            }
+            stack.clear();
+        }
+    }
+    return da;
+}
+
+std::string stringOf(QPDFObjectHandle o) {
+    return o.isString() ? o.getStringValue() : "";
+}
+
+DefaultAppearance defaultAppearanceOf(Document& doc, QPDFObjectHandle widget) {
+    QPDFObjectHandle da = inherited(widget, "/DA");
+    if (!da.isString()) {
+        QPDFObjectHandle form = acroForm(doc, false);
+        if (form.isDictionary()) da = form.getKey("/DA");
+    }
+    return parseDA(stringOf(da));
+}
+
+// ---- fonts ---------------------------------------------------------------------------
+
+// Text encoded for one font: one code per character.
+using Codes = std::vector<uint32_t>;
+
+// A font as used in one stream: its resource name and dictionary, how text maps to its
+// codes, the advance widths of the codes and the font's vertical extent (per em).
+struct Font {
+    enum Mode {
+        kSingleByte, // simple fonts: WinAnsi codes, or the low byte for symbolic fonts
+        kCid,        // Type0 with Identity-H: codes from the reversed /ToUnicode
+        kUtf16       // Type0 with a UTF-16 CMap: the code is the UTF-16 unit
+    };
+    std::string name;
+    QPDFObjectHandle dict;
+    Mode mode = kSingleByte;
+    bool winAnsi = true;
+    std::array<double, 256> widths{};
+    std::map<char16_t, uint32_t> codeOf;
+    std::map<uint32_t, double> cidWidths;
+    double defaultWidth = 1000;
+    double ascent = 0.718;
+    double descent = 0.207; // below the baseline, positive
+
+    double advance(uint32_t code) const {
+        if (mode == kSingleByte) return code < 256 ? widths[code] : 0;
+        if (mode == kUtf16) return code < 0x1100 ? 500 : 1000; // half and full width
+        auto it = cidWidths.find(code);
+        return it == cidWidths.end() ? defaultWidth : it->second;
+    }
+    double width(const Codes& codes, double size) const {
+        double w = 0;
+        for (uint32_t c : codes)
+            w += advance(c);
+        return w * size / 1000;
+    }
+    uint32_t space() const {
+        if (mode != kCid) return 0x20;
+        auto it = codeOf.find(u' ');
+        return it == codeOf.end() ? UINT32_MAX : it->second;
+    }
+    std::string bytes(const Codes& codes) const {
+        std::string out;
+        for (uint32_t c : codes) {
+            if (mode != kSingleByte) out += static_cast<char>((c >> 8) & 0xFF);
+            out += static_cast<char>(c & 0xFF);
+        }
+        return out;
+    }
+
+    // Single-byte fonts encode anything (WinAnsi, '?' for the rest); two-byte fonts fail
+    // on a character they have no code for. Control characters are dropped, tabs become
+    // spaces.
+    bool encode(const std::u16string& s, Codes& out) const {
+        static const char16_t k80[32] = {
+            0x20AC, 0,      0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021, 0x02C6, 0x2030, 0x0160,
+            0x2039, 0x0152, 0,      0x017D, 0,      0,      0x2018, 0x2019, 0x201C, 0x201D, 0x2022,
+            0x2013, 0x2014, 0x02DC, 0x2122, 0x0161, 0x203A, 0x0153, 0,      0x017E, 0x0178};
+        out.clear();
+        for (size_t i = 0; i < s.size(); ++i) {
+            char16_t c = s[i];
+            if (c >= 0xD800 && c <= 0xDFFF) {
+                if (mode != kSingleByte) return false;
+                if (c <= 0xDBFF && i + 1 < s.size() && s[i + 1] >= 0xDC00 && s[i + 1] <= 0xDFFF)
+                    ++i; // one '?' for the pair
+                out.push_back('?');
+                continue;
+            }
+            if (c == u'\t') c = u' ';
+            if (c < 0x20) continue;
+            if (mode == kUtf16) {
+                out.push_back(c);
+            } else if (mode == kCid) {
+                auto it = codeOf.find(c);
+                if (it == codeOf.end()) return false;
+                out.push_back(it->second);
+            } else if (c < 0x7F || (c >= 0xA0 && c <= 0xFF)) {
+                out.push_back(c);
+            } else {
+                uint32_t mapped = '?';
+                if (winAnsi) {
+                    for (uint32_t k = 0; k < 32; ++k)
+                        if (k80[k] == c) mapped = 0x80 + k;
+                } else if (c <= 0xFF) {
+                    mapped = c;
+                }
+                out.push_back(mapped);
+            }
+        }
+        return true;
+    }
+    Codes encode(const std::u16string& s) const {
+        Codes out;
+        encode(s, out);
+        return out;
+    }
+};
+
+std::string stripSubset(std::string base) {
+    if (base.size() > 7 && base[6] == '+' &&
+        std::all_of(base.begin(), base.begin() + 6, [](char c) { return c >= 'A' && c <= 'Z'; }))
+        base.erase(0, 7);
+    return base;
+}
+
+QPDFObjectHandle simpleFontDict(const std::string& baseFont, bool winAnsi) {
+    auto d = QPDFObjectHandle::newDictionary();
+    d.replaceKey("/Type", QPDFObjectHandle::newName("/Font"));
+    d.replaceKey("/Subtype", QPDFObjectHandle::newName("/Type1"));
+    d.replaceKey("/BaseFont", QPDFObjectHandle::newName("/" + baseFont));
+    if (winAnsi) d.replaceKey("/Encoding", QPDFObjectHandle::newName("/WinAnsiEncoding"));
+    return d;
+}
+
+void readVerticalMetrics(Font& f, QPDFObjectHandle descriptor) {
+    double ascent, descent;
+    if (numberOf(descriptor.getKeyIfDict("/Ascent"), ascent) &&
+        numberOf(descriptor.getKeyIfDict("/Descent"), descent) && ascent > 0 && ascent < 2000 &&
+        descent <= 0 && descent > -1000) {
+        f.ascent = ascent / 1000;
+        f.descent = -descent / 1000;
+    }
+}
+
+Font makeFont(const std::string& name, QPDFObjectHandle dict) {
+    Font f;
+    f.name = name;
+    f.dict = dict;
+    std::string base = stripSubset(nameOf(dict.getKeyIfDict("/BaseFont")));
+    auto has = [&](const char* part) { return base.find(part) != std::string::npos; };
+    bool bold = has("Bold") || has("Black") || has("Heavy") || has("Semibold");
+    if (has("Dingbats")) {
+        f.winAnsi = false;
+        f.ascent = 0.705;
+        f.descent = 0.014;
+        for (size_t c = 32; c < 127; ++c)
+            f.widths[c] = kDingbats[c - 32];
+    } else if (has("Courier") || has("Mono")) {
+        f.ascent = 0.629;
+        f.descent = 0.157;
+        for (size_t c = 32; c < 256; ++c)
+            f.widths[c] = 600;
+    } else {
+        const auto& table =
+            has("Times") ? (bold ? kTimesBold : kTimes) : (bold ? kHelveticaBold : kHelvetica);
+        if (has("Times")) f.ascent = 0.683, f.descent = 0.217;
+        for (size_t c = 32; c < 256; ++c)
+            f.widths[c] = table[c - 32];
+        f.winAnsi = !has("Symbol");
+    }
+    // Widths stored in the font itself win over the built-in tables.
+    QPDFObjectHandle widths = dict.getKeyIfDict("/Widths");
+    int64_t first = intOf(dict.getKeyIfDict("/FirstChar"), -1);
+    if (widths.isArray() && first >= 0) {
+        int count = widths.getArrayNItems();
+        for (int k = 0; k < count && first + k < 256; ++k) {
+            double w;
+            if (numberOf(widths.getArrayItem(k), w) && w >= 0) f.widths[first + k] = w;
+        }
+    }
+    readVerticalMetrics(f, dict.getKeyIfDict("/FontDescriptor"));
+    return f;
+}
+
+uint32_t hexValue(const std::string& hex) {
+    uint32_t v = 0;
+    for (char c : hex)
+        v = (v << 4) | static_cast<uint32_t>(std::stoi(std::string(1, c), nullptr, 16));
+    return v;
+}
+
+// The reversed /ToUnicode of a font: for each single UTF-16 unit, the lowest code that
+// maps to it (bfchar and bfrange entries of two-byte codes).
+std::map<char16_t, uint32_t> reverseToUnicode(QPDFObjectHandle cmap) {
+    std::map<char16_t, uint32_t> out;
+    std::string text;
+    try {
+        auto data = cmap.getStreamData(qpdf_dl_generalized);
+        text.assign(reinterpret_cast<const char*>(data->getBuffer()), data->getSize());
+    } catch (const std::exception&) {
+        return out;
+    }
+    auto add = [&](uint32_t code, uint32_t unit) {
+        if (unit < 0x10000 && (unit < 0xD800 || unit > 0xDFFF))
+            out.emplace(static_cast<char16_t>(unit), code);
+    };
+    // Tokens: hex strings and words; arrays only matter inside bfrange.
+    std::vector<std::string> hex;
+    std::string section;
+    size_t i = 0, n = text.size();
+    std::vector<std::string> arrayItems;
+    bool inArray = false;
+    while (i < n && out.size() < 65536) {
+        char c = text[i];
+        if (c == '<' && i + 1 < n && text[i + 1] != '<') {
+            size_t close = text.find('>', i);
+            if (close == std::string::npos) break;
+            std::string h;
+            for (size_t k = i + 1; k < close; ++k)
+                if (std::isxdigit(static_cast<unsigned char>(text[k]))) h += text[k];
+            (inArray ? arrayItems : hex).push_back(h);
+            i = close + 1;
+        } else if (c == '[') {
+            inArray = true;
+            arrayItems.clear();
+            ++i;
+        } else if (c == ']') {
+            inArray = false;
+            if (section == "bfrange" && hex.size() >= 2) {
+                uint32_t lo = hexValue(hex[hex.size() - 2]);
+                for (size_t k = 0; k < arrayItems.size(); ++k)
+                    if (arrayItems[k].size() == 4)
+                        add(lo + static_cast<uint32_t>(k), hexValue(arrayItems[k]));
+            }
+            hex.clear();
+            ++i;
+        } else if (std::isalpha(static_cast<unsigned char>(c))) {
+            size_t start = i;
+            while (i < n && std::isalnum(static_cast<unsigned char>(text[i])))
+                ++i;
+            std::string word = text.substr(start, i - start);
+            if (word == "beginbfchar") section = "bfchar";
+            if (word == "beginbfrange") section = "bfrange";
+            if (word == "endbfchar" || word == "endbfrange") section.clear();
+            hex.clear();
+        } else {
+            ++i;
+        }
+        if (section == "bfchar" && hex.size() == 2) {
+            if (hex[0].size() == 4 && hex[1].size() == 4) add(hexValue(hex[0]), hexValue(hex[1]));
+            hex.clear();
+        } else if (section == "bfrange" && hex.size() == 3) {
+            if (hex[0].size() == 4 && hex[2].size() == 4) {
+                uint32_t lo = hexValue(hex[0]), hi = hexValue(hex[1]), dst = hexValue(hex[2]);
+                for (uint32_t code = lo; code <= hi && code - lo < 65536; ++code)
+                    add(code, dst + (code - lo));
+            }
+            hex.clear();
+        }
+    }
+    return out;
+}
+
+// A Type0 font with two-byte codes that text can be encoded for: Identity-H with a
+// /ToUnicode, or a predefined UTF-16 (or UCS-2) CMap. Others give a font of no codes.
+Font makeType0(const std::string& name, QPDFObjectHandle dict) {
+    Font f;
+    f.name = name;
+    f.dict = dict;
+    f.mode = Font::kCid;
+    std::string encoding = nameOf(dict.getKey("/Encoding"));
+    auto endsWith = [&](const std::string& tail) {
+        return encoding.size() > tail.size() &&
+               encoding.compare(encoding.size() - tail.size(), tail.size(), tail) == 0;
+    };
+    if (encoding == "/Identity-H") {
+        QPDFObjectHandle toUnicode = dict.getKey("/ToUnicode");
+        if (toUnicode.isStream()) f.codeOf = reverseToUnicode(toUnicode);
+    } else if (endsWith("-UTF16-H") || endsWith("-UCS2-H")) {
+        f.mode = Font::kUtf16;
+    }
+    QPDFObjectHandle kids = dict.getKey("/DescendantFonts");
+    QPDFObjectHandle cid = kids.isArray() && kids.getArrayNItems() > 0
+                               ? kids.getArrayItem(0)
+                               : QPDFObjectHandle::newNull();
+    double dw;
+    if (numberOf(cid.getKeyIfDict("/DW"), dw) && dw >= 0) f.defaultWidth = dw;
+    QPDFObjectHandle w = cid.getKeyIfDict("/W");
+    if (w.isArray()) {
+        auto items = w.getArrayAsVector();
+        for (size_t k = 0; k + 1 < items.size() && f.cidWidths.size() < 65536;) {
+            int64_t first = intOf(items[k], -1);
+            if (first < 0) break;
+            if (items[k + 1].isArray()) {
+                auto list = items[k + 1].getArrayAsVector();
+                for (size_t j = 0; j < list.size(); ++j) {
+                    double v;
+                    if (numberOf(list[j], v)) f.cidWidths[static_cast<uint32_t>(first + j)] = v;
+                }
+                k += 2;
+            } else if (k + 2 < items.size()) {
+                int64_t last = intOf(items[k + 1], -1);
+                double v;
+                if (numberOf(items[k + 2], v))
+                    for (int64_t c = first; c <= last && c - first < 65536; ++c)
+                        f.cidWidths[static_cast<uint32_t>(c)] = v;
+                k += 3;
+            } else {
+                break;
+            }
+        }
+    }
+    f.ascent = 0.88, f.descent = 0.12;
+    readVerticalMetrics(f, cid.getKeyIfDict("/FontDescriptor"));
+    return f;
+}
+
+// A standard font under its usual resource name: the form's own when its /DR has that
+// font there, else a dictionary of the stream's own.
+Font standardFont(Document& doc, const std::string& name, const std::string& baseFont,
+                  bool winAnsi) {
+    QPDFObjectHandle form = acroForm(doc, false);
+    QPDFObjectHandle dict = form.isDictionary()
+                                ? form.getKey("/DR").getKeyIfDict("/Font").getKeyIfDict("/" + name)
+                                : QPDFObjectHandle::newNull();
+    if (!dict.isDictionary() || nameOf(dict.getKeyIfDict("/BaseFont")) != "/" + baseFont)
+        dict = simpleFontDict(baseFont, winAnsi);
+    return makeFont(name, dict);
+}
+
+Font helvetica(Document& doc) {
+    return standardFont(doc, "Helv", "Helvetica", true);
+}
+Font dingbats(Document& doc) {
+    return standardFont(doc, "ZaDb", "ZapfDingbats", false);
+}
+
+// The font dictionary of a resource name: the form's /DR, a /DR on the field, or the
+// resources of the widget's current appearance.
+QPDFObjectHandle findFontResource(Document& doc, QPDFObjectHandle widget, const std::string& name) {
+    std::vector<QPDFObjectHandle> places;
+    QPDFObjectHandle form = acroForm(doc, false);
+    if (form.isDictionary()) places.push_back(form.getKey("/DR"));
+    places.push_back(inherited(widget, "/DR"));
+    QPDFObjectHandle normal = widget.getKeyIfDict("/AP").getKeyIfDict("/N");
+    if (normal.isStream()) {
+        places.push_back(normal.getDict().getKey("/Resources"));
+    } else if (normal.isDictionary()) {
+        for (auto const& key : normal.getKeys()) {
+            QPDFObjectHandle s = normal.getKey(key);
+            if (s.isStream()) places.push_back(s.getDict().getKey("/Resources"));
+        }
+    }
+    for (auto& res : places) {
+        QPDFObjectHandle font = res.getKeyIfDict("/Font").getKeyIfDict("/" + name);
+        if (font.isDictionary()) return font;
+    }
+    return QPDFObjectHandle::newNull();
+}
+
+// The text font of a widget: the /DA font when it can be found and encodes all of texts,
+// else Helvetica.
+Font textFont(Document& doc, QPDFObjectHandle widget, const DefaultAppearance& da,
+              const std::vector<std::u16string>& texts) {
+    if (!da.font.empty()) {
+        QPDFObjectHandle dict = findFontResource(doc, widget, da.font);
+        std::string subtype = nameOf(dict.getKeyIfDict("/Subtype"));
+        if (subtype == "/Type1" || subtype == "/TrueType" || subtype == "/MMType1")
+            return makeFont(da.font, dict);
+        if (subtype == "/Type0") {
+            Font f = makeType0(da.font, dict);
+            Codes codes;
+            if (std::all_of(texts.begin(), texts.end(),
+                            [&](const std::u16string& t) { return f.encode(t, codes); }))
+                return f;
+        }
+    }
+    return helvetica(doc);
+}
+
+// ---- text --------------------------------------------------------------------------
+
+std::string literal(const std::string& bytes) {
+    std::string out = "(";
+    for (unsigned char b : bytes) {
+        if (b == '(' || b == ')' || b == '\\') {
+            out += '\\';
+            out += static_cast<char>(b);
+        } else if (b < 0x20 || b >= 0x7F) {
+            char buf[5];
+            buf[0] = '\\';
+            buf[1] = static_cast<char>('0' + (b >> 6));
+            buf[2] = static_cast<char>('0' + ((b >> 3) & 7));
+            buf[3] = static_cast<char>('0' + (b & 7));
+            out.append(buf, 4);
+        } else {
+            out += static_cast<char>(b);
+        }
+    }
+    return out + ")";
+}
+
+std::vector<std::u16string> splitLines(const std::u16string& s) {
+    std::vector<std::u16string> lines(1);
+    for (size_t i = 0; i < s.size(); ++i) {
+        if (s[i] == u'\r' || s[i] == u'\n') {
+            if (s[i] == u'\r' && i + 1 < s.size() && s[i + 1] == u'\n') ++i;
+            lines.emplace_back();
+        } else {
+            lines.back() += s[i];
+        }
+    }
+    return lines;
+}
+
+std::u16string oneLine(std::u16string s) {
+    for (auto& c : s)
+        if (c == u'\r' || c == u'\n') c = u' ';
+    return s;
+}
+
+// Greedy word wrap of one encoded paragraph into lines no wider than avail; a word longer
+// than a line is broken between characters.
+std::vector<Codes> wrap(const Codes& para, const Font& font, double size, double avail) {
+    std::vector<Codes> lines;
+    const uint32_t space = font.space();
+    size_t start = 0, n = para.size();
+    if (n == 0) lines.emplace_back();
+    while (start < n) {
+        double w = 0;
+        size_t i = start, lastSpace = SIZE_MAX;
+        while (i < n) {
+            double cw = font.advance(para[i]) * size / 1000;
+            if (w + cw > avail && i > start && para[i] != space) break;
+            if (para[i] == space) lastSpace = i;
+            w += cw;
+            ++i;
+        }
+        size_t end = i, next = i;
+        if (i < n && lastSpace != SIZE_MAX && lastSpace > start) {
+            end = lastSpace;
+            next = lastSpace + 1;
+        }
+        Codes line(para.begin() + static_cast<std::ptrdiff_t>(start),
+                   para.begin() + static_cast<std::ptrdiff_t>(end));
+        while (!line.empty() && line.back() == space)
+            line.pop_back();
+        lines.push_back(line);
+        while (next < n && para[next] == space && next > start)
+            ++next;
+        start = next;
+    }
+    return lines;
+}
+
+// ---- drawing -------------------------------------------------------------------------
+
+constexpr double kPad = 2;           // between the border and the text
+constexpr double kLineFactor = 1.15; // leading per point of font size
+constexpr double kAutoFactor = 1.35; // box height per point of automatic font size
+constexpr double kMinAuto = 4;       // smallest automatic font size
+
+enum BorderStyle { kSolid = 0, kDashed, kBeveled, kInset, kUnderline };
+
+struct Frame {
+    double w = 0, h = 0; // the form's box, after /MK /R
+    Colour bg, bc;
+    int style = kSolid;
+    double bw = 1;
+    std::vector<double> dash;
+    bool round = false; // radio buttons: a circle instead of a rectangle
+
+    bool hasBorder() const { return bc.present() && bw > 0; }
+    // Distance from the box edge to the content area.
+    double inset() const {
+        if (!hasBorder()) return 0;
+        return (style == kBeveled || style == kInset) ? 2 * bw : bw;
+    }
+};
+
+class Content {
+  public:
+    std::string s;
+    Content& operator<<(const std::string& t) {
+        s += t;
+        return *this;
+    }
+    void rect(double x, double y, double w, double h) {
+        s += num(x) + ' ' + num(y) + ' ' + num(w) + ' ' + num(h) + " re\n";
+    }
+    void moveTo(double x, double y) { s += num(x) + ' ' + num(y) + " m\n"; }
+    void lineTo(double x, double y) { s += num(x) + ' ' + num(y) + " l\n"; }
+    // Arc of a circle around (cx, cy) from angle a0 to a1 (radians), continuing the path.
+    void arc(double cx, double cy, double r, double a0, double a1, bool move) {
+        int parts = std::max(1, static_cast<int>(std::ceil(std::fabs(a1 - a0) / (kPi / 2))));
+        double step = (a1 - a0) / parts;
+        double k = 4.0 / 3.0 * std::tan(step / 4);
+        if (move) moveTo(cx + r * std::cos(a0), cy + r * std::sin(a0));
+        for (int i = 0; i < parts; ++i) {
+            double t0 = a0 + i * step, t1 = t0 + step;
+            double x0 = cx + r * std::cos(t0), y0 = cy + r * std::sin(t0);
+            double x3 = cx + r * std::cos(t1), y3 = cy + r * std::sin(t1);
+            s += num(x0 - k * r * std::sin(t0)) + ' ' + num(y0 + k * r * std::cos(t0)) + ' ' +
+                 num(x3 + k * r * std::sin(t1)) + ' ' + num(y3 - k * r * std::cos(t1)) + ' ' +
+                 num(x3) + ' ' + num(y3) + " c\n";
+        }
+    }
+    void circle(double cx, double cy, double r) {
+        arc(cx, cy, r, 0, 2 * kPi, true);
+        s += "h\n";
+    }
+    void text(const Font& f, double size, const Colour& colour, double x, double y,
+              const Codes& codes) {
+        s += "BT\n/" + f.name + ' ' + num(size) + " Tf\n";
+        if (colour.present()) s += colour.op(false);
+        s += "1 0 0 1 " + num(x) + ' ' + num(y) + " Tm\n" + literal(f.bytes(codes)) + " Tj\nET\n";
+    }
+};
+
+Colour bevelLight(const Frame& f) {
+    return f.style == kInset ? Colour::grey(0.5) : Colour::grey(1);
+}
+Colour bevelDark(const Frame& f) {
+    if (f.style == kInset) return Colour::grey(0.75);
+    return f.bg.present() ? f.bg.scaled(0.5) : Colour::grey(0.5);
+}
+
+void drawBackground(Content& c, const Frame& f, const Colour& bg) {
+    if (!bg.present()) return;
+    c << bg.op(false);
+    if (f.round) {
+        c.circle(f.w / 2, f.h / 2, std::min(f.w, f.h) / 2);
+    } else {
+        c.rect(0, 0, f.w, f.h);
+    }
+    c << "f\n";
+}
+
+void drawBorder(Content& c, const Frame& f) {
+    if (!f.hasBorder()) return;
+    double bw = f.bw;
+    c << "q\n" << num(bw) << " w\n" << f.bc.op(true);
+    if (f.style == kDashed) {
+        std::vector<double> dash = f.dash;
+        bool allZero = std::all_of(dash.begin(), dash.end(), [](double d) { return d <= 0; });
+        if (dash.empty() || allZero) dash = {3};
+        std::string a = "[";
+        for (size_t i = 0; i < dash.size(); ++i)
+            a += (i ? " " : "") + num(dash[i]);
+        c << a << "] 0 d\n";
+    }
+    if (f.style == kUnderline) {
+        c.moveTo(0, bw / 2);
+        c.lineTo(f.w, bw / 2);
+        c << "S\nQ\n";
+        return;
+    }
+    if (f.round) {
+        c.circle(f.w / 2, f.h / 2, std::min(f.w, f.h) / 2 - bw / 2);
+        c << "S\n";
+    } else {
+        c.rect(bw / 2, bw / 2, f.w - bw, f.h - bw);
+        c << "S\n";
+    }
+    if (f.style == kBeveled || f.style == kInset) {
+        Colour light = bevelLight(f), dark = bevelDark(f);
+        if (f.round) {
+            double r = std::min(f.w, f.h) / 2 - 1.5 * bw;
+            c << light.op(true);
+            c.arc(f.w / 2, f.h / 2, r, kPi / 4, 5 * kPi / 4, true);
+            c << "S\n" << dark.op(true);
+            c.arc(f.w / 2, f.h / 2, r, 5 * kPi / 4, 9 * kPi / 4, true);
+            c << "S\n";
+        } else {
+            double a = bw, b = 2 * bw, w = f.w, h = f.h;
+            c << light.op(false);
+            c.moveTo(a, a);
+            c.lineTo(a, h - a);
+            c.lineTo(w - a, h - a);
+            c.lineTo(w - b, h - b);
+            c.lineTo(b, h - b);
+            c.lineTo(b, b);
+            c << "f\n" << dark.op(false);
+            c.moveTo(w - a, h - a);
+            c.lineTo(w - a, a);
+            c.lineTo(a, a);
+            c.lineTo(b, b);
+            c.lineTo(w - b, b);
+            c.lineTo(w - b, h - b);
+            c << "f\n";
+        }
+    }
+    c << "Q\n";
+}
+
+void drawFrame(Content& c, const Frame& f, const Colour& bg) {
+    drawBackground(c, f, bg);
+    drawBorder(c, f);
+}
+
+// Automatic size of one line of text in a box of height h (and width w when the text is
+// to fit it).
+double autoSize(const Font& font, const Codes& codes, double w, double h) {
+    double size = std::max(kMinAuto, (h - 2) / kAutoFactor);
+    double tw = font.width(codes, size);
+    if (w > 0 && tw > w) size = std::max(kMinAuto, size * w / tw);
+    return size;
+}
+
+double baselineCentred(const Font& font, double size, double y0, double h) {
+    return y0 + (h - (font.ascent + font.descent) * size) / 2 + font.descent * size;
+}
+
+double alignedX(int quadding, double x0, double avail, double textWidth) {
+    if (quadding == 1) return x0 + (avail - textWidth) / 2;
+    if (quadding == 2) return x0 + avail - textWidth;
+    return x0;
+}
+
+// ---- the widget's model ----------------------------------------------------------------
+
+struct Option {
+    std::u16string exportValue, display;
+};
+
+std::vector<Option> optionsOf(QPDFObjectHandle field) {
+    std::vector<Option> out;
+    QPDFObjectHandle opt = inherited(field, "/Opt");
+    if (!opt.isArray()) return out;
+    for (auto& item : opt.getArrayAsVector()) {
+        if (item.isArray() && item.getArrayNItems() >= 2) {
+            out.push_back({textOf(item.getArrayItem(0)), textOf(item.getArrayItem(1))});
+        } else if (item.isArray() && item.getArrayNItems() == 1) {
+            std::u16string t = textOf(item.getArrayItem(0));
+            out.push_back({t, t});
+        } else {
+            std::u16string t = textOf(item);
+            out.push_back({t, t});
+        }
+    }
+    return out;
+}
+
+std::vector<std::u16string> valuesOf(QPDFObjectHandle v) {
+    std::vector<std::u16string> out;
+    if (v.isArray()) {
+        for (auto& item : v.getArrayAsVector())
+            if (item.isString() || item.isName()) out.push_back(textOf(item));
+    } else if (v.isString() || v.isName()) {
+        out.push_back(textOf(v));
+    }
+    return out;
+}
+
+// The text of a stream value, decoded like a text string; empty when it cannot be read.
+std::string toName(const std::u16string& s) {
+    return "/" + toUtf8(s);
+}
+
+// The widget's on-state: the first state of /AP /N (else /D) other than Off.
+std::u16string onStateOf(QPDFObjectHandle widget) {
+    QPDFObjectHandle ap = widget.getKeyIfDict("/AP");
+    for (const char* which : {"/N", "/D"}) {
+        QPDFObjectHandle states = ap.getKeyIfDict(which);
+        if (!states.isDictionary()) continue;
+        for (auto const& key : states.getKeys())
+            if (key != "/Off") return toU16(key.substr(1));
+    }
+    return u"Yes";
+}
+
+Frame frameOf(QPDFObjectHandle widget, double w, double h) {
+    Frame f;
+    f.w = w;
+    f.h = h;
+    QPDFObjectHandle mk = widget.getKeyIfDict("/MK");
+    f.bg = colourOf(mk.getKeyIfDict("/BG"));
+    f.bc = colourOf(mk.getKeyIfDict("/BC"));
+    QPDFObjectHandle bs = widget.getKeyIfDict("/BS");
+    QPDFObjectHandle border = widget.getKeyIfDict("/Border");
+    double bw;
+    if (numberOf(bs.getKeyIfDict("/W"), bw)) {
+        f.bw = bw;
+    } else if (border.isArray() && border.getArrayNItems() >= 3 &&
+               numberOf(border.getArrayItem(2), bw)) {
+        f.bw = bw;
+    }
+    f.bw = std::clamp(f.bw, 0.0, std::min(w, h) / 4);
+    static const std::string styles = "SDBIU";
+    std::string s = nameOf(bs.getKeyIfDict("/S"));
+    if (s.size() == 2 && styles.find(s[1]) != std::string::npos)
+        f.style = static_cast<int>(styles.find(s[1]));
+    QPDFObjectHandle dash = bs.getKeyIfDict("/D");
+    if (dash.isArray())
+        for (auto& d : dash.getArrayAsVector()) {
+            double v;
+            if (numberOf(d, v) && v >= 0) f.dash.push_back(v);
+        }
+    return f;
+}
+
+QPDFObjectHandle makeForm(Document& doc, const Frame& f, int rotation, double rectW, double rectH,
+                          const std::vector<const Font*>& fonts, const std::string& content,
+                          QPDFObjectHandle icon) {
+    QPDFObjectHandle stream = doc.qpdf->newStream(content);
+    QPDFObjectHandle d = stream.getDict();
+    d.replaceKey("/Type", QPDFObjectHandle::newName("/XObject"));
+    d.replaceKey("/Subtype", QPDFObjectHandle::newName("/Form"));
+    d.replaceKey("/BBox", QPDFObjectHandle::newArray({real(0), real(0), real(f.w), real(f.h)}));
+    if (rotation != 0) {
+        std::vector<double> m = {-1, 0, 0, -1, rectW, rectH};
+        if (rotation == 90) m = {0, 1, -1, 0, rectW, 0};
+        if (rotation == 270) m = {0, -1, 1, 0, 0, rectH};
+        auto matrix = QPDFObjectHandle::newArray();
+        for (double v : m)
+            matrix.appendItem(real(v));
+        d.replaceKey("/Matrix", matrix);
+    }
+    auto resources = QPDFObjectHandle::newDictionary();
+    if (!fonts.empty()) {
+        auto fontDict = QPDFObjectHandle::newDictionary();
+        for (const Font* font : fonts)
+            fontDict.replaceKey("/" + font->name, font->dict);
+        resources.replaceKey("/Font", fontDict);
+    }
+    if (icon.isStream()) {
+        auto xobjects = QPDFObjectHandle::newDictionary();
+        xobjects.replaceKey("/Icon", icon);
+        resources.replaceKey("/XObject", xobjects);
+    }
+    d.replaceKey("/Resources", resources);
+    return stream;
+}
+
+// ---- the content of each field type ---------------------------------------------------
+
+struct Context {
+    Document& doc;
+    QPDFObjectHandle widget;
+    QPDFObjectHandle field; // the widget itself when it has no field
+    Frame frame;
+    DefaultAppearance da;
+    uint32_t flags = 0;
+    int quadding = 0;
+};
+
+// The text a text field shows: its value (asterisks for a password).
+std::u16string shownText(const Context& cx) {
+    std::u16string value;
+    QPDFObjectHandle v = inherited(cx.field, "/V");
+    if (v.isString() || v.isName()) value = textOf(v);
+    // Long values may come as a text stream.
+    if (v.isStream()) value = textOf(v);
+    if (cx.flags & PD_FIELD_PASSWORD) {
+        size_t count = 0;
+        for (char16_t ch : value)
+            count += (ch < 0xDC00 || ch > 0xDFFF) ? 1 : 0;
+        value.assign(count, u'*');
+    }
+    return value;
+}
+
+void textContent(Context& cx, Content& c, const Font& font, const std::u16string& value) {
+    const Frame& f = cx.frame;
+    double in = f.inset();
+    double boxW = f.w - 2 * in, boxH = f.h - 2 * in;
+    double x0 = in + kPad, availW = boxW - 2 * kPad;
+    int64_t maxLen = intOf(inherited(cx.field, "/MaxLen"), 0);
+    bool multiline = (cx.flags & PD_FIELD_MULTILINE) != 0;
+    bool comb = (cx.flags & PD_FIELD_COMB) && maxLen > 0 &&
+                !(cx.flags & (PD_FIELD_MULTILINE | PD_FIELD_PASSWORD));
+
+    c << "/Tx BMC\nq\n";
+    c.rect(in, in, boxW, boxH);
+    c << "W\nn\n";
+    if (comb) {
+        Codes codes = font.encode(oneLine(value));
+        if (codes.size() > static_cast<size_t>(maxLen)) codes.resize(maxLen);
+        double cell = f.w / static_cast<double>(maxLen);
+        double size = cx.da.size;
+        if (size <= 0) {
+            size = autoSize(font, {}, 0, boxH);
+            double widest = 0;
+            for (uint32_t code : codes)
+                widest = std::max(widest, font.advance(code) / 1000);
+            if (widest > 0) size = std::max(kMinAuto, std::min(size, cell * 0.9 / widest));
+        }
+        size_t first = 0, free = static_cast<size_t>(maxLen) - codes.size();
+        if (cx.quadding == 1) first = free / 2;
+        if (cx.quadding == 2) first = free;
+        double y = baselineCentred(font, size, in, boxH);
+        for (size_t i = 0; i < codes.size(); ++i) {
+            Codes one{codes[i]};
+            double x = (first + i) * cell + (cell - font.width(one, size)) / 2;
+            c.text(font, size, cx.da.colour, x, y, one);
+        }
+    } else if (multiline) {
+        std::vector<Codes> paras;
+        for (auto& p : splitLines(value))
+            paras.push_back(font.encode(p));
+        auto layout = [&](double size) {
+            std::vector<Codes> lines;
+            for (auto& p : paras)
+                for (auto& l : wrap(p, font, size, availW))
+                    lines.push_back(l);
+            return lines;
+        };
+        double size = cx.da.size > 0 ? cx.da.size : 12;
+        std::vector<Codes> lines = layout(size);
+        if (cx.da.size <= 0) {
+            while (size > kMinAuto && (lines.size() * size * kLineFactor > boxH - 2 * kPad ||
+                                       size * kLineFactor > boxH - 2 * kPad)) {
+                size = std::max(kMinAuto, size - 0.5);
+                lines = layout(size);
+            }
+        }
+        double y = f.h - in - kPad - font.ascent * size;
+        for (auto& line : lines) {
+            if (y < in - size) break;
+            if (!line.empty())
+                c.text(font, size, cx.da.colour,
+                       alignedX(cx.quadding, x0, availW, font.width(line, size)), y, line);
+            y -= size * kLineFactor;
+        }
+    } else {
+        Codes bytes = font.encode(oneLine(value));
+        double size = cx.da.size > 0 ? cx.da.size : autoSize(font, bytes, availW, boxH);
+        if (!bytes.empty())
+            c.text(font, size, cx.da.colour,
+                   alignedX(cx.quadding, x0, availW, font.width(bytes, size)),
+                   baselineCentred(font, size, in, boxH), bytes);
+    }
+    c << "Q\nEMC\n";
+    // Cell dividers of a comb field, in the border colour.
+    if (comb && f.hasBorder() && f.style != kUnderline) {
+        c << "q\n" << num(f.bw) << " w\n" << f.bc.op(true);
+        for (int64_t i = 1; i < maxLen; ++i) {
+            double x = f.w * static_cast<double>(i) / static_cast<double>(maxLen);
+            c.moveTo(x, in);
+            c.lineTo(x, f.h - in);
+        }
+        c << "S\nQ\n";
+    }
+}
+
+void choiceContent(Context& cx, Content& c, const Font& font, const std::vector<Option>& options,
+                   const std::vector<std::u16string>& values) {
+    const Frame& f = cx.frame;
+    double in = f.inset();
+    double boxW = f.w - 2 * in, boxH = f.h - 2 * in;
+    double x0 = in + kPad, availW = boxW - 2 * kPad;
+
+    c << "/Tx BMC\nq\n";
+    c.rect(in, in, boxW, boxH);
+    c << "W\nn\n";
+    if (cx.flags & PD_FIELD_COMBO) {
+        std::u16string shown;
+        if (!values.empty()) {
+            shown = values[0];
+            for (auto& o : options)
+                if (o.exportValue == values[0]) {
+                    shown = o.display;
+                    break;
+                }
+        }
+        Codes bytes = font.encode(oneLine(shown));
+        double size = cx.da.size > 0 ? cx.da.size : autoSize(font, bytes, availW, boxH);
+        if (!bytes.empty())
+            c.text(font, size, cx.da.colour,
+                   alignedX(cx.quadding, x0, availW, font.width(bytes, size)),
+                   baselineCentred(font, size, in, boxH), bytes);
+    } else {
+        std::set<size_t> selected;
+        for (size_t i = 0; i < options.size(); ++i)
+            if (std::find(values.begin(), values.end(), options[i].exportValue) != values.end())
+                selected.insert(i);
+        QPDFObjectHandle indices = inherited(cx.field, "/I");
+        if (values.empty() && indices.isArray())
+            for (auto& item : indices.getArrayAsVector()) {
+                int64_t k = intOf(item, -1);
+                if (k >= 0 && static_cast<size_t>(k) < options.size()) selected.insert(k);
+            }
+        double size = cx.da.size > 0 ? cx.da.size : 12;
+        double rowH = size * kLineFactor;
+        size_t top =
+            static_cast<size_t>(std::max<int64_t>(0, intOf(inherited(cx.field, "/TI"), 0)));
+        double y = f.h - in;
+        for (size_t i = top; i < options.size() && y > in; ++i, y -= rowH) {
+            if (selected.count(i)) {
+                c << "0.6 0.75 0.85 rg\n";
+                c.rect(in, y - rowH, boxW, rowH);
+                c << "f\n";
+            }
+            Codes bytes = font.encode(oneLine(options[i].display));
+            if (!bytes.empty())
+                c.text(font, size, cx.da.colour,
+                       alignedX(cx.quadding, x0, availW, font.width(bytes, size)),
+                       baselineCentred(font, size, y - rowH, rowH), bytes);
+        }
+    }
+    c << "Q\nEMC\n";
+}
+
+// The ZapfDingbats character of a check box or radio button.
+Codes boxGlyph(QPDFObjectHandle widget, bool radio) {
+    std::u16string caption = textOf(widget.getKeyIfDict("/MK").getKeyIfDict("/CA"));
+    if (!caption.empty() && caption[0] > 0x20 && caption[0] < 0x7F) return {caption[0]};
+    return {radio ? uint32_t('l') : uint32_t('4')};
+}
+
+void glyphContent(Context& cx, Content& c, const Font& zadb, const Codes& glyph) {
+    const Frame& f = cx.frame;
+    double in = f.inset();
+    double boxW = f.w - 2 * in, boxH = f.h - 2 * in;
+    double em = zadb.width(glyph, 1);
+    double height = zadb.ascent + zadb.descent;
+    double size = cx.da.size;
+    if (size <= 0) {
+        double room = f.round ? std::min(boxW, boxH) * 0.5 : std::min(boxW, boxH) * 0.8;
+        size = room / std::max(em, height);
+    }
+    Colour colour = cx.da.colour.present() ? cx.da.colour : Colour::grey(0);
+    c << "q\n";
+    c.text(zadb, size, colour, (f.w - em * size) / 2,
+           f.h / 2 - (zadb.ascent - zadb.descent) * size / 2, glyph);
+    c << "Q\n";
+}
+
+// A form XObject icon fitted into (x, y, w, h) by the icon fit dictionary /MK /IF.
+void iconContent(Content& c, QPDFObjectHandle icon, QPDFObjectHandle fit, double x, double y,
+                 double w, double h) {
+    QPDFObjectHandle bbox = icon.getDict().getKey("/BBox");
+    double b[4];
+    if (!bbox.isArray() || bbox.getArrayNItems() != 4) return;
+    for (int i = 0; i < 4; ++i)
+        if (!numberOf(bbox.getArrayItem(i), b[i])) return;
+    double iw = std::fabs(b[2] - b[0]), ih = std::fabs(b[3] - b[1]);
+    if (iw <= 0 || ih <= 0 || w <= 0 || h <= 0) return;
+    std::string when = nameOf(fit.getKeyIfDict("/SW"));
+    double sx = w / iw, sy = h / ih;
+    if (nameOf(fit.getKeyIfDict("/S")) != "/A") sx = sy = std::min(sx, sy);
+    bool scale = when == "/B"   ? (iw > w || ih > h)
+                 : when == "/S" ? (iw < w && ih < h)
+                                : when != "/N";
+    if (!scale) sx = sy = 1;
+    double ax = 0.5, ay = 0.5;
+    QPDFObjectHandle a = fit.getKeyIfDict("/A");
+    if (a.isArray() && a.getArrayNItems() == 2) {
+        numberOf(a.getArrayItem(0), ax);
+        numberOf(a.getArrayItem(1), ay);
+    }
+    double ox = x + (w - iw * sx) * std::clamp(ax, 0.0, 1.0) - std::min(b[0], b[2]) * sx;
+    double oy = y + (h - ih * sy) * std::clamp(ay, 0.0, 1.0) - std::min(b[1], b[3]) * sy;
+    c << "q\n";
+    c.rect(x, y, w, h);
+    c << "W\nn\n"
+      << num(sx) << " 0 0 " << num(sy) << " " << num(ox) << " " << num(oy) << " cm\n/Icon Do\nQ\n";
+}
+
+// The face of a push button in one state: caption and icon laid out by /MK /TP (0 caption
+// only, 1 icon only, 2 caption below the icon, 3 above, 4 right, 5 left, 6 overlaid).
+void buttonFace(Context& cx, Content& c, const Font& font, const std::u16string& caption,
+                QPDFObjectHandle icon, double shift) {
+    const Frame& f = cx.frame;
+    QPDFObjectHandle mk = cx.widget.getKeyIfDict("/MK");
+    double in = f.inset();
+    double x = in + shift, y = in - shift, w = f.w - 2 * in, h = f.h - 2 * in;
+    Codes bytes = font.encode(oneLine(caption));
+    int64_t layout = icon.isStream() ? intOf(mk.getKeyIfDict("/TP"), 0) : 0;
+    if (layout < 0 || layout > 6) layout = 0;
+    if (bytes.empty() && layout >= 2 && layout <= 5) layout = 1;
+
+    double size = cx.da.size;
+    if (size <= 0) {
+        double capW = layout == 4 || layout == 5 ? w / 2 : w;
+        double capH = layout == 2 || layout == 3 ? h / 3 : h;
+        size = autoSize(font, bytes, capW - 2 * kPad, capH);
+    }
+    double textW = font.width(bytes, size);
+    double capX = x, capY = y, capW = w, capH = h; // the caption's area
+    double icX = x, icY = y, icW = w, icH = h;     // the icon's area
+    double lineH = std::min(h, size * kAutoFactor);
+    double colW = std::min(w, textW + 2 * kPad);
+    switch (layout) {
+    case 2:
+        capH = lineH, icY = y + lineH, icH = h - lineH;
+        break;
+    case 3:
+        capY = y + h - lineH, capH = lineH, icH = h - lineH;
+        break;
+    case 4:
+        capX = x + w - colW, capW = colW, icW = w - colW;
+        break;
+    case 5:
+        capW = colW, icX = x + colW, icW = w - colW;
+        break;
+    default:
+        break;
+    }
+    if (layout >= 1) {
+        QPDFObjectHandle fit = mk.getKeyIfDict("/IF");
+        QPDFObjectHandle fb = fit.getKeyIfDict("/FB");
+        if ((layout == 1 || layout == 6) && fb.isBool() && fb.getBoolValue())
+            icX = shift, icY = -shift, icW = f.w, icH = f.h;
+        iconContent(c, icon, fit, icX, icY, icW, icH);
+    }
+    if (layout == 1 || bytes.empty()) return;
+    c << "q\n";
+    c.rect(in, in, f.w - 2 * in, f.h - 2 * in);
+    c << "W\nn\n";
+    c.text(font, size, cx.da.colour, capX + (capW - textW) / 2,
+           baselineCentred(font, size, capY, capH), bytes);
+    c << "Q\n";
+}
+
+Colour pressed(const Colour& bg) {
+    return bg.present() ? bg.scaled(0.75) : Colour::grey(0.75);
+}
+
+} // namespace
+
+void regenerateAppearance(Document& doc, QPDFObjectHandle widget) {
+    if (!widget.isDictionary()) return;
+    QPDFObjectHandle field = fieldOfWidget(widget);
+    if (!field.isDictionary()) field = widget;
+    std::string type = nameOf(inherited(field, "/FT"));
+    // A signed signature keeps the appearance that was signed. A widget of no field type
+    // keeps what it draws: nothing here says what that should be.
+    bool hasAppearance = widget.getKeyIfDict("/AP").isDictionary();
+    if (hasAppearance && type == "/Sig" && inherited(field, "/V").isDictionary()) return;
+    if (hasAppearance && type.empty()) return;
+
+    double rect[4] = {0, 0, 0, 0};
+    QPDFObjectHandle r = widget.getKey("/Rect");
+    if (r.isArray() && r.getArrayNItems() == 4)
+        for (int i = 0; i < 4; ++i)
+            if (!numberOf(r.getArrayItem(i), rect[i])) rect[i] = 0;
+    double rectW = std::fabs(rect[2] - rect[0]), rectH = std::fabs(rect[3] - rect[1]);
+    int64_t rotation = intOf(widget.getKeyIfDict("/MK").getKeyIfDict("/R"), 0);
+    rotation = ((rotation % 360) + 360) % 360;
+    if (rotation % 90 != 0) rotation = 0;
+    bool swap = rotation == 90 || rotation == 270;
+
+    Context cx{doc,
+               widget,
+               field,
+               frameOf(widget, swap ? rectH : rectW, swap ? rectW : rectH),
+               defaultAppearanceOf(doc, widget),
+               0,
+               0};
+    cx.flags = static_cast<uint32_t>(intOf(inherited(field, "/Ff"), 0));
+    QPDFObjectHandle q = widget.getKey("/Q");
+    if (!q.isInteger()) q = inherited(field, "/Q");
+    if (!q.isInteger()) {
+        QPDFObjectHandle form = acroForm(doc, false);
+        if (form.isDictionary()) q = form.getKey("/Q");
+    }
+    cx.quadding = static_cast<int>(std::clamp<int64_t>(intOf(q, 0), 0, 2));
+
+    auto form = [&](const std::vector<const Font*>& fonts, const std::string& content,
+                    QPDFObjectHandle icon = QPDFObjectHandle::newNull()) {
+        return makeForm(doc, cx.frame, static_cast<int>(rotation), rectW, rectH, fonts, content,
+                        icon);
+    };
+    auto ap = QPDFObjectHandle::newDictionary();
+    const Frame& f = cx.frame;
+
+    if (type == "/Btn" && !(cx.flags & PD_FIELD_PUSHBUTTON)) {
+        bool radio = (cx.flags & PD_FIELD_RADIO) != 0;
+        cx.frame.round = radio;
+        Font zadb = dingbats(doc);
+        Codes glyph = boxGlyph(widget, radio);
+        std::u16string on = onStateOf(widget);
+        auto states = [&](const Colour& bg) {
+            Content offC, onC;
+            drawFrame(offC, f, bg);
+            drawFrame(onC, f, bg);
+            glyphContent(cx, onC, zadb, glyph);
+            auto dict = QPDFObjectHandle::newDictionary();
+            dict.replaceKey(toName(on), form({&zadb}, onC.s));
+            dict.replaceKey("/Off", form({}, offC.s));
+            return dict;
+        };
+        ap.replaceKey("/N", states(f.bg));
+        ap.replaceKey("/D", states(pressed(f.bg)));
+        std::vector<std::u16string> values = valuesOf(inherited(field, "/V"));
+        bool isOn = !values.empty() && values[0] == on;
+        widget.replaceKey("/AS", QPDFObjectHandle::newName(isOn ? toName(on) : "/Off"));
+    } else if (type == "/Btn") {
+        QPDFObjectHandle mk = widget.getKeyIfDict("/MK");
+        std::u16string caption = textOf(mk.getKeyIfDict("/CA"));
+        std::u16string down = caption;
+        if (mk.getKeyIfDict("/AC").isString()) down = textOf(mk.getKeyIfDict("/AC"));
+        Font font = textFont(doc, widget, cx.da, {caption, down});
+        QPDFObjectHandle icon = mk.getKeyIfDict("/I");
+        QPDFObjectHandle downIcon = mk.getKeyIfDict("/IX");
+        if (!icon.isStream()) icon = QPDFObjectHandle::newNull();
+        if (!downIcon.isStream()) downIcon = icon;
+        Content normal, pushed;
+        drawFrame(normal, f, f.bg);
+        buttonFace(cx, normal, font, caption, icon, 0);
+        Frame downFrame = f;
+        if (downFrame.style == kBeveled) downFrame.style = kInset;
+        drawFrame(pushed, downFrame, pressed(f.bg));
+        buttonFace(cx, pushed, font, down, downIcon, f.hasBorder() ? 1 : 0);
+        ap.replaceKey("/N", form({&font}, normal.s, icon));
+        ap.replaceKey("/D", form({&font}, pushed.s, downIcon));
+        widget.removeKey("/AS");
+    } else if (type == "/Tx") {
+        std::u16string value = shownText(cx);
+        Font font = textFont(doc, widget, cx.da, {value});
+        Content c;
+        drawFrame(c, f, f.bg);
+        textContent(cx, c, font, value);
+        ap.replaceKey("/N", form({&font}, c.s));
+    } else if (type == "/Ch") {
+        std::vector<Option> options = optionsOf(field);
+        std::vector<std::u16string> values = valuesOf(inherited(field, "/V"));
+        std::vector<std::u16string> texts = values;
+        for (auto& o : options)
+            texts.push_back(o.display);
+        Font font = textFont(doc, widget, cx.da, texts);
+        Content c;
+        drawFrame(c, f, f.bg);
+        choiceContent(cx, c, font, options, values);
+        ap.replaceKey("/N", form({&font}, c.s));
+    } else {
+        // Signature fields, and widgets without a field that have no appearance yet.
+        Content c;
+        drawFrame(c, f, f.bg);
+        ap.replaceKey("/N", form({}, c.s));
+    }
+    widget.replaceKey("/AP", ap);
+}
+
+void regenerateField(Document& doc, QPDFObjectHandle field) {
+    for (auto& widget : widgetsOf(field))
+        regenerateAppearance(doc, widget);
+}
+
+} // namespace pdfcore
