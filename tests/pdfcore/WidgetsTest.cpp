@@ -1,0 +1,763 @@
+// Widget properties through save and reopen, and the appearance streams as viewers draw
+// them: pages rendered with pdftoppm, objects read back with pypdf.
+#include "TestSupport.h"
+
+#include <algorithm>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <vector>
+
+using namespace pdtest;
+
+namespace {
+
+using TextGetter = PDResult (*)(PDAnnot, char16_t*, uint32_t, uint32_t*);
+using TextSetter = PDResult (*)(PDAnnot, const char16_t*, uint32_t);
+
+std::u16string get(TextGetter getter, PDAnnot w) {
+    return text([&](char16_t* b, uint32_t n, uint32_t* l) { return getter(w, b, n, l); });
+}
+PDResult put(TextSetter setter, PDAnnot w, const std::u16string& s) {
+    return setter(w, s.data(), static_cast<uint32_t>(s.size()));
+}
+PDResult setValue(PDField f, const std::u16string& v) {
+    return PDFieldSetValue(f, v.data(), static_cast<uint32_t>(v.size()));
+}
+PDAtom atom(const char* name) {
+    PDAtom a = 0;
+    EXPECT_EQ(PDAtomPutString(name, &a), PD_OK);
+    return a;
+}
+std::string atomText(PDAtom a) {
+    const char* s = nullptr;
+    return PDAtomGetString(a, &s) == PD_OK ? s : "<none>";
+}
+
+Owned reopen(PDDoc doc, const std::string& path) {
+    EXPECT_EQ(PDDocSave(doc, path.c_str()), PD_OK);
+    return openDoc(path);
+}
+Owned annotAt(PDDoc doc, uint32_t index, uint32_t pageIndex = 0) {
+    auto pg = page(doc, pageIndex);
+    PDAnnot a = nullptr;
+    EXPECT_EQ(PDPageGetAnnot(pg.get(), index, &a), PD_OK);
+    return Owned(a);
+}
+
+// Runs a pypdf script with sys.argv[1:] = args; `pdf` holds the PdfReader of args[0].
+std::string python(const std::string& script, const std::string& args) {
+    std::string prelude =
+        "import sys, warnings, logging\nwarnings.filterwarnings('ignore')\n"
+        "logging.disable(logging.CRITICAL)\nfrom pypdf import PdfReader, PdfWriter\n"
+        "from pypdf.generic import *\npdf = PdfReader(sys.argv[1])\n";
+    return run(std::string(QF_PYTHON) + " - " + args + " <<'PY'\n" + prelude + script + "\nPY\n");
+}
+
+// Copies in to out with pypdf, running `code` with `annots`: the resolved widgets of page 0.
+void edit(const std::string& in, const std::string& out, const std::string& code) {
+    std::string script = "w = PdfWriter()\nw.clone_reader_document_root(pdf)\n"
+                         "annots = [a.get_object() for a in w.pages[0]['/Annots']]\n" +
+                         code + "\nw.write(sys.argv[2])\nprint('edited')\n";
+    ASSERT_EQ(python(script, "'" + in + "' '" + out + "'"), "edited\n");
+}
+
+// One line per appearance stream: "<field> <N|D> <state|-> bbox=.. matrix=.. fonts=.. tj=..".
+const char* kDescribe = R"(
+import re
+form = pdf.trailer['/Root'].get('/AcroForm', {}).get_object()
+print('need', form.get('/NeedAppearances', 'absent'))
+for k, f in sorted(form.get('/DR', {}).get('/Font', {}).items()):
+    f = f.get_object()
+    print('font', k, f.get('/Subtype'), f.get('/BaseFont'), f.get('/Encoding', '-'))
+def nums(a):
+    return ' '.join('%g' % float(v) for v in a) if a is not None else '-'
+for page in pdf.pages:
+    for a in page.get('/Annots', []):
+        a = a.get_object()
+        name = a.get('/T') or a['/Parent'].get_object().get('/T')
+        print('as', name, a.get('/AS', '-'))
+        for which, ap in sorted(a.get('/AP', {}).items()):
+            ap = ap.get_object()
+            states = [('-', ap)] if hasattr(ap, 'get_data') else sorted(ap.items())
+            for state, s in states:
+                s = s.get_object()
+                text = s.get_data().decode('latin-1')
+                fonts = ','.join(sorted(s.get('/Resources', {}).get('/Font', {}).keys()))
+                print(name, which, state, 'bbox=' + nums(s.get('/BBox')),
+                      'matrix=' + nums(s.get('/Matrix')), 'fonts=' + fonts,
+                      'tx=' + str('/Tx BMC' in text),
+                      'tj=' + '|'.join(re.findall(r'\((.*?)\) Tj', text)))
+)";
+
+// A page rendered at 72 dpi, one pixel per point.
+struct Raster {
+    int width = 0, height = 0;
+    std::vector<uint8_t> rgb;
+
+    const uint8_t* at(int x, int y) const { return &rgb[(static_cast<size_t>(y) * width + x) * 3]; }
+    // Counts the pixels inside the user-space box (l, b, r, t) of an unrotated page that
+    // pass test, leaving out `inset` points at each side.
+    int count(float l, float b, float r, float t, float inset,
+              const std::function<bool(const uint8_t*)>& test) const {
+        int n = 0;
+        for (int y = static_cast<int>(height - t + inset); y < height - b - inset; ++y)
+            for (int x = static_cast<int>(l + inset); x < r - inset; ++x)
+                if (x >= 0 && y >= 0 && x < width && y < height && test(at(x, y))) ++n;
+        return n;
+    }
+};
+
+bool isDark(const uint8_t* p) {
+    return std::max({p[0], p[1], p[2]}) < 110;
+}
+std::function<bool(const uint8_t*)> isColour(uint32_t argb) {
+    return [argb](const uint8_t* p) {
+        for (int i = 0; i < 3; ++i)
+            if (std::abs(p[i] - static_cast<int>((argb >> (16 - 8 * i)) & 0xFF)) > 12) return false;
+        return true;
+    };
+}
+
+Raster render(const std::string& pdf, const std::string& prefix) {
+    int status = -1;
+    run("pdftoppm -r 72 -singlefile '" + pdf + "' '" + prefix + "' 2>&1", &status);
+    EXPECT_EQ(status, 0);
+    Raster r;
+    std::ifstream in(prefix + ".ppm", std::ios::binary);
+    std::string magic;
+    int maxValue = 0;
+    in >> magic >> r.width >> r.height >> maxValue;
+    in.get();
+    EXPECT_EQ(magic, "P6");
+    r.rgb.resize(static_cast<size_t>(r.width) * r.height * 3);
+    in.read(reinterpret_cast<char*>(r.rgb.data()), static_cast<std::streamsize>(r.rgb.size()));
+    EXPECT_TRUE(in.good());
+    return r;
+}
+
+// Bounding box (width, height) in pixels of the dark pixels inside a raster region.
+std::pair<int, int> darkExtent(const Raster& r, int x0, int y0, int x1, int y1) {
+    int minX = x1, maxX = x0 - 1, minY = y1, maxY = y0 - 1;
+    for (int y = y0; y < y1; ++y)
+        for (int x = x0; x < x1; ++x)
+            if (isDark(r.at(x, y))) {
+                minX = std::min(minX, x), maxX = std::max(maxX, x);
+                minY = std::min(minY, y), maxY = std::max(maxY, y);
+            }
+    return {std::max(0, maxX - minX + 1), std::max(0, maxY - minY + 1)};
+}
+
+} // namespace
+
+TEST(Widgets, GeometryBorderColoursAndHighlightSurviveSaving) {
+    ScratchDir dir;
+    auto doc = createDoc();
+    auto pg = page(doc.get(), 0);
+    auto f = createField(doc.get(), "t", PD_ATOM_Tx);
+    auto w = addWidget(doc.get(), f.get(), pg.get(), rect(100, 100, 300, 130));
+
+    int32_t degrees = -1, mode = -1;
+    ASSERT_EQ(PDWidgetAnnotGetRotate(w.get(), &degrees), PD_OK);
+    EXPECT_EQ(degrees, 0);
+    EXPECT_EQ(PDWidgetAnnotSetRotate(w.get(), 45), PD_ERR_BAD_ARGUMENT);
+    ASSERT_EQ(PDWidgetAnnotSetRotate(w.get(), -90), PD_OK);
+    ASSERT_EQ(PDWidgetAnnotGetHighlight(w.get(), &mode), PD_OK);
+    EXPECT_EQ(mode, 1) << "invert when /H is absent";
+    ASSERT_EQ(PDWidgetAnnotSetHighlight(w.get(), 3), PD_OK);
+    EXPECT_EQ(PDWidgetAnnotSetHighlight(w.get(), 5), PD_ERR_BAD_ARGUMENT);
+
+    PDBorderStyle bs{};
+    bs.style = 1;
+    bs.width = 2.5f;
+    bs.dashCount = 12; // cut to PD_MAX_DASH
+    for (int i = 0; i < 12; ++i)
+        bs.dash[i % PD_MAX_DASH] = static_cast<float>(i % PD_MAX_DASH + 1);
+    ASSERT_EQ(PDWidgetAnnotSetBorderStyle(w.get(), &bs), PD_OK);
+    PDBorderStyle bad = bs;
+    bad.style = 5;
+    EXPECT_EQ(PDWidgetAnnotSetBorderStyle(w.get(), &bad), PD_ERR_BAD_ARGUMENT);
+    bad = bs;
+    bad.width = -1;
+    EXPECT_EQ(PDWidgetAnnotSetBorderStyle(w.get(), &bad), PD_ERR_BAD_ARGUMENT);
+
+    ASSERT_EQ(PDWidgetAnnotSetBgColor(w.get(), 0xFF336699), PD_OK);
+    ASSERT_EQ(PDWidgetAnnotSetBorderColor(w.get(), 0x80FF0001), PD_OK) << "any alpha is opaque";
+
+    auto copy = reopen(doc.get(), dir.file("a.pdf"));
+    auto w2 = annotAt(copy.get(), 0);
+    ASSERT_EQ(PDWidgetAnnotGetRotate(w2.get(), &degrees), PD_OK);
+    EXPECT_EQ(degrees, 270);
+    ASSERT_EQ(PDWidgetAnnotGetHighlight(w2.get(), &mode), PD_OK);
+    EXPECT_EQ(mode, 3);
+    PDBorderStyle read{};
+    ASSERT_EQ(PDWidgetAnnotGetBorderStyle(w2.get(), &read), PD_OK);
+    EXPECT_EQ(read.style, 1);
+    EXPECT_FLOAT_EQ(read.width, 2.5f);
+    ASSERT_EQ(read.dashCount, static_cast<uint32_t>(PD_MAX_DASH));
+    EXPECT_FLOAT_EQ(read.dash[0], 1);
+    EXPECT_FLOAT_EQ(read.dash[9], 10);
+    uint32_t argb = 0;
+    ASSERT_EQ(PDWidgetAnnotGetBgColor(w2.get(), &argb), PD_OK);
+    EXPECT_EQ(argb, 0xFF336699u);
+    ASSERT_EQ(PDWidgetAnnotGetBorderColor(w2.get(), &argb), PD_OK);
+    EXPECT_EQ(argb, 0xFFFF0001u);
+
+    // Alpha 0 removes a colour; a style without dashes stores none.
+    ASSERT_EQ(PDWidgetAnnotSetBgColor(w2.get(), 0x00FFFFFF), PD_OK);
+    ASSERT_EQ(PDWidgetAnnotSetRotate(w2.get(), 450), PD_OK);
+    PDBorderStyle solid{};
+    solid.width = 0;
+    ASSERT_EQ(PDWidgetAnnotSetBorderStyle(w2.get(), &solid), PD_OK);
+    auto third = reopen(copy.get(), dir.file("b.pdf"));
+    auto w3 = annotAt(third.get(), 0);
+    ASSERT_EQ(PDWidgetAnnotGetBgColor(w3.get(), &argb), PD_OK);
+    EXPECT_EQ(argb, 0u);
+    ASSERT_EQ(PDWidgetAnnotGetRotate(w3.get(), &degrees), PD_OK);
+    EXPECT_EQ(degrees, 90);
+    ASSERT_EQ(PDWidgetAnnotGetBorderStyle(w3.get(), &read), PD_OK);
+    EXPECT_EQ(read.style, 0);
+    EXPECT_FLOAT_EQ(read.width, 0);
+    EXPECT_EQ(read.dashCount, 0u);
+}
+
+TEST(Widgets, FontsGoToTheFormResourcesAndReadBack) {
+    ScratchDir dir;
+    auto doc = createDoc();
+    auto pg = page(doc.get(), 0);
+    struct Case {
+        const char* family;
+        int32_t style;
+        const char* readFamily;
+        int32_t format;
+        const char* baseFont;
+    } cases[] = {
+        {"Helvetica", 1, "Helvetica", 0, "Helvetica-Bold"},
+        {"Times", 2, "Times", 0, "Times-Italic"},
+        {"Courier", 3, "Courier", 0, "Courier-BoldOblique"},
+        {"ZapfDingbats", 1, "ZapfDingbats", 0, "ZapfDingbats"},
+        {"Arial", 3, "Arial", 1, "Arial,BoldItalic"},
+        {"MS Gothic", 0, "MS Gothic", 1, "MSGothic"},
+        {"Helvetica", 1, "Helvetica", 0, "Helvetica-Bold"}, // reuses the first resource
+    };
+    std::vector<Owned> fields;
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        fields.push_back(createField(doc.get(), "f" + std::to_string(i), PD_ATOM_Tx));
+        auto w = addWidget(doc.get(), fields.back().get(), pg.get(),
+                           rect(50, 700 - 30.f * i, 250, 720 - 30.f * i));
+        PDFontInfo info{atom(cases[i].family), 1, cases[i].style};
+        ASSERT_EQ(PDWidgetAnnotSetFontInfo(w.get(), &info), PD_OK) << cases[i].family;
+        ASSERT_EQ(setValue(fields.back().get(), u"Sample"), PD_OK);
+    }
+    auto w0 = annotAt(doc.get(), 0);
+    PDFontInfo bad{atom("Helvetica"), 0, 4};
+    EXPECT_EQ(PDWidgetAnnotSetFontInfo(w0.get(), &bad), PD_ERR_BAD_ARGUMENT);
+    bad = {0, 0, 0};
+    EXPECT_EQ(PDWidgetAnnotSetFontInfo(w0.get(), &bad), PD_ERR_BAD_ARGUMENT);
+    EXPECT_EQ(PDWidgetAnnotSetFontSize(w0.get(), -1), PD_ERR_BAD_ARGUMENT);
+    ASSERT_EQ(PDWidgetAnnotSetFontSize(w0.get(), 14.5f), PD_OK);
+    ASSERT_EQ(PDWidgetAnnotSetFontColor(w0.get(), 0xFF336699), PD_OK);
+
+    std::string path = dir.file("fonts.pdf");
+    auto copy = reopen(doc.get(), path);
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        auto w = annotAt(copy.get(), static_cast<uint32_t>(i));
+        PDFontInfo info{};
+        ASSERT_EQ(PDWidgetAnnotGetFontInfo(w.get(), &info), PD_OK) << i;
+        EXPECT_EQ(atomText(info.family), cases[i].readFamily) << i;
+        EXPECT_EQ(info.format, cases[i].format) << i;
+        EXPECT_EQ(info.style, std::string(cases[i].family) == "ZapfDingbats" ? 0 : cases[i].style);
+    }
+    auto r0 = annotAt(copy.get(), 0), r1 = annotAt(copy.get(), 1);
+    float size = -1;
+    uint32_t argb = 0;
+    ASSERT_EQ(PDWidgetAnnotGetFontSize(r0.get(), &size), PD_OK);
+    EXPECT_FLOAT_EQ(size, 14.5f);
+    ASSERT_EQ(PDWidgetAnnotGetFontColor(r0.get(), &argb), PD_OK);
+    EXPECT_EQ(argb, 0xFF336699u);
+    ASSERT_EQ(PDWidgetAnnotGetFontSize(r1.get(), &size), PD_OK);
+    EXPECT_FLOAT_EQ(size, 0) << "the form's /DA asks for automatic size";
+    ASSERT_EQ(PDWidgetAnnotGetFontColor(r1.get(), &argb), PD_OK);
+    EXPECT_EQ(argb, 0xFF000000u);
+    ASSERT_EQ(PDWidgetAnnotSetFontColor(r0.get(), 0), PD_OK);
+    ASSERT_EQ(PDWidgetAnnotGetFontColor(r0.get(), &argb), PD_OK);
+    EXPECT_EQ(argb, 0xFF000000u) << "no colour reads as black";
+
+    std::string out = python(kDescribe, path);
+    EXPECT_NE(out.find("need absent"), std::string::npos) << out;
+    for (const char* line :
+         {"/Type1 /Helvetica-Bold /WinAnsiEncoding", "/Type1 /Times-Italic /WinAnsiEncoding",
+          "/Type1 /ZapfDingbats -", "/TrueType /Arial,BoldItalic /WinAnsiEncoding",
+          "/TrueType /MSGothic /WinAnsiEncoding"})
+        EXPECT_NE(out.find(line), std::string::npos) << line << "\n" << out;
+    size_t first = out.find("/Helvetica-Bold");
+    EXPECT_EQ(out.find("/Helvetica-Bold", first + 1), std::string::npos) << "reused, not added";
+    // Each stream carries the font its /DA names.
+    EXPECT_NE(out.find("f0 /N - bbox=0 0 200 20 matrix=- fonts=/HeBo tx=True tj=Sample"),
+              std::string::npos)
+        << out;
+}
+
+TEST(Widgets, ReadsEntriesWrittenByOtherProducers) {
+    ScratchDir dir;
+    auto doc = createDoc();
+    auto pg = page(doc.get(), 0);
+    auto f = createField(doc.get(), "shared", PD_ATOM_Tx);
+    auto a = addWidget(doc.get(), f.get(), pg.get(), rect(50, 700, 250, 720));
+    auto b = addWidget(doc.get(), f.get(), pg.get(), rect(50, 650, 250, 670));
+    std::string made = dir.file("made.pdf"), edited = dir.file("edited.pdf");
+    ASSERT_EQ(PDDocSave(doc.get(), made.c_str()), PD_OK);
+    edit(made, edited, R"(
+fonts = w._root_object['/AcroForm']['/DR']['/Font']
+fonts[NameObject('/F9')] = w._add_object(DictionaryObject({
+    NameObject('/Type'): NameObject('/Font'), NameObject('/Subtype'): NameObject('/TrueType'),
+    NameObject('/BaseFont'): NameObject('/ABCDEF+Arial-BoldMT')}))
+a, b = annots
+a[NameObject('/DA')] = TextStringObject('/F9 9 Tf 0 0 0 1 k')
+def numbers(*v):
+    return ArrayObject([FloatObject(x) for x in v])
+a[NameObject('/MK')] = DictionaryObject({NameObject('/BG'): numbers(0.5),
+    NameObject('/BC'): numbers(0, 1, 1, 0), NameObject('/R'): NumberObject(-90)})
+del a['/BS']
+a[NameObject('/Border')] = ArrayObject([NumberObject(0), NumberObject(0), NumberObject(3)])
+b[NameObject('/H')] = NameObject('/Q')
+)");
+    auto copy = openDoc(edited);
+    auto wa = annotAt(copy.get(), 0), wb = annotAt(copy.get(), 1);
+    uint32_t argb = 0;
+    ASSERT_EQ(PDWidgetAnnotGetBgColor(wa.get(), &argb), PD_OK);
+    EXPECT_EQ(argb, 0xFF808080u) << "grey";
+    ASSERT_EQ(PDWidgetAnnotGetBorderColor(wa.get(), &argb), PD_OK);
+    EXPECT_EQ(argb, 0xFFFF0000u) << "CMYK";
+    ASSERT_EQ(PDWidgetAnnotGetFontColor(wa.get(), &argb), PD_OK);
+    EXPECT_EQ(argb, 0xFF000000u) << "CMYK black";
+    int32_t value = -1;
+    ASSERT_EQ(PDWidgetAnnotGetRotate(wa.get(), &value), PD_OK);
+    EXPECT_EQ(value, 270);
+    ASSERT_EQ(PDWidgetAnnotGetHighlight(wb.get(), &value), PD_OK);
+    EXPECT_EQ(value, 1) << "an unknown mode reads as the default";
+    PDBorderStyle bs{};
+    ASSERT_EQ(PDWidgetAnnotGetBorderStyle(wa.get(), &bs), PD_OK);
+    EXPECT_FLOAT_EQ(bs.width, 3) << "from /Border when /BS is absent";
+    PDFontInfo info{};
+    ASSERT_EQ(PDWidgetAnnotGetFontInfo(wa.get(), &info), PD_OK);
+    EXPECT_EQ(atomText(info.family), "Arial");
+    EXPECT_EQ(info.format, 1);
+    EXPECT_EQ(info.style, 1);
+
+    // The widget's own /DA wins for reading; a setter rewrites it and the field's.
+    float size = 0;
+    ASSERT_EQ(PDWidgetAnnotGetFontSize(wa.get(), &size), PD_OK);
+    EXPECT_FLOAT_EQ(size, 9);
+    ASSERT_EQ(PDWidgetAnnotGetFontSize(wb.get(), &size), PD_OK);
+    EXPECT_FLOAT_EQ(size, 0);
+    ASSERT_EQ(PDWidgetAnnotSetFontSize(wa.get(), 11), PD_OK);
+    for (auto* w : {wa.get(), wb.get()}) {
+        ASSERT_EQ(PDWidgetAnnotGetFontSize(w, &size), PD_OK);
+        EXPECT_FLOAT_EQ(size, 11);
+    }
+    ASSERT_EQ(PDWidgetAnnotGetFontInfo(wb.get(), &info), PD_OK);
+    EXPECT_EQ(atomText(info.family), "Helvetica") << "the field keeps its own font";
+}
+
+TEST(Widgets, ButtonCaptionsAndIconFit) {
+    ScratchDir dir;
+    auto doc = createDoc();
+    auto pg = page(doc.get(), 0);
+    auto push = createField(doc.get(), "push", PD_ATOM_Btn, PD_FIELD_PUSHBUTTON);
+    auto w = addWidget(doc.get(), push.get(), pg.get(), rect(50, 50, 150, 80));
+    auto tf = createField(doc.get(), "text", PD_ATOM_Tx);
+    auto tw = addWidget(doc.get(), tf.get(), pg.get(), rect(50, 100, 150, 120));
+
+    EXPECT_EQ(get(PDButtonWidgetAnnotGetCaption, w.get()), u"<error 3>");
+    ASSERT_EQ(put(PDButtonWidgetAnnotSetCaption, w.get(), u"Send \u20AC"), PD_OK);
+    ASSERT_EQ(put(PDButtonWidgetAnnotSetDownCaption, w.get(), u"Sending"), PD_OK);
+    ASSERT_EQ(put(PDButtonWidgetAnnotSetRolloverCaption, w.get(), u"Go"), PD_OK);
+    EXPECT_EQ(put(PDButtonWidgetAnnotSetCaption, tw.get(), u"x"), PD_ERR_FIELD_KIND);
+    EXPECT_EQ(get(PDButtonWidgetAnnotGetCaption, tw.get()), u"<error 13>");
+
+    PDIconFit fit{};
+    ASSERT_EQ(PDButtonWidgetAnnotGetIconFit(w.get(), &fit), PD_OK);
+    EXPECT_EQ(fit.scaleWhen, 0);
+    EXPECT_EQ(fit.scaleHow, 0);
+    EXPECT_FLOAT_EQ(fit.left, 0.5f);
+    EXPECT_FLOAT_EQ(fit.bottom, 0.5f);
+    EXPECT_EQ(fit.fitBounds, 0);
+    PDIconFit set{2, 1, 0.25f, 1, 1};
+    ASSERT_EQ(PDButtonWidgetAnnotSetIconFit(w.get(), &set), PD_OK);
+    PDIconFit bad = set;
+    bad.left = 1.5f;
+    EXPECT_EQ(PDButtonWidgetAnnotSetIconFit(w.get(), &bad), PD_ERR_BAD_ARGUMENT);
+    bad = set;
+    bad.scaleWhen = 4;
+    EXPECT_EQ(PDButtonWidgetAnnotSetIconFit(w.get(), &bad), PD_ERR_BAD_ARGUMENT);
+
+    std::string path = dir.file("captions.pdf");
+    auto copy = reopen(doc.get(), path);
+    auto w2 = annotAt(copy.get(), 0);
+    EXPECT_EQ(get(PDButtonWidgetAnnotGetCaption, w2.get()), u"Send \u20AC");
+    EXPECT_EQ(get(PDButtonWidgetAnnotGetDownCaption, w2.get()), u"Sending");
+    EXPECT_EQ(get(PDButtonWidgetAnnotGetRolloverCaption, w2.get()), u"Go");
+    ASSERT_EQ(PDButtonWidgetAnnotGetIconFit(w2.get(), &fit), PD_OK);
+    EXPECT_EQ(fit.scaleWhen, 2);
+    EXPECT_EQ(fit.scaleHow, 1);
+    EXPECT_FLOAT_EQ(fit.left, 0.25f);
+    EXPECT_FLOAT_EQ(fit.bottom, 1);
+    EXPECT_EQ(fit.fitBounds, 1);
+    ASSERT_EQ(put(PDButtonWidgetAnnotSetRolloverCaption, w2.get(), u""), PD_OK);
+    EXPECT_EQ(get(PDButtonWidgetAnnotGetRolloverCaption, w2.get()), u"<error 3>");
+
+    // The normal face shows /CA (the euro sign in WinAnsi), the down face /AC.
+    std::string out = python(kDescribe, path);
+    EXPECT_NE(out.find("push /N - bbox=0 0 100 30 matrix=- fonts=/Helv tx=False tj=Send \\200"),
+              std::string::npos)
+        << out;
+    EXPECT_NE(out.find("push /D - bbox=0 0 100 30 matrix=- fonts=/Helv tx=False tj=Sending"),
+              std::string::npos)
+        << out;
+}
+
+TEST(Widgets, RenamingTheOnStateKeepsTheButtonOn) {
+    ScratchDir dir;
+    auto doc = createDoc();
+    auto pg = page(doc.get(), 0);
+    auto box = createField(doc.get(), "box", PD_ATOM_Btn);
+    auto bw = addWidget(doc.get(), box.get(), pg.get(), rect(50, 50, 70, 70));
+    auto radio = createField(doc.get(), "radio", PD_ATOM_Btn, PD_FIELD_RADIO);
+    auto r1 = addWidget(doc.get(), radio.get(), pg.get(), rect(100, 50, 120, 70));
+    auto r2 = addWidget(doc.get(), radio.get(), pg.get(), rect(130, 50, 150, 70));
+    auto push = createField(doc.get(), "push", PD_ATOM_Btn, PD_FIELD_PUSHBUTTON);
+    auto pw = addWidget(doc.get(), push.get(), pg.get(), rect(200, 50, 260, 70));
+
+    EXPECT_EQ(get(PDButtonWidgetAnnotGetChoice, pw.get()), u"<error 3>");
+    EXPECT_EQ(put(PDButtonWidgetAnnotSetChoice, pw.get(), u"x"), PD_ERR_FIELD_KIND);
+    EXPECT_EQ(put(PDButtonWidgetAnnotSetChoice, bw.get(), u"Off"), PD_ERR_BAD_ARGUMENT);
+    EXPECT_EQ(put(PDButtonWidgetAnnotSetChoice, bw.get(), u""), PD_ERR_BAD_ARGUMENT);
+
+    ASSERT_EQ(setValue(box.get(), u"Yes"), PD_OK);
+    ASSERT_EQ(put(PDButtonWidgetAnnotSetChoice, bw.get(), u"Accept"), PD_OK);
+    EXPECT_EQ(get(PDButtonWidgetAnnotGetChoice, bw.get()), u"Accept");
+    EXPECT_EQ(fieldValue(box.get()), u"Accept");
+    ASSERT_EQ(put(PDButtonWidgetAnnotSetChoice, r1.get(), u"left"), PD_OK);
+    ASSERT_EQ(put(PDButtonWidgetAnnotSetChoice, r2.get(), u"right"), PD_OK);
+    ASSERT_EQ(setValue(radio.get(), u"right"), PD_OK);
+    ASSERT_EQ(put(PDButtonWidgetAnnotSetChoice, r1.get(), u"west"), PD_OK);
+    EXPECT_EQ(fieldValue(radio.get()), u"right") << "renaming an off widget leaves the value";
+
+    std::string path = dir.file("states.pdf");
+    auto copy = reopen(doc.get(), path);
+    auto b2 = annotAt(copy.get(), 0), r1b = annotAt(copy.get(), 1), r2b = annotAt(copy.get(), 2);
+    EXPECT_EQ(get(PDButtonWidgetAnnotGetChoice, b2.get()), u"Accept");
+    EXPECT_EQ(get(PDButtonWidgetAnnotGetChoice, r1b.get()), u"west");
+    EXPECT_EQ(get(PDButtonWidgetAnnotGetChoice, r2b.get()), u"right");
+    PDAtom as = 0;
+    ASSERT_EQ(PDAnnotGetAppearanceState(b2.get(), &as), PD_OK);
+    EXPECT_EQ(atomText(as), "Accept");
+    ASSERT_EQ(PDAnnotGetAppearanceState(r1b.get(), &as), PD_OK);
+    EXPECT_EQ(atomText(as), "Off");
+
+    std::string out = python(kDescribe, path);
+    for (const char* line : {"box /N /Accept bbox=0 0 20 20 matrix=- fonts=/ZaDb tx=False tj=4",
+                             "box /N /Off bbox=0 0 20 20", "box /D /Accept", "box /D /Off",
+                             "radio /N /west bbox=0 0 20 20 matrix=- fonts=/ZaDb tx=False tj=l",
+                             "as radio /Off", "as radio /right"})
+        EXPECT_NE(out.find(line), std::string::npos) << line << "\n" << out;
+    EXPECT_EQ(out.find("/Yes"), std::string::npos) << "no trace of the old name\n" << out;
+}
+
+TEST(Widgets, QuaddingAndChoiceSelection) {
+    ScratchDir dir;
+    auto doc = createDoc();
+    auto pg = page(doc.get(), 0);
+    auto tf = createField(doc.get(), "text", PD_ATOM_Tx);
+    auto tw = addWidget(doc.get(), tf.get(), pg.get(), rect(50, 700, 250, 720));
+    auto tw2 = addWidget(doc.get(), tf.get(), pg.get(), rect(50, 650, 250, 670));
+    auto ch = createField(doc.get(), "choice", PD_ATOM_Ch, PD_FIELD_COMBO);
+    auto cw = addWidget(doc.get(), ch.get(), pg.get(), rect(50, 600, 250, 620));
+    auto box = createField(doc.get(), "box", PD_ATOM_Btn);
+    auto bw = addWidget(doc.get(), box.get(), pg.get(), rect(50, 550, 70, 570));
+
+    int32_t q = -1;
+    ASSERT_EQ(PDTextWidgetAnnotGetQuadding(tw.get(), &q), PD_OK);
+    EXPECT_EQ(q, 0);
+    EXPECT_EQ(PDTextWidgetAnnotSetQuadding(tw.get(), 3), PD_ERR_BAD_ARGUMENT);
+    EXPECT_EQ(PDTextWidgetAnnotSetQuadding(bw.get(), 1), PD_ERR_FIELD_KIND);
+    ASSERT_EQ(PDTextWidgetAnnotSetQuadding(tw.get(), 2), PD_OK);
+
+    const std::u16string options[][2] = {{u"Red", u"r"}, {u"Green", u"g"}, {u"Blue", u""}};
+    for (uint32_t i = 0; i < 3; ++i)
+        ASSERT_EQ(PDChoiceFieldInsertOption(ch.get(), i, options[i][0].data(),
+                                            static_cast<uint32_t>(options[i][0].size()),
+                                            options[i][1].data(),
+                                            static_cast<uint32_t>(options[i][1].size())),
+                  PD_OK);
+    uint32_t index = 0;
+    ASSERT_EQ(PDChoiceWidgetAnnotGetSelection(cw.get(), &index), PD_OK);
+    EXPECT_EQ(index, PD_NO_SELECTION);
+    EXPECT_EQ(PDChoiceWidgetAnnotSetSelection(cw.get(), 3), PD_ERR_RANGE);
+    EXPECT_EQ(PDChoiceWidgetAnnotSetSelection(tw.get(), 0), PD_ERR_FIELD_KIND);
+    ASSERT_EQ(PDChoiceWidgetAnnotSetSelection(cw.get(), 1), PD_OK);
+    EXPECT_EQ(fieldValue(ch.get()), u"g") << "the export value";
+
+    std::string path = dir.file("q.pdf");
+    auto copy = reopen(doc.get(), path);
+    auto tw2b = annotAt(copy.get(), 1), cwb = annotAt(copy.get(), 2);
+    ASSERT_EQ(PDTextWidgetAnnotGetQuadding(tw2b.get(), &q), PD_OK);
+    EXPECT_EQ(q, 2) << "stored on the field, seen by every widget";
+    ASSERT_EQ(PDChoiceWidgetAnnotGetSelection(cwb.get(), &index), PD_OK);
+    EXPECT_EQ(index, 1u);
+    std::string out = python("f = pdf.trailer['/Root']['/AcroForm']['/Fields'][1].get_object()\n"
+                             "print(f.get('/V'), list(f.get('/I', [])))",
+                             path);
+    EXPECT_EQ(out, "g [1]\n");
+    EXPECT_NE(python(kDescribe, path)
+                  .find("choice /N - bbox=0 0 200 20 matrix=- fonts=/Helv "
+                        "tx=True tj=Green"),
+              std::string::npos)
+        << "a combo box shows the display text";
+
+    ASSERT_EQ(PDChoiceWidgetAnnotSetSelection(cwb.get(), 2), PD_OK);
+    auto ch2 = findField(copy.get(), "choice");
+    EXPECT_EQ(fieldValue(ch2.get()), u"Blue");
+    ASSERT_EQ(PDChoiceWidgetAnnotSetSelection(cwb.get(), PD_NO_SELECTION), PD_OK);
+    EXPECT_EQ(fieldValue(ch2.get()), u"<error 3>");
+    ASSERT_EQ(PDChoiceWidgetAnnotGetSelection(cwb.get(), &index), PD_OK);
+    EXPECT_EQ(index, PD_NO_SELECTION);
+}
+
+TEST(Widgets, CallsCheckHandlesAndOutputs) {
+    auto doc = createDoc();
+    auto pg = page(doc.get(), 0);
+    auto tf = createField(doc.get(), "t", PD_ATOM_Tx);
+    auto w = addWidget(doc.get(), tf.get(), pg.get(), rect(10, 10, 50, 30));
+    int32_t v = 0;
+    uint32_t u = 0;
+    EXPECT_EQ(PDWidgetAnnotGetRotate(nullptr, &v), PD_ERR_MISSING_OBJECT);
+    EXPECT_EQ(PDWidgetAnnotGetRotate(pg.get(), &v), PD_ERR_WRONG_HANDLE);
+    EXPECT_EQ(PDWidgetAnnotSetBgColor(tf.get(), 0xFF000000), PD_ERR_WRONG_HANDLE);
+    EXPECT_EQ(PDWidgetAnnotGetRotate(w.get(), nullptr), PD_ERR_BAD_ARGUMENT);
+    EXPECT_EQ(PDWidgetAnnotGetBgColor(w.get(), nullptr), PD_ERR_BAD_ARGUMENT);
+    EXPECT_EQ(PDWidgetAnnotSetBorderStyle(w.get(), nullptr), PD_ERR_BAD_ARGUMENT);
+    EXPECT_EQ(PDWidgetAnnotSetFontInfo(w.get(), nullptr), PD_ERR_BAD_ARGUMENT);
+    EXPECT_EQ(PDChoiceWidgetAnnotGetSelection(w.get(), &u), PD_ERR_FIELD_KIND);
+    EXPECT_EQ(PDButtonWidgetAnnotSetCaption(w.get(), nullptr, 3), PD_ERR_BAD_ARGUMENT);
+    char16_t small[2];
+    ASSERT_EQ(PDWidgetAnnotSetRotate(w.get(), 90), PD_OK);
+    auto box = createField(doc.get(), "b", PD_ATOM_Btn);
+    auto bw = addWidget(doc.get(), box.get(), pg.get(), rect(60, 10, 80, 30));
+    EXPECT_EQ(PDButtonWidgetAnnotGetChoice(bw.get(), small, 2, &u), PD_ERR_BUFFER_SMALL);
+    EXPECT_EQ(u, 3u);
+}
+
+TEST(WidgetAppearance, EveryKindIsDrawnInsideItsRectangle) {
+    ScratchDir dir;
+    auto doc = createDoc(1, 400, 400);
+    auto pg = page(doc.get(), 0);
+    auto add = [&](const char* name, PDAtom type, uint32_t flags, PDRect r) {
+        auto f = createField(doc.get(), name, type, flags);
+        auto w = addWidget(doc.get(), f.get(), pg.get(), r);
+        return std::make_pair(std::move(f), std::move(w));
+    };
+    auto [text, tw] = add("text", PD_ATOM_Tx, 0, rect(20, 350, 200, 375));
+    ASSERT_EQ(setValue(text.get(), u"Hello"), PD_OK);
+    auto [on, onW] = add("on", PD_ATOM_Btn, 0, rect(20, 300, 40, 320));
+    ASSERT_EQ(setValue(on.get(), u"Yes"), PD_OK);
+    auto [off, offW] = add("off", PD_ATOM_Btn, 0, rect(60, 300, 80, 320));
+    auto [radio, rw] = add("radio", PD_ATOM_Btn, PD_FIELD_RADIO, rect(100, 300, 120, 320));
+    ASSERT_EQ(setValue(radio.get(), u"Yes"), PD_OK);
+    auto [push, pw] = add("push", PD_ATOM_Btn, PD_FIELD_PUSHBUTTON, rect(150, 290, 250, 320));
+    ASSERT_EQ(put(PDButtonWidgetAnnotSetCaption, pw.get(), u"OK"), PD_OK);
+    ASSERT_EQ(PDWidgetAnnotSetBgColor(pw.get(), 0xFF00C000), PD_OK);
+    auto [combo, cw] = add("combo", PD_ATOM_Ch, PD_FIELD_COMBO, rect(20, 240, 200, 262));
+    auto [list, lw] = add("list", PD_ATOM_Ch, 0, rect(220, 180, 380, 262));
+    for (auto* f : {combo.get(), list.get()})
+        for (uint32_t i = 0; i < 4; ++i) {
+            std::u16string item = u"Item " + u16(std::to_string(i));
+            ASSERT_EQ(PDChoiceFieldInsertOption(f, i, item.data(), 6, nullptr, 0), PD_OK);
+        }
+    ASSERT_EQ(PDChoiceWidgetAnnotSetSelection(cw.get(), 2), PD_OK);
+    ASSERT_EQ(PDChoiceWidgetAnnotSetSelection(lw.get(), 1), PD_OK);
+    PDField sig = nullptr;
+    ASSERT_EQ(PDCreateSignField(doc.get(), 0, &sig), PD_OK);
+    Owned sigField(sig);
+    auto sw = addWidget(doc.get(), sig, pg.get(), rect(20, 20, 200, 80));
+    ASSERT_EQ(PDWidgetAnnotSetBgColor(sw.get(), 0xFFFFC0C0), PD_OK);
+    ASSERT_EQ(PDWidgetAnnotSetBorderColor(sw.get(), 0), PD_OK);
+
+    std::string path = dir.file("kinds.pdf");
+    ASSERT_EQ(PDDocSave(doc.get(), path.c_str()), PD_OK);
+    EXPECT_EQ(qpdfCheck(path), 0);
+    Raster r = render(path, dir.file("kinds"));
+    ASSERT_EQ(r.width, 400);
+    // Inside the border (inset 2): value text, check mark, radio dot, caption, combo text.
+    EXPECT_GT(r.count(20, 350, 200, 375, 2, isDark), 30);
+    EXPECT_GT(r.count(20, 300, 40, 320, 2, isDark), 20) << "check box that is on";
+    EXPECT_EQ(r.count(60, 300, 80, 320, 2, isDark), 0) << "check box that is off";
+    EXPECT_GT(r.count(104, 304, 116, 316, 0, isDark), 20) << "radio dot";
+    EXPECT_GT(r.count(150, 290, 250, 320, 2, isColour(0xFF00C000)), 1500) << "button face";
+    EXPECT_GT(r.count(150, 290, 250, 320, 2, isDark), 20) << "caption";
+    EXPECT_GT(r.count(20, 240, 200, 262, 2, isDark), 30) << "combo text";
+    // The list box highlights its second row (12 pt, 13.8 high, from y 261 down) only.
+    auto highlight = isColour(0xFF99BFD9);
+    EXPECT_GT(r.count(222, 235, 378, 245, 0, highlight), 500);
+    EXPECT_EQ(r.count(222, 249, 378, 260, 0, highlight), 0);
+    EXPECT_EQ(r.count(222, 182, 378, 231, 0, highlight), 0);
+    EXPECT_GT(r.count(222, 182, 378, 260, 1, isDark), 80) << "four items";
+    EXPECT_GT(r.count(20, 20, 200, 80, 0, isColour(0xFFFFC0C0)), 180 * 60 - 10)
+        << "a signature box without border is all background";
+    EXPECT_EQ(r.count(0, 100, 400, 170, 0, [](const uint8_t* p) { return p[0] < 250; }), 0)
+        << "nothing drawn outside the widgets";
+}
+
+TEST(WidgetAppearance, TextLayoutFollowsFlagsAndAlignment) {
+    ScratchDir dir;
+    auto doc = createDoc(1, 400, 400);
+    auto pg = page(doc.get(), 0);
+    auto add = [&](const char* name, uint32_t flags, PDRect r, const std::u16string& value) {
+        auto f = createField(doc.get(), name, PD_ATOM_Tx, flags);
+        auto w = addWidget(doc.get(), f.get(), pg.get(), r);
+        EXPECT_EQ(setValue(f.get(), value), PD_OK);
+        return std::make_pair(std::move(f), std::move(w));
+    };
+    auto [right, rw] = add("right", 0, rect(20, 350, 380, 370), u"ends right");
+    ASSERT_EQ(PDTextWidgetAnnotSetQuadding(rw.get(), 2), PD_OK);
+    auto [multi, mw] = add("multi", PD_FIELD_MULTILINE, rect(20, 200, 120, 330),
+                           u"several words that cannot fit on a single line\nand a break");
+    auto [comb, cw] = add("comb", PD_FIELD_COMB, rect(20, 150, 220, 175), u"");
+    ASSERT_EQ(PDTextFieldSetMaxLen(comb.get(), 4), PD_OK);
+    ASSERT_EQ(setValue(comb.get(), u"7788"), PD_OK);
+    ASSERT_EQ(PDWidgetAnnotSetBorderColor(cw.get(), 0xFF0000FF), PD_OK);
+    auto [secret, pw] = add("secret", PD_FIELD_PASSWORD, rect(20, 100, 220, 125), u"hunter2");
+    auto [small, sw] = add("small", 0, rect(250, 100, 380, 116), u"Hg");
+    auto [big, bw] = add("big", 0, rect(250, 130, 380, 175), u"Hg");
+
+    std::string path = dir.file("layout.pdf");
+    ASSERT_EQ(PDDocSave(doc.get(), path.c_str()), PD_OK);
+    Raster r = render(path, dir.file("layout"));
+    EXPECT_EQ(r.count(20, 350, 250, 370, 2, isDark), 0) << "right-aligned: left part empty";
+    EXPECT_GT(r.count(300, 350, 380, 370, 2, isDark), 30);
+
+    // Wrapped lines: count bands of rows that hold dark pixels.
+    int bands = 0;
+    bool inBand = false;
+    for (int y = 400 - 328; y < 400 - 202; ++y) {
+        bool dark = false;
+        for (int x = 23; x < 117; ++x)
+            dark = dark || isDark(r.at(x, y));
+        bands += dark && !inBand;
+        inBand = dark;
+    }
+    EXPECT_GE(bands, 4) << "the long paragraph wraps, the break starts a new line";
+
+    // Comb: one digit centred in each of the four 50-point cells, dividers in blue.
+    for (int cell = 0; cell < 4; ++cell) {
+        float x0 = 20 + 50.f * cell;
+        EXPECT_GT(r.count(x0 + 15, 152, x0 + 35, 173, 0, isDark), 10) << cell;
+        EXPECT_EQ(r.count(x0 + 3, 152, x0 + 12, 173, 0, isDark), 0) << cell;
+    }
+    auto bluish = [](const uint8_t* p) { return p[2] > 200 && p[0] < 200 && p[1] < 200; };
+    EXPECT_GT(r.count(68, 152, 72, 173, 0, bluish), 15) << "cell divider";
+
+    // Automatic size grows with the box.
+    auto smallExt = darkExtent(r, 252, 400 - 115, 378, 400 - 101);
+    auto bigExt = darkExtent(r, 252, 400 - 173, 378, 400 - 132);
+    EXPECT_GT(bigExt.second, 2 * smallExt.second);
+    EXPECT_GT(smallExt.second, 4);
+
+    std::string out = python(kDescribe, path);
+    EXPECT_NE(out.find("secret /N - bbox=0 0 200 25 matrix=- fonts=/Helv tx=True tj=*******\n"),
+              std::string::npos)
+        << out;
+}
+
+TEST(WidgetAppearance, RotatedWidgetsReadUprightOnARotatedPage) {
+    ScratchDir dir;
+    std::string flat = dir.file("flat.pdf"), turned = dir.file("turned.pdf");
+    {
+        auto doc = createDoc(1, 400, 300);
+        ASSERT_EQ(PDDocSave(doc.get(), flat.c_str()), PD_OK);
+    }
+    int status = -1;
+    run("qpdf '" + flat + "' --rotate=+90 '" + turned + "'", &status);
+    ASSERT_EQ(status, 0);
+    auto doc = openDoc(turned);
+    auto pg = page(doc.get(), 0);
+    int32_t pageRotation = 0;
+    ASSERT_EQ(PDPageGetRotate(pg.get(), &pageRotation), PD_OK);
+    ASSERT_EQ(pageRotation, 90);
+    // Tall rectangles on the page, so that they lie wide on the turned page.
+    auto up = createField(doc.get(), "up", PD_ATOM_Tx);
+    auto upW = addWidget(doc.get(), up.get(), pg.get(), rect(50, 50, 80, 250));
+    ASSERT_EQ(PDWidgetAnnotSetRotate(upW.get(), 90), PD_OK);
+    ASSERT_EQ(setValue(up.get(), u"Upright text"), PD_OK);
+    auto side = createField(doc.get(), "side", PD_ATOM_Tx);
+    auto sideW = addWidget(doc.get(), side.get(), pg.get(), rect(150, 50, 200, 250));
+    ASSERT_EQ(PDWidgetAnnotSetFontSize(sideW.get(), 10), PD_OK);
+    ASSERT_EQ(setValue(side.get(), u"Sideways"), PD_OK);
+    auto push = createField(doc.get(), "push", PD_ATOM_Btn, PD_FIELD_PUSHBUTTON);
+    auto pushW = addWidget(doc.get(), push.get(), pg.get(), rect(250, 50, 280, 150));
+    ASSERT_EQ(PDWidgetAnnotSetRotate(pushW.get(), 90), PD_OK);
+    ASSERT_EQ(put(PDButtonWidgetAnnotSetCaption, pushW.get(), u"Press"), PD_OK);
+
+    std::string path = dir.file("rotated.pdf");
+    ASSERT_EQ(PDDocSave(doc.get(), path.c_str()), PD_OK);
+    Raster r = render(path, dir.file("rotated"));
+    ASSERT_EQ(r.width, 300);
+    ASSERT_EQ(r.height, 400);
+    // Turned a quarter clockwise, user point (x, y) shows at pixel (y, x).
+    auto extent = [&](float l, float b, float rr, float t) {
+        return darkExtent(r, static_cast<int>(b) + 3, static_cast<int>(l) + 3,
+                          static_cast<int>(t) - 3, static_cast<int>(rr) - 3);
+    };
+    auto upright = extent(50, 50, 80, 250);
+    auto sideways = extent(150, 50, 200, 250);
+    auto caption = extent(250, 50, 280, 150);
+    EXPECT_GT(upright.first, 3 * upright.second) << "a line of text lies along the width";
+    EXPECT_GT(sideways.second, 3 * sideways.first) << "without /R the text runs down the page";
+    EXPECT_GT(caption.first, caption.second);
+
+    std::string out = python(kDescribe, path);
+    EXPECT_NE(out.find("up /N - bbox=0 0 200 30 matrix=0 1 -1 0 30 0"), std::string::npos) << out;
+    EXPECT_NE(out.find("side /N - bbox=0 0 50 200 matrix=-"), std::string::npos) << out;
+}
+
+TEST(WidgetAppearance, ButtonIconFollowsTheIconFit) {
+    ScratchDir dir;
+    auto doc = createDoc(1, 200, 200);
+    auto pg = page(doc.get(), 0);
+    auto push = createField(doc.get(), "push", PD_ATOM_Btn, PD_FIELD_PUSHBUTTON);
+    auto w = addWidget(doc.get(), push.get(), pg.get(), rect(20, 20, 180, 180));
+    ASSERT_EQ(PDWidgetAnnotSetBgColor(w.get(), 0xFFFFFFFF), PD_OK);
+    std::string made = dir.file("made.pdf"), edited = dir.file("edited.pdf");
+    ASSERT_EQ(PDDocSave(doc.get(), made.c_str()), PD_OK);
+    // A 20 x 10 red icon shown alone (/TP 1).
+    edit(made, edited, R"(
+icon = StreamObject()
+icon._data = b'1 0 0 rg 0 0 20 10 re f'
+icon.update({NameObject('/Type'): NameObject('/XObject'),
+             NameObject('/Subtype'): NameObject('/Form'),
+             NameObject('/BBox'): ArrayObject([NumberObject(v) for v in (0, 0, 20, 10)])})
+annots[0]['/MK'][NameObject('/I')] = w._add_object(icon)
+annots[0]['/MK'][NameObject('/TP')] = NumberObject(1)
+)");
+    auto copy = openDoc(edited);
+    auto cw = annotAt(copy.get(), 0);
+    auto red = isColour(0xFFFF0000);
+
+    PDIconFit never{3, 0, 0, 0, 0}; // natural size, bottom-left corner
+    ASSERT_EQ(PDButtonWidgetAnnotSetIconFit(cw.get(), &never), PD_OK);
+    std::string path = dir.file("never.pdf");
+    ASSERT_EQ(PDDocSave(copy.get(), path.c_str()), PD_OK);
+    Raster r = render(path, dir.file("never"));
+    EXPECT_NEAR(r.count(20, 20, 180, 180, 0, red), 200, 40);
+    EXPECT_GT(r.count(21, 21, 41, 31, 1, red), 100);
+
+    PDIconFit always{0, 0, 0.5f, 0.5f, 0}; // proportional: 158 wide, 79 high, centred
+    ASSERT_EQ(PDButtonWidgetAnnotSetIconFit(cw.get(), &always), PD_OK);
+    path = dir.file("always.pdf");
+    ASSERT_EQ(PDDocSave(copy.get(), path.c_str()), PD_OK);
+    r = render(path, dir.file("always"));
+    EXPECT_NEAR(r.count(20, 20, 180, 180, 0, red), 158 * 79, 800);
+    EXPECT_EQ(r.count(21, 21, 179, 55, 1, red), 0) << "room left below";
+    EXPECT_GT(r.count(21, 70, 179, 130, 1, red), 150 * 55);
+}
