@@ -1,0 +1,66 @@
+// qfforms: the command-line program of qf-forms.
+//
+//   qfforms inspect FILE.pdf   prints the pages, annotations and fields of FILE as JSON
+//
+// Exit status: 0 success, 1 the file could not be inspected, 2 wrong usage.
+
+#include "Inspect.h"
+#include "Pd.h"
+
+#include <cstdio>
+#include <exception>
+#include <iostream>
+#include <string>
+#include <string_view>
+
+namespace {
+
+constexpr const char* kUsage =
+    "usage: qfforms inspect FILE.pdf\n"
+    "\n"
+    "  inspect   print the pages, annotations and form fields of FILE.pdf as JSON\n";
+
+int usageError(std::string_view message) {
+    if (!message.empty()) std::cerr << "qfforms: " << message << "\n";
+    std::cerr << kUsage;
+    return 2;
+}
+
+int fail(const std::string& path, const std::string& message) {
+    std::cerr << "qfforms: " << path << ": " << message << "\n";
+    return 1;
+}
+
+int inspect(const std::string& path) {
+    std::string text;
+    try {
+        qfforms::Json json = qfforms::inspectFile(path);
+        // PDF names need not be UTF-8; invalid bytes are replaced rather than fatal.
+        text = json.dump(2, ' ', false, qfforms::Json::error_handler_t::replace);
+    } catch (const std::exception& e) {
+        return fail(path, e.what());
+    }
+    text += '\n';
+    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() ||
+        std::fflush(stdout) != 0) {
+        std::cerr << "qfforms: cannot write the output\n";
+        return 1;
+    }
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 2) return usageError("");
+    const std::string_view command = argv[1];
+    if (command == "-h" || command == "--help" || command == "help") {
+        std::cout << kUsage;
+        return 0;
+    }
+    if (command != "inspect") return usageError("unknown command '" + std::string(command) + "'");
+    if (argc != 3) return usageError("inspect takes one file");
+    const std::string path = argv[2];
+    if (path.empty()) return usageError("empty file name");
+    return inspect(path);
+}
