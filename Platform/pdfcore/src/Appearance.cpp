@@ -1,15 +1,13 @@
 // Normal (and, for buttons, down) appearance streams of widgets, drawn from the field's
 // type, flags, value and options and from the widget's /MK, /BS, /DA, /Q and /Rect.
 // The streams are complete: viewers show them as they are.
-#include "Core.h"
+#include "DefaultAppearance.h"
 
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <charconv>
 #include <cmath>
 #include <cstdint>
-#include <cstdlib>
 #include <map>
 #include <numbers>
 #include <qpdf/Buffer.hh>
@@ -22,21 +20,8 @@ namespace {
 
 // ---- metrics ---------------------------------------------------------------------
 
-// Advance widths (1/1000 em) of WinAnsi codes 32..255; 0 for unused codes.
-constexpr std::array<uint16_t, 224> kHelvetica = {
-    278,  278, 355, 556, 556,  889, 667, 191, 333, 333, 389, 584,  278, 333,  278,  278,  556, 556,
-    556,  556, 556, 556, 556,  556, 556, 556, 278, 278, 584, 584,  584, 556,  1015, 667,  667, 722,
-    722,  667, 611, 778, 722,  278, 500, 667, 556, 833, 722, 778,  667, 778,  722,  667,  611, 722,
-    667,  944, 667, 667, 611,  278, 278, 278, 469, 556, 333, 556,  556, 500,  556,  556,  278, 556,
-    556,  222, 222, 500, 222,  833, 556, 556, 556, 556, 333, 500,  278, 556,  500,  722,  500, 500,
-    500,  334, 260, 334, 584,  0,   556, 0,   222, 556, 333, 1000, 556, 556,  333,  1000, 667, 333,
-    1000, 0,   611, 0,   0,    222, 222, 333, 333, 350, 556, 1000, 333, 1000, 500,  333,  944, 0,
-    500,  667, 278, 333, 556,  556, 556, 556, 260, 556, 333, 737,  370, 556,  584,  333,  737, 333,
-    400,  584, 333, 333, 333,  578, 537, 278, 333, 333, 365, 556,  834, 834,  834,  611,  667, 667,
-    667,  667, 667, 667, 1000, 722, 667, 667, 667, 667, 278, 278,  278, 278,  722,  722,  778, 778,
-    778,  778, 778, 584, 778,  722, 722, 722, 722, 667, 667, 611,  556, 556,  556,  556,  556, 556,
-    889,  500, 556, 556, 556,  556, 278, 278, 278, 278, 556, 556,  556, 556,  556,  556,  556, 584,
-    611,  556, 556, 556, 556,  500, 556, 500};
+// Advance widths (1/1000 em) of WinAnsi codes 32..255, 0 for unused codes; Helvetica's are
+// kHelveticaWidths.
 constexpr std::array<uint16_t, 224> kHelveticaBold = {
     278,  333, 474, 556, 556,  889, 722, 238, 333, 333, 389, 584,  278, 333,  278, 278,  556, 556,
     556,  556, 556, 556, 556,  556, 556, 556, 333, 333, 584, 584,  584, 611,  975, 722,  722, 722,
@@ -89,19 +74,9 @@ constexpr std::array<uint16_t, 95> kDingbats = {
 
 // ---- small helpers ------------------------------------------------------------------
 
-// A number for a content stream: at most four decimals, no exponent, no "-0".
+// A number for a content stream: at most four decimals.
 std::string num(double v) {
-    if (!std::isfinite(v)) v = 0;
-    v = std::clamp(v, -1e9, 1e9);
-    v = std::round(v * 10000) / 10000;
-    if (v == 0) return "0";
-    char buf[40];
-    auto r = std::to_chars(buf, buf + sizeof buf, v, std::chars_format::fixed, 4);
-    std::string s(buf, r.ptr);
-    while (!s.empty() && s.back() == '0')
-        s.pop_back();
-    if (!s.empty() && s.back() == '.') s.pop_back();
-    return s;
+    return pdfNumber(v, 4);
 }
 
 constexpr double kPi = std::numbers::pi;
@@ -110,193 +85,9 @@ QPDFObjectHandle real(double v) {
     return QPDFObjectHandle::newReal(num(v));
 }
 
-bool numberOf(QPDFObjectHandle o, double& out) {
-    if (!o.isNumber()) return false;
-    out = o.getNumericValue();
-    return std::isfinite(out);
-}
-
-std::string nameOf(QPDFObjectHandle o) {
-    return o.isName() ? o.getName() : std::string();
-}
-
 int64_t intOf(QPDFObjectHandle o, int64_t fallback) {
     double v;
     return numberOf(o, v) ? static_cast<int64_t>(v) : fallback;
-}
-
-struct Colour {
-    int n = 0; // 0 none, 1 grey, 3 RGB, 4 CMYK
-    double c[4] = {0, 0, 0, 0};
-
-    bool present() const { return n > 0; }
-    static Colour grey(double g) {
-        Colour k;
-        k.n = 1;
-        k.c[0] = g;
-        return k;
-    }
-    Colour rgb() const {
-        Colour k;
-        k.n = 3;
-        if (n == 1) {
-            k.c[0] = k.c[1] = k.c[2] = c[0];
-        } else if (n == 3) {
-            std::copy(c, c + 3, k.c);
-        } else if (n == 4) {
-            for (int i = 0; i < 3; ++i)
-                k.c[i] = (1 - c[i]) * (1 - c[3]);
-        }
-        return k;
-    }
-    Colour scaled(double f) const {
-        Colour k = rgb();
-        for (int i = 0; i < 3; ++i)
-            k.c[i] = std::clamp(k.c[i] * f, 0.0, 1.0);
-        return k;
-    }
-    std::string op(bool stroke) const {
-        std::string s;
-        for (int i = 0; i < n; ++i)
-            s += num(std::clamp(c[i], 0.0, 1.0)) + ' ';
-        static const char* fill[] = {"", "g", "", "rg", "k"};
-        static const char* strokeOps[] = {"", "G", "", "RG", "K"};
-        return s + (stroke ? strokeOps[n] : fill[n]) + '\n';
-    }
-};
-
-Colour colourOf(QPDFObjectHandle arr) {
-    Colour k;
-    if (!arr.isArray()) return k;
-    int n = arr.getArrayNItems();
-    if (n != 1 && n != 3 && n != 4) return k;
-    for (int i = 0; i < n; ++i)
-        if (!numberOf(arr.getArrayItem(i), k.c[i])) return Colour{};
-    k.n = n;
-    return k;
-}
-
-// ---- default appearance ------------------------------------------------------------
-
-struct DefaultAppearance {
-    std::string font; // resource name without slash; empty when no Tf
-    double size = 0;
-    Colour colour;
-};
-
-bool isPdfSpace(char c) {
-    return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\f' || c == '\0';
-}
-bool isPdfDelimiter(char c) {
-    return c == '(' || c == ')' || c == '<' || c == '>' || c == '[' || c == ']' || c == '{' ||
-           c == '}' || c == '/' || c == '%';
-}
-
-// Reads the operators that matter (Tf, g, rg, k) from a /DA string; the last one of
-// each kind wins, as it would when the string is run as content.
-DefaultAppearance parseDA(const std::string& s) {
-    struct Operand {
-        bool isName;
-        double value;
-        std::string name;
-    };
-    DefaultAppearance da;
-    std::vector<Operand> stack;
-    size_t i = 0, n = s.size();
-    auto bad = [&] { stack.push_back({false, NAN, {}}); };
-    while (i < n) {
-        char c = s[i];
-        if (isPdfSpace(c)) {
-            ++i;
-        } else if (c == '%') {
-            while (i < n && s[i] != '\r' && s[i] != '\n')
-                ++i;
-        } else if (c == '/') {
-            std::string name;
-            for (++i; i < n && !isPdfSpace(s[i]) && !isPdfDelimiter(s[i]); ++i) {
-                if (s[i] == '#' && i + 2 < n &&
-                    std::isxdigit(static_cast<unsigned char>(s[i + 1])) &&
-                    std::isxdigit(static_cast<unsigned char>(s[i + 2]))) {
-                    name += static_cast<char>(std::stoi(s.substr(i + 1, 2), nullptr, 16));
-                    i += 2;
-                } else {
-                    name += s[i];
-                }
-            }
-            stack.push_back({true, 0, name});
-        } else if (c == '(') {
-            int depth = 0;
-            for (; i < n; ++i) {
-                if (s[i] == '\\')
-                    ++i;
-                else if (s[i] == '(')
-                    ++depth;
-                else if (s[i] == ')' && --depth == 0)
-                    break;
-            }
-            ++i;
-            bad();
-        } else if (c == '<' || c == '[' || c == ']' || c == '{' || c == '}' || c == '>' ||
-                   c == ')') {
-            if (c == '<')
-                while (i < n && s[i] != '>')
-                    ++i;
-            ++i;
-            bad();
-        } else {
-            size_t start = i;
-            while (i < n && !isPdfSpace(s[i]) && !isPdfDelimiter(s[i]))
-                ++i;
-            std::string word = s.substr(start, i - start);
-            if ((word[0] >= '0' && word[0] <= '9') || word[0] == '-' || word[0] == '+' ||
-                word[0] == '.') {
-                double v = NAN;
-                const char* b = word.data() + (word[0] == '+' ? 1 : 0);
-                auto r = std::from_chars(b, word.data() + word.size(), v);
-                if (r.ec != std::errc() || r.ptr != word.data() + word.size()) v = NAN;
-                stack.push_back({false, v, {}});
-                continue;
-            }
-            auto numberAt = [&](size_t fromEnd, double& v) {
-                if (stack.size() < fromEnd) return false;
-                const Operand& o = stack[stack.size() - fromEnd];
-                v = o.value;
-                return !o.isName && std::isfinite(v);
-            };
-            if (word == "Tf" && stack.size() >= 2 && stack[stack.size() - 2].isName) {
-                double size;
-                if (numberAt(1, size)) {
-                    da.font = stack[stack.size() - 2].name;
-                    da.size = size;
-                }
-            } else if (word == "g" || word == "rg" || word == "k") {
-                int count = word == "g" ? 1 : word == "rg" ? 3 : 4;
-                Colour k;
-                bool ok = true;
-                for (int j = 0; j < count && ok; ++j)
-                    ok = numberAt(count - j, k.c[j]);
-                if (ok) {
-                    k.n = count;
-                    da.colour = k;
-                }
-            }
-            stack.clear();
-        }
-    }
-    return da;
-}
-
-std::string stringOf(QPDFObjectHandle o) {
-    return o.isString() ? o.getStringValue() : "";
-}
-
-DefaultAppearance defaultAppearanceOf(Document& doc, QPDFObjectHandle widget) {
-    QPDFObjectHandle da = inherited(widget, "/DA");
-    if (!da.isString()) {
-        QPDFObjectHandle form = acroForm(doc, false);
-        if (form.isDictionary()) da = form.getKey("/DA");
-    }
-    return parseDA(stringOf(da));
 }
 
 // ---- fonts ---------------------------------------------------------------------------
@@ -397,22 +188,6 @@ struct Font {
     }
 };
 
-std::string stripSubset(std::string base) {
-    if (base.size() > 7 && base[6] == '+' &&
-        std::all_of(base.begin(), base.begin() + 6, [](char c) { return c >= 'A' && c <= 'Z'; }))
-        base.erase(0, 7);
-    return base;
-}
-
-QPDFObjectHandle simpleFontDict(const std::string& baseFont, bool winAnsi) {
-    auto d = QPDFObjectHandle::newDictionary();
-    d.replaceKey("/Type", QPDFObjectHandle::newName("/Font"));
-    d.replaceKey("/Subtype", QPDFObjectHandle::newName("/Type1"));
-    d.replaceKey("/BaseFont", QPDFObjectHandle::newName("/" + baseFont));
-    if (winAnsi) d.replaceKey("/Encoding", QPDFObjectHandle::newName("/WinAnsiEncoding"));
-    return d;
-}
-
 void readVerticalMetrics(Font& f, QPDFObjectHandle descriptor) {
     double ascent, descent;
     if (numberOf(descriptor.getKeyIfDict("/Ascent"), ascent) &&
@@ -442,8 +217,8 @@ Font makeFont(const std::string& name, QPDFObjectHandle dict) {
         for (size_t c = 32; c < 256; ++c)
             f.widths[c] = 600;
     } else {
-        const auto& table =
-            has("Times") ? (bold ? kTimesBold : kTimes) : (bold ? kHelveticaBold : kHelvetica);
+        const auto& table = has("Times") ? (bold ? kTimesBold : kTimes)
+                                         : (bold ? kHelveticaBold : kHelveticaWidths);
         if (has("Times")) f.ascent = 0.683, f.descent = 0.217;
         for (size_t c = 32; c < 256; ++c)
             f.widths[c] = table[c - 32];
@@ -605,7 +380,7 @@ Font standardFont(Document& doc, const std::string& name, const std::string& bas
                                 ? form.getKey("/DR").getKeyIfDict("/Font").getKeyIfDict("/" + name)
                                 : QPDFObjectHandle::newNull();
     if (!dict.isDictionary() || nameOf(dict.getKeyIfDict("/BaseFont")) != "/" + baseFont)
-        dict = simpleFontDict(baseFont, winAnsi);
+        dict = simpleFontDict("Type1", baseFont, winAnsi);
     return makeFont(name, dict);
 }
 
@@ -614,29 +389,6 @@ Font helvetica(Document& doc) {
 }
 Font dingbats(Document& doc) {
     return standardFont(doc, "ZaDb", "ZapfDingbats", false);
-}
-
-// The font dictionary of a resource name: the form's /DR, a /DR on the field, or the
-// resources of the widget's current appearance.
-QPDFObjectHandle findFontResource(Document& doc, QPDFObjectHandle widget, const std::string& name) {
-    std::vector<QPDFObjectHandle> places;
-    QPDFObjectHandle form = acroForm(doc, false);
-    if (form.isDictionary()) places.push_back(form.getKey("/DR"));
-    places.push_back(inherited(widget, "/DR"));
-    QPDFObjectHandle normal = widget.getKeyIfDict("/AP").getKeyIfDict("/N");
-    if (normal.isStream()) {
-        places.push_back(normal.getDict().getKey("/Resources"));
-    } else if (normal.isDictionary()) {
-        for (auto const& key : normal.getKeys()) {
-            QPDFObjectHandle s = normal.getKey(key);
-            if (s.isStream()) places.push_back(s.getDict().getKey("/Resources"));
-        }
-    }
-    for (auto& res : places) {
-        QPDFObjectHandle font = res.getKeyIfDict("/Font").getKeyIfDict("/" + name);
-        if (font.isDictionary()) return font;
-    }
-    return QPDFObjectHandle::newNull();
 }
 
 // The text font of a widget: the /DA font when it can be found and encodes all of texts,
@@ -769,6 +521,12 @@ class Content {
     void rect(double x, double y, double w, double h) {
         s += num(x) + ' ' + num(y) + ' ' + num(w) + ' ' + num(h) + " re\n";
     }
+    // Saves the graphics state and clips to a rectangle.
+    void clip(double x, double y, double w, double h) {
+        s += "q\n";
+        rect(x, y, w, h);
+        s += "W\nn\n";
+    }
     void moveTo(double x, double y) { s += num(x) + ' ' + num(y) + " m\n"; }
     void lineTo(double x, double y) { s += num(x) + ' ' + num(y) + " l\n"; }
     // Arc of a circle around (cx, cy) from angle a0 to a1 (radians), continuing the path.
@@ -900,28 +658,6 @@ double alignedX(int quadding, double x0, double avail, double textWidth) {
 
 // ---- the widget's model ----------------------------------------------------------------
 
-struct Option {
-    std::u16string exportValue, display;
-};
-
-std::vector<Option> optionsOf(QPDFObjectHandle field) {
-    std::vector<Option> out;
-    QPDFObjectHandle opt = inherited(field, "/Opt");
-    if (!opt.isArray()) return out;
-    for (auto& item : opt.getArrayAsVector()) {
-        if (item.isArray() && item.getArrayNItems() >= 2) {
-            out.push_back({textOf(item.getArrayItem(0)), textOf(item.getArrayItem(1))});
-        } else if (item.isArray() && item.getArrayNItems() == 1) {
-            std::u16string t = textOf(item.getArrayItem(0));
-            out.push_back({t, t});
-        } else {
-            std::u16string t = textOf(item);
-            out.push_back({t, t});
-        }
-    }
-    return out;
-}
-
 std::vector<std::u16string> valuesOf(QPDFObjectHandle v) {
     std::vector<std::u16string> out;
     if (v.isArray()) {
@@ -933,21 +669,15 @@ std::vector<std::u16string> valuesOf(QPDFObjectHandle v) {
     return out;
 }
 
-// The text of a stream value, decoded like a text string; empty when it cannot be read.
+// The name object for a state or value text, with its slash.
 std::string toName(const std::u16string& s) {
     return "/" + toUtf8(s);
 }
 
-// The widget's on-state: the first state of /AP /N (else /D) other than Off.
-std::u16string onStateOf(QPDFObjectHandle widget) {
-    QPDFObjectHandle ap = widget.getKeyIfDict("/AP");
-    for (const char* which : {"/N", "/D"}) {
-        QPDFObjectHandle states = ap.getKeyIfDict(which);
-        if (!states.isDictionary()) continue;
-        for (auto const& key : states.getKeys())
-            if (key != "/Off") return toU16(key.substr(1));
-    }
-    return u"Yes";
+// The widget's on-state, without the slash; Yes when it has none.
+std::u16string onStateText(QPDFObjectHandle widget) {
+    std::string on = onStateOf(widget);
+    return on.empty() ? u"Yes" : toU16(on.substr(1));
 }
 
 Frame frameOf(QPDFObjectHandle widget, double w, double h) {
@@ -967,10 +697,7 @@ Frame frameOf(QPDFObjectHandle widget, double w, double h) {
         f.bw = bw;
     }
     f.bw = std::clamp(f.bw, 0.0, std::min(w, h) / 4);
-    static const std::string styles = "SDBIU";
-    std::string s = nameOf(bs.getKeyIfDict("/S"));
-    if (s.size() == 2 && styles.find(s[1]) != std::string::npos)
-        f.style = static_cast<int>(styles.find(s[1]));
+    f.style = letterOf(bs.getKeyIfDict("/S"), "SDBIU", kSolid);
     QPDFObjectHandle dash = bs.getKeyIfDict("/D");
     if (dash.isArray())
         for (auto& d : dash.getArrayAsVector()) {
@@ -1025,6 +752,17 @@ struct Context {
     int quadding = 0;
 };
 
+// One line of text, aligned by /Q between x0 and x0 + availW and centred in the row from y0
+// of height h; a size of 0 fits the text to the row.
+void lineOfText(const Context& cx, Content& c, const Font& font, const std::u16string& text,
+                double size, double x0, double availW, double y0, double h) {
+    Codes bytes = font.encode(oneLine(text));
+    if (size <= 0) size = autoSize(font, bytes, availW, h);
+    if (!bytes.empty())
+        c.text(font, size, cx.da.colour, alignedX(cx.quadding, x0, availW, font.width(bytes, size)),
+               baselineCentred(font, size, y0, h), bytes);
+}
+
 // The text a text field shows: its value (asterisks for a password).
 std::u16string shownText(const Context& cx) {
     std::u16string value;
@@ -1051,9 +789,8 @@ void textContent(Context& cx, Content& c, const Font& font, const std::u16string
     bool comb = (cx.flags & PD_FIELD_COMB) && maxLen > 0 &&
                 !(cx.flags & (PD_FIELD_MULTILINE | PD_FIELD_PASSWORD));
 
-    c << "/Tx BMC\nq\n";
-    c.rect(in, in, boxW, boxH);
-    c << "W\nn\n";
+    c << "/Tx BMC\n";
+    c.clip(in, in, boxW, boxH);
     if (comb) {
         Codes codes = font.encode(oneLine(value));
         if (codes.size() > static_cast<size_t>(maxLen)) codes.resize(maxLen);
@@ -1104,12 +841,7 @@ void textContent(Context& cx, Content& c, const Font& font, const std::u16string
             y -= size * kLineFactor;
         }
     } else {
-        Codes bytes = font.encode(oneLine(value));
-        double size = cx.da.size > 0 ? cx.da.size : autoSize(font, bytes, availW, boxH);
-        if (!bytes.empty())
-            c.text(font, size, cx.da.colour,
-                   alignedX(cx.quadding, x0, availW, font.width(bytes, size)),
-                   baselineCentred(font, size, in, boxH), bytes);
+        lineOfText(cx, c, font, value, cx.da.size, x0, availW, in, boxH);
     }
     c << "Q\nEMC\n";
     // Cell dividers of a comb field, in the border colour.
@@ -1131,9 +863,8 @@ void choiceContent(Context& cx, Content& c, const Font& font, const std::vector<
     double boxW = f.w - 2 * in, boxH = f.h - 2 * in;
     double x0 = in + kPad, availW = boxW - 2 * kPad;
 
-    c << "/Tx BMC\nq\n";
-    c.rect(in, in, boxW, boxH);
-    c << "W\nn\n";
+    c << "/Tx BMC\n";
+    c.clip(in, in, boxW, boxH);
     if (cx.flags & PD_FIELD_COMBO) {
         std::u16string shown;
         if (!values.empty()) {
@@ -1144,12 +875,7 @@ void choiceContent(Context& cx, Content& c, const Font& font, const std::vector<
                     break;
                 }
         }
-        Codes bytes = font.encode(oneLine(shown));
-        double size = cx.da.size > 0 ? cx.da.size : autoSize(font, bytes, availW, boxH);
-        if (!bytes.empty())
-            c.text(font, size, cx.da.colour,
-                   alignedX(cx.quadding, x0, availW, font.width(bytes, size)),
-                   baselineCentred(font, size, in, boxH), bytes);
+        lineOfText(cx, c, font, shown, cx.da.size, x0, availW, in, boxH);
     } else {
         std::set<size_t> selected;
         for (size_t i = 0; i < options.size(); ++i)
@@ -1172,11 +898,7 @@ void choiceContent(Context& cx, Content& c, const Font& font, const std::vector<
                 c.rect(in, y - rowH, boxW, rowH);
                 c << "f\n";
             }
-            Codes bytes = font.encode(oneLine(options[i].display));
-            if (!bytes.empty())
-                c.text(font, size, cx.da.colour,
-                       alignedX(cx.quadding, x0, availW, font.width(bytes, size)),
-                       baselineCentred(font, size, y - rowH, rowH), bytes);
+            lineOfText(cx, c, font, options[i].display, size, x0, availW, y - rowH, rowH);
         }
     }
     c << "Q\nEMC\n";
@@ -1232,10 +954,8 @@ void iconContent(Content& c, QPDFObjectHandle icon, QPDFObjectHandle fit, double
     }
     double ox = x + (w - iw * sx) * std::clamp(ax, 0.0, 1.0) - std::min(b[0], b[2]) * sx;
     double oy = y + (h - ih * sy) * std::clamp(ay, 0.0, 1.0) - std::min(b[1], b[3]) * sy;
-    c << "q\n";
-    c.rect(x, y, w, h);
-    c << "W\nn\n"
-      << num(sx) << " 0 0 " << num(sy) << " " << num(ox) << " " << num(oy) << " cm\n/Icon Do\nQ\n";
+    c.clip(x, y, w, h);
+    c << num(sx) << " 0 0 " << num(sy) << " " << num(ox) << " " << num(oy) << " cm\n/Icon Do\nQ\n";
 }
 
 // The face of a push button in one state: caption and icon laid out by /MK /TP (0 caption
@@ -1286,9 +1006,7 @@ void buttonFace(Context& cx, Content& c, const Font& font, const std::u16string&
         iconContent(c, icon, fit, icX, icY, icW, icH);
     }
     if (layout == 1 || bytes.empty()) return;
-    c << "q\n";
-    c.rect(in, in, f.w - 2 * in, f.h - 2 * in);
-    c << "W\nn\n";
+    c.clip(in, in, f.w - 2 * in, f.h - 2 * in);
     c.text(font, size, cx.da.colour, capX + (capW - textW) / 2,
            baselineCentred(font, size, capY, capH), bytes);
     c << "Q\n";
@@ -1302,8 +1020,7 @@ Colour pressed(const Colour& bg) {
 
 void regenerateAppearance(Document& doc, QPDFObjectHandle widget) {
     if (!widget.isDictionary()) return;
-    QPDFObjectHandle field = fieldOfWidget(widget);
-    if (!field.isDictionary()) field = widget;
+    QPDFObjectHandle field = holderOf(widget);
     std::string type = nameOf(inherited(field, "/FT"));
     // A signed signature keeps the appearance that was signed. A widget of no field type
     // keeps what it draws: nothing here says what that should be.
@@ -1326,17 +1043,11 @@ void regenerateAppearance(Document& doc, QPDFObjectHandle widget) {
                widget,
                field,
                frameOf(widget, swap ? rectH : rectW, swap ? rectW : rectH),
-               defaultAppearanceOf(doc, widget),
+               parseDA(effectiveDA(doc, widget)),
                0,
                0};
     cx.flags = static_cast<uint32_t>(intOf(inherited(field, "/Ff"), 0));
-    QPDFObjectHandle q = widget.getKey("/Q");
-    if (!q.isInteger()) q = inherited(field, "/Q");
-    if (!q.isInteger()) {
-        QPDFObjectHandle form = acroForm(doc, false);
-        if (form.isDictionary()) q = form.getKey("/Q");
-    }
-    cx.quadding = static_cast<int>(std::clamp<int64_t>(intOf(q, 0), 0, 2));
+    cx.quadding = static_cast<int>(std::clamp<int64_t>(intOf(quaddingEntry(doc, widget), 0), 0, 2));
 
     auto form = [&](const std::vector<const Font*>& fonts, const std::string& content,
                     QPDFObjectHandle icon = QPDFObjectHandle::newNull()) {
@@ -1351,7 +1062,7 @@ void regenerateAppearance(Document& doc, QPDFObjectHandle widget) {
         cx.frame.round = radio;
         Font zadb = dingbats(doc);
         Codes glyph = boxGlyph(widget, radio);
-        std::u16string on = onStateOf(widget);
+        std::u16string on = onStateText(widget);
         auto states = [&](const Colour& bg) {
             Content offC, onC;
             drawFrame(offC, f, bg);

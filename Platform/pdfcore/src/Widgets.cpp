@@ -1,11 +1,10 @@
 // Widget properties: rotation, border, colours, highlight, default appearance (font,
 // size, colour) with the form's font resources, button captions, icon fit and on-state,
 // text alignment and choice selection. Every setter regenerates the appearance.
-#include "Core.h"
+#include "DefaultAppearance.h"
 
 #include <algorithm>
 #include <cctype>
-#include <charconv>
 #include <cmath>
 #include <functional>
 #include <string>
@@ -19,84 +18,26 @@ namespace {
 // ---- values ----------------------------------------------------------------------------
 
 std::string num(double v) {
-    if (!std::isfinite(v)) v = 0;
-    v = std::clamp(v, -1e9, 1e9);
-    v = std::round(v * 1e6) / 1e6;
-    if (v == 0) return "0";
-    char buf[40];
-    auto r = std::to_chars(buf, buf + sizeof buf, v, std::chars_format::fixed, 6);
-    std::string s(buf, r.ptr);
-    while (s.back() == '0')
-        s.pop_back();
-    if (s.back() == '.') s.pop_back();
-    return s;
+    return pdfNumber(v, 6);
 }
 
 QPDFObjectHandle real(double v) {
     return QPDFObjectHandle::newReal(num(v));
 }
 
-bool numberOf(QPDFObjectHandle o, double& out) {
-    if (!o.isNumber()) return false;
-    out = o.getNumericValue();
-    return std::isfinite(out);
-}
-
-std::string nameOf(QPDFObjectHandle o) {
-    return o.isName() ? o.getName() : std::string();
-}
-
 QPDFObjectHandle name(const std::string& withoutSlash) {
     return QPDFObjectHandle::newName("/" + withoutSlash);
 }
 
-uint8_t toByte(double v) {
-    return static_cast<uint8_t>(std::lround(std::clamp(v, 0.0, 1.0) * 255));
-}
-
-uint32_t packRgb(double r, double g, double b) {
-    return 0xFF000000u | (uint32_t(toByte(r)) << 16) | (uint32_t(toByte(g)) << 8) | toByte(b);
-}
-
-// Colour components (1 grey, 3 RGB, 4 CMYK) as an opaque ARGB word; 0 for anything else.
-uint32_t argbOf(const std::vector<double>& c) {
-    if (c.size() == 1) return packRgb(c[0], c[0], c[0]);
-    if (c.size() == 3) return packRgb(c[0], c[1], c[2]);
-    if (c.size() == 4)
-        return packRgb((1 - c[0]) * (1 - c[3]), (1 - c[1]) * (1 - c[3]), (1 - c[2]) * (1 - c[3]));
-    return 0;
-}
-
-uint32_t argbOf(QPDFObjectHandle arr) {
-    std::vector<double> c;
-    if (!arr.isArray()) return 0;
-    for (auto& item : arr.getArrayAsVector()) {
-        double v;
-        if (!numberOf(item, v)) return 0;
-        c.push_back(v);
-    }
-    return argbOf(c);
-}
-
-std::vector<double> rgbOf(uint32_t argb) {
-    return {((argb >> 16) & 0xFF) / 255.0, ((argb >> 8) & 0xFF) / 255.0, (argb & 0xFF) / 255.0};
-}
-
 QPDFObjectHandle colourArray(uint32_t argb) {
+    Colour k = Colour::fromArgb(argb);
     auto arr = QPDFObjectHandle::newArray();
-    for (double v : rgbOf(argb))
-        arr.appendItem(real(v));
+    for (int i = 0; i < 3; ++i)
+        arr.appendItem(real(k.c[i]));
     return arr;
 }
 
 // ---- the widget and its field -------------------------------------------------------------
-
-// The dictionary holding the field entries of a widget: its field, or the widget itself
-// when it has none.
-QPDFObjectHandle holderOf(QPDFObjectHandle widget) {
-    QPDFObjectHandle field = fieldOfWidget(widget);
-    return field.isDictionary() ? field : widget;
-}
 
 std::string typeOf(QPDFObjectHandle widget) {
     return nameOf(inherited(holderOf(widget), "/FT"));
@@ -138,135 +79,49 @@ void refreshField(PDHandleRec& h) {
     if (!listed) refreshWidget(h);
 }
 
-void giveText(const std::u16string& value, char16_t* buf, uint32_t bufLen, uint32_t* outLen) {
-    PDResult r = putText(value, buf, bufLen, outLen);
-    if (r != PD_OK) fail(r);
+// Sets the /MK entry key of the widget, or removes it when value is null, and redraws.
+void putMk(PDHandleRec& h, const char* key, QPDFObjectHandle value) {
+    if (value.isNull()) {
+        QPDFObjectHandle mk = mkOf(h.obj, false);
+        if (mk.isDictionary()) mk.removeKey(key);
+    } else {
+        mkOf(h.obj, true).replaceKey(key, value);
+    }
+    refreshWidget(h);
+}
+
+// The body of a widget getter: checks the handle, then the output, then stores read(h).
+template <typename T, typename Read> PDResult getWith(PDAnnot widget, T* out, Read&& read) {
+    return guard([&] {
+        PDHandleRec& h = checkedWidget(widget);
+        checkOut(out);
+        *out = read(h);
+    });
+}
+
+// The same for a text getter (the two-call pattern).
+template <typename Read>
+PDResult getTextWith(PDAnnot widget, char16_t* buf, uint32_t bufLen, uint32_t* outLen,
+                     Read&& read) {
+    return guard([&] {
+        PDHandleRec& h = checkedWidget(widget);
+        checkOut(outLen);
+        PDResult r = putText(read(h), buf, bufLen, outLen);
+        if (r != PD_OK) fail(r);
+    });
 }
 
 // ---- default appearance ------------------------------------------------------------------
 
-struct DefaultAppearance {
-    std::string font; // resource name without slash; empty when the string has no Tf
-    double size = 0;
-    std::vector<double> colour; // 1, 3 or 4 components; empty when none is set
-};
-
-bool isSpace(char c) {
-    return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\f' || c == '\0';
-}
-bool isDelimiter(char c) {
-    return std::string_view("()<>[]{}/%").find(c) != std::string_view::npos;
-}
-
-// Reads Tf, g, rg and k from a /DA string; for each, the last one counts.
-DefaultAppearance parseDA(const std::string& s) {
-    struct Operand {
-        bool isName = false;
-        bool isNumber = false;
-        double value = 0;
-        std::string name;
-    };
-    DefaultAppearance da;
-    std::vector<Operand> stack;
-    size_t i = 0, n = s.size();
-    while (i < n) {
-        char c = s[i];
-        if (isSpace(c)) {
-            ++i;
-        } else if (c == '%') {
-            while (i < n && s[i] != '\r' && s[i] != '\n')
-                ++i;
-        } else if (c == '/') {
-            Operand o;
-            o.isName = true;
-            for (++i; i < n && !isSpace(s[i]) && !isDelimiter(s[i]); ++i) {
-                if (s[i] == '#' && i + 2 < n &&
-                    std::isxdigit(static_cast<unsigned char>(s[i + 1])) &&
-                    std::isxdigit(static_cast<unsigned char>(s[i + 2]))) {
-                    o.name += static_cast<char>(std::stoi(s.substr(i + 1, 2), nullptr, 16));
-                    i += 2;
-                } else {
-                    o.name += s[i];
-                }
-            }
-            stack.push_back(o);
-        } else if (c == '(') {
-            for (int depth = 0; i < n; ++i) {
-                if (s[i] == '\\')
-                    ++i;
-                else if (s[i] == '(')
-                    ++depth;
-                else if (s[i] == ')' && --depth == 0)
-                    break;
-            }
-            ++i;
-            stack.emplace_back();
-        } else if (isDelimiter(c)) {
-            if (c == '<')
-                while (i < n && s[i] != '>')
-                    ++i;
-            ++i;
-            stack.emplace_back();
-        } else {
-            size_t start = i;
-            while (i < n && !isSpace(s[i]) && !isDelimiter(s[i]))
-                ++i;
-            std::string_view word(s.data() + start, i - start);
-            if (std::isdigit(static_cast<unsigned char>(word[0])) || word[0] == '-' ||
-                word[0] == '+' || word[0] == '.') {
-                Operand o;
-                const char* b = word.data() + (word[0] == '+' ? 1 : 0);
-                auto r = std::from_chars(b, word.data() + word.size(), o.value);
-                o.isNumber = r.ec == std::errc() && r.ptr == word.data() + word.size() &&
-                             std::isfinite(o.value);
-                stack.push_back(o);
-                continue;
-            }
-            size_t count = word == "Tf"   ? 2
-                           : word == "g"  ? 1
-                           : word == "rg" ? 3
-                           : word == "k"  ? 4
-                                          : 0;
-            if (count > 0 && stack.size() >= count) {
-                auto first = stack.end() - static_cast<std::ptrdiff_t>(count);
-                if (word == "Tf") {
-                    if (first[0].isName && first[1].isNumber) {
-                        da.font = first[0].name;
-                        da.size = first[1].value;
-                    }
-                } else if (std::all_of(first, stack.end(), [](auto& o) { return o.isNumber; })) {
-                    da.colour.clear();
-                    for (auto it = first; it != stack.end(); ++it)
-                        da.colour.push_back(it->value);
-                }
-            }
-            stack.clear();
-        }
-    }
-    return da;
-}
-
 std::string writeDA(const DefaultAppearance& da) {
     std::string s = name(da.font).unparse() + " " + num(da.size) + " Tf";
-    if (!da.colour.empty()) {
-        uint32_t argb = argbOf(da.colour);
-        for (double v : rgbOf(argb))
-            s += " " + num(std::round(v * 10000) / 10000);
+    if (da.colour.present()) {
+        Colour rgb = Colour::fromArgb(argbOf(da.colour));
+        for (int i = 0; i < 3; ++i)
+            s += " " + num(std::round(rgb.c[i] * 10000) / 10000);
         s += " rg";
     }
     return s;
-}
-
-std::string formDA(Document& doc) {
-    QPDFObjectHandle form = acroForm(doc, false);
-    QPDFObjectHandle da = form.isDictionary() ? form.getKey("/DA") : QPDFObjectHandle::newNull();
-    return da.isString() ? da.getStringValue() : "";
-}
-
-// The /DA in effect for dict: its own or inherited, else the form's.
-std::string effectiveDA(Document& doc, QPDFObjectHandle dict) {
-    QPDFObjectHandle da = inherited(dict, "/DA");
-    return da.isString() ? da.getStringValue() : formDA(doc);
 }
 
 // ---- font resources -----------------------------------------------------------------------
@@ -313,27 +168,13 @@ const StandardFamily* standardFamily(const std::string& family) {
     return nullptr;
 }
 
-std::string stripSubset(std::string base) {
-    if (base.size() > 7 && base[6] == '+' &&
-        std::all_of(base.begin(), base.begin() + 6, [](char c) { return c >= 'A' && c <= 'Z'; }))
-        base.erase(0, 7);
-    return base;
-}
-
 // Widths and descriptor of a non-embedded TrueType font, with Helvetica's metrics so that
 // text laid out for it keeps its place in whatever font the viewer substitutes.
 void describeTrueType(QPDFObjectHandle font, const std::string& family, const std::string& base,
                       int style) {
-    static const uint16_t helvetica[] = {
-        278,  278, 355, 556, 556, 889, 667, 191, 333, 333, 389, 584, 278, 333, 278, 278,
-        556,  556, 556, 556, 556, 556, 556, 556, 556, 556, 278, 278, 584, 584, 584, 556,
-        1015, 667, 667, 722, 722, 667, 611, 778, 722, 278, 500, 667, 556, 833, 722, 778,
-        667,  778, 722, 667, 611, 722, 667, 944, 667, 667, 611, 278, 278, 278, 469, 556,
-        333,  556, 556, 500, 556, 556, 278, 556, 556, 222, 222, 500, 222, 833, 556, 556,
-        556,  556, 333, 500, 278, 556, 500, 722, 500, 500, 500, 334, 260, 334, 584};
     auto widths = QPDFObjectHandle::newArray();
     for (int c = 32; c < 256; ++c)
-        widths.appendItem(QPDFObjectHandle::newInteger(c < 127 ? helvetica[c - 32] : 556));
+        widths.appendItem(QPDFObjectHandle::newInteger(c < 127 ? kHelveticaWidths[c - 32] : 556));
     font.replaceKey("/FirstChar", QPDFObjectHandle::newInteger(32));
     font.replaceKey("/LastChar", QPDFObjectHandle::newInteger(255));
     font.replaceKey("/Widths", widths);
@@ -398,36 +239,10 @@ std::string fontResource(Document& doc, const std::string& family, int style) {
     for (int k = 1; fonts.hasKey("/" + resource); ++k)
         resource = preferred + std::to_string(k);
 
-    auto font = QPDFObjectHandle::newDictionary();
-    font.replaceKey("/Type", name("Font"));
-    font.replaceKey("/Subtype", name(subtype));
-    font.replaceKey("/BaseFont", name(base));
-    if (winAnsi) font.replaceKey("/Encoding", name("WinAnsiEncoding"));
+    QPDFObjectHandle font = simpleFontDict(subtype, base, winAnsi);
     if (subtype == "TrueType") describeTrueType(font, family, base, style);
     fonts.replaceKey("/" + resource, doc.qpdf->makeIndirectObject(font));
     return resource;
-}
-
-// The font dictionary of a /DA resource name: the form's /DR, a /DR on the field, or the
-// resources of the widget's current appearance.
-QPDFObjectHandle findFont(Document& doc, QPDFObjectHandle widget, const std::string& resource) {
-    std::vector<QPDFObjectHandle> places;
-    QPDFObjectHandle form = acroForm(doc, false);
-    if (form.isDictionary()) places.push_back(form.getKey("/DR"));
-    places.push_back(inherited(widget, "/DR"));
-    QPDFObjectHandle normal = widget.getKeyIfDict("/AP").getKeyIfDict("/N");
-    if (normal.isStream()) {
-        places.push_back(normal.getDict().getKey("/Resources"));
-    } else if (normal.isDictionary()) {
-        for (auto const& key : normal.getKeys())
-            if (normal.getKey(key).isStream())
-                places.push_back(normal.getKey(key).getDict().getKey("/Resources"));
-    }
-    for (auto& res : places) {
-        QPDFObjectHandle font = res.getKeyIfDict("/Font").getKeyIfDict("/" + resource);
-        if (font.isDictionary()) return font;
-    }
-    return QPDFObjectHandle::newNull();
 }
 
 // Family and style from a /BaseFont: a standard font's own name, "Family,Style" or
@@ -522,19 +337,6 @@ void changeDA(PDHandleRec& h, const std::function<void(DefaultAppearance&)>& cha
 
 // ---- buttons --------------------------------------------------------------------------------
 
-// The on-state of a check box or radio widget: the first state of /AP /N (else /D) other
-// than Off, with its slash; empty when there is none.
-std::string onStateOf(QPDFObjectHandle widget) {
-    QPDFObjectHandle ap = widget.getKeyIfDict("/AP");
-    for (const char* which : {"/N", "/D"}) {
-        QPDFObjectHandle states = ap.getKeyIfDict(which);
-        if (!states.isDictionary()) continue;
-        for (auto const& key : states.getKeys())
-            if (key != "/Off") return key;
-    }
-    return {};
-}
-
 // The state name a button value stands for: a name, or a string as older files have it.
 std::string stateOfValue(QPDFObjectHandle v) {
     if (v.isName()) return v.getName();
@@ -550,13 +352,11 @@ void requireCheckOrRadio(QPDFObjectHandle widget) {
 const char* const kCaptionKeys[] = {"/CA", "/AC", "/RC"};
 
 PDResult getCaption(PDAnnot widget, int which, char16_t* buf, uint32_t bufLen, uint32_t* outLen) {
-    return guard([&] {
-        PDHandleRec& h = checkedWidget(widget);
-        checkOut(outLen);
+    return getTextWith(widget, buf, bufLen, outLen, [&](PDHandleRec& h) {
         requireType(h.obj, "/Btn");
         QPDFObjectHandle caption = mkOf(h.obj, false).getKeyIfDict(kCaptionKeys[which]);
         if (!caption.isString()) fail(PD_ERR_NO_VALUE);
-        giveText(textOf(caption), buf, bufLen, outLen);
+        return textOf(caption);
     });
 }
 
@@ -565,36 +365,23 @@ PDResult setCaption(PDAnnot widget, int which, const char16_t* text, uint32_t le
         PDHandleRec& h = checkedWidget(widget);
         std::u16string value = textArg(text, len);
         requireType(h.obj, "/Btn");
-        if (value.empty()) {
-            QPDFObjectHandle mk = mkOf(h.obj, false);
-            if (mk.isDictionary()) mk.removeKey(kCaptionKeys[which]);
-        } else {
-            mkOf(h.obj, true).replaceKey(kCaptionKeys[which], textString(value));
-        }
-        refreshWidget(h);
+        putMk(h, kCaptionKeys[which],
+              value.empty() ? QPDFObjectHandle::newNull() : textString(value));
     });
 }
 
 // ---- /MK colour entries ------------------------------------------------------------------
 
 PDResult getMkColour(PDAnnot widget, const char* key, uint32_t* outArgb) {
-    return guard([&] {
-        PDHandleRec& h = checkedWidget(widget);
-        checkOut(outArgb);
-        *outArgb = argbOf(mkOf(h.obj, false).getKeyIfDict(key));
+    return getWith(widget, outArgb, [&](PDHandleRec& h) {
+        return argbOf(colourOf(mkOf(h.obj, false).getKeyIfDict(key)));
     });
 }
 
 PDResult setMkColour(PDAnnot widget, const char* key, uint32_t argb) {
     return guard([&] {
         PDHandleRec& h = checkedWidget(widget);
-        if ((argb >> 24) == 0) {
-            QPDFObjectHandle mk = mkOf(h.obj, false);
-            if (mk.isDictionary()) mk.removeKey(key);
-        } else {
-            mkOf(h.obj, true).replaceKey(key, colourArray(argb));
-        }
-        refreshWidget(h);
+        putMk(h, key, (argb >> 24) == 0 ? QPDFObjectHandle::newNull() : colourArray(argb));
     });
 }
 
@@ -602,11 +389,8 @@ PDResult setMkColour(PDAnnot widget, const char* key, uint32_t argb) {
 
 std::vector<std::u16string> exportValuesOf(QPDFObjectHandle field) {
     std::vector<std::u16string> out;
-    QPDFObjectHandle opt = inherited(field, "/Opt");
-    if (!opt.isArray()) return out;
-    for (auto& item : opt.getArrayAsVector())
-        out.push_back(item.isArray() && item.getArrayNItems() > 0 ? textOf(item.getArrayItem(0))
-                                                                  : textOf(item));
+    for (auto& o : optionsOf(field))
+        out.push_back(o.exportValue);
     return out;
 }
 
@@ -615,13 +399,11 @@ std::vector<std::u16string> exportValuesOf(QPDFObjectHandle field) {
 // ---- rotation ---------------------------------------------------------------------------------
 
 PDResult PDWidgetAnnotGetRotate(PDAnnot widget, int32_t* outDegrees) {
-    return guard([&] {
-        PDHandleRec& h = checkedWidget(widget);
-        checkOut(outDegrees);
+    return getWith(widget, outDegrees, [](PDHandleRec& h) {
         double r = 0;
         numberOf(mkOf(h.obj, false).getKeyIfDict("/R"), r);
         long quarter = std::lround(std::fmod(r, 360) / 90);
-        *outDegrees = static_cast<int32_t>(((quarter % 4) + 4) % 4 * 90);
+        return static_cast<int32_t>(((quarter % 4) + 4) % 4 * 90);
     });
 }
 
@@ -629,26 +411,19 @@ PDResult PDWidgetAnnotSetRotate(PDAnnot widget, int32_t degrees) {
     return guard([&] {
         PDHandleRec& h = checkedWidget(widget);
         if (degrees % 90 != 0) fail(PD_ERR_BAD_ARGUMENT);
-        mkOf(h.obj, true)
-            .replaceKey("/R", QPDFObjectHandle::newInteger(((degrees % 360) + 360) % 360));
-        refreshWidget(h);
+        putMk(h, "/R", QPDFObjectHandle::newInteger(((degrees % 360) + 360) % 360));
     });
 }
 
 // ---- border ---------------------------------------------------------------------------------
 
 PDResult PDWidgetAnnotGetBorderStyle(PDAnnot widget, PDBorderStyle* outStyle) {
-    return guard([&] {
-        PDHandleRec& h = checkedWidget(widget);
-        checkOut(outStyle);
+    return getWith(widget, outStyle, [](PDHandleRec& h) {
         PDBorderStyle style{};
         style.width = 1;
         QPDFObjectHandle bs = h.obj.getKey("/BS");
         QPDFObjectHandle border = h.obj.getKey("/Border");
-        static const std::string styles = "SDBIU";
-        std::string s = nameOf(bs.getKeyIfDict("/S"));
-        if (s.size() == 2 && styles.find(s[1]) != std::string::npos)
-            style.style = static_cast<int32_t>(styles.find(s[1]));
+        style.style = letterOf(bs.getKeyIfDict("/S"), "SDBIU", 0);
         double w;
         if (numberOf(bs.getKeyIfDict("/W"), w) && w >= 0) {
             style.width = static_cast<float>(w);
@@ -666,7 +441,7 @@ PDResult PDWidgetAnnotGetBorderStyle(PDAnnot widget, PDBorderStyle* outStyle) {
                 if (style.dashCount < PD_MAX_DASH && numberOf(d, v))
                     style.dash[style.dashCount++] = static_cast<float>(v);
             }
-        *outStyle = style;
+        return style;
     });
 }
 
@@ -712,14 +487,8 @@ PDResult PDWidgetAnnotSetBorderColor(PDAnnot widget, uint32_t argb) {
 // ---- highlight ------------------------------------------------------------------------------
 
 PDResult PDWidgetAnnotGetHighlight(PDAnnot widget, int32_t* outMode) {
-    return guard([&] {
-        PDHandleRec& h = checkedWidget(widget);
-        checkOut(outMode);
-        static const std::string modes = "NIOPT";
-        std::string s = nameOf(h.obj.getKey("/H"));
-        size_t at = s.size() == 2 ? modes.find(s[1]) : std::string::npos;
-        *outMode = at == std::string::npos ? 1 : static_cast<int32_t>(at);
-    });
+    return getWith(widget, outMode,
+                   [](PDHandleRec& h) { return letterOf(h.obj.getKey("/H"), "NIOPT", 1); });
 }
 
 PDResult PDWidgetAnnotSetHighlight(PDAnnot widget, int32_t mode) {
@@ -734,25 +503,18 @@ PDResult PDWidgetAnnotSetHighlight(PDAnnot widget, int32_t mode) {
 // ---- default appearance ---------------------------------------------------------------------
 
 PDResult PDWidgetAnnotGetFontInfo(PDAnnot widget, PDFontInfo* outInfo) {
-    return guard([&] {
-        PDHandleRec& h = checkedWidget(widget);
-        checkOut(outInfo);
+    return getWith(widget, outInfo, [](PDHandleRec& h) {
         DefaultAppearance da = parseDA(effectiveDA(*h.doc, h.obj));
         if (da.font.empty()) fail(PD_ERR_NO_VALUE);
-        QPDFObjectHandle font = findFont(*h.doc, h.obj, da.font);
-        if (!font.isDictionary()) {
-            // A resource the file does not define: the usual names of the standard fonts.
-            for (auto& f : kStandard)
-                for (int s = 0; s < 4; ++s)
-                    if (da.font == f.resources[s]) {
-                        PDFontInfo info{atomOf(f.family), 0,
-                                        std::string_view(f.fonts[0]) == f.fonts[1] ? 0 : s};
-                        *outInfo = info;
-                        return;
-                    }
-            fail(PD_ERR_NO_VALUE);
-        }
-        *outInfo = fontInfoOf(font);
+        QPDFObjectHandle font = findFontResource(*h.doc, h.obj, da.font);
+        if (font.isDictionary()) return fontInfoOf(font);
+        // A resource the file does not define: the usual names of the standard fonts.
+        for (auto& f : kStandard)
+            for (int s = 0; s < 4; ++s)
+                if (da.font == f.resources[s])
+                    return PDFontInfo{atomOf(f.family), 0,
+                                      std::string_view(f.fonts[0]) == f.fonts[1] ? 0 : s};
+        fail(PD_ERR_NO_VALUE);
     });
 }
 
@@ -770,12 +532,10 @@ PDResult PDWidgetAnnotSetFontInfo(PDAnnot widget, const PDFontInfo* info) {
 }
 
 PDResult PDWidgetAnnotGetFontSize(PDAnnot widget, float* outSize) {
-    return guard([&] {
-        PDHandleRec& h = checkedWidget(widget);
-        checkOut(outSize);
+    return getWith(widget, outSize, [](PDHandleRec& h) {
         DefaultAppearance da = parseDA(effectiveDA(*h.doc, h.obj));
         if (da.font.empty()) fail(PD_ERR_NO_VALUE);
-        *outSize = static_cast<float>(std::max(0.0, da.size));
+        return static_cast<float>(std::max(0.0, da.size));
     });
 }
 
@@ -788,12 +548,9 @@ PDResult PDWidgetAnnotSetFontSize(PDAnnot widget, float size) {
 }
 
 PDResult PDWidgetAnnotGetFontColor(PDAnnot widget, uint32_t* outArgb) {
-    return guard([&] {
-        PDHandleRec& h = checkedWidget(widget);
-        checkOut(outArgb);
-        DefaultAppearance da = parseDA(effectiveDA(*h.doc, h.obj));
-        uint32_t argb = argbOf(da.colour);
-        *outArgb = argb ? argb : 0xFF000000u;
+    return getWith(widget, outArgb, [](PDHandleRec& h) {
+        uint32_t argb = argbOf(parseDA(effectiveDA(*h.doc, h.obj)).colour);
+        return argb ? argb : 0xFF000000u;
     });
 }
 
@@ -801,8 +558,7 @@ PDResult PDWidgetAnnotSetFontColor(PDAnnot widget, uint32_t argb) {
     return guard([&] {
         PDHandleRec& h = checkedWidget(widget);
         changeDA(h, [&](DefaultAppearance& da) {
-            da.colour.clear();
-            if (argb >> 24) da.colour = rgbOf(argb);
+            da.colour = argb >> 24 ? Colour::fromArgb(argb) : Colour{};
         });
     });
 }
@@ -832,16 +588,11 @@ PDResult PDButtonWidgetAnnotSetRolloverCaption(PDAnnot widget, const char16_t* t
 }
 
 PDResult PDButtonWidgetAnnotGetIconFit(PDAnnot widget, PDIconFit* outFit) {
-    return guard([&] {
-        PDHandleRec& h = checkedWidget(widget);
-        checkOut(outFit);
+    return getWith(widget, outFit, [](PDHandleRec& h) {
         requireType(h.obj, "/Btn");
         QPDFObjectHandle fit = mkOf(h.obj, false).getKeyIfDict("/IF");
         PDIconFit out{0, 0, 0.5f, 0.5f, 0};
-        static const std::string when = "ABSN";
-        std::string sw = nameOf(fit.getKeyIfDict("/SW"));
-        if (sw.size() == 2 && when.find(sw[1]) != std::string::npos)
-            out.scaleWhen = static_cast<int32_t>(when.find(sw[1]));
+        out.scaleWhen = letterOf(fit.getKeyIfDict("/SW"), "ABSN", 0);
         out.scaleHow = nameOf(fit.getKeyIfDict("/S")) == "/A" ? 1 : 0;
         QPDFObjectHandle a = fit.getKeyIfDict("/A");
         double v;
@@ -851,7 +602,7 @@ PDResult PDButtonWidgetAnnotGetIconFit(PDAnnot widget, PDIconFit* outFit) {
         }
         QPDFObjectHandle fb = fit.getKeyIfDict("/FB");
         out.fitBounds = fb.isBool() && fb.getBoolValue() ? 1 : 0;
-        *outFit = out;
+        return out;
     });
 }
 
@@ -869,8 +620,7 @@ PDResult PDButtonWidgetAnnotSetIconFit(PDAnnot widget, const PDIconFit* fit) {
         d.replaceKey("/S", name(fit->scaleHow ? "A" : "P"));
         d.replaceKey("/A", QPDFObjectHandle::newArray({real(fit->left), real(fit->bottom)}));
         d.replaceKey("/FB", QPDFObjectHandle::newBool(fit->fitBounds != 0));
-        mkOf(h.obj, true).replaceKey("/IF", d);
-        refreshWidget(h);
+        putMk(h, "/IF", d);
     });
 }
 
@@ -878,13 +628,11 @@ PDResult PDButtonWidgetAnnotSetIconFit(PDAnnot widget, const PDIconFit* fit) {
 
 PDResult PDButtonWidgetAnnotGetChoice(PDAnnot widget, char16_t* buf, uint32_t bufLen,
                                       uint32_t* outLen) {
-    return guard([&] {
-        PDHandleRec& h = checkedWidget(widget);
-        checkOut(outLen);
+    return getTextWith(widget, buf, bufLen, outLen, [](PDHandleRec& h) {
         requireType(h.obj, "/Btn");
         std::string on = onStateOf(h.obj);
         if (on.empty() || (flagsOf(h.obj) & PD_FIELD_PUSHBUTTON)) fail(PD_ERR_NO_VALUE);
-        giveText(toU16(on.substr(1)), buf, bufLen, outLen);
+        return toU16(on.substr(1));
     });
 }
 
@@ -930,22 +678,14 @@ PDResult PDButtonWidgetAnnotSetChoice(PDAnnot widget, const char16_t* text, uint
     });
 }
 
-// ---- text alignment
-// ------------------------------------------------------------------------------
+// ---- text alignment ----------------------------------------------------------------------------
 
 PDResult PDTextWidgetAnnotGetQuadding(PDAnnot widget, int32_t* outQuadding) {
-    return guard([&] {
-        PDHandleRec& h = checkedWidget(widget);
-        checkOut(outQuadding);
+    return getWith(widget, outQuadding, [](PDHandleRec& h) {
         requireType(h.obj, "/Tx", "/Ch");
-        QPDFObjectHandle q = h.obj.getKey("/Q");
-        if (!q.isInteger()) q = inherited(holderOf(h.obj), "/Q");
-        if (!q.isInteger()) {
-            QPDFObjectHandle form = acroForm(*h.doc, false);
-            if (form.isDictionary()) q = form.getKey("/Q");
-        }
-        *outQuadding =
-            q.isInteger() ? static_cast<int32_t>(std::clamp<long long>(q.getIntValue(), 0, 2)) : 0;
+        QPDFObjectHandle q = quaddingEntry(*h.doc, h.obj);
+        return q.isInteger() ? static_cast<int32_t>(std::clamp<long long>(q.getIntValue(), 0, 2))
+                             : 0;
     });
 }
 
@@ -966,9 +706,7 @@ PDResult PDTextWidgetAnnotSetQuadding(PDAnnot widget, int32_t quadding) {
 // ---- choice selection --------------------------------------------------------------------------
 
 PDResult PDChoiceWidgetAnnotGetSelection(PDAnnot widget, uint32_t* outIndex) {
-    return guard([&] {
-        PDHandleRec& h = checkedWidget(widget);
-        checkOut(outIndex);
+    return getWith(widget, outIndex, [](PDHandleRec& h) {
         requireType(h.obj, "/Ch");
         QPDFObjectHandle field = holderOf(h.obj);
         std::vector<std::u16string> values;
@@ -980,11 +718,10 @@ PDResult PDChoiceWidgetAnnotGetSelection(PDAnnot widget, uint32_t* outIndex) {
             values.push_back(textOf(v));
         }
         std::vector<std::u16string> exports = exportValuesOf(field);
-        uint32_t found = PD_NO_SELECTION;
-        for (size_t i = 0; i < exports.size() && found == PD_NO_SELECTION; ++i)
+        for (size_t i = 0; i < exports.size(); ++i)
             if (std::find(values.begin(), values.end(), exports[i]) != values.end())
-                found = static_cast<uint32_t>(i);
-        *outIndex = found;
+                return static_cast<uint32_t>(i);
+        return static_cast<uint32_t>(PD_NO_SELECTION);
     });
 }
 
