@@ -54,6 +54,16 @@ PDHandle handleFor(Document& doc, QPDFObjectHandle obj, Kind kind) {
     return rec;
 }
 
+PDHandle anyHandle(Document& doc, QPDFObjectHandle obj, Kind kind) {
+    if (obj.isIndirect()) return handleFor(doc, obj, kind);
+    auto* rec = new PDHandleRec;
+    rec->kind = kind;
+    rec->doc = &doc;
+    rec->obj = obj;
+    doc.self.refs.fetch_add(1);
+    return rec;
+}
+
 void rekeyHandle(Document& doc, QPDFObjGen from, QPDFObjectHandle to, Kind kind) {
     std::lock_guard lock(doc.registryMutex);
     auto it = doc.handles.find({from, kind});
@@ -66,7 +76,7 @@ void rekeyHandle(Document& doc, QPDFObjGen from, QPDFObjectHandle to, Kind kind)
 
 static void freeObjectHandle(PDHandleRec* rec) {
     Document* doc = rec->doc;
-    {
+    if (rec->obj.isIndirect()) {
         std::lock_guard lock(doc->registryMutex);
         auto it = doc->handles.find({rec->obj.getObjGen(), rec->kind});
         if (it != doc->handles.end() && it->second == rec) doc->handles.erase(it);
@@ -313,6 +323,9 @@ QPDFObjectHandle acroForm(Document& doc, bool create) {
     form.replaceKey("/DA", QPDFObjectHandle::newString("/Helv 0 Tf 0 g"));
     form = doc.qpdf->makeIndirectObject(form);
     root.replaceKey("/AcroForm", form);
+    // Widgets already on the pages keep belonging to the form that is made now.
+    auto fields = form.getKey("/Fields");
+    for (auto& field : formRoots(doc)) fields.appendItem(field);
     return form;
 }
 

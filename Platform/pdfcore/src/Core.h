@@ -32,8 +32,19 @@ struct Failure {
 [[noreturn]] inline void fail(PDResult r) { throw Failure{r}; }
 
 // The role in which a PDF object is handed out. A merged field/widget dictionary has one
-// handle per role.
-enum class Kind : uint8_t { Document, Page, Annot, Field, OCConfig };
+// handle per role. The roles from Object on may stand for direct objects.
+enum class Kind : uint8_t {
+    Document,
+    Page,
+    Annot,
+    Field,
+    OCConfig,
+    Object,
+    Action,
+    Dest,
+    FileSpec,
+    FieldsData
+};
 
 struct Document;
 
@@ -46,7 +57,7 @@ struct PDHandleRec {
     pdfcore::Kind kind;
     std::atomic<int32_t> refs{1};
     pdfcore::Document* doc;  // the owning document; for Kind::Document, itself
-    QPDFObjectHandle obj;    // indirect object (page, annot, field, OC config)
+    QPDFObjectHandle obj;    // indirect for pages, annotations, fields and OC configurations
 };
 
 namespace pdfcore {
@@ -107,6 +118,9 @@ void checkOut(T* out) {
 // The handle of obj in role kind: the live one with one more reference, or a new one.
 // obj must be indirect.
 PDHandle handleFor(Document& doc, QPDFObjectHandle obj, Kind kind);
+// A handle of a generic object, action, destination, file specification or fields list:
+// registered (as handleFor) when obj is indirect, a new unregistered handle otherwise.
+PDHandle anyHandle(Document& doc, QPDFObjectHandle obj, Kind kind);
 // Points the live handle of (from, kind), if any, at object to instead (used when a
 // merged field is split and the field moves to a new object).
 void rekeyHandle(Document& doc, QPDFObjGen from, QPDFObjectHandle to, Kind kind);
@@ -142,6 +156,9 @@ QPDFObjectHandle pageOf(Document& doc, uint32_t index);  // fails PD_ERR_RANGE
 
 // ---- field tree (Fields.cpp) ------------------------------------------------------
 
+// The root fields of the form: /AcroForm /Fields, then the roots of page widgets that
+// /Fields misses (files with widgets but without /AcroForm, or with fields left out).
+std::vector<QPDFObjectHandle> formRoots(Document& doc);
 // The field of a widget: the merged widget itself, its /Parent, or null.
 QPDFObjectHandle fieldOfWidget(QPDFObjectHandle widget);
 // Widgets of a terminal field (kids that are widgets, or itself when merged).

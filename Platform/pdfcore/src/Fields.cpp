@@ -101,8 +101,8 @@ void walkFields(QPDFObjectHandle node, const std::u16string& name, std::set<QPDF
     }
 }
 
-// The roots of the form: /AcroForm /Fields, then the root of every widget on a page that
-// /Fields misses (files without /AcroForm, or with fields left out of it).
+}  // namespace
+
 std::vector<QPDFObjectHandle> formRoots(Document& doc) {
     std::vector<QPDFObjectHandle> roots;
     std::set<QPDFObjGen> known;
@@ -137,6 +137,8 @@ std::vector<QPDFObjectHandle> formRoots(Document& doc) {
     }
     return roots;
 }
+
+namespace {
 
 // One walk of the whole form; fills the name index, the list of terminal fields, or both.
 void walkForm(Document& doc, bool names, bool terminals) {
@@ -235,6 +237,17 @@ QPDFObjectHandle splitMerged(Document& doc, QPDFObjectHandle widget) {
         replaceIn(acroForm(doc, true).getKey("/Fields"), old, field);
     }
     widget.replaceKey("/Parent", field);
+    // The calculation order lists fields, so it follows the field to its new object.
+    auto form = acroForm(doc, false);
+    if (form.isDictionary()) {
+        auto order = form.getKey("/CO");
+        if (order.isArray()) {
+            int n = order.getArrayNItems();
+            for (int i = 0; i < n; ++i) {
+                if (order.getArrayItem(i).getObjGen() == old) order.setArrayItem(i, field);
+            }
+        }
+    }
     rekeyHandle(doc, old, field, Kind::Field);
     if (doc.nameIndexBuilt) {
         auto it = doc.nameIndex.find(fullNameOf(field));

@@ -110,7 +110,12 @@ PDResult PDPageGetIndex(PDPage page, uint32_t* outIndex) {
     return guard([&] {
         auto& p = checked(page, Kind::Page);
         checkOut(outIndex);
-        int i = p.doc->qpdf->findPage(p.obj.getObjGen());
+        int i = -1;
+        try {
+            i = p.doc->qpdf->findPage(p.obj.getObjGen());
+        } catch (const std::exception&) {
+            // qpdf throws for an object that is not in the page tree
+        }
         if (i < 0) fail(PD_ERR_NOT_FOUND);
         *outIndex = static_cast<uint32_t>(i);
     });

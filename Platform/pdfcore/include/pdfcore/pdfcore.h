@@ -505,6 +505,202 @@ PDFCORE_API PDResult PDTextWidgetAnnotSetQuadding(PDAnnot widget, int32_t quaddi
 PDFCORE_API PDResult PDChoiceWidgetAnnotGetSelection(PDAnnot widget, uint32_t* outIndex);
 PDFCORE_API PDResult PDChoiceWidgetAnnotSetSelection(PDAnnot widget, uint32_t index);
 
+/* ---- Generic objects --------------------------------------------------- */
+
+/* Handles of generic objects, actions, destinations, file specifications and field
+ * lists may stand for direct objects (an action written inside its annotation, a
+ * destination array inside its action). Such handles are not registered: two lookups
+ * of the same direct object may give two handle values. Changes through any of them
+ * change the document. A new object made by a PDDocCreate...Object call belongs to no
+ * place in the document until it is put somewhere (PDObjectDictPut, a setter). */
+typedef PDHandle PDObject;
+typedef PDHandle PDAction;
+typedef PDHandle PDDest;
+typedef PDHandle PDFileSpec;
+typedef PDHandle PDActionFieldsData;
+
+enum {
+    PD_OBJ_NULL = 0,
+    PD_OBJ_BOOLEAN = 1,
+    PD_OBJ_INTEGER = 2,
+    PD_OBJ_REAL = 3,
+    PD_OBJ_STRING = 4,
+    PD_OBJ_NAME = 5,
+    PD_OBJ_ARRAY = 6,
+    PD_OBJ_DICTIONARY = 7,
+    PD_OBJ_STREAM = 8
+};
+
+PDFCORE_API PDResult PDDocCreateDictObject(PDDoc doc, PDObject* outObject);
+PDFCORE_API PDResult PDDocCreateIntObject(PDDoc doc, int32_t value, PDObject* outObject);
+PDFCORE_API PDResult PDDocCreateStringObjectFromUnicode(PDDoc doc, const char16_t* text,
+                                                        uint32_t len, PDObject* outObject);
+/* One of PD_OBJ_*. */
+PDFCORE_API PDResult PDObjectGetType(PDObject object, int32_t* outType);
+/* A name object's atom; PD_ERR_WRONG_HANDLE for an object of another type. */
+PDFCORE_API PDResult PDObjectGetName(PDObject object, PDAtom* outName);
+/* An integer object's value; PD_ERR_WRONG_HANDLE for another type. */
+PDFCORE_API PDResult PDObjectGetInt(PDObject object, int32_t* outValue);
+/* A string object as text (PDFDocEncoding or UTF-16BE decoded); a name gives its name. */
+PDFCORE_API PDResult PDObjectGetUnicodeString(PDObject object, char16_t* buf, uint32_t bufLen,
+                                              uint32_t* outLen);
+/* The value of key in a dictionary (or a stream's dictionary); NULL when absent. */
+PDFCORE_API PDResult PDObjectDictFind(PDObject dict, PDAtom key, PDObject* outValue);
+/* Sets key to value (another generic object of the same document); NULL value removes
+ * the key. */
+PDFCORE_API PDResult PDObjectDictPut(PDObject dict, PDAtom key, PDObject value);
+/* Sets key to the name object of atom name. */
+PDFCORE_API PDResult PDObjectDictPutName(PDObject dict, PDAtom key, PDAtom name);
+
+/* ---- Destinations and file specifications ------------------------------- */
+
+/* A destination: [page /Type params...]. type is the atom of the fit type: XYZ (left,
+ * top, zoom), Fit, FitB (no parameters), FitH, FitBH (top), FitV, FitBV (left), FitR
+ * (left, bottom, right; top is taken equal to the page's top on creation). Unused
+ * parameters are 0. A page index past the document's pages: PD_ERR_RANGE. */
+PDFCORE_API PDResult PDDestCreate(PDDoc doc, PDAtom type, uint32_t pageIndex, float param1,
+                                  float param2, float param3, PDDest* outDest);
+/* The page of the destination; PD_ERR_NO_VALUE when it names no page of this document
+ * (a page number of another file, a missing page). Named destinations are resolved
+ * through /Dests and the /Names tree when the destination is handed out. */
+PDFCORE_API PDResult PDDestGetPageIndex(PDDest dest, uint32_t* outPageIndex);
+PDFCORE_API PDResult PDDestGetType(PDDest dest, PDAtom* outType);
+/* The three parameters in the order of PDDestCreate; null entries give 0. */
+PDFCORE_API PDResult PDDestGetParams(PDDest dest, float outParams[3]);
+
+/* A file specification dictionary. kind: PD_ATOM_Filespec for a file (/F and /UF), or
+ * the atom of "URL" for a URL specification (/FS /URL) as SubmitForm uses. */
+PDFCORE_API PDResult PDFileSpecCreate(PDDoc doc, PDAtom kind, const char16_t* path,
+                                      uint32_t len, PDFileSpec* outFileSpec);
+/* /UF, else /F, else the string itself for a file specification written as a string. */
+PDFCORE_API PDResult PDFileSpecGetPath(PDFileSpec fileSpec, char16_t* buf, uint32_t bufLen,
+                                       uint32_t* outLen);
+
+/* ---- Actions ------------------------------------------------------------ */
+
+/* The type-specific argument of PDActionCreate. JavaScript: text is the script. URI:
+ * bytes are the URI (7-bit as PDF wants it; stored unchanged). Launch: text is the file
+ * path. SubmitForm: text is the server URL. Named: text is the action name (for example
+ * "SaveAs", "Print"). GoTo: dest. Hide and ResetForm take no argument (arg may be NULL).
+ * Fields not used by a type are ignored. */
+typedef struct PDActionArg {
+    const char16_t* text;
+    uint32_t textLen;
+    const char* bytes;
+    uint32_t bytesLen;
+    PDDest dest;
+} PDActionArg;
+
+/* A new action of type (GoTo, GoToE, Hide, JavaScript, Launch, Named, ResetForm,
+ * SubmitForm, URI); other types: PD_ERR_UNSUPPORTED. A GoTo without dest:
+ * PD_ERR_BAD_ARGUMENT. */
+PDFCORE_API PDResult PDActionCreate(PDDoc doc, PDAtom type, const PDActionArg* arg,
+                                    PDAction* outAction);
+/* The action that a dictionary with /S describes (without /S: PD_ERR_BAD_ARGUMENT). */
+PDFCORE_API PDResult PDCreateActionFromObject(PDDoc doc, PDObject dict, PDAction* outAction);
+/* /S as an atom. */
+PDFCORE_API PDResult PDActionGetType(PDAction action, PDAtom* outType);
+/* The actions of /Next (a single action or an array). */
+PDFCORE_API PDResult PDActionGetNextLength(PDAction action, uint32_t* outCount);
+PDFCORE_API PDResult PDActionGetNext(PDAction action, uint32_t index, PDAction* outNext);
+/* Makes next the only next action; NULL removes /Next. An action that would become its
+ * own successor: PD_ERR_CYCLE. */
+PDFCORE_API PDResult PDActionSetNext(PDAction action, PDAction next);
+
+/* GoTo: the destination (/D), or NULL. */
+PDFCORE_API PDResult PDActionGoToGetDest(PDAction action, PDDest* outDest);
+/* GoToE: destination, new-window flag and target dictionary (/T). The flag answers
+ * PD_ERR_NO_VALUE when /NewWindow is absent and PD_ERR_RANGE when it holds no boolean. */
+PDFCORE_API PDResult PDActionGoToEGetDest(PDAction action, PDDest* outDest);
+PDFCORE_API PDResult PDActionGoToESetDest(PDAction action, PDDest dest);
+PDFCORE_API PDResult PDActionGoToEGetNewWindow(PDAction action, PDBool* outNewWindow);
+PDFCORE_API PDResult PDActionGoToESetNewWindow(PDAction action, PDBool newWindow);
+PDFCORE_API PDResult PDActionGoToEGetTarget(PDAction action, PDObject* outTarget);
+PDFCORE_API PDResult PDActionGoToESetTarget(PDAction action, PDObject target);
+
+/* Hide: /H (true, hide, when absent) and the items of /T, each a field's fully
+ * qualified name (item type 1) or an annotation (item type 2). */
+enum { PD_HIDE_ITEM_FIELD_NAME = 1, PD_HIDE_ITEM_ANNOT = 2 };
+PDFCORE_API PDResult PDActionHideIsHiding(PDAction action, PDBool* outHiding);
+PDFCORE_API PDResult PDActionHideSetHiding(PDAction action, PDBool hiding);
+PDFCORE_API PDResult PDActionHideGetNumItems(PDAction action, uint32_t* outCount);
+PDFCORE_API PDResult PDActionHideGetItemType(PDAction action, uint32_t index,
+                                             int32_t* outType);
+/* The name of a field-name item; an annotation item: PD_ERR_WRONG_HANDLE. */
+PDFCORE_API PDResult PDActionHideGetItemFieldName(PDAction action, uint32_t index,
+                                                  char16_t* buf, uint32_t bufLen,
+                                                  uint32_t* outLen);
+PDFCORE_API PDResult PDActionHideAddItemFieldName(PDAction action, const char16_t* name,
+                                                  uint32_t len);
+
+/* JavaScript: the script (/JS, a string or a stream). */
+PDFCORE_API PDResult PDActionJavaScriptGetScript(PDAction action, char16_t* buf,
+                                                 uint32_t bufLen, uint32_t* outLen);
+/* Launch: the file specification (/F, or /Win /F). */
+PDFCORE_API PDResult PDActionLaunchGetFileSpec(PDAction action, PDFileSpec* outFileSpec);
+/* URI: the bytes of /URI, two calls as for texts, counted in bytes. */
+PDFCORE_API PDResult PDActionURIGetURI(PDAction action, char* buf, uint32_t bufLen,
+                                       uint32_t* outLen);
+/* Named: /N as an atom. */
+PDFCORE_API PDResult PDActionNamedGetName(PDAction action, PDAtom* outName);
+
+/* ResetForm and SubmitForm: /Flags (0 when absent) and /Fields. Getting the fields of an
+ * action without /Fields gives an empty list, which the setter stores by removing
+ * /Fields. */
+PDFCORE_API PDResult PDActionResetFormGetFlags(PDAction action, uint32_t* outFlags);
+PDFCORE_API PDResult PDActionResetFormSetFlags(PDAction action, uint32_t flags);
+PDFCORE_API PDResult PDActionResetFormGetFieldsData(PDAction action,
+                                                    PDActionFieldsData* outData);
+PDFCORE_API PDResult PDActionResetFormSetFieldsData(PDAction action, PDActionFieldsData data);
+PDFCORE_API PDResult PDActionSubmitFormGetFlags(PDAction action, uint32_t* outFlags);
+PDFCORE_API PDResult PDActionSubmitFormSetFlags(PDAction action, uint32_t flags);
+PDFCORE_API PDResult PDActionSubmitFormGetFieldsData(PDAction action,
+                                                     PDActionFieldsData* outData);
+PDFCORE_API PDResult PDActionSubmitFormSetFieldsData(PDAction action, PDActionFieldsData data);
+/* SubmitForm: the server address (/F) as a file specification. */
+PDFCORE_API PDResult PDActionSubmitFormGetServerURL(PDAction action,
+                                                    PDFileSpec* outFileSpec);
+
+/* A list of fields for ResetForm and SubmitForm. Entries written by name in a file are
+ * looked up by name; a name that finds no field gives a NULL field. */
+PDFCORE_API PDResult PDCreateActionFieldsData(PDDoc doc, PDActionFieldsData* outData);
+PDFCORE_API PDResult PDActionFieldsDataGetNumFields(PDActionFieldsData data,
+                                                    uint32_t* outCount);
+PDFCORE_API PDResult PDActionFieldsDataGetField(PDActionFieldsData data, uint32_t index,
+                                                PDField* outField);
+PDFCORE_API PDResult PDActionFieldsDataAddField(PDActionFieldsData data, PDField field);
+
+/* ---- Trigger actions ---------------------------------------------------- */
+
+/* Getters give NULL when there is no action; setters take NULL to remove it.
+ * Widget triggers live in the widget's /AA: E mouse enter, X mouse exit, D mouse down,
+ * U mouse up, Fo focus, Bl blur. The click action of a button is the widget's /A.
+ * Field triggers live in the field's /AA: F format, V validate, C calculate, K modify
+ * (keystroke). Setting a calculate action also lists the field in the form's
+ * calculation order (/AcroForm /CO); removing it takes the field out of it. */
+PDFCORE_API PDResult PDWidgetAnnotGetMouseEnterAction(PDAnnot widget, PDAction* outAction);
+PDFCORE_API PDResult PDWidgetAnnotSetMouseEnterAction(PDAnnot widget, PDAction action);
+PDFCORE_API PDResult PDWidgetAnnotGetMouseExitAction(PDAnnot widget, PDAction* outAction);
+PDFCORE_API PDResult PDWidgetAnnotSetMouseExitAction(PDAnnot widget, PDAction action);
+PDFCORE_API PDResult PDWidgetAnnotGetMouseDownAction(PDAnnot widget, PDAction* outAction);
+PDFCORE_API PDResult PDWidgetAnnotSetMouseDownAction(PDAnnot widget, PDAction action);
+PDFCORE_API PDResult PDWidgetAnnotGetMouseUpAction(PDAnnot widget, PDAction* outAction);
+PDFCORE_API PDResult PDWidgetAnnotSetMouseUpAction(PDAnnot widget, PDAction action);
+PDFCORE_API PDResult PDWidgetAnnotGetFocusAction(PDAnnot widget, PDAction* outAction);
+PDFCORE_API PDResult PDWidgetAnnotSetFocusAction(PDAnnot widget, PDAction action);
+PDFCORE_API PDResult PDWidgetAnnotGetBlurAction(PDAnnot widget, PDAction* outAction);
+PDFCORE_API PDResult PDWidgetAnnotSetBlurAction(PDAnnot widget, PDAction action);
+PDFCORE_API PDResult PDButtonWidgetAnnotGetAction(PDAnnot widget, PDAction* outAction);
+PDFCORE_API PDResult PDButtonWidgetAnnotSetAction(PDAnnot widget, PDAction action);
+PDFCORE_API PDResult PDFieldGetFormatAction(PDField field, PDAction* outAction);
+PDFCORE_API PDResult PDFieldSetFormatAction(PDField field, PDAction action);
+PDFCORE_API PDResult PDFieldGetValidateAction(PDField field, PDAction* outAction);
+PDFCORE_API PDResult PDFieldSetValidateAction(PDField field, PDAction action);
+PDFCORE_API PDResult PDFieldGetCalculateAction(PDField field, PDAction* outAction);
+PDFCORE_API PDResult PDFieldSetCalculateAction(PDField field, PDAction action);
+PDFCORE_API PDResult PDFieldGetModifyAction(PDField field, PDAction* outAction);
+PDFCORE_API PDResult PDFieldSetModifyAction(PDField field, PDAction action);
+
 #ifdef __cplusplus
 }
 #endif
