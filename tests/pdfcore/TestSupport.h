@@ -1,16 +1,18 @@
-// Helpers shared by the pdfcore tests: owned handles, UTF-16 texts, scratch files and the
-// independent checkers (pypdf, qpdf, pdftoppm).
+// Helpers shared by the pdfcore tests: owned handles, UTF-16 texts, documents, fields and
+// widgets, scratch files and the independent checkers (qpdf, pdftoppm).
 #pragma once
 
 #include "pdfcore/pdfcore.h"
 
-#include <gtest/gtest.h>
-
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace pdtest {
 
@@ -20,32 +22,84 @@ struct HandleReleaser {
 // One owned reference to a pdfcore handle.
 using Owned = std::unique_ptr<PDHandleRec, HandleReleaser>;
 
-inline std::u16string u16(const std::string& ascii) { return {ascii.begin(), ascii.end()}; }
+// ---- texts ---------------------------------------------------------------------------------
 
-inline std::string narrow(const std::u16string& s) {
+inline std::u16string u16(const std::string& ascii) {
+    return {ascii.begin(), ascii.end()};
+}
+
+inline std::string utf8(const std::u16string& s) {
     std::string out;
-    for (char16_t c : s) out.push_back(c < 0x80 ? static_cast<char>(c) : '?');
+    for (size_t i = 0; i < s.size(); ++i) {
+        uint32_t c = s[i];
+        if (c >= 0xD800 && c < 0xDC00 && i + 1 < s.size() && s[i + 1] >= 0xDC00 &&
+            s[i + 1] < 0xE000)
+            c = 0x10000 + ((c - 0xD800) << 10) + (s[++i] - 0xDC00);
+        int extra = c < 0x80 ? 0 : c < 0x800 ? 1 : c < 0x10000 ? 2 : 3;
+        static const unsigned char lead[] = {0, 0xC0, 0xE0, 0xF0};
+        out += static_cast<char>(lead[extra] | (c >> (6 * extra)));
+        for (int k = extra - 1; k >= 0; --k)
+            out += static_cast<char>(0x80 | ((c >> (6 * k)) & 0x3F));
+    }
     return out;
 }
 
-// Reads a text through the two-call pattern; "<error N>" when a call fails.
-template <typename Getter>
-std::u16string text(Getter get) {
+inline std::u16string utf16(const std::string& s) {
+    std::u16string out;
+    for (size_t i = 0; i < s.size();) {
+        auto b = static_cast<unsigned char>(s[i]);
+        int extra = b < 0x80 ? 0 : b < 0xE0 ? 1 : b < 0xF0 ? 2 : 3;
+        uint32_t c = extra == 0 ? b : b & (0x3F >> extra);
+        for (int k = 1; k <= extra && i + k < s.size(); ++k)
+            c = (c << 6) | (static_cast<unsigned char>(s[i + k]) & 0x3F);
+        i += 1 + extra;
+        if (c >= 0x10000) {
+            c -= 0x10000;
+            out += static_cast<char16_t>(0xD800 + (c >> 10));
+            out += static_cast<char16_t>(0xDC00 + (c & 0x3FF));
+        } else {
+            out += static_cast<char16_t>(c);
+        }
+    }
+    return out;
+}
+
+inline std::string atomText(PDAtom atom) {
+    const char* s = nullptr;
+    if (PDAtomGetString(atom, &s) != PD_OK || !s) return "<atom " + std::to_string(atom) + ">";
+    return s;
+}
+
+// A text getter's result and text (empty unless PD_OK), through the two-call pattern.
+struct Got {
+    PDResult result;
+    std::u16string text;
+};
+template <typename Getter> Got fetch(Getter get) {
     uint32_t len = 0;
     PDResult r = get(nullptr, 0, &len);
-    if (r != PD_OK) return u"<error " + u16(std::to_string(r)) + u">";
+    if (r != PD_OK) return {r, {}};
     std::u16string buf(len, u'\0');
     r = get(buf.data(), len, &len);
-    if (r != PD_OK) return u"<error " + u16(std::to_string(r)) + u">";
-    return buf;
+    buf.resize(r == PD_OK ? len : 0);
+    return {r, buf};
+}
+
+// The text a getter gives; "<error N>" when a call fails.
+template <typename Getter> std::u16string text(Getter get) {
+    Got got = fetch(get);
+    return got.result == PD_OK ? got.text : u"<error " + u16(std::to_string(got.result)) + u">";
 }
 
 inline std::u16string fieldName(PDField f) {
-    return text([&](char16_t* b, uint32_t n, uint32_t* l) { return PDFieldGetFullName(f, b, n, l); });
+    return text(
+        [&](char16_t* b, uint32_t n, uint32_t* l) { return PDFieldGetFullName(f, b, n, l); });
 }
 inline std::u16string fieldValue(PDField f) {
     return text([&](char16_t* b, uint32_t n, uint32_t* l) { return PDFieldGetValue(f, b, n, l); });
 }
+
+// ---- documents, fields and widgets ------------------------------------------------------
 
 inline Owned createDoc(uint32_t pages = 1, float w = 612, float h = 792) {
     PDDoc doc = nullptr;
@@ -74,11 +128,29 @@ inline Owned createField(PDDoc doc, const std::string& name, PDAtom type, uint32
     return Owned(f);
 }
 
-inline Owned findField(PDDoc doc, const std::string& name) {
+inline Owned findField(PDDoc doc, const std::u16string& name) {
     PDField f = nullptr;
-    auto n = u16(name);
-    EXPECT_EQ(PDDocFindField(doc, n.data(), static_cast<uint32_t>(n.size()), &f), PD_OK);
+    EXPECT_EQ(PDDocFindField(doc, name.data(), static_cast<uint32_t>(name.size()), &f), PD_OK);
     return Owned(f);
+}
+inline Owned findField(PDDoc doc, const std::string& name) {
+    return findField(doc, u16(name));
+}
+
+inline PDResult setValue(PDField f, const std::u16string& v) {
+    return PDFieldSetValue(f, v.data(), static_cast<uint32_t>(v.size()));
+}
+
+inline PDResult rename(PDDoc doc, PDField f, const std::string& name) {
+    auto n = u16(name);
+    return PDDocRenameField(doc, f, n.data(), static_cast<uint32_t>(n.size()));
+}
+
+inline PDResult insertOption(PDField f, uint32_t index, const std::u16string& display,
+                             const std::u16string& exportValue) {
+    return PDChoiceFieldInsertOption(f, index, display.data(),
+                                     static_cast<uint32_t>(display.size()), exportValue.data(),
+                                     static_cast<uint32_t>(exportValue.size()));
 }
 
 // Creates a widget of field with the creator matching its type and puts it on the page.
@@ -97,17 +169,66 @@ inline Owned addWidget(PDDoc doc, PDField field, PDPage pg, PDRect rect) {
     return Owned(w);
 }
 
+// A new field with one widget of rect on page pg.
+struct FieldAndWidget {
+    Owned field, widget;
+};
+inline FieldAndWidget addField(PDDoc doc, PDPage pg, const std::string& name, PDAtom type, PDRect r,
+                               uint32_t flags = 0) {
+    FieldAndWidget out;
+    out.field = createField(doc, name, type, flags);
+    out.widget = addWidget(doc, out.field.get(), pg, r);
+    return out;
+}
+
+// Every item of a counted list: the terminal fields of a document, the annotations of a
+// page, the widgets of a field.
+inline std::vector<Owned> listOf(PDHandle owner, PDResult (*count)(PDHandle, uint32_t*),
+                                 PDResult (*get)(PDHandle, uint32_t, PDHandle*)) {
+    std::vector<Owned> out;
+    uint32_t n = 0;
+    EXPECT_EQ(count(owner, &n), PD_OK);
+    for (uint32_t i = 0; i < n; ++i) {
+        PDHandle item = nullptr;
+        EXPECT_EQ(get(owner, i, &item), PD_OK);
+        out.emplace_back(item);
+    }
+    return out;
+}
+inline std::vector<Owned> fieldsOf(PDDoc doc) {
+    return listOf(doc, PDDocGetNumFields, PDDocGetField);
+}
+inline std::vector<Owned> annotsOf(PDPage pg) {
+    return listOf(pg, PDPageGetNumAnnots, PDPageGetAnnot);
+}
+inline std::vector<Owned> widgetsOf(PDField f) {
+    return listOf(f, PDFieldGetNumWidgets, PDFieldGetWidget);
+}
+
+inline Owned parentOf(PDAnnot w) {
+    PDField f = nullptr;
+    EXPECT_EQ(PDWidgetAnnotGetParent(w, &f), PD_OK);
+    return Owned(f);
+}
+
 inline PDRect rect(float left, float bottom, float right, float top) {
     return PDRect{left, top, right, bottom};
 }
+
+// ---- files -----------------------------------------------------------------------------
 
 inline std::string corpus(const std::string& file) {
     return std::string(QF_CORPUS_DIR) + "/" + file;
 }
 
+inline std::string slurp(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
 // A scratch folder removed at the end of the test.
 class ScratchDir {
-public:
+  public:
     ScratchDir() {
         auto base = std::filesystem::temp_directory_path();
         char tmpl[] = "qf-pdfcore-XXXXXX";
@@ -120,9 +241,11 @@ public:
     }
     std::string file(const std::string& name) const { return (path_ / name).string(); }
 
-private:
+  private:
     std::filesystem::path path_;
 };
+
+// ---- independent checkers ---------------------------------------------------------------
 
 // Runs a shell command and returns its standard output; the exit status goes to *status.
 inline std::string run(const std::string& command, int* status = nullptr) {
@@ -131,7 +254,8 @@ inline std::string run(const std::string& command, int* status = nullptr) {
     if (!p) return out;
     char buf[4096];
     size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0)
+        out.append(buf, n);
     int rc = pclose(p);
     if (status) *status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
     return out;
@@ -144,4 +268,37 @@ inline int qpdfCheck(const std::string& path) {
     return status;
 }
 
-}  // namespace pdtest
+// A page rendered by pdftoppm at 72 dpi: one pixel per point, RGB, rows from the top.
+struct Raster {
+    int width = 0, height = 0;
+    std::vector<uint8_t> rgb;
+
+    const uint8_t* at(int x, int y) const { return &rgb[(static_cast<size_t>(y) * width + x) * 3]; }
+    // The darkest channel of a pixel, so that a coloured mark counts as non-white.
+    uint8_t darkest(int x, int y) const {
+        const uint8_t* p = at(x, y);
+        return std::min({p[0], p[1], p[2]});
+    }
+};
+
+// Renders page `index` of pdf to prefix.ppm; an empty raster when that fails.
+inline Raster render(const std::string& pdf, const std::string& prefix, uint32_t index = 0) {
+    std::string n = std::to_string(index + 1);
+    int status = -1;
+    std::string err = run("pdftoppm -r 72 -f " + n + " -l " + n + " -singlefile '" + pdf + "' '" +
+                              prefix + "' 2>&1",
+                          &status);
+    EXPECT_EQ(status, 0) << err;
+    Raster r;
+    std::ifstream in(prefix + ".ppm", std::ios::binary);
+    std::string magic;
+    int maxValue = 0;
+    in >> magic >> r.width >> r.height >> maxValue;
+    in.get();
+    if (magic != "P6" || maxValue != 255 || r.width <= 0 || r.height <= 0) return {};
+    r.rgb.resize(static_cast<size_t>(r.width) * r.height * 3);
+    in.read(reinterpret_cast<char*>(r.rgb.data()), static_cast<std::streamsize>(r.rgb.size()));
+    return in ? r : Raster{};
+}
+
+} // namespace pdtest

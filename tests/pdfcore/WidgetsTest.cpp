@@ -2,11 +2,8 @@
 // them: pages rendered with pdftoppm, objects read back with pypdf.
 #include "TestSupport.h"
 
-#include <algorithm>
-#include <fstream>
 #include <functional>
-#include <sstream>
-#include <vector>
+#include <tuple>
 
 using namespace pdtest;
 
@@ -21,28 +18,34 @@ std::u16string get(TextGetter getter, PDAnnot w) {
 PDResult put(TextSetter setter, PDAnnot w, const std::u16string& s) {
     return setter(w, s.data(), static_cast<uint32_t>(s.size()));
 }
-PDResult setValue(PDField f, const std::u16string& v) {
-    return PDFieldSetValue(f, v.data(), static_cast<uint32_t>(v.size()));
+// What a getter of one value gives; a failure when it fails.
+template <typename T> T get(PDResult (*getter)(PDAnnot, T*), PDAnnot w) {
+    T value{};
+    EXPECT_EQ(getter(w, &value), PD_OK);
+    return value;
 }
 PDAtom atom(const char* name) {
     PDAtom a = 0;
     EXPECT_EQ(PDAtomPutString(name, &a), PD_OK);
     return a;
 }
-std::string atomText(PDAtom a) {
-    const char* s = nullptr;
-    return PDAtomGetString(a, &s) == PD_OK ? s : "<none>";
+auto fields(const PDBorderStyle& s) {
+    return std::tuple(s.style, s.width, s.dashCount);
+}
+auto fields(const PDIconFit& f) {
+    return std::tuple(f.scaleWhen, f.scaleHow, f.left, f.bottom, f.fitBounds);
+}
+auto fields(const PDFontInfo& i) {
+    return std::tuple(atomText(i.family), i.format, i.style);
 }
 
 Owned reopen(PDDoc doc, const std::string& path) {
     EXPECT_EQ(PDDocSave(doc, path.c_str()), PD_OK);
     return openDoc(path);
 }
-Owned annotAt(PDDoc doc, uint32_t index, uint32_t pageIndex = 0) {
-    auto pg = page(doc, pageIndex);
-    PDAnnot a = nullptr;
-    EXPECT_EQ(PDPageGetAnnot(pg.get(), index, &a), PD_OK);
-    return Owned(a);
+Owned annotAt(PDDoc doc, uint32_t index) {
+    auto annots = annotsOf(page(doc, 0).get());
+    return index < annots.size() ? std::move(annots[index]) : Owned();
 }
 
 // Runs a pypdf script with sys.argv[1:] = args; `pdf` holds the PdfReader of args[0].
@@ -90,28 +93,22 @@ for page in pdf.pages:
                       'tj=' + '|'.join(re.findall(r'\((.*?)\) Tj', text)))
 )";
 
-// A page rendered at 72 dpi, one pixel per point.
-struct Raster {
-    int width = 0, height = 0;
-    std::vector<uint8_t> rgb;
+// Expects every line in the description of the appearance streams of pdf; returns it.
+std::string expectDescribed(const std::string& pdf, std::initializer_list<const char*> lines) {
+    std::string out = python(kDescribe, pdf);
+    for (const char* line : lines)
+        EXPECT_NE(out.find(line), std::string::npos) << line << "\n" << out;
+    return out;
+}
 
-    const uint8_t* at(int x, int y) const { return &rgb[(static_cast<size_t>(y) * width + x) * 3]; }
-    // Counts the pixels inside the user-space box (l, b, r, t) of an unrotated page that
-    // pass test, leaving out `inset` points at each side.
-    int count(float l, float b, float r, float t, float inset,
-              const std::function<bool(const uint8_t*)>& test) const {
-        int n = 0;
-        for (int y = static_cast<int>(height - t + inset); y < height - b - inset; ++y)
-            for (int x = static_cast<int>(l + inset); x < r - inset; ++x)
-                if (x >= 0 && y >= 0 && x < width && y < height && test(at(x, y))) ++n;
-        return n;
-    }
-};
+// ---- rendering -------------------------------------------------------------------------
+
+using PixelTest = std::function<bool(const uint8_t*)>;
 
 bool isDark(const uint8_t* p) {
     return std::max({p[0], p[1], p[2]}) < 110;
 }
-std::function<bool(const uint8_t*)> isColour(uint32_t argb) {
+PixelTest isColour(uint32_t argb) {
     return [argb](const uint8_t* p) {
         for (int i = 0; i < 3; ++i)
             if (std::abs(p[i] - static_cast<int>((argb >> (16 - 8 * i)) & 0xFF)) > 12) return false;
@@ -119,21 +116,15 @@ std::function<bool(const uint8_t*)> isColour(uint32_t argb) {
     };
 }
 
-Raster render(const std::string& pdf, const std::string& prefix) {
-    int status = -1;
-    run("pdftoppm -r 72 -singlefile '" + pdf + "' '" + prefix + "' 2>&1", &status);
-    EXPECT_EQ(status, 0);
-    Raster r;
-    std::ifstream in(prefix + ".ppm", std::ios::binary);
-    std::string magic;
-    int maxValue = 0;
-    in >> magic >> r.width >> r.height >> maxValue;
-    in.get();
-    EXPECT_EQ(magic, "P6");
-    r.rgb.resize(static_cast<size_t>(r.width) * r.height * 3);
-    in.read(reinterpret_cast<char*>(r.rgb.data()), static_cast<std::streamsize>(r.rgb.size()));
-    EXPECT_TRUE(in.good());
-    return r;
+// Counts the pixels inside the user-space box (l, b, r, t) of an unrotated page that pass
+// test, leaving out `inset` points at each side.
+int count(const Raster& r, float l, float b, float rt, float t, float inset,
+          const PixelTest& test) {
+    int n = 0;
+    for (int y = static_cast<int>(r.height - t + inset); y < r.height - b - inset; ++y)
+        for (int x = static_cast<int>(l + inset); x < rt - inset; ++x)
+            if (x >= 0 && y >= 0 && x < r.width && y < r.height && test(r.at(x, y))) ++n;
+    return n;
 }
 
 // Bounding box (width, height) in pixels of the dark pixels inside a raster region.
@@ -148,22 +139,26 @@ std::pair<int, int> darkExtent(const Raster& r, int x0, int y0, int x1, int y1) 
     return {std::max(0, maxX - minX + 1), std::max(0, maxY - minY + 1)};
 }
 
+// A new one-page document, its page and a scratch folder.
+class Widgets : public ::testing::Test {
+  protected:
+    FieldAndWidget add(const std::string& name, PDAtom type, PDRect r, uint32_t flags = 0) {
+        return addField(doc.get(), pg.get(), name, type, r, flags);
+    }
+    ScratchDir dir;
+    Owned doc = createDoc();
+    Owned pg = page(doc.get(), 0);
+};
+
 } // namespace
 
-TEST(Widgets, GeometryBorderColoursAndHighlightSurviveSaving) {
-    ScratchDir dir;
-    auto doc = createDoc();
-    auto pg = page(doc.get(), 0);
-    auto f = createField(doc.get(), "t", PD_ATOM_Tx);
-    auto w = addWidget(doc.get(), f.get(), pg.get(), rect(100, 100, 300, 130));
+TEST_F(Widgets, GeometryBorderColoursAndHighlightSurviveSaving) {
+    auto [f, w] = add("t", PD_ATOM_Tx, rect(100, 100, 300, 130));
 
-    int32_t degrees = -1, mode = -1;
-    ASSERT_EQ(PDWidgetAnnotGetRotate(w.get(), &degrees), PD_OK);
-    EXPECT_EQ(degrees, 0);
+    EXPECT_EQ(get(PDWidgetAnnotGetRotate, w.get()), 0);
     EXPECT_EQ(PDWidgetAnnotSetRotate(w.get(), 45), PD_ERR_BAD_ARGUMENT);
     ASSERT_EQ(PDWidgetAnnotSetRotate(w.get(), -90), PD_OK);
-    ASSERT_EQ(PDWidgetAnnotGetHighlight(w.get(), &mode), PD_OK);
-    EXPECT_EQ(mode, 1) << "invert when /H is absent";
+    EXPECT_EQ(get(PDWidgetAnnotGetHighlight, w.get()), 1) << "invert when /H is absent";
     ASSERT_EQ(PDWidgetAnnotSetHighlight(w.get(), 3), PD_OK);
     EXPECT_EQ(PDWidgetAnnotSetHighlight(w.get(), 5), PD_ERR_BAD_ARGUMENT);
 
@@ -174,86 +169,62 @@ TEST(Widgets, GeometryBorderColoursAndHighlightSurviveSaving) {
     for (int i = 0; i < 12; ++i)
         bs.dash[i % PD_MAX_DASH] = static_cast<float>(i % PD_MAX_DASH + 1);
     ASSERT_EQ(PDWidgetAnnotSetBorderStyle(w.get(), &bs), PD_OK);
-    PDBorderStyle bad = bs;
-    bad.style = 5;
-    EXPECT_EQ(PDWidgetAnnotSetBorderStyle(w.get(), &bad), PD_ERR_BAD_ARGUMENT);
-    bad = bs;
-    bad.width = -1;
-    EXPECT_EQ(PDWidgetAnnotSetBorderStyle(w.get(), &bad), PD_ERR_BAD_ARGUMENT);
-
+    for (auto spoil :
+         {+[](PDBorderStyle& s) { s.style = 5; }, +[](PDBorderStyle& s) { s.width = -1; }}) {
+        PDBorderStyle bad = bs;
+        spoil(bad);
+        EXPECT_EQ(PDWidgetAnnotSetBorderStyle(w.get(), &bad), PD_ERR_BAD_ARGUMENT);
+    }
     ASSERT_EQ(PDWidgetAnnotSetBgColor(w.get(), 0xFF336699), PD_OK);
     ASSERT_EQ(PDWidgetAnnotSetBorderColor(w.get(), 0x80FF0001), PD_OK) << "any alpha is opaque";
 
     auto copy = reopen(doc.get(), dir.file("a.pdf"));
     auto w2 = annotAt(copy.get(), 0);
-    ASSERT_EQ(PDWidgetAnnotGetRotate(w2.get(), &degrees), PD_OK);
-    EXPECT_EQ(degrees, 270);
-    ASSERT_EQ(PDWidgetAnnotGetHighlight(w2.get(), &mode), PD_OK);
-    EXPECT_EQ(mode, 3);
-    PDBorderStyle read{};
-    ASSERT_EQ(PDWidgetAnnotGetBorderStyle(w2.get(), &read), PD_OK);
-    EXPECT_EQ(read.style, 1);
-    EXPECT_FLOAT_EQ(read.width, 2.5f);
-    ASSERT_EQ(read.dashCount, static_cast<uint32_t>(PD_MAX_DASH));
+    EXPECT_EQ(get(PDWidgetAnnotGetRotate, w2.get()), 270);
+    EXPECT_EQ(get(PDWidgetAnnotGetHighlight, w2.get()), 3);
+    PDBorderStyle read = get(PDWidgetAnnotGetBorderStyle, w2.get());
+    EXPECT_EQ(fields(read), std::tuple(1, 2.5f, uint32_t(PD_MAX_DASH)));
     EXPECT_FLOAT_EQ(read.dash[0], 1);
     EXPECT_FLOAT_EQ(read.dash[9], 10);
-    uint32_t argb = 0;
-    ASSERT_EQ(PDWidgetAnnotGetBgColor(w2.get(), &argb), PD_OK);
-    EXPECT_EQ(argb, 0xFF336699u);
-    ASSERT_EQ(PDWidgetAnnotGetBorderColor(w2.get(), &argb), PD_OK);
-    EXPECT_EQ(argb, 0xFFFF0001u);
+    EXPECT_EQ(get(PDWidgetAnnotGetBgColor, w2.get()), 0xFF336699u);
+    EXPECT_EQ(get(PDWidgetAnnotGetBorderColor, w2.get()), 0xFFFF0001u);
 
     // Alpha 0 removes a colour; a style without dashes stores none.
     ASSERT_EQ(PDWidgetAnnotSetBgColor(w2.get(), 0x00FFFFFF), PD_OK);
     ASSERT_EQ(PDWidgetAnnotSetRotate(w2.get(), 450), PD_OK);
     PDBorderStyle solid{};
-    solid.width = 0;
     ASSERT_EQ(PDWidgetAnnotSetBorderStyle(w2.get(), &solid), PD_OK);
     auto third = reopen(copy.get(), dir.file("b.pdf"));
     auto w3 = annotAt(third.get(), 0);
-    ASSERT_EQ(PDWidgetAnnotGetBgColor(w3.get(), &argb), PD_OK);
-    EXPECT_EQ(argb, 0u);
-    ASSERT_EQ(PDWidgetAnnotGetRotate(w3.get(), &degrees), PD_OK);
-    EXPECT_EQ(degrees, 90);
-    ASSERT_EQ(PDWidgetAnnotGetBorderStyle(w3.get(), &read), PD_OK);
-    EXPECT_EQ(read.style, 0);
-    EXPECT_FLOAT_EQ(read.width, 0);
-    EXPECT_EQ(read.dashCount, 0u);
+    EXPECT_EQ(get(PDWidgetAnnotGetBgColor, w3.get()), 0u);
+    EXPECT_EQ(get(PDWidgetAnnotGetRotate, w3.get()), 90);
+    EXPECT_EQ(fields(get(PDWidgetAnnotGetBorderStyle, w3.get())), std::tuple(0, 0.f, 0u));
 }
 
-TEST(Widgets, FontsGoToTheFormResourcesAndReadBack) {
-    ScratchDir dir;
-    auto doc = createDoc();
-    auto pg = page(doc.get(), 0);
+TEST_F(Widgets, FontsGoToTheFormResourcesAndReadBack) {
     struct Case {
         const char* family;
         int32_t style;
-        const char* readFamily;
-        int32_t format;
+        int32_t format; // as read back
         const char* baseFont;
     } cases[] = {
-        {"Helvetica", 1, "Helvetica", 0, "Helvetica-Bold"},
-        {"Times", 2, "Times", 0, "Times-Italic"},
-        {"Courier", 3, "Courier", 0, "Courier-BoldOblique"},
-        {"ZapfDingbats", 1, "ZapfDingbats", 0, "ZapfDingbats"},
-        {"Arial", 3, "Arial", 1, "Arial,BoldItalic"},
-        {"MS Gothic", 0, "MS Gothic", 1, "MSGothic"},
-        {"Helvetica", 1, "Helvetica", 0, "Helvetica-Bold"}, // reuses the first resource
+        {"Helvetica", 1, 0, "Helvetica-Bold"},    {"Times", 2, 0, "Times-Italic"},
+        {"Courier", 3, 0, "Courier-BoldOblique"}, {"ZapfDingbats", 1, 0, "ZapfDingbats"},
+        {"Arial", 3, 1, "Arial,BoldItalic"},      {"MS Gothic", 0, 1, "MSGothic"},
+        {"Helvetica", 1, 0, "Helvetica-Bold"}, // reuses the first resource
     };
-    std::vector<Owned> fields;
+    std::vector<Owned> fieldsMade;
     for (size_t i = 0; i < std::size(cases); ++i) {
-        fields.push_back(createField(doc.get(), "f" + std::to_string(i), PD_ATOM_Tx));
-        auto w = addWidget(doc.get(), fields.back().get(), pg.get(),
+        fieldsMade.push_back(createField(doc.get(), "f" + std::to_string(i), PD_ATOM_Tx));
+        auto w = addWidget(doc.get(), fieldsMade.back().get(), pg.get(),
                            rect(50, 700 - 30.f * i, 250, 720 - 30.f * i));
         PDFontInfo info{atom(cases[i].family), 1, cases[i].style};
         ASSERT_EQ(PDWidgetAnnotSetFontInfo(w.get(), &info), PD_OK) << cases[i].family;
-        ASSERT_EQ(setValue(fields.back().get(), u"Sample"), PD_OK);
+        ASSERT_EQ(setValue(fieldsMade.back().get(), u"Sample"), PD_OK);
     }
     auto w0 = annotAt(doc.get(), 0);
-    PDFontInfo bad{atom("Helvetica"), 0, 4};
-    EXPECT_EQ(PDWidgetAnnotSetFontInfo(w0.get(), &bad), PD_ERR_BAD_ARGUMENT);
-    bad = {0, 0, 0};
-    EXPECT_EQ(PDWidgetAnnotSetFontInfo(w0.get(), &bad), PD_ERR_BAD_ARGUMENT);
+    for (PDFontInfo bad : {PDFontInfo{atom("Helvetica"), 0, 4}, PDFontInfo{0, 0, 0}})
+        EXPECT_EQ(PDWidgetAnnotSetFontInfo(w0.get(), &bad), PD_ERR_BAD_ARGUMENT);
     EXPECT_EQ(PDWidgetAnnotSetFontSize(w0.get(), -1), PD_ERR_BAD_ARGUMENT);
     ASSERT_EQ(PDWidgetAnnotSetFontSize(w0.get(), 14.5f), PD_OK);
     ASSERT_EQ(PDWidgetAnnotSetFontColor(w0.get(), 0xFF336699), PD_OK);
@@ -261,49 +232,34 @@ TEST(Widgets, FontsGoToTheFormResourcesAndReadBack) {
     std::string path = dir.file("fonts.pdf");
     auto copy = reopen(doc.get(), path);
     for (size_t i = 0; i < std::size(cases); ++i) {
-        auto w = annotAt(copy.get(), static_cast<uint32_t>(i));
-        PDFontInfo info{};
-        ASSERT_EQ(PDWidgetAnnotGetFontInfo(w.get(), &info), PD_OK) << i;
-        EXPECT_EQ(atomText(info.family), cases[i].readFamily) << i;
-        EXPECT_EQ(info.format, cases[i].format) << i;
-        EXPECT_EQ(info.style, std::string(cases[i].family) == "ZapfDingbats" ? 0 : cases[i].style);
+        const Case& c = cases[i];
+        int32_t style = std::string(c.family) == "ZapfDingbats" ? 0 : c.style;
+        EXPECT_EQ(fields(get(PDWidgetAnnotGetFontInfo, annotAt(copy.get(), i).get())),
+                  std::tuple(std::string(c.family), c.format, style))
+            << i;
     }
     auto r0 = annotAt(copy.get(), 0), r1 = annotAt(copy.get(), 1);
-    float size = -1;
-    uint32_t argb = 0;
-    ASSERT_EQ(PDWidgetAnnotGetFontSize(r0.get(), &size), PD_OK);
-    EXPECT_FLOAT_EQ(size, 14.5f);
-    ASSERT_EQ(PDWidgetAnnotGetFontColor(r0.get(), &argb), PD_OK);
-    EXPECT_EQ(argb, 0xFF336699u);
-    ASSERT_EQ(PDWidgetAnnotGetFontSize(r1.get(), &size), PD_OK);
-    EXPECT_FLOAT_EQ(size, 0) << "the form's /DA asks for automatic size";
-    ASSERT_EQ(PDWidgetAnnotGetFontColor(r1.get(), &argb), PD_OK);
-    EXPECT_EQ(argb, 0xFF000000u);
+    EXPECT_FLOAT_EQ(get(PDWidgetAnnotGetFontSize, r0.get()), 14.5f);
+    EXPECT_EQ(get(PDWidgetAnnotGetFontColor, r0.get()), 0xFF336699u);
+    EXPECT_FLOAT_EQ(get(PDWidgetAnnotGetFontSize, r1.get()), 0)
+        << "the form's /DA asks for automatic size";
+    EXPECT_EQ(get(PDWidgetAnnotGetFontColor, r1.get()), 0xFF000000u);
     ASSERT_EQ(PDWidgetAnnotSetFontColor(r0.get(), 0), PD_OK);
-    ASSERT_EQ(PDWidgetAnnotGetFontColor(r0.get(), &argb), PD_OK);
-    EXPECT_EQ(argb, 0xFF000000u) << "no colour reads as black";
+    EXPECT_EQ(get(PDWidgetAnnotGetFontColor, r0.get()), 0xFF000000u) << "no colour reads as black";
 
-    std::string out = python(kDescribe, path);
-    EXPECT_NE(out.find("need absent"), std::string::npos) << out;
-    for (const char* line :
-         {"/Type1 /Helvetica-Bold /WinAnsiEncoding", "/Type1 /Times-Italic /WinAnsiEncoding",
-          "/Type1 /ZapfDingbats -", "/TrueType /Arial,BoldItalic /WinAnsiEncoding",
-          "/TrueType /MSGothic /WinAnsiEncoding"})
-        EXPECT_NE(out.find(line), std::string::npos) << line << "\n" << out;
+    std::string out =
+        expectDescribed(path, {"need absent", "/Type1 /Helvetica-Bold /WinAnsiEncoding",
+                               "/Type1 /Times-Italic /WinAnsiEncoding", "/Type1 /ZapfDingbats -",
+                               "/TrueType /Arial,BoldItalic /WinAnsiEncoding",
+                               "/TrueType /MSGothic /WinAnsiEncoding",
+                               // Each stream carries the font its /DA names.
+                               "f0 /N - bbox=0 0 200 20 matrix=- fonts=/HeBo tx=True tj=Sample"});
     size_t first = out.find("/Helvetica-Bold");
     EXPECT_EQ(out.find("/Helvetica-Bold", first + 1), std::string::npos) << "reused, not added";
-    // Each stream carries the font its /DA names.
-    EXPECT_NE(out.find("f0 /N - bbox=0 0 200 20 matrix=- fonts=/HeBo tx=True tj=Sample"),
-              std::string::npos)
-        << out;
 }
 
-TEST(Widgets, ReadsEntriesWrittenByOtherProducers) {
-    ScratchDir dir;
-    auto doc = createDoc();
-    auto pg = page(doc.get(), 0);
-    auto f = createField(doc.get(), "shared", PD_ATOM_Tx);
-    auto a = addWidget(doc.get(), f.get(), pg.get(), rect(50, 700, 250, 720));
+TEST_F(Widgets, ReadsEntriesWrittenByOtherProducers) {
+    auto [f, a] = add("shared", PD_ATOM_Tx, rect(50, 700, 250, 720));
     auto b = addWidget(doc.get(), f.get(), pg.get(), rect(50, 650, 250, 670));
     std::string made = dir.file("made.pdf"), edited = dir.file("edited.pdf");
     ASSERT_EQ(PDDocSave(doc.get(), made.c_str()), PD_OK);
@@ -324,110 +280,70 @@ b[NameObject('/H')] = NameObject('/Q')
 )");
     auto copy = openDoc(edited);
     auto wa = annotAt(copy.get(), 0), wb = annotAt(copy.get(), 1);
-    uint32_t argb = 0;
-    ASSERT_EQ(PDWidgetAnnotGetBgColor(wa.get(), &argb), PD_OK);
-    EXPECT_EQ(argb, 0xFF808080u) << "grey";
-    ASSERT_EQ(PDWidgetAnnotGetBorderColor(wa.get(), &argb), PD_OK);
-    EXPECT_EQ(argb, 0xFFFF0000u) << "CMYK";
-    ASSERT_EQ(PDWidgetAnnotGetFontColor(wa.get(), &argb), PD_OK);
-    EXPECT_EQ(argb, 0xFF000000u) << "CMYK black";
-    int32_t value = -1;
-    ASSERT_EQ(PDWidgetAnnotGetRotate(wa.get(), &value), PD_OK);
-    EXPECT_EQ(value, 270);
-    ASSERT_EQ(PDWidgetAnnotGetHighlight(wb.get(), &value), PD_OK);
-    EXPECT_EQ(value, 1) << "an unknown mode reads as the default";
-    PDBorderStyle bs{};
-    ASSERT_EQ(PDWidgetAnnotGetBorderStyle(wa.get(), &bs), PD_OK);
-    EXPECT_FLOAT_EQ(bs.width, 3) << "from /Border when /BS is absent";
-    PDFontInfo info{};
-    ASSERT_EQ(PDWidgetAnnotGetFontInfo(wa.get(), &info), PD_OK);
-    EXPECT_EQ(atomText(info.family), "Arial");
-    EXPECT_EQ(info.format, 1);
-    EXPECT_EQ(info.style, 1);
+    EXPECT_EQ(get(PDWidgetAnnotGetBgColor, wa.get()), 0xFF808080u) << "grey";
+    EXPECT_EQ(get(PDWidgetAnnotGetBorderColor, wa.get()), 0xFFFF0000u) << "CMYK";
+    EXPECT_EQ(get(PDWidgetAnnotGetFontColor, wa.get()), 0xFF000000u) << "CMYK black";
+    EXPECT_EQ(get(PDWidgetAnnotGetRotate, wa.get()), 270);
+    EXPECT_EQ(get(PDWidgetAnnotGetHighlight, wb.get()), 1) << "an unknown mode reads as default";
+    EXPECT_FLOAT_EQ(get(PDWidgetAnnotGetBorderStyle, wa.get()).width, 3)
+        << "from /Border when /BS is absent";
+    EXPECT_EQ(fields(get(PDWidgetAnnotGetFontInfo, wa.get())), std::tuple("Arial", 1, 1));
 
     // The widget's own /DA wins for reading; a setter rewrites it and the field's.
-    float size = 0;
-    ASSERT_EQ(PDWidgetAnnotGetFontSize(wa.get(), &size), PD_OK);
-    EXPECT_FLOAT_EQ(size, 9);
-    ASSERT_EQ(PDWidgetAnnotGetFontSize(wb.get(), &size), PD_OK);
-    EXPECT_FLOAT_EQ(size, 0);
+    EXPECT_FLOAT_EQ(get(PDWidgetAnnotGetFontSize, wa.get()), 9);
+    EXPECT_FLOAT_EQ(get(PDWidgetAnnotGetFontSize, wb.get()), 0);
     ASSERT_EQ(PDWidgetAnnotSetFontSize(wa.get(), 11), PD_OK);
-    for (auto* w : {wa.get(), wb.get()}) {
-        ASSERT_EQ(PDWidgetAnnotGetFontSize(w, &size), PD_OK);
-        EXPECT_FLOAT_EQ(size, 11);
-    }
-    ASSERT_EQ(PDWidgetAnnotGetFontInfo(wb.get(), &info), PD_OK);
-    EXPECT_EQ(atomText(info.family), "Helvetica") << "the field keeps its own font";
+    for (auto* w : {wa.get(), wb.get()})
+        EXPECT_FLOAT_EQ(get(PDWidgetAnnotGetFontSize, w), 11);
+    EXPECT_EQ(atomText(get(PDWidgetAnnotGetFontInfo, wb.get()).family), "Helvetica")
+        << "the field keeps its own font";
 }
 
-TEST(Widgets, ButtonCaptionsAndIconFit) {
-    ScratchDir dir;
-    auto doc = createDoc();
-    auto pg = page(doc.get(), 0);
-    auto push = createField(doc.get(), "push", PD_ATOM_Btn, PD_FIELD_PUSHBUTTON);
-    auto w = addWidget(doc.get(), push.get(), pg.get(), rect(50, 50, 150, 80));
-    auto tf = createField(doc.get(), "text", PD_ATOM_Tx);
-    auto tw = addWidget(doc.get(), tf.get(), pg.get(), rect(50, 100, 150, 120));
+TEST_F(Widgets, ButtonCaptionsAndIconFit) {
+    auto [push, w] = add("push", PD_ATOM_Btn, rect(50, 50, 150, 80), PD_FIELD_PUSHBUTTON);
+    auto [tf, tw] = add("text", PD_ATOM_Tx, rect(50, 100, 150, 120));
+    const struct {
+        TextGetter get;
+        TextSetter set;
+        std::u16string text;
+    } captions[] = {
+        {PDButtonWidgetAnnotGetCaption, PDButtonWidgetAnnotSetCaption, u"Send \u20AC"},
+        {PDButtonWidgetAnnotGetDownCaption, PDButtonWidgetAnnotSetDownCaption, u"Sending"},
+        {PDButtonWidgetAnnotGetRolloverCaption, PDButtonWidgetAnnotSetRolloverCaption, u"Go"},
+    };
+    for (const auto& c : captions) {
+        EXPECT_EQ(get(c.get, w.get()), u"<error 3>") << "none yet";
+        ASSERT_EQ(put(c.set, w.get(), c.text), PD_OK);
+        EXPECT_EQ(put(c.set, tw.get(), u"x"), PD_ERR_FIELD_KIND);
+        EXPECT_EQ(get(c.get, tw.get()), u"<error 13>");
+    }
 
-    EXPECT_EQ(get(PDButtonWidgetAnnotGetCaption, w.get()), u"<error 3>");
-    ASSERT_EQ(put(PDButtonWidgetAnnotSetCaption, w.get(), u"Send \u20AC"), PD_OK);
-    ASSERT_EQ(put(PDButtonWidgetAnnotSetDownCaption, w.get(), u"Sending"), PD_OK);
-    ASSERT_EQ(put(PDButtonWidgetAnnotSetRolloverCaption, w.get(), u"Go"), PD_OK);
-    EXPECT_EQ(put(PDButtonWidgetAnnotSetCaption, tw.get(), u"x"), PD_ERR_FIELD_KIND);
-    EXPECT_EQ(get(PDButtonWidgetAnnotGetCaption, tw.get()), u"<error 13>");
-
-    PDIconFit fit{};
-    ASSERT_EQ(PDButtonWidgetAnnotGetIconFit(w.get(), &fit), PD_OK);
-    EXPECT_EQ(fit.scaleWhen, 0);
-    EXPECT_EQ(fit.scaleHow, 0);
-    EXPECT_FLOAT_EQ(fit.left, 0.5f);
-    EXPECT_FLOAT_EQ(fit.bottom, 0.5f);
-    EXPECT_EQ(fit.fitBounds, 0);
+    EXPECT_EQ(fields(get(PDButtonWidgetAnnotGetIconFit, w.get())),
+              fields(PDIconFit{0, 0, 0.5f, 0.5f, 0}));
     PDIconFit set{2, 1, 0.25f, 1, 1};
     ASSERT_EQ(PDButtonWidgetAnnotSetIconFit(w.get(), &set), PD_OK);
-    PDIconFit bad = set;
-    bad.left = 1.5f;
-    EXPECT_EQ(PDButtonWidgetAnnotSetIconFit(w.get(), &bad), PD_ERR_BAD_ARGUMENT);
-    bad = set;
-    bad.scaleWhen = 4;
-    EXPECT_EQ(PDButtonWidgetAnnotSetIconFit(w.get(), &bad), PD_ERR_BAD_ARGUMENT);
+    for (PDIconFit bad : {PDIconFit{2, 1, 1.5f, 1, 1}, PDIconFit{4, 1, 0.25f, 1, 1}})
+        EXPECT_EQ(PDButtonWidgetAnnotSetIconFit(w.get(), &bad), PD_ERR_BAD_ARGUMENT);
 
     std::string path = dir.file("captions.pdf");
     auto copy = reopen(doc.get(), path);
     auto w2 = annotAt(copy.get(), 0);
-    EXPECT_EQ(get(PDButtonWidgetAnnotGetCaption, w2.get()), u"Send \u20AC");
-    EXPECT_EQ(get(PDButtonWidgetAnnotGetDownCaption, w2.get()), u"Sending");
-    EXPECT_EQ(get(PDButtonWidgetAnnotGetRolloverCaption, w2.get()), u"Go");
-    ASSERT_EQ(PDButtonWidgetAnnotGetIconFit(w2.get(), &fit), PD_OK);
-    EXPECT_EQ(fit.scaleWhen, 2);
-    EXPECT_EQ(fit.scaleHow, 1);
-    EXPECT_FLOAT_EQ(fit.left, 0.25f);
-    EXPECT_FLOAT_EQ(fit.bottom, 1);
-    EXPECT_EQ(fit.fitBounds, 1);
+    for (const auto& c : captions)
+        EXPECT_EQ(get(c.get, w2.get()), c.text);
+    EXPECT_EQ(fields(get(PDButtonWidgetAnnotGetIconFit, w2.get())), fields(set));
     ASSERT_EQ(put(PDButtonWidgetAnnotSetRolloverCaption, w2.get(), u""), PD_OK);
     EXPECT_EQ(get(PDButtonWidgetAnnotGetRolloverCaption, w2.get()), u"<error 3>");
 
     // The normal face shows /CA (the euro sign in WinAnsi), the down face /AC.
-    std::string out = python(kDescribe, path);
-    EXPECT_NE(out.find("push /N - bbox=0 0 100 30 matrix=- fonts=/Helv tx=False tj=Send \\200"),
-              std::string::npos)
-        << out;
-    EXPECT_NE(out.find("push /D - bbox=0 0 100 30 matrix=- fonts=/Helv tx=False tj=Sending"),
-              std::string::npos)
-        << out;
+    expectDescribed(path, {"push /N - bbox=0 0 100 30 matrix=- fonts=/Helv tx=False tj=Send \\200",
+                           "push /D - bbox=0 0 100 30 matrix=- fonts=/Helv tx=False tj=Sending"});
 }
 
-TEST(Widgets, RenamingTheOnStateKeepsTheButtonOn) {
-    ScratchDir dir;
-    auto doc = createDoc();
-    auto pg = page(doc.get(), 0);
-    auto box = createField(doc.get(), "box", PD_ATOM_Btn);
-    auto bw = addWidget(doc.get(), box.get(), pg.get(), rect(50, 50, 70, 70));
-    auto radio = createField(doc.get(), "radio", PD_ATOM_Btn, PD_FIELD_RADIO);
-    auto r1 = addWidget(doc.get(), radio.get(), pg.get(), rect(100, 50, 120, 70));
+TEST_F(Widgets, RenamingTheOnStateKeepsTheButtonOn) {
+    auto [box, bw] = add("box", PD_ATOM_Btn, rect(50, 50, 70, 70));
+    auto [radio, r1] = add("radio", PD_ATOM_Btn, rect(100, 50, 120, 70), PD_FIELD_RADIO);
     auto r2 = addWidget(doc.get(), radio.get(), pg.get(), rect(130, 50, 150, 70));
-    auto push = createField(doc.get(), "push", PD_ATOM_Btn, PD_FIELD_PUSHBUTTON);
-    auto pw = addWidget(doc.get(), push.get(), pg.get(), rect(200, 50, 260, 70));
+    auto [push, pw] = add("push", PD_ATOM_Btn, rect(200, 50, 260, 70), PD_FIELD_PUSHBUTTON);
 
     EXPECT_EQ(get(PDButtonWidgetAnnotGetChoice, pw.get()), u"<error 3>");
     EXPECT_EQ(put(PDButtonWidgetAnnotSetChoice, pw.get(), u"x"), PD_ERR_FIELD_KIND);
@@ -450,50 +366,32 @@ TEST(Widgets, RenamingTheOnStateKeepsTheButtonOn) {
     EXPECT_EQ(get(PDButtonWidgetAnnotGetChoice, b2.get()), u"Accept");
     EXPECT_EQ(get(PDButtonWidgetAnnotGetChoice, r1b.get()), u"west");
     EXPECT_EQ(get(PDButtonWidgetAnnotGetChoice, r2b.get()), u"right");
-    PDAtom as = 0;
-    ASSERT_EQ(PDAnnotGetAppearanceState(b2.get(), &as), PD_OK);
-    EXPECT_EQ(atomText(as), "Accept");
-    ASSERT_EQ(PDAnnotGetAppearanceState(r1b.get(), &as), PD_OK);
-    EXPECT_EQ(atomText(as), "Off");
+    EXPECT_EQ(atomText(get(PDAnnotGetAppearanceState, b2.get())), "Accept");
+    EXPECT_EQ(atomText(get(PDAnnotGetAppearanceState, r1b.get())), "Off");
 
-    std::string out = python(kDescribe, path);
-    for (const char* line : {"box /N /Accept bbox=0 0 20 20 matrix=- fonts=/ZaDb tx=False tj=4",
-                             "box /N /Off bbox=0 0 20 20", "box /D /Accept", "box /D /Off",
-                             "radio /N /west bbox=0 0 20 20 matrix=- fonts=/ZaDb tx=False tj=l",
-                             "as radio /Off", "as radio /right"})
-        EXPECT_NE(out.find(line), std::string::npos) << line << "\n" << out;
+    std::string out =
+        expectDescribed(path, {"box /N /Accept bbox=0 0 20 20 matrix=- fonts=/ZaDb tx=False tj=4",
+                               "box /N /Off bbox=0 0 20 20", "box /D /Accept", "box /D /Off",
+                               "radio /N /west bbox=0 0 20 20 matrix=- fonts=/ZaDb tx=False tj=l",
+                               "as radio /Off", "as radio /right"});
     EXPECT_EQ(out.find("/Yes"), std::string::npos) << "no trace of the old name\n" << out;
 }
 
-TEST(Widgets, QuaddingAndChoiceSelection) {
-    ScratchDir dir;
-    auto doc = createDoc();
-    auto pg = page(doc.get(), 0);
-    auto tf = createField(doc.get(), "text", PD_ATOM_Tx);
-    auto tw = addWidget(doc.get(), tf.get(), pg.get(), rect(50, 700, 250, 720));
+TEST_F(Widgets, QuaddingAndChoiceSelection) {
+    auto [tf, tw] = add("text", PD_ATOM_Tx, rect(50, 700, 250, 720));
     auto tw2 = addWidget(doc.get(), tf.get(), pg.get(), rect(50, 650, 250, 670));
-    auto ch = createField(doc.get(), "choice", PD_ATOM_Ch, PD_FIELD_COMBO);
-    auto cw = addWidget(doc.get(), ch.get(), pg.get(), rect(50, 600, 250, 620));
-    auto box = createField(doc.get(), "box", PD_ATOM_Btn);
-    auto bw = addWidget(doc.get(), box.get(), pg.get(), rect(50, 550, 70, 570));
+    auto [ch, cw] = add("choice", PD_ATOM_Ch, rect(50, 600, 250, 620), PD_FIELD_COMBO);
+    auto [box, bw] = add("box", PD_ATOM_Btn, rect(50, 550, 70, 570));
 
-    int32_t q = -1;
-    ASSERT_EQ(PDTextWidgetAnnotGetQuadding(tw.get(), &q), PD_OK);
-    EXPECT_EQ(q, 0);
+    EXPECT_EQ(get(PDTextWidgetAnnotGetQuadding, tw.get()), 0);
     EXPECT_EQ(PDTextWidgetAnnotSetQuadding(tw.get(), 3), PD_ERR_BAD_ARGUMENT);
     EXPECT_EQ(PDTextWidgetAnnotSetQuadding(bw.get(), 1), PD_ERR_FIELD_KIND);
     ASSERT_EQ(PDTextWidgetAnnotSetQuadding(tw.get(), 2), PD_OK);
 
-    const std::u16string options[][2] = {{u"Red", u"r"}, {u"Green", u"g"}, {u"Blue", u""}};
-    for (uint32_t i = 0; i < 3; ++i)
-        ASSERT_EQ(PDChoiceFieldInsertOption(ch.get(), i, options[i][0].data(),
-                                            static_cast<uint32_t>(options[i][0].size()),
-                                            options[i][1].data(),
-                                            static_cast<uint32_t>(options[i][1].size())),
-                  PD_OK);
-    uint32_t index = 0;
-    ASSERT_EQ(PDChoiceWidgetAnnotGetSelection(cw.get(), &index), PD_OK);
-    EXPECT_EQ(index, PD_NO_SELECTION);
+    ASSERT_EQ(insertOption(ch.get(), 0, u"Red", u"r"), PD_OK);
+    ASSERT_EQ(insertOption(ch.get(), 1, u"Green", u"g"), PD_OK);
+    ASSERT_EQ(insertOption(ch.get(), 2, u"Blue", u""), PD_OK);
+    EXPECT_EQ(get(PDChoiceWidgetAnnotGetSelection, cw.get()), PD_NO_SELECTION);
     EXPECT_EQ(PDChoiceWidgetAnnotSetSelection(cw.get(), 3), PD_ERR_RANGE);
     EXPECT_EQ(PDChoiceWidgetAnnotSetSelection(tw.get(), 0), PD_ERR_FIELD_KIND);
     ASSERT_EQ(PDChoiceWidgetAnnotSetSelection(cw.get(), 1), PD_OK);
@@ -501,35 +399,27 @@ TEST(Widgets, QuaddingAndChoiceSelection) {
 
     std::string path = dir.file("q.pdf");
     auto copy = reopen(doc.get(), path);
-    auto tw2b = annotAt(copy.get(), 1), cwb = annotAt(copy.get(), 2);
-    ASSERT_EQ(PDTextWidgetAnnotGetQuadding(tw2b.get(), &q), PD_OK);
-    EXPECT_EQ(q, 2) << "stored on the field, seen by every widget";
-    ASSERT_EQ(PDChoiceWidgetAnnotGetSelection(cwb.get(), &index), PD_OK);
-    EXPECT_EQ(index, 1u);
+    auto cwb = annotAt(copy.get(), 2);
+    EXPECT_EQ(get(PDTextWidgetAnnotGetQuadding, annotAt(copy.get(), 1).get()), 2)
+        << "stored on the field, seen by every widget";
+    EXPECT_EQ(get(PDChoiceWidgetAnnotGetSelection, cwb.get()), 1u);
     std::string out = python("f = pdf.trailer['/Root']['/AcroForm']['/Fields'][1].get_object()\n"
                              "print(f.get('/V'), list(f.get('/I', [])))",
                              path);
     EXPECT_EQ(out, "g [1]\n");
-    EXPECT_NE(python(kDescribe, path)
-                  .find("choice /N - bbox=0 0 200 20 matrix=- fonts=/Helv "
-                        "tx=True tj=Green"),
-              std::string::npos)
-        << "a combo box shows the display text";
+    // A combo box shows the display text.
+    expectDescribed(path, {"choice /N - bbox=0 0 200 20 matrix=- fonts=/Helv tx=True tj=Green"});
 
     ASSERT_EQ(PDChoiceWidgetAnnotSetSelection(cwb.get(), 2), PD_OK);
     auto ch2 = findField(copy.get(), "choice");
     EXPECT_EQ(fieldValue(ch2.get()), u"Blue");
     ASSERT_EQ(PDChoiceWidgetAnnotSetSelection(cwb.get(), PD_NO_SELECTION), PD_OK);
     EXPECT_EQ(fieldValue(ch2.get()), u"<error 3>");
-    ASSERT_EQ(PDChoiceWidgetAnnotGetSelection(cwb.get(), &index), PD_OK);
-    EXPECT_EQ(index, PD_NO_SELECTION);
+    EXPECT_EQ(get(PDChoiceWidgetAnnotGetSelection, cwb.get()), PD_NO_SELECTION);
 }
 
-TEST(Widgets, CallsCheckHandlesAndOutputs) {
-    auto doc = createDoc();
-    auto pg = page(doc.get(), 0);
-    auto tf = createField(doc.get(), "t", PD_ATOM_Tx);
-    auto w = addWidget(doc.get(), tf.get(), pg.get(), rect(10, 10, 50, 30));
+TEST_F(Widgets, CallsCheckHandlesAndOutputs) {
+    auto [tf, w] = add("t", PD_ATOM_Tx, rect(10, 10, 50, 30));
     int32_t v = 0;
     uint32_t u = 0;
     EXPECT_EQ(PDWidgetAnnotGetRotate(nullptr, &v), PD_ERR_MISSING_OBJECT);
@@ -541,10 +431,8 @@ TEST(Widgets, CallsCheckHandlesAndOutputs) {
     EXPECT_EQ(PDWidgetAnnotSetFontInfo(w.get(), nullptr), PD_ERR_BAD_ARGUMENT);
     EXPECT_EQ(PDChoiceWidgetAnnotGetSelection(w.get(), &u), PD_ERR_FIELD_KIND);
     EXPECT_EQ(PDButtonWidgetAnnotSetCaption(w.get(), nullptr, 3), PD_ERR_BAD_ARGUMENT);
+    auto [box, bw] = add("b", PD_ATOM_Btn, rect(60, 10, 80, 30));
     char16_t small[2];
-    ASSERT_EQ(PDWidgetAnnotSetRotate(w.get(), 90), PD_OK);
-    auto box = createField(doc.get(), "b", PD_ATOM_Btn);
-    auto bw = addWidget(doc.get(), box.get(), pg.get(), rect(60, 10, 80, 30));
     EXPECT_EQ(PDButtonWidgetAnnotGetChoice(bw.get(), small, 2, &u), PD_ERR_BUFFER_SMALL);
     EXPECT_EQ(u, 3u);
 }
@@ -554,9 +442,7 @@ TEST(WidgetAppearance, EveryKindIsDrawnInsideItsRectangle) {
     auto doc = createDoc(1, 400, 400);
     auto pg = page(doc.get(), 0);
     auto add = [&](const char* name, PDAtom type, uint32_t flags, PDRect r) {
-        auto f = createField(doc.get(), name, type, flags);
-        auto w = addWidget(doc.get(), f.get(), pg.get(), r);
-        return std::make_pair(std::move(f), std::move(w));
+        return addField(doc.get(), pg.get(), name, type, r, flags);
     };
     auto [text, tw] = add("text", PD_ATOM_Tx, 0, rect(20, 350, 200, 375));
     ASSERT_EQ(setValue(text.get(), u"Hello"), PD_OK);
@@ -571,10 +457,8 @@ TEST(WidgetAppearance, EveryKindIsDrawnInsideItsRectangle) {
     auto [combo, cw] = add("combo", PD_ATOM_Ch, PD_FIELD_COMBO, rect(20, 240, 200, 262));
     auto [list, lw] = add("list", PD_ATOM_Ch, 0, rect(220, 180, 380, 262));
     for (auto* f : {combo.get(), list.get()})
-        for (uint32_t i = 0; i < 4; ++i) {
-            std::u16string item = u"Item " + u16(std::to_string(i));
-            ASSERT_EQ(PDChoiceFieldInsertOption(f, i, item.data(), 6, nullptr, 0), PD_OK);
-        }
+        for (uint32_t i = 0; i < 4; ++i)
+            ASSERT_EQ(insertOption(f, i, u"Item " + u16(std::to_string(i)), u""), PD_OK);
     ASSERT_EQ(PDChoiceWidgetAnnotSetSelection(cw.get(), 2), PD_OK);
     ASSERT_EQ(PDChoiceWidgetAnnotSetSelection(lw.get(), 1), PD_OK);
     PDField sig = nullptr;
@@ -590,22 +474,22 @@ TEST(WidgetAppearance, EveryKindIsDrawnInsideItsRectangle) {
     Raster r = render(path, dir.file("kinds"));
     ASSERT_EQ(r.width, 400);
     // Inside the border (inset 2): value text, check mark, radio dot, caption, combo text.
-    EXPECT_GT(r.count(20, 350, 200, 375, 2, isDark), 30);
-    EXPECT_GT(r.count(20, 300, 40, 320, 2, isDark), 20) << "check box that is on";
-    EXPECT_EQ(r.count(60, 300, 80, 320, 2, isDark), 0) << "check box that is off";
-    EXPECT_GT(r.count(104, 304, 116, 316, 0, isDark), 20) << "radio dot";
-    EXPECT_GT(r.count(150, 290, 250, 320, 2, isColour(0xFF00C000)), 1500) << "button face";
-    EXPECT_GT(r.count(150, 290, 250, 320, 2, isDark), 20) << "caption";
-    EXPECT_GT(r.count(20, 240, 200, 262, 2, isDark), 30) << "combo text";
+    EXPECT_GT(count(r, 20, 350, 200, 375, 2, isDark), 30);
+    EXPECT_GT(count(r, 20, 300, 40, 320, 2, isDark), 20) << "check box that is on";
+    EXPECT_EQ(count(r, 60, 300, 80, 320, 2, isDark), 0) << "check box that is off";
+    EXPECT_GT(count(r, 104, 304, 116, 316, 0, isDark), 20) << "radio dot";
+    EXPECT_GT(count(r, 150, 290, 250, 320, 2, isColour(0xFF00C000)), 1500) << "button face";
+    EXPECT_GT(count(r, 150, 290, 250, 320, 2, isDark), 20) << "caption";
+    EXPECT_GT(count(r, 20, 240, 200, 262, 2, isDark), 30) << "combo text";
     // The list box highlights its second row (12 pt, 13.8 high, from y 261 down) only.
     auto highlight = isColour(0xFF99BFD9);
-    EXPECT_GT(r.count(222, 235, 378, 245, 0, highlight), 500);
-    EXPECT_EQ(r.count(222, 249, 378, 260, 0, highlight), 0);
-    EXPECT_EQ(r.count(222, 182, 378, 231, 0, highlight), 0);
-    EXPECT_GT(r.count(222, 182, 378, 260, 1, isDark), 80) << "four items";
-    EXPECT_GT(r.count(20, 20, 200, 80, 0, isColour(0xFFFFC0C0)), 180 * 60 - 10)
+    EXPECT_GT(count(r, 222, 235, 378, 245, 0, highlight), 500);
+    EXPECT_EQ(count(r, 222, 249, 378, 260, 0, highlight), 0);
+    EXPECT_EQ(count(r, 222, 182, 378, 231, 0, highlight), 0);
+    EXPECT_GT(count(r, 222, 182, 378, 260, 1, isDark), 80) << "four items";
+    EXPECT_GT(count(r, 20, 20, 200, 80, 0, isColour(0xFFFFC0C0)), 180 * 60 - 10)
         << "a signature box without border is all background";
-    EXPECT_EQ(r.count(0, 100, 400, 170, 0, [](const uint8_t* p) { return p[0] < 250; }), 0)
+    EXPECT_EQ(count(r, 0, 100, 400, 170, 0, [](const uint8_t* p) { return p[0] < 250; }), 0)
         << "nothing drawn outside the widgets";
 }
 
@@ -614,10 +498,9 @@ TEST(WidgetAppearance, TextLayoutFollowsFlagsAndAlignment) {
     auto doc = createDoc(1, 400, 400);
     auto pg = page(doc.get(), 0);
     auto add = [&](const char* name, uint32_t flags, PDRect r, const std::u16string& value) {
-        auto f = createField(doc.get(), name, PD_ATOM_Tx, flags);
-        auto w = addWidget(doc.get(), f.get(), pg.get(), r);
-        EXPECT_EQ(setValue(f.get(), value), PD_OK);
-        return std::make_pair(std::move(f), std::move(w));
+        auto made = addField(doc.get(), pg.get(), name, PD_ATOM_Tx, r, flags);
+        EXPECT_EQ(setValue(made.field.get(), value), PD_OK);
+        return made;
     };
     auto [right, rw] = add("right", 0, rect(20, 350, 380, 370), u"ends right");
     ASSERT_EQ(PDTextWidgetAnnotSetQuadding(rw.get(), 2), PD_OK);
@@ -634,8 +517,8 @@ TEST(WidgetAppearance, TextLayoutFollowsFlagsAndAlignment) {
     std::string path = dir.file("layout.pdf");
     ASSERT_EQ(PDDocSave(doc.get(), path.c_str()), PD_OK);
     Raster r = render(path, dir.file("layout"));
-    EXPECT_EQ(r.count(20, 350, 250, 370, 2, isDark), 0) << "right-aligned: left part empty";
-    EXPECT_GT(r.count(300, 350, 380, 370, 2, isDark), 30);
+    EXPECT_EQ(count(r, 20, 350, 250, 370, 2, isDark), 0) << "right-aligned: left part empty";
+    EXPECT_GT(count(r, 300, 350, 380, 370, 2, isDark), 30);
 
     // Wrapped lines: count bands of rows that hold dark pixels.
     int bands = 0;
@@ -652,11 +535,11 @@ TEST(WidgetAppearance, TextLayoutFollowsFlagsAndAlignment) {
     // Comb: one digit centred in each of the four 50-point cells, dividers in blue.
     for (int cell = 0; cell < 4; ++cell) {
         float x0 = 20 + 50.f * cell;
-        EXPECT_GT(r.count(x0 + 15, 152, x0 + 35, 173, 0, isDark), 10) << cell;
-        EXPECT_EQ(r.count(x0 + 3, 152, x0 + 12, 173, 0, isDark), 0) << cell;
+        EXPECT_GT(count(r, x0 + 15, 152, x0 + 35, 173, 0, isDark), 10) << cell;
+        EXPECT_EQ(count(r, x0 + 3, 152, x0 + 12, 173, 0, isDark), 0) << cell;
     }
     auto bluish = [](const uint8_t* p) { return p[2] > 200 && p[0] < 200 && p[1] < 200; };
-    EXPECT_GT(r.count(68, 152, 72, 173, 0, bluish), 15) << "cell divider";
+    EXPECT_GT(count(r, 68, 152, 72, 173, 0, bluish), 15) << "cell divider";
 
     // Automatic size grows with the box.
     auto smallExt = darkExtent(r, 252, 400 - 115, 378, 400 - 101);
@@ -664,10 +547,8 @@ TEST(WidgetAppearance, TextLayoutFollowsFlagsAndAlignment) {
     EXPECT_GT(bigExt.second, 2 * smallExt.second);
     EXPECT_GT(smallExt.second, 4);
 
-    std::string out = python(kDescribe, path);
-    EXPECT_NE(out.find("secret /N - bbox=0 0 200 25 matrix=- fonts=/Helv tx=True tj=*******\n"),
-              std::string::npos)
-        << out;
+    expectDescribed(path,
+                    {"secret /N - bbox=0 0 200 25 matrix=- fonts=/Helv tx=True tj=*******\n"});
 }
 
 TEST(WidgetAppearance, RotatedWidgetsReadUprightOnARotatedPage) {
@@ -686,16 +567,14 @@ TEST(WidgetAppearance, RotatedWidgetsReadUprightOnARotatedPage) {
     ASSERT_EQ(PDPageGetRotate(pg.get(), &pageRotation), PD_OK);
     ASSERT_EQ(pageRotation, 90);
     // Tall rectangles on the page, so that they lie wide on the turned page.
-    auto up = createField(doc.get(), "up", PD_ATOM_Tx);
-    auto upW = addWidget(doc.get(), up.get(), pg.get(), rect(50, 50, 80, 250));
+    auto [up, upW] = addField(doc.get(), pg.get(), "up", PD_ATOM_Tx, rect(50, 50, 80, 250));
     ASSERT_EQ(PDWidgetAnnotSetRotate(upW.get(), 90), PD_OK);
     ASSERT_EQ(setValue(up.get(), u"Upright text"), PD_OK);
-    auto side = createField(doc.get(), "side", PD_ATOM_Tx);
-    auto sideW = addWidget(doc.get(), side.get(), pg.get(), rect(150, 50, 200, 250));
+    auto [side, sideW] = addField(doc.get(), pg.get(), "side", PD_ATOM_Tx, rect(150, 50, 200, 250));
     ASSERT_EQ(PDWidgetAnnotSetFontSize(sideW.get(), 10), PD_OK);
     ASSERT_EQ(setValue(side.get(), u"Sideways"), PD_OK);
-    auto push = createField(doc.get(), "push", PD_ATOM_Btn, PD_FIELD_PUSHBUTTON);
-    auto pushW = addWidget(doc.get(), push.get(), pg.get(), rect(250, 50, 280, 150));
+    auto [push, pushW] = addField(doc.get(), pg.get(), "push", PD_ATOM_Btn, rect(250, 50, 280, 150),
+                                  PD_FIELD_PUSHBUTTON);
     ASSERT_EQ(PDWidgetAnnotSetRotate(pushW.get(), 90), PD_OK);
     ASSERT_EQ(put(PDButtonWidgetAnnotSetCaption, pushW.get(), u"Press"), PD_OK);
 
@@ -716,17 +595,16 @@ TEST(WidgetAppearance, RotatedWidgetsReadUprightOnARotatedPage) {
     EXPECT_GT(sideways.second, 3 * sideways.first) << "without /R the text runs down the page";
     EXPECT_GT(caption.first, caption.second);
 
-    std::string out = python(kDescribe, path);
-    EXPECT_NE(out.find("up /N - bbox=0 0 200 30 matrix=0 1 -1 0 30 0"), std::string::npos) << out;
-    EXPECT_NE(out.find("side /N - bbox=0 0 50 200 matrix=-"), std::string::npos) << out;
+    expectDescribed(path, {"up /N - bbox=0 0 200 30 matrix=0 1 -1 0 30 0",
+                           "side /N - bbox=0 0 50 200 matrix=-"});
 }
 
 TEST(WidgetAppearance, ButtonIconFollowsTheIconFit) {
     ScratchDir dir;
     auto doc = createDoc(1, 200, 200);
     auto pg = page(doc.get(), 0);
-    auto push = createField(doc.get(), "push", PD_ATOM_Btn, PD_FIELD_PUSHBUTTON);
-    auto w = addWidget(doc.get(), push.get(), pg.get(), rect(20, 20, 180, 180));
+    auto [push, w] = addField(doc.get(), pg.get(), "push", PD_ATOM_Btn, rect(20, 20, 180, 180),
+                              PD_FIELD_PUSHBUTTON);
     ASSERT_EQ(PDWidgetAnnotSetBgColor(w.get(), 0xFFFFFFFF), PD_OK);
     std::string made = dir.file("made.pdf"), edited = dir.file("edited.pdf");
     ASSERT_EQ(PDDocSave(doc.get(), made.c_str()), PD_OK);
@@ -743,21 +621,19 @@ annots[0]['/MK'][NameObject('/TP')] = NumberObject(1)
     auto copy = openDoc(edited);
     auto cw = annotAt(copy.get(), 0);
     auto red = isColour(0xFFFF0000);
+    auto rendered = [&](PDIconFit fit, const std::string& name) {
+        EXPECT_EQ(PDButtonWidgetAnnotSetIconFit(cw.get(), &fit), PD_OK);
+        std::string path = dir.file(name + ".pdf");
+        EXPECT_EQ(PDDocSave(copy.get(), path.c_str()), PD_OK);
+        return render(path, dir.file(name));
+    };
 
-    PDIconFit never{3, 0, 0, 0, 0}; // natural size, bottom-left corner
-    ASSERT_EQ(PDButtonWidgetAnnotSetIconFit(cw.get(), &never), PD_OK);
-    std::string path = dir.file("never.pdf");
-    ASSERT_EQ(PDDocSave(copy.get(), path.c_str()), PD_OK);
-    Raster r = render(path, dir.file("never"));
-    EXPECT_NEAR(r.count(20, 20, 180, 180, 0, red), 200, 40);
-    EXPECT_GT(r.count(21, 21, 41, 31, 1, red), 100);
+    Raster r = rendered({3, 0, 0, 0, 0}, "never"); // natural size, bottom-left corner
+    EXPECT_NEAR(count(r, 20, 20, 180, 180, 0, red), 200, 40);
+    EXPECT_GT(count(r, 21, 21, 41, 31, 1, red), 100);
 
-    PDIconFit always{0, 0, 0.5f, 0.5f, 0}; // proportional: 158 wide, 79 high, centred
-    ASSERT_EQ(PDButtonWidgetAnnotSetIconFit(cw.get(), &always), PD_OK);
-    path = dir.file("always.pdf");
-    ASSERT_EQ(PDDocSave(copy.get(), path.c_str()), PD_OK);
-    r = render(path, dir.file("always"));
-    EXPECT_NEAR(r.count(20, 20, 180, 180, 0, red), 158 * 79, 800);
-    EXPECT_EQ(r.count(21, 21, 179, 55, 1, red), 0) << "room left below";
-    EXPECT_GT(r.count(21, 70, 179, 130, 1, red), 150 * 55);
+    r = rendered({0, 0, 0.5f, 0.5f, 0}, "always"); // proportional: 158 wide, 79 high, centred
+    EXPECT_NEAR(count(r, 20, 20, 180, 180, 0, red), 158 * 79, 800);
+    EXPECT_EQ(count(r, 21, 21, 179, 55, 1, red), 0) << "room left below";
+    EXPECT_GT(count(r, 21, 70, 179, 130, 1, red), 150 * 55);
 }
