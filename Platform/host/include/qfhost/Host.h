@@ -1,0 +1,60 @@
+// The host: owns one instance of every host service and makes each known to the service
+// provider under the atom of its name for as long as it lives. One Host per process at a
+// time (the provider has one entry per name).
+#pragma once
+
+#include "qfhost/Services.h"
+
+#include <array>
+#include <cstdint>
+
+namespace qfhost {
+
+enum class HostService {
+    TasksRepository,
+    CommandsManager,
+    QFService,
+    QFEditService,
+    QFEditObjectPickerFactory,
+    QFEditModuleService,
+    QFPDAnnotService,
+};
+inline constexpr size_t kHostServiceCount = 7;
+
+class QFHOST_API Host {
+public:
+    // Throws HostError when an atom cannot be made or the provider refuses an entry.
+    Host();
+    // Withdraws the services from the provider, drops the objects of modules that the
+    // services still hold, then the host's own references.
+    ~Host();
+    Host(const Host&) = delete;
+    Host& operator=(const Host&) = delete;
+
+    TasksRepository& tasks();
+    CommandsManager& commands();
+    AnnotEditService& annotEdit();
+    EditService& edit();
+    EditObjectPicker& picker();
+    EditModuleService& editModules();
+    PDAnnotService& pdAnnots();
+
+    static const char* nameOf(HostService s);
+    uint32_t atomOf(HostService s) const;
+    // The block of service s (borrowed; the host keeps its reference).
+    ServiceObject* object(HostService s) const;
+    // Its reference count: 1 while nobody but the host holds it.
+    int32_t refCount(HostService s) const;
+
+    // Drops what the host holds of a module beside registrations: the active tool and the
+    // undo and redo stacks. Call it before the module is unloaded.
+    void releaseModuleObjects();
+    // How many objects all registries hold together.
+    size_t registeredObjects() const;
+
+private:
+    std::array<ObjectPtr, kHostServiceCount> objects_;
+    std::array<uint32_t, kHostServiceCount> atoms_{};
+};
+
+}  // namespace qfhost

@@ -1,0 +1,133 @@
+#include "qfhost/Services.h"
+
+#include "Thunks.h"
+
+#include <utility>
+
+namespace qfhost {
+
+namespace {
+
+using Table = QF::CommandsManagerTable;
+
+// Slots of the Command table.
+constexpr size_t kDoSlot = 4;
+constexpr size_t kUndoSlot = 5;
+
+const Table kTable = {
+    [](ServiceObject* self, uint32_t atom, ServiceObject* factory) -> uint32_t {
+        return detail::guarded(
+            [&] { return CommandsManager::of(self).factories().put(atom, factory); });
+    },
+    [](ServiceObject* self, uint32_t atom) -> uint32_t {
+        return detail::guarded([&] { return CommandsManager::of(self).factories().remove(atom); });
+    },
+    [](ServiceObject* self, const QF::CommandArgs* args) -> uint32_t {
+        return detail::guarded([&] { return CommandsManager::of(self).execute(args); });
+    },
+    [](ServiceObject* self) -> uint32_t {
+        return detail::guarded([&] { return CommandsManager::of(self).undo(); });
+    },
+    [](ServiceObject* self) -> uint32_t {
+        return detail::guarded([&] { return CommandsManager::of(self).redo(); });
+    },
+    [](ServiceObject* self, uint32_t* outUndo, uint32_t* outRedo) -> uint32_t {
+        if (!outUndo || !outRedo) return codes::kBadArgument;
+        auto depths = CommandsManager::of(self).depths();
+        *outUndo = depths.undo;
+        *outRedo = depths.redo;
+        return codes::kOk;
+    },
+    [](ServiceObject* self) -> uint32_t {
+        return detail::guarded([&] {
+            CommandsManager::of(self).clear();
+            return codes::kOk;
+        });
+    },
+};
+
+QF::CommandTable* commandTable(const ObjectPtr& command) {
+    return SODetails::methods<QF::CommandTable>(command.get());
+}
+
+}  // namespace
+
+ServiceObject* CommandsManager::create() {
+    return detail::makeHostObject<Table, CommandsManager>(
+        QF::kCommandsManagerId, kName, detail::kCommandsManagerImplId, kTable);
+}
+
+CommandsManager& CommandsManager::of(ServiceObject* so) {
+    return SODetails::implOf<Table, CommandsManager>(so);
+}
+
+// No lock is held while a command runs: DO and UNDO may call back into the manager.
+uint32_t CommandsManager::execute(const QF::CommandArgs* args) {
+    if (!args) return codes::kBadArgument;
+    ObjectPtr factory = factories_.find(args->nameAtom);
+    if (!factory) return codes::kNotRegistered;
+    if (!SODetails::hasMethod(factory.get(), 0)) return codes::kNotInitialized;
+
+    ObjectPtr command;
+    auto* factoryTable = SODetails::methods<QF::CommandFactoryTable>(factory.get());
+    uint32_t rc = factoryTable->CreateCommand(factory.get(), args, command.put());
+    if (rc != codes::kOk) return rc;
+    if (!command) return codes::kFactoryFailed;
+    if (!SODetails::hasMethod(command.get(), kDoSlot)) return codes::kNotInitialized;
+
+    rc = commandTable(command)->DO(command.get());
+    if (rc != codes::kOk) return rc;  // the command is dropped with `command`
+
+    std::vector<ObjectPtr> dropped;  // released after the lock is gone
+    std::lock_guard lock(mutex_);
+    undo_.reserve(undo_.size() + 1);
+    dropped.swap(redo_);
+    undo_.push_back(std::move(command));
+    return codes::kOk;
+}
+
+uint32_t CommandsManager::undo() {
+    ObjectPtr command;
+    {
+        std::lock_guard lock(mutex_);
+        if (undo_.empty()) return codes::kNegative;
+        command = std::move(undo_.back());
+        undo_.pop_back();
+    }
+    uint32_t rc = SODetails::hasMethod(command.get(), kUndoSlot)
+                      ? commandTable(command)->UNDO(command.get())
+                      : codes::kNotInitialized;
+    std::lock_guard lock(mutex_);
+    (rc == codes::kOk ? redo_ : undo_).push_back(std::move(command));
+    return rc;
+}
+
+uint32_t CommandsManager::redo() {
+    ObjectPtr command;
+    {
+        std::lock_guard lock(mutex_);
+        if (redo_.empty()) return codes::kNegative;
+        command = std::move(redo_.back());
+        redo_.pop_back();
+    }
+    uint32_t rc = SODetails::hasMethod(command.get(), kDoSlot)
+                      ? commandTable(command)->DO(command.get())
+                      : codes::kNotInitialized;
+    std::lock_guard lock(mutex_);
+    (rc == codes::kOk ? undo_ : redo_).push_back(std::move(command));
+    return rc;
+}
+
+CommandsManager::Depths CommandsManager::depths() const {
+    std::lock_guard lock(mutex_);
+    return {static_cast<uint32_t>(undo_.size()), static_cast<uint32_t>(redo_.size())};
+}
+
+void CommandsManager::clear() {
+    std::vector<ObjectPtr> undone, redone;
+    std::lock_guard lock(mutex_);
+    undone.swap(undo_);
+    redone.swap(redo_);
+}
+
+}  // namespace qfhost

@@ -1,0 +1,120 @@
+#include "qfhost/Host.h"
+
+#include "qfhost/HostError.h"
+
+#include "kr/KRRuntime.h"
+#include "service-common/ServiceProviderApi.h"
+
+namespace qfhost {
+
+namespace {
+
+struct ServiceKind {
+    const char* name;
+    ServiceObject* (*create)();
+};
+
+// In the order of HostService.
+const ServiceKind kKinds[kHostServiceCount] = {
+    {TasksRepository::kName, &TasksRepository::create},
+    {CommandsManager::kName, &CommandsManager::create},
+    {AnnotEditService::kName, &AnnotEditService::create},
+    {EditService::kName, &EditService::create},
+    {EditObjectPicker::kName, &EditObjectPicker::create},
+    {EditModuleService::kName, &EditModuleService::create},
+    {PDAnnotService::kName, &PDAnnotService::create},
+};
+
+// The provider's factory for a host service: context is the service's block; each query
+// gets a reference of its own.
+ServiceObject* provide(void* context) {
+    auto* so = static_cast<ServiceObject*>(context);
+    SODetails::addRef(so);
+    return so;
+}
+
+size_t index(HostService s) { return static_cast<size_t>(s); }
+
+}  // namespace
+
+Host::Host() {
+    for (size_t i = 0; i < kHostServiceCount; ++i) {
+        uint32_t rc = KRGetAtomFromString(kKinds[i].name, &atoms_[i]);
+        if (rc != KR_OK) {
+            throw HostError(codes::kHostFailure,
+                            std::string("no atom for ") + kKinds[i].name);
+        }
+        objects_[i] = ObjectPtr::adopt(kKinds[i].create());
+    }
+    for (size_t i = 0; i < kHostServiceCount; ++i) {
+        uint32_t rc = ServiceProviderRegisterService(atoms_[i], &provide, objects_[i].get());
+        if (rc != codes::kOk) {
+            for (size_t j = 0; j < i; ++j) ServiceProviderRegisterService(atoms_[j], nullptr, nullptr);
+            throw HostError(rc, std::string("the service provider refused ") + kKinds[i].name);
+        }
+    }
+}
+
+Host::~Host() {
+    for (size_t i = 0; i < kHostServiceCount; ++i) {
+        ServiceProviderRegisterService(atoms_[i], nullptr, nullptr);
+    }
+    releaseModuleObjects();
+    tasks().tools().clear();
+    commands().factories().clear();
+    annotEdit().editSelectFactories().clear();
+    edit().selectEditObjectServices().clear();
+    picker().editObjectFactories().clear();
+    picker().compositeItems().clear();
+    editModules().selectionFactories().clear();
+    pdAnnots().handlerFactories().clear();
+    // objects_ drop the host's own references.
+}
+
+TasksRepository& Host::tasks() {
+    return TasksRepository::of(object(HostService::TasksRepository));
+}
+CommandsManager& Host::commands() {
+    return CommandsManager::of(object(HostService::CommandsManager));
+}
+AnnotEditService& Host::annotEdit() {
+    return AnnotEditService::of(object(HostService::QFService));
+}
+EditService& Host::edit() { return EditService::of(object(HostService::QFEditService)); }
+EditObjectPicker& Host::picker() {
+    return EditObjectPicker::of(object(HostService::QFEditObjectPickerFactory));
+}
+EditModuleService& Host::editModules() {
+    return EditModuleService::of(object(HostService::QFEditModuleService));
+}
+PDAnnotService& Host::pdAnnots() {
+    return PDAnnotService::of(object(HostService::QFPDAnnotService));
+}
+
+const char* Host::nameOf(HostService s) { return kKinds[index(s)].name; }
+uint32_t Host::atomOf(HostService s) const { return atoms_[index(s)]; }
+ServiceObject* Host::object(HostService s) const { return objects_[index(s)].get(); }
+int32_t Host::refCount(HostService s) const {
+    ServiceObject* so = object(s);
+    return SODetails::header(so)->base.GetRefCount(so);
+}
+
+void Host::releaseModuleObjects() {
+    tasks().deactivate();
+    commands().clear();
+}
+
+size_t Host::registeredObjects() const {
+    auto& picker = EditObjectPicker::of(object(HostService::QFEditObjectPickerFactory));
+    return TasksRepository::of(object(HostService::TasksRepository)).tools().size() +
+           CommandsManager::of(object(HostService::CommandsManager)).factories().size() +
+           AnnotEditService::of(object(HostService::QFService)).editSelectFactories().size() +
+           EditService::of(object(HostService::QFEditService)).selectEditObjectServices().size() +
+           picker.editObjectFactories().size() + picker.compositeItems().size() +
+           EditModuleService::of(object(HostService::QFEditModuleService))
+               .selectionFactories()
+               .size() +
+           PDAnnotService::of(object(HostService::QFPDAnnotService)).handlerFactories().size();
+}
+
+}  // namespace qfhost

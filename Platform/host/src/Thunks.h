@@ -1,0 +1,38 @@
+// Helpers for the host's service-object thunks.
+#pragma once
+
+#include "qfhost/HostError.h"
+#include "qfhost/HostObjects.h"
+
+namespace qfhost::detail {
+
+// Runs f, turning an escaping exception (out of memory) into code 4: nothing thrown
+// crosses a method table.
+template <typename F>
+uint32_t guarded(F&& f) noexcept {
+    try {
+        return f();
+    } catch (...) {
+        return codes::kHostFailure;
+    }
+}
+
+template <typename Table, typename Impl>
+ServiceObject* makeHostObject(uint32_t interfaceId, const char* interfaceName,
+                              uint32_t implementationId, const Table& table) {
+    return SODetails::makeServiceObject<Table, Impl, HostTraits>(interfaceId, interfaceName,
+                                                                 implementationId, table);
+}
+
+// Implementation ids of the host's own classes.
+enum : uint32_t {
+    kTasksRepositoryImplId = 0x51480101,
+    kCommandsManagerImplId = 0x51480102,
+    kAnnotEditServiceImplId = 0x51480103,
+    kEditServiceImplId = 0x51480104,
+    kEditObjectPickerImplId = 0x51480105,
+    kEditModuleServiceImplId = 0x51480106,
+    kPDAnnotServiceImplId = 0x51480107,
+};
+
+}  // namespace qfhost::detail
