@@ -654,8 +654,7 @@ PDResult PDActionSubmitFormGetServerURL(PDAction action, PDFileSpec* outFileSpec
     });
 }
 
-// ---- trigger actions
-// ------------------------------------------------------------------------------
+// ---- trigger actions ---------------------------------------------------------------------------
 
 #define PD_WIDGET_TRIGGER(Name, Key)                                                               \
     PDResult PDWidgetAnnotGet##Name##Action(PDAnnot widget, PDAction* outAction) {                 \
