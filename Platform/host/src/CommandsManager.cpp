@@ -73,9 +73,18 @@ uint32_t CommandsManager::execute(const QF::CommandArgs* args) {
     uint32_t rc = factoryTable->CreateCommand(factory.get(), args, command.put());
     if (rc != codes::kOk) return rc;
     if (!command) return codes::kFactoryFailed;
+    return runOwned(std::move(command));
+}
+
+uint32_t CommandsManager::run(ServiceObject* command) {
+    if (!command) return codes::kBadArgument;
+    return runOwned(ObjectPtr::share(command));
+}
+
+uint32_t CommandsManager::runOwned(ObjectPtr command) {
     if (!SODetails::hasMethod(command.get(), kDoSlot)) return codes::kNotInitialized;
 
-    rc = commandTable(command)->DO(command.get());
+    uint32_t rc = commandTable(command)->DO(command.get());
     if (rc != codes::kOk) return rc;  // the command is dropped with `command`
 
     std::vector<ObjectPtr> dropped;  // released after the lock is gone

@@ -46,6 +46,9 @@ Host::Host() {
         }
         objects_[i] = ObjectPtr::adopt(kKinds[i].create());
     }
+    if (KRGetAtomFromString(Document::kName, &documentAtom_) != KR_OK) {
+        throw HostError(codes::kHostFailure, std::string("no atom for ") + Document::kName);
+    }
     for (size_t i = 0; i < kHostServiceCount; ++i) {
         uint32_t rc = ServiceProviderRegisterService(atoms_[i], &provide, objects_[i].get());
         if (rc != codes::kOk) {
@@ -59,7 +62,9 @@ Host::~Host() {
     for (size_t i = 0; i < kHostServiceCount; ++i) {
         ServiceProviderRegisterService(atoms_[i], nullptr, nullptr);
     }
+    setCurrentDocument(nullptr);
     releaseModuleObjects();
+    documents_.clear();  // after the commands that refer to them
     tasks().tools().clear();
     commands().factories().clear();
     annotEdit().editSelectFactories().clear();
@@ -115,6 +120,43 @@ size_t Host::registeredObjects() const {
                .selectionFactories()
                .size() +
            PDAnnotService::of(object(HostService::QFPDAnnotService)).handlerFactories().size();
+}
+
+Document& Host::keep(std::unique_ptr<Document> doc) {
+    documents_.push_back(std::move(doc));
+    Document& kept = *documents_.back();
+    setCurrentDocument(&kept);
+    return kept;
+}
+
+Document& Host::openDocument(const std::string& path) {
+    return keep(Document::open(path, this));
+}
+
+Document& Host::newDocument(uint32_t pages, float width, float height) {
+    return keep(Document::create(pages, width, height, this));
+}
+
+Document& Host::adoptDocument(PDDoc doc) { return keep(Document::fromPDDoc(doc, this)); }
+
+void Host::closeDocument(Document& doc) {
+    if (current_ == &doc) setCurrentDocument(nullptr);
+    for (auto it = documents_.begin(); it != documents_.end(); ++it) {
+        if (it->get() == &doc) {
+            std::unique_ptr<Document> closing = std::move(*it);
+            documents_.erase(it);
+            return;  // closing closes it
+        }
+    }
+}
+
+void Host::setCurrentDocument(Document* doc) {
+    current_ = doc;
+    if (doc) {
+        ServiceProviderRegisterService(documentAtom_, &provide, doc->object());
+    } else {
+        ServiceProviderRegisterService(documentAtom_, nullptr, nullptr);
+    }
 }
 
 }  // namespace qfhost

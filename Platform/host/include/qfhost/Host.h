@@ -3,10 +3,14 @@
 // time (the provider has one entry per name).
 #pragma once
 
+#include "qfhost/Document.h"
 #include "qfhost/Services.h"
 
 #include <array>
 #include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
 
 namespace qfhost {
 
@@ -52,9 +56,27 @@ public:
     // How many objects all registries hold together.
     size_t registeredObjects() const;
 
+    // Open documents, owned by the host and tied to its commands manager. The document
+    // opened or made last becomes the current one. Each throws HostError as Document does.
+    Document& openDocument(const std::string& path);
+    Document& newDocument(uint32_t pages, float width, float height);
+    Document& adoptDocument(PDDoc doc);
+    // Closes and destroys doc (a document of this host). Commands of it that are still on
+    // the undo or redo stacks stay there and answer kDocumentClosed.
+    void closeDocument(Document& doc);
+    size_t documentCount() const { return documents_.size(); }
+    // The current document, registered with the service provider under "QFDocument"
+    // (null: none, and nothing registered under that name).
+    Document* currentDocument() const { return current_; }
+    void setCurrentDocument(Document* doc);
+
 private:
     std::array<ObjectPtr, kHostServiceCount> objects_;
     std::array<uint32_t, kHostServiceCount> atoms_{};
+    Document& keep(std::unique_ptr<Document> doc);
+    std::vector<std::unique_ptr<Document>> documents_;
+    Document* current_ = nullptr;
+    uint32_t documentAtom_ = 0;
 };
 
 }  // namespace qfhost

@@ -64,6 +64,9 @@ public:
     // command whose DO answered 0 is kept: it goes on the undo stack and the redo stack is
     // dropped.
     uint32_t execute(const QF::CommandArgs* args);
+    // The same for a command the caller made (the host's own annotation commands): its DO
+    // result, 3 for null, 2 without DO; the stacks take a reference of their own.
+    uint32_t run(ServiceObject* command);
     // UNDO of the newest command, which moves to the redo stack. 1 when there is none; a
     // failing UNDO (or a command without it: 2) leaves the command where it was.
     uint32_t undo();
@@ -79,6 +82,8 @@ public:
     void clear();
 
 private:
+    uint32_t runOwned(ObjectPtr command);
+
     ObjectRegistry factories_;
     mutable std::mutex mutex_;
     std::vector<ObjectPtr> undo_;

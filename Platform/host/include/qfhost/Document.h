@@ -1,0 +1,114 @@
+// A host document: one pdfcore document behind a "QFDocument" service object and its
+// pages behind "QFPage" service objects, as the module's commands and edit objects use
+// them (qf/DocumentInterfaces.h). Single-threaded like the rest of the user interface.
+//
+// The service objects may outlive the Document (a command on the undo stack keeps its
+// reference): after close() they answer IsValid with 0 and every other method with
+// kDocumentClosed.
+#pragma once
+
+#include "qfhost/HostError.h"
+#include "qfhost/HostObjects.h"
+
+#include "qf/DocumentInterfaces.h"
+
+#include <boost/signals2/signal.hpp>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace qfhost {
+
+class Host;
+
+namespace codes {
+inline constexpr uint32_t kPageBusy = 0x1000B;          // the page is locked already
+inline constexpr uint32_t kUnknownOperation = 0x1000C;  // an annotation operation the host lacks
+inline constexpr uint32_t kDocumentClosed = 0x1000D;    // the document was closed
+inline constexpr uint32_t kPdfFailure = 0x1000E;        // pdfcore refused (see lastPdfResult)
+}  // namespace codes
+
+namespace detail {
+struct DocumentState;
+}
+
+class QFHOST_API Document {
+public:
+    static constexpr const char* kName = "QFDocument";
+    static constexpr const char* kPageName = "QFPage";
+
+    // A page's lock mode: the only one there is.
+    static constexpr uint32_t kExclusiveLock = 1;
+
+    // Opens path; throws HostError(kPdfFailure) when pdfcore cannot. host (optional, must
+    // outlive the document) gives ExecuteCommand and undoable annotation operations.
+    static std::unique_ptr<Document> open(const std::string& path, Host* host = nullptr);
+    // Over a pdfcore document the caller has; the document takes a reference of its own.
+    static std::unique_ptr<Document> fromPDDoc(PDDoc doc, Host* host = nullptr);
+    // A new document of pages empty pages of width x height points.
+    static std::unique_ptr<Document> create(uint32_t pages, float width, float height,
+                                            Host* host = nullptr);
+
+    ~Document();  // close()
+    Document(const Document&) = delete;
+    Document& operator=(const Document&) = delete;
+
+    // The "QFDocument" block (borrowed; the document keeps its reference).
+    ServiceObject* object() const;
+    // The pdfcore document (borrowed), null after close().
+    PDDoc pdDoc() const;
+    uint32_t pageCount() const;
+    // The "QFPage" block of index (borrowed), made on first use and the same object for the
+    // life of the document; null past the last page or after close().
+    ServiceObject* page(uint32_t index);
+    // The page's changed flag (false for a page not asked for yet).
+    bool pageChanged(uint32_t index) const;
+    bool pageLocked(uint32_t index) const;
+    // Whether any page is marked changed.
+    bool modified() const;
+
+    // Writes the document (PDDocSave); throws HostError(kPdfFailure) or (kDocumentClosed).
+    // Clears every page's changed flag.
+    void save(const std::string& path);
+    // Marks the service objects invalid and drops the pdfcore handles. Idempotent.
+    void close();
+    bool isOpen() const;
+
+    // The result of the last pdfcore call that failed (0 when none did).
+    int32_t lastPdfResult() const;
+
+    // The C++ side of the QFDocument methods (same results).
+    uint32_t notifyAnnotChanged(uint32_t kind, uint64_t pageIndex, PDAnnot annot);
+    uint32_t notifyAnnotsChanged(uint32_t kind, uint64_t pageIndex, const PDAnnot* annots,
+                                 uint64_t count);
+    uint32_t invalidateRect(uint64_t pageIndex, const float* rect, uint32_t flag);
+    uint32_t performAnnotOperation(uint32_t operationAtom, const QF::AnnotOperationRecord* record);
+    uint32_t executeCommand(const QF::CommandArgs* args);
+
+    // One InvalidateRect call: the rectangle in PDRect order (left, top, right, bottom).
+    struct Invalidation {
+        uint64_t pageIndex;
+        PDRect rect;
+        uint32_t flag;
+    };
+    const std::vector<Invalidation>& invalidations() const;
+    void clearInvalidations();
+
+    // Events, raised on the calling thread after the change was made.
+    boost::signals2::signal<void(uint32_t kind, uint64_t pageIndex, PDAnnot annot)>
+        OnAnnotChanged;
+    boost::signals2::signal<void(uint32_t kind, uint64_t pageIndex,
+                                 const std::vector<PDAnnot>& annots)>
+        OnAnnotsChanged;
+    boost::signals2::signal<void(const Invalidation&)> OnInvalidateRect;
+
+private:
+    Document(PDDoc adopted, Host* host);
+    detail::DocumentState& state() const;
+
+    ObjectPtr object_;
+};
+
+}  // namespace qfhost

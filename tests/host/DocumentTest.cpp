@@ -1,0 +1,532 @@
+// The host document as the module reaches it: the "QFDocument" service object and its
+// "QFPage" objects, called through their method tables over real PDFs.
+#include "TestObjects.h"
+
+#include "qfhost/Document.h"
+#include "qfhost/Host.h"
+
+#include "service-common/ServiceProviderApi.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include <unistd.h>
+
+namespace {
+
+using namespace hosttest;
+using qfhost::Document;
+using qfhost::Host;
+namespace codes = qfhost::codes;
+
+QF::DocumentTable* docTable(ServiceObject* so) {
+    return SODetails::methods<QF::DocumentTable>(so);
+}
+QF::PageTable* pageTable(ServiceObject* so) { return SODetails::methods<QF::PageTable>(so); }
+
+// A pdfcore handle dropped at scope exit.
+struct Handle {
+    PDHandle h = nullptr;
+    Handle() = default;
+    explicit Handle(PDHandle x) : h(x) {}
+    ~Handle() { PDHandleRelease(h); }
+    Handle(const Handle&) = delete;
+    Handle& operator=(const Handle&) = delete;
+    PDHandle* put() {
+        PDHandleRelease(h);
+        h = nullptr;
+        return &h;
+    }
+};
+
+bool sameRect(const PDRect& r, float left, float bottom, float right, float top) {
+    return r.left == left && r.bottom == bottom && r.right == right && r.top == top;
+}
+
+PDRect rectOf(PDAnnot a) {
+    PDRect r{};
+    EXPECT_EQ(PDAnnotGetRect(a, &r), PD_OK);
+    return r;
+}
+
+uint32_t annotCount(PDDoc doc, uint32_t pageIndex) {
+    Handle page;
+    EXPECT_EQ(PDDocGetPage(doc, pageIndex, page.put()), PD_OK);
+    uint32_t n = 0;
+    EXPECT_EQ(PDPageGetNumAnnots(page.h, &n), PD_OK);
+    return n;
+}
+
+// A text widget of a new field, put on the page at the end of its /Annots (one reference
+// for the caller).
+PDAnnot addTextWidget(PDDoc doc, uint32_t pageIndex, const PDRect& rect) {
+    Handle page, field;
+    EXPECT_EQ(PDDocGetPage(doc, pageIndex, page.put()), PD_OK);
+    EXPECT_EQ(PDCreateTextField(doc, nullptr, 0, 0, field.put()), PD_OK);
+    PDAnnot widget = nullptr;
+    EXPECT_EQ(PDCreateTextWidgetAnnot(doc, field.h, page.h, &rect, &widget), PD_OK);
+    uint32_t n = 0;
+    EXPECT_EQ(PDPageGetNumAnnots(page.h, &n), PD_OK);
+    EXPECT_EQ(PDPageAddAnnot(page.h, n, widget), PD_OK);
+    return widget;
+}
+
+std::string tempPath(const char* name) {
+    return (std::filesystem::temp_directory_path() /
+            (std::string("qfhost-doc-") + std::to_string(::getpid()) + "-" + name))
+        .string();
+}
+
+// What the document's events delivered.
+struct Recorder {
+    std::vector<std::tuple<uint32_t, uint64_t, PDAnnot>> single;
+    std::vector<std::tuple<uint32_t, uint64_t, std::vector<PDAnnot>>> several;
+    std::vector<std::tuple<int32_t, uint32_t, PDAnnot>> pdfcore;  // PDDoc listeners
+    std::vector<boost::signals2::scoped_connection> connections;
+
+    void attach(Document& d) {
+        connections.emplace_back(d.OnAnnotChanged.connect(
+            [this](uint32_t k, uint64_t p, PDAnnot a) { single.emplace_back(k, p, a); }));
+        connections.emplace_back(d.OnAnnotsChanged.connect(
+            [this](uint32_t k, uint64_t p, const std::vector<PDAnnot>& v) {
+                several.emplace_back(k, p, v);
+            }));
+    }
+    static void listener(void* self, PDDoc, int32_t kind, uint32_t page, PDAnnot annot) {
+        static_cast<Recorder*>(self)->pdfcore.emplace_back(kind, page, annot);
+    }
+};
+
+class DocumentTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        doc = &host.newDocument(2, 612, 792);
+        so = doc->object();
+        table = docTable(so);
+        widget.h = addTextWidget(doc->pdDoc(), 0, PDRect{100, 700, 300, 680});
+        recorder.attach(*doc);
+    }
+
+    // PerformAnnotOperation as the edit object posts it.
+    uint32_t post(const char* operation, PDAnnot annot, uint64_t page = 0,
+                  std::array<float, 4> rect = {0, 0, 0, 0}) {
+        QF::AnnotOperationRecord record{so, page, annot, {rect[0], rect[1], rect[2], rect[3]}};
+        return table->PerformAnnotOperation(so, atom(operation), &record, 0);
+    }
+    ObjectPtr pageObject(uint64_t index) {
+        ObjectPtr p;
+        EXPECT_EQ(table->GetPage(so, index, p.put()), 0u);
+        return p;
+    }
+    bool changed(ServiceObject* page) {
+        uint8_t flag = 99;
+        EXPECT_EQ(pageTable(page)->GetChanged(page, &flag), 0u);
+        return flag != 0;
+    }
+
+    Host host;
+    Document* doc = nullptr;
+    ServiceObject* so = nullptr;
+    QF::DocumentTable* table = nullptr;
+    Handle widget;
+    Recorder recorder;
+};
+
+TEST_F(DocumentTest, ServiceObjectsHaveTheirLayoutAndReferenceCounts) {
+    EXPECT_EQ(SODetails::header(so)->interfaceId, QF::kDocumentId);
+    EXPECT_EQ(SODetails::header(so)->tableSize, 72u);
+    EXPECT_STREQ(SODetails::header(so)->interfaceName, "QFDocument");
+    for (size_t slot = 0; slot < 9; ++slot) EXPECT_TRUE(SODetails::hasMethod(so, slot)) << slot;
+    EXPECT_FALSE(SODetails::hasMethod(so, 9));
+
+    // The current document is the provider's "QFDocument".
+    ObjectPtr provided;
+    ASSERT_EQ(ServiceProviderGetServiceObject(atom("QFDocument"), provided.put(), nullptr), 0u);
+    EXPECT_EQ(provided.get(), so);
+    EXPECT_EQ(refs(so), 2);
+    provided.reset();
+    EXPECT_EQ(refs(so), 1);
+
+    PDDoc pd = nullptr;
+    ASSERT_EQ(table->GetPDDoc(so, &pd), 0u);
+    EXPECT_EQ(pd, doc->pdDoc());
+    PDHandleRelease(pd);  // the caller's reference; the document keeps its own
+    uint32_t pages = 0;
+    EXPECT_EQ(PDDocGetNumPages(doc->pdDoc(), &pages), PD_OK);
+    EXPECT_EQ(pages, 2u);
+
+    // Page objects: made once, the same block every time, one reference per caller.
+    ObjectPtr first = pageObject(1);
+    ASSERT_TRUE(first);
+    EXPECT_EQ(SODetails::header(first.get())->interfaceId, QF::kPageId);
+    EXPECT_EQ(SODetails::header(first.get())->tableSize, 48u);
+    EXPECT_STREQ(SODetails::header(first.get())->interfaceName, "QFPage");
+    for (size_t slot = 0; slot < 6; ++slot) EXPECT_TRUE(SODetails::hasMethod(first.get(), slot));
+    EXPECT_EQ(refs(first.get()), 2);  // the document's and ours
+    ObjectPtr again = pageObject(1);
+    EXPECT_EQ(again.get(), first.get());
+    EXPECT_EQ(refs(first.get()), 3);
+    again.reset();
+    first.reset();
+    EXPECT_EQ(doc->page(1), pageObject(1).get());
+    EXPECT_EQ(refs(doc->page(1)), 1);
+    EXPECT_NE(doc->page(0), doc->page(1));
+
+    PDPage pdPage = nullptr;
+    ASSERT_EQ(pageTable(doc->page(1))->GetPDPage(doc->page(1), &pdPage), 0u);
+    uint32_t index = 99;
+    EXPECT_EQ(PDPageGetIndex(pdPage, &index), PD_OK);
+    EXPECT_EQ(index, 1u);
+    PDHandleRelease(pdPage);
+
+    uint32_t valid = 9;
+    EXPECT_EQ(table->IsValid(so, &valid), 0u);
+    EXPECT_EQ(valid, 1u);
+    EXPECT_EQ(pageTable(doc->page(0))->IsValid(doc->page(0), &valid), 0u);
+    EXPECT_EQ(valid, 1u);
+
+    // Bad arguments.
+    ServiceObject* none = nullptr;
+    EXPECT_EQ(table->GetPage(so, 2, &none), 3u);
+    EXPECT_EQ(none, nullptr);
+    EXPECT_EQ(table->GetPage(so, 0, nullptr), 3u);
+    EXPECT_EQ(table->GetPDDoc(so, nullptr), 3u);
+    EXPECT_EQ(table->IsValid(so, nullptr), 3u);
+    EXPECT_EQ(doc->page(2), nullptr);
+
+    // A new document has no optional content.
+    PDOCConfig config = reinterpret_cast<PDOCConfig>(1);
+    EXPECT_EQ(table->GetOCConfig(so, &config), 0u);
+    EXPECT_EQ(config, nullptr);
+    EXPECT_EQ(table->GetOCConfig(so, nullptr), 3u);
+}
+
+TEST_F(DocumentTest, ChangedFlagAndPageLock) {
+    ObjectPtr page = pageObject(0);
+    auto* pt = pageTable(page.get());
+    EXPECT_FALSE(changed(page.get()));
+    EXPECT_FALSE(doc->modified());
+    EXPECT_EQ(pt->SetChanged(page.get(), 1), 0u);
+    EXPECT_TRUE(changed(page.get()));
+    EXPECT_TRUE(doc->pageChanged(0));
+    EXPECT_FALSE(doc->pageChanged(1));
+    EXPECT_TRUE(doc->modified());
+    EXPECT_EQ(pt->GetChanged(page.get(), nullptr), 3u);
+
+    uint64_t token = 0;
+    ASSERT_EQ(pt->Lock(page.get(), 1, &token), 0u);
+    EXPECT_NE(token, 0u);
+    EXPECT_TRUE(doc->pageLocked(0));
+    uint64_t second = 0;
+    EXPECT_EQ(pt->Lock(page.get(), 1, &second), codes::kPageBusy);
+    EXPECT_EQ(second, 0u);
+    // Another page locks independently.
+    ObjectPtr other = pageObject(1);
+    uint64_t otherToken = 0;
+    EXPECT_EQ(pageTable(other.get())->Lock(other.get(), 1, &otherToken), 0u);
+    EXPECT_NE(otherToken, token);
+    EXPECT_EQ(pageTable(other.get())->Unlock(other.get(), otherToken), 0u);
+
+    // While locked, other changes wait; the holder still reads and writes the flag.
+    EXPECT_EQ(post("Annot_Delete", widget.h), codes::kPageBusy);
+    EXPECT_EQ(annotCount(doc->pdDoc(), 0), 1u);
+    EXPECT_EQ(pt->SetChanged(page.get(), 0), 0u);
+    EXPECT_FALSE(changed(page.get()));
+
+    EXPECT_EQ(pt->Unlock(page.get(), token + 1), 3u);
+    EXPECT_EQ(pt->Unlock(page.get(), 0), 3u);
+    EXPECT_TRUE(doc->pageLocked(0));
+    EXPECT_EQ(pt->Unlock(page.get(), token), 0u);
+    EXPECT_FALSE(doc->pageLocked(0));
+    EXPECT_EQ(pt->Unlock(page.get(), token), 3u);  // not locked any more
+
+    EXPECT_EQ(pt->Lock(page.get(), 0, &second), 3u);  // only the exclusive mode
+    EXPECT_EQ(pt->Lock(page.get(), 1, nullptr), 3u);
+    ASSERT_EQ(pt->Lock(page.get(), 1, &second), 0u);
+    EXPECT_NE(second, token);  // tokens are not reused
+    EXPECT_EQ(pt->Unlock(page.get(), second), 0u);
+}
+
+TEST_F(DocumentTest, NotificationsReachSubscribersAndPdfcoreListeners) {
+    uint32_t cookie = 0;
+    ASSERT_EQ(PDDocAddAnnotChangedListener(doc->pdDoc(), &Recorder::listener, &recorder, &cookie),
+              PD_OK);
+    Handle second(addTextWidget(doc->pdDoc(), 1, PDRect{10, 50, 60, 30}));
+
+    EXPECT_EQ(table->NotifyAnnotChanged(so, 3, 0, widget.h), 0u);
+    EXPECT_EQ(table->NotifyAnnotChanged(so, 1, 1, second.h), 0u);
+    ASSERT_EQ(recorder.single.size(), 2u);
+    EXPECT_EQ(recorder.single[0], std::make_tuple(3u, uint64_t{0}, widget.h));
+    EXPECT_EQ(recorder.single[1], std::make_tuple(1u, uint64_t{1}, second.h));
+    ASSERT_EQ(recorder.pdfcore.size(), 2u);
+    EXPECT_EQ(recorder.pdfcore[0], std::make_tuple(3, 0u, widget.h));
+    EXPECT_EQ(recorder.pdfcore[1], std::make_tuple(1, 1u, second.h));
+
+    PDAnnot both[2] = {widget.h, second.h};
+    EXPECT_EQ(table->NotifyAnnotsChanged(so, 2, 1, both, 2), 0u);
+    EXPECT_EQ(table->NotifyAnnotsChanged(so, 0, 0, nullptr, 0), 0u);
+    ASSERT_EQ(recorder.several.size(), 2u);
+    EXPECT_EQ(std::get<0>(recorder.several[0]), 2u);
+    EXPECT_EQ(std::get<1>(recorder.several[0]), 1u);
+    EXPECT_EQ(std::get<2>(recorder.several[0]), (std::vector<PDAnnot>{widget.h, second.h}));
+    EXPECT_TRUE(std::get<2>(recorder.several[1]).empty());
+    EXPECT_EQ(recorder.pdfcore.size(), 2u);  // several: only the C++ event
+
+    // Bad arguments notify nobody.
+    EXPECT_EQ(table->NotifyAnnotChanged(so, 0, 2, widget.h), 3u);
+    EXPECT_EQ(table->NotifyAnnotsChanged(so, 0, 0, nullptr, 2), 3u);
+    EXPECT_EQ(table->NotifyAnnotsChanged(so, 0, 5, both, 2), 3u);
+    EXPECT_EQ(recorder.single.size(), 2u);
+    EXPECT_EQ(recorder.several.size(), 2u);
+
+    std::vector<Document::Invalidation> seen;
+    boost::signals2::scoped_connection c = doc->OnInvalidateRect.connect(
+        [&](const Document::Invalidation& i) { seen.push_back(i); });
+    const float rect[4] = {1, 20, 30, 4};
+    EXPECT_EQ(table->InvalidateRect(so, 1, rect, 1), 0u);
+    EXPECT_EQ(table->InvalidateRect(so, 1, nullptr, 1), 3u);
+    EXPECT_EQ(table->InvalidateRect(so, 2, rect, 1), 3u);
+    ASSERT_EQ(doc->invalidations().size(), 1u);
+    const auto& i = doc->invalidations()[0];
+    EXPECT_EQ(i.pageIndex, 1u);
+    EXPECT_TRUE(sameRect(i.rect, 1, 4, 30, 20));
+    EXPECT_EQ(i.flag, 1u);
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_EQ(seen[0].pageIndex, 1u);
+    doc->clearInvalidations();
+    EXPECT_TRUE(doc->invalidations().empty());
+    EXPECT_EQ(PDDocRemoveAnnotChangedListener(doc->pdDoc(), cookie), PD_OK);
+}
+
+TEST_F(DocumentTest, SetRectMovesTheWidgetUndoablyAndIsSaved) {
+    ASSERT_EQ(post("Annot_SetRect", widget.h, 0, {150, 400, 350, 430}), 0u);
+    EXPECT_TRUE(sameRect(rectOf(widget.h), 150, 400, 350, 430));
+    ASSERT_EQ(recorder.single.size(), 1u);
+    EXPECT_EQ(recorder.single[0], std::make_tuple(0u, uint64_t{0}, widget.h));
+    EXPECT_TRUE(doc->pageChanged(0));
+    // The old and the new place are redrawn.
+    ASSERT_EQ(doc->invalidations().size(), 2u);
+    EXPECT_TRUE(sameRect(doc->invalidations()[0].rect, 100, 680, 300, 700));
+    EXPECT_TRUE(sameRect(doc->invalidations()[1].rect, 150, 400, 350, 430));
+
+    auto depths = host.commands().depths();
+    EXPECT_EQ(depths.undo, 1u);
+    EXPECT_EQ(host.commands().undo(), 0u);
+    EXPECT_TRUE(sameRect(rectOf(widget.h), 100, 680, 300, 700));
+    EXPECT_FALSE(doc->pageChanged(0));  // as it was before
+    EXPECT_EQ(recorder.single.size(), 2u);
+    EXPECT_EQ(host.commands().redo(), 0u);
+    EXPECT_TRUE(sameRect(rectOf(widget.h), 150, 400, 350, 430));
+    EXPECT_TRUE(doc->pageChanged(0));
+
+    // The saved file has the new /Rect, and saving clears the changed flags.
+    std::string path = tempPath("setrect.pdf");
+    doc->save(path);
+    EXPECT_FALSE(doc->modified());
+    Handle reopened, page, annot;
+    ASSERT_EQ(PDDocOpen(path.c_str(), reopened.put()), PD_OK);
+    ASSERT_EQ(PDDocGetPage(reopened.h, 0, page.put()), PD_OK);
+    ASSERT_EQ(PDPageGetAnnot(page.h, 0, annot.put()), PD_OK);
+    EXPECT_TRUE(sameRect(rectOf(annot.h), 150, 400, 350, 430));
+    std::remove(path.c_str());
+}
+
+TEST_F(DocumentTest, DeleteRemovesTheWidgetAndUndoPutsItBackInPlace) {
+    Handle last(addTextWidget(doc->pdDoc(), 0, PDRect{10, 50, 60, 30}));
+    ASSERT_EQ(annotCount(doc->pdDoc(), 0), 2u);
+    ASSERT_EQ(post("Annot_Delete", widget.h), 0u);
+    EXPECT_EQ(annotCount(doc->pdDoc(), 0), 1u);
+    ASSERT_EQ(recorder.single.size(), 1u);
+    EXPECT_EQ(recorder.single[0], std::make_tuple(1u, uint64_t{0}, widget.h));
+    EXPECT_TRUE(doc->pageChanged(0));
+    // A removed widget is no longer the page's: another operation on it is refused.
+    EXPECT_EQ(post("Annot_SetRect", widget.h, 0, {0, 0, 10, 10}), 3u);
+
+    ASSERT_EQ(host.commands().undo(), 0u);
+    Handle page, first;
+    ASSERT_EQ(PDDocGetPage(doc->pdDoc(), 0, page.put()), PD_OK);
+    ASSERT_EQ(PDPageGetAnnot(page.h, 0, first.put()), PD_OK);
+    EXPECT_EQ(first.h, widget.h);  // back at its old position
+    EXPECT_EQ(std::get<0>(recorder.single.back()), 0u);
+    EXPECT_FALSE(doc->pageChanged(0));
+
+    // Without a host the operation is applied directly, with no undo.
+    auto loose = Document::create(1, 200, 200);
+    Handle w(addTextWidget(loose->pdDoc(), 0, PDRect{1, 20, 20, 1}));
+    QF::AnnotOperationRecord record{loose->object(), 0, w.h, {}};
+    EXPECT_EQ(docTable(loose->object())
+                  ->PerformAnnotOperation(loose->object(), atom("Annot_Delete"), &record, 0),
+              0u);
+    EXPECT_EQ(annotCount(loose->pdDoc(), 0), 0u);
+    EXPECT_EQ(host.commands().depths().undo, 0u);
+    QF::CommandArgs args{1, atom("TestCmd"), nullptr};
+    EXPECT_EQ(docTable(loose->object())->ExecuteCommand(loose->object(), &args),
+              codes::kNotSupported);
+}
+
+TEST_F(DocumentTest, OperationsThatCannotBeCarriedOut) {
+    EXPECT_EQ(post("Annot_BringFront", widget.h), codes::kUnknownOperation);
+    EXPECT_EQ(post("NoSuchOperation", widget.h), codes::kUnknownOperation);
+    EXPECT_EQ(table->PerformAnnotOperation(so, 0, nullptr, 0), 3u);
+    QF::AnnotOperationRecord record{so, 0, widget.h, {0, 0, 10, 10}};
+    EXPECT_EQ(table->PerformAnnotOperation(so, 0, &record, 0), codes::kUnknownOperation);
+    EXPECT_EQ(table->PerformAnnotOperation(so, atom("Annot_SetRect"), &record, 1), 3u);
+    EXPECT_EQ(post("Annot_SetRect", nullptr), 3u);
+    EXPECT_EQ(post("Annot_SetRect", widget.h, 2), 3u);   // no such page
+    EXPECT_EQ(post("Annot_Delete", widget.h, 1), 3u);    // not on that page
+    Document& other = host.newDocument(1, 100, 100);
+    record.document = other.object();
+    EXPECT_EQ(table->PerformAnnotOperation(so, atom("Annot_SetRect"), &record, 0), 3u);
+    host.closeDocument(other);
+
+    EXPECT_TRUE(sameRect(rectOf(widget.h), 100, 680, 300, 700));
+    EXPECT_EQ(annotCount(doc->pdDoc(), 0), 1u);
+    EXPECT_TRUE(recorder.single.empty());
+    EXPECT_EQ(host.commands().depths().undo, 0u);
+    EXPECT_FALSE(doc->modified());
+}
+
+TEST_F(DocumentTest, ExecuteCommandGoesToTheCommandsManager) {
+    ObjectPtr factory = makeCommandFactory();
+    ASSERT_EQ(host.commands().factories().put(atom("TestCmd"), factory.get()), 0u);
+    Journal journal;
+    CommandScript script{&journal, "x"};
+    QF::CommandArgs args{5, atom("TestCmd"), &script};
+    EXPECT_EQ(table->ExecuteCommand(so, &args), 0u);
+    EXPECT_EQ(journal, Journal{"do:x"});
+    EXPECT_EQ(host.commands().depths().undo, 1u);
+    EXPECT_EQ(table->ExecuteCommand(so, nullptr), 3u);
+    QF::CommandArgs unknown{6, atom("NoSuchCommand"), &script};
+    EXPECT_EQ(table->ExecuteCommand(so, &unknown), codes::kNotRegistered);
+    host.commands().clear();
+    EXPECT_EQ(journal, (Journal{"do:x", "gone:x"}));
+}
+
+TEST_F(DocumentTest, ClosingInvalidatesAndReleasesEverything) {
+    ASSERT_EQ(post("Annot_SetRect", widget.h, 0, {150, 400, 350, 430}), 0u);
+    ObjectPtr held = ObjectPtr::share(so);
+    ObjectPtr page = pageObject(0);
+    SODetails::WeakReference* docWeak = nullptr;
+    SODetails::WeakReference* pageWeak = nullptr;
+    ASSERT_EQ(SODetails::header(so)->base.GetWeakReference(so, &docWeak), 0u);
+    ASSERT_EQ(SODetails::header(page.get())->base.GetWeakReference(page.get(), &pageWeak), 0u);
+
+    recorder.connections.clear();
+    host.closeDocument(*doc);
+    EXPECT_EQ(host.documentCount(), 0u);
+    EXPECT_EQ(host.currentDocument(), nullptr);
+    ObjectPtr provided;
+    EXPECT_NE(ServiceProviderGetServiceObject(atom("QFDocument"), provided.put(), nullptr), 0u);
+
+    uint32_t valid = 9;
+    EXPECT_EQ(table->IsValid(held.get(), &valid), 0u);
+    EXPECT_EQ(valid, 0u);
+    PDDoc pd = nullptr;
+    EXPECT_EQ(table->GetPDDoc(held.get(), &pd), codes::kDocumentClosed);
+    ServiceObject* none = nullptr;
+    EXPECT_EQ(table->GetPage(held.get(), 0, &none), codes::kDocumentClosed);
+    EXPECT_EQ(table->NotifyAnnotChanged(held.get(), 0, 0, nullptr), codes::kDocumentClosed);
+    auto* pt = pageTable(page.get());
+    EXPECT_EQ(pt->IsValid(page.get(), &valid), 0u);
+    EXPECT_EQ(valid, 0u);
+    PDPage pdPage = nullptr;
+    EXPECT_EQ(pt->GetPDPage(page.get(), &pdPage), codes::kDocumentClosed);
+    uint64_t token = 0;
+    EXPECT_EQ(pt->Lock(page.get(), 1, &token), codes::kDocumentClosed);
+    // The command left on the undo stack refuses to run and stays there.
+    EXPECT_EQ(host.commands().undo(), codes::kDocumentClosed);
+    EXPECT_EQ(host.commands().depths().undo, 1u);
+
+    held.reset();
+    page.reset();
+    EXPECT_EQ(docWeak->ops->IsAlive(docWeak), 1u);  // the command still holds it
+    host.commands().clear();
+    EXPECT_EQ(docWeak->ops->IsAlive(docWeak), 0u);
+    EXPECT_EQ(pageWeak->ops->IsAlive(pageWeak), 0u);
+    docWeak->ops->Release(docWeak);
+    pageWeak->ops->Release(pageWeak);
+}
+
+// A file from the corpus: the first widget of page 0 is moved, saved, reopened; another is
+// deleted.
+TEST(DocumentCorpusTest, MovesAndDeletesWidgetsOfARealForm) {
+    Host host;
+    Document& doc = host.openDocument(QF_CORPUS_DIR "/qpdf-field-types.pdf");
+    ServiceObject* so = doc.object();
+    Handle page;
+    ASSERT_EQ(PDDocGetPage(doc.pdDoc(), 0, page.put()), PD_OK);
+    uint32_t count = 0;
+    ASSERT_EQ(PDPageGetNumAnnots(page.h, &count), PD_OK);
+    std::vector<uint32_t> widgets;
+    for (uint32_t i = 0; i < count; ++i) {
+        Handle a;
+        PDAtom subtype = 0;
+        ASSERT_EQ(PDPageGetAnnot(page.h, i, a.put()), PD_OK);
+        if (PDAnnotGetSubtype(a.h, &subtype) == PD_OK && subtype == PD_ATOM_Widget) {
+            widgets.push_back(i);
+        }
+    }
+    ASSERT_GE(widgets.size(), 2u);
+    Handle moved, removed;
+    ASSERT_EQ(PDPageGetAnnot(page.h, widgets[0], moved.put()), PD_OK);
+    ASSERT_EQ(PDPageGetAnnot(page.h, widgets[1], removed.put()), PD_OK);
+
+    QF::AnnotOperationRecord record{so, 0, moved.h, {36, 500, 236, 524}};
+    ASSERT_EQ(docTable(so)->PerformAnnotOperation(so, atom("Annot_SetRect"), &record, 0), 0u);
+    record.annot = removed.h;
+    ASSERT_EQ(docTable(so)->PerformAnnotOperation(so, atom("Annot_Delete"), &record, 0), 0u);
+    EXPECT_EQ(host.commands().depths().undo, 2u);
+    EXPECT_TRUE(doc.pageChanged(0));
+
+    std::string path = tempPath("corpus.pdf");
+    doc.save(path);
+    Handle reopened, page2, first;
+    ASSERT_EQ(PDDocOpen(path.c_str(), reopened.put()), PD_OK);
+    EXPECT_EQ(annotCount(reopened.h, 0), count - 1);
+    ASSERT_EQ(PDDocGetPage(reopened.h, 0, page2.put()), PD_OK);
+    ASSERT_EQ(PDPageGetAnnot(page2.h, widgets[0], first.put()), PD_OK);
+    EXPECT_TRUE(sameRect(rectOf(first.h), 36, 500, 236, 524));
+    std::remove(path.c_str());
+
+    // Undo both: the widget count and place are as they were.
+    ASSERT_EQ(host.commands().undo(), 0u);
+    ASSERT_EQ(host.commands().undo(), 0u);
+    EXPECT_EQ(annotCount(doc.pdDoc(), 0), count);
+    Handle back;
+    ASSERT_EQ(PDPageGetAnnot(page.h, widgets[1], back.put()), PD_OK);
+    EXPECT_EQ(back.h, removed.h);
+}
+
+TEST(DocumentHostTest, DocumentsFromHandlesAndTheCurrentDocument) {
+    Host host;
+    Handle pd;
+    ASSERT_EQ(PDDocCreate(3, 100, 100, pd.put()), PD_OK);
+    Document& a = host.adoptDocument(pd.h);
+    EXPECT_EQ(a.pdDoc(), pd.h);
+    EXPECT_EQ(a.pageCount(), 3u);
+    Document& b = host.newDocument(1, 50, 50);
+    EXPECT_EQ(host.currentDocument(), &b);
+    EXPECT_EQ(host.documentCount(), 2u);
+    host.setCurrentDocument(&a);
+    ObjectPtr provided;
+    ASSERT_EQ(ServiceProviderGetServiceObject(atom("QFDocument"), provided.put(), nullptr), 0u);
+    EXPECT_EQ(provided.get(), a.object());
+    host.closeDocument(b);  // not the current one
+    EXPECT_EQ(host.currentDocument(), &a);
+    EXPECT_EQ(host.documentCount(), 1u);
+    // The caller's handle outlives the host's document.
+    host.closeDocument(a);
+    uint32_t pages = 0;
+    EXPECT_EQ(PDDocGetNumPages(pd.h, &pages), PD_OK);
+    EXPECT_EQ(pages, 3u);
+    EXPECT_THROW(host.openDocument("/nonexistent/qfhost.pdf"), qfhost::HostError);
+    EXPECT_EQ(host.documentCount(), 0u);
+}
+
+}  // namespace
