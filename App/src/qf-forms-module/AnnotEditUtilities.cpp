@@ -1,0 +1,144 @@
+#include "qf/internal/AnnotEditUtilities"
+
+#include "pdmodel-proxy/FormField"
+#include "qf/DocumentInterfaces.h"
+#include "qf/internal/ServiceObjectException.h"
+#include "service-common/ServiceProvider"
+
+#include <vector>
+
+using SODetails::BasicServiceObjectPtr;
+using SODetails::ServiceObject;
+
+namespace QF {
+
+namespace {
+
+// The lookup of the host's "QFStringService" (slot 0): the translation of text (len
+// units) in the two-call form of pdfcore's text getters: a null buf gives the length in
+// *outLen. Any non-zero result means "no translation".
+struct StringServiceTable {
+    uint32_t (*GetTranslatedString)(ServiceObject* self, const char16_t* text, uint32_t len,
+                                    char16_t* buf, uint32_t bufLen, uint32_t* outLen);
+};
+constexpr size_t kGetTranslatedStringSlot = 0;
+
+// Reads a pdfcore text in two calls; getter(buf, bufLen, outLen).
+template <typename Getter>
+std::u16string readText(Getter&& getter, const char* function, std::u16string_view message) {
+    uint32_t length = 0;
+    CheckPDResult(getter(nullptr, 0, &length), function, message);
+    std::u16string text(length + 1, u'\0');
+    CheckPDResult(getter(text.data(), static_cast<uint32_t>(text.size()), &length), function,
+                  message);
+    text.resize(length);
+    return text;
+}
+
+// A pdfcore failure raised with pdfcore's own text for it.
+void checkWithLibraryMessage(PDResult result, const char* function) {
+    if (result != PD_OK) CheckPDResult(result, function, PDGetErrMessage(result));
+}
+
+} // namespace
+
+std::u16string Translate(std::u16string_view text) {
+    static const uint32_t kStringServiceAtom = SP::ResolveAtom("QFStringService");
+    const std::u16string original(text);
+    BasicServiceObjectPtr<> service = SP::TryGetServiceObject(kStringServiceAtom);
+    if (!SODetails::hasMethod(service.get(), kGetTranslatedStringSlot)) return original;
+    auto& ops = *SODetails::methods<StringServiceTable>(service.get());
+    const auto length = static_cast<uint32_t>(original.size());
+    uint32_t needed = 0;
+    if (ops.GetTranslatedString(service.get(), original.data(), length, nullptr, 0, &needed) != 0)
+        return original;
+    std::vector<char16_t> buffer(static_cast<size_t>(needed) + 1, u'\0');
+    uint32_t written = 0;
+    if (ops.GetTranslatedString(service.get(), original.data(), length, buffer.data(),
+                                static_cast<uint32_t>(buffer.size()), &written) != 0 ||
+        written > needed)
+        return original;
+    return std::u16string(buffer.data(), written);
+}
+
+std::u16string GetFieldFullName(PDField field, const char* function, std::u16string_view message) {
+    return readText([field](char16_t* buf, uint32_t len,
+                            uint32_t* out) { return PDFieldGetFullName(field, buf, len, out); },
+                    function, message);
+}
+
+std::u16string GetButtonChoice(PDAnnot widget, const char* function, std::u16string_view message) {
+    uint32_t length = 0;
+    const PDResult probe = PDButtonWidgetAnnotGetChoice(widget, nullptr, 0, &length);
+    if (probe == PD_ERR_NO_VALUE) return {};
+    CheckPDResult(probe, function, message);
+    return readText(
+        [widget](char16_t* buf, uint32_t len, uint32_t* out) {
+            return PDButtonWidgetAnnotGetChoice(widget, buf, len, out);
+        },
+        function, message);
+}
+
+namespace WidgetUtilities {
+
+void RenameFormWidget(ServiceObject* documentService, PDAnnot widget, uint64_t pageIndex,
+                      const std::u16string& name) {
+    static constexpr const char* kFunction = "QF::WidgetUtilities::RenameFormWidget";
+    const auto service = BasicServiceObjectPtr<>::adopt(documentService);
+    const auto widgetRef = PDHandlePtr::adopt(widget);
+
+    if (name.empty())
+        ThrowServiceObjectException(SOImpl::kBadArgument, Translate(u"The name cannot be empty."),
+                                    kFunction);
+
+    PDHandlePtr document;
+    if (SODetails::hasMethod(service.get(), 0)) {
+        auto& ops = *SODetails::methods<DocumentTable>(service.get());
+        if (ops.GetPDDoc(service.get(), document.put()) != 0) document.reset();
+    }
+    if (!document)
+        ThrowServiceObjectException(SOImpl::kNotInitialized, u"Not initialized", kFunction);
+
+    PDHandlePtr parent;
+    checkWithLibraryMessage(PDWidgetAnnotGetParent(widget, parent.put()), kFunction);
+    if (!parent)
+        ThrowServiceObjectException(SOImpl::kNotInitialized, u"Not initialized", kFunction);
+    PDAtom type = 0;
+    checkWithLibraryMessage(PDFieldGetType(parent.get(), &type), kFunction);
+    uint32_t flags = 0;
+    checkWithLibraryMessage(PDFieldGetFlags(parent.get(), &flags), kFunction);
+
+    const auto length = static_cast<uint32_t>(name.size());
+    PDHandlePtr existing;
+    CheckPDResult(PDDocFindField(document.get(), name.data(), length, existing.put()), kFunction);
+
+    if (existing) {
+        if (!PDFL::AreFieldsCompatible(parent.get(), existing.get()))
+            ThrowServiceObjectException(
+                14, Translate(u"This name is already set for a different field type."), kFunction);
+        CheckPDResult(PDFieldRemoveWidget(parent.get(), widget), kFunction);
+        CheckPDResult(PDFieldAppendWidget(existing.get(), widget), kFunction);
+    } else {
+        uint32_t widgets = 0;
+        CheckPDResult(PDFieldGetNumWidgets(parent.get(), &widgets), kFunction);
+        if (widgets == 1) {
+            CheckPDResult(PDDocRenameField(document.get(), parent.get(), name.data(), length),
+                          kFunction);
+        } else {
+            PDHandlePtr created;
+            CheckPDResult(
+                PDDocCreateField(document.get(), name.data(), length, type, flags, created.put()),
+                kFunction);
+            CheckPDResult(PDFieldRemoveWidget(parent.get(), widget), kFunction);
+            CheckPDResult(PDFieldAppendWidget(created.get(), widget), kFunction);
+        }
+    }
+
+    CheckPDResult(
+        PDDocNotifyAnnotChanged(document.get(), 3, static_cast<uint32_t>(pageIndex), widget),
+        kFunction);
+}
+
+} // namespace WidgetUtilities
+
+} // namespace QF
