@@ -112,31 +112,36 @@ void RenameFormWidget(ServiceObject* documentService, PDAnnot widget, uint64_t p
     PDHandlePtr existing;
     CheckPDResult(PDDocFindField(document.get(), name.data(), length, existing.put()), kFunction);
 
-    if (existing) {
-        if (!PDFL::AreFieldsCompatible(parent.get(), existing.get()))
-            ThrowServiceObjectException(
-                14, Translate(u"This name is already set for a different field type."), kFunction);
-        CheckPDResult(PDFieldRemoveWidget(parent.get(), widget), kFunction);
-        CheckPDResult(PDFieldAppendWidget(existing.get(), widget), kFunction);
-    } else {
-        uint32_t widgets = 0;
-        CheckPDResult(PDFieldGetNumWidgets(parent.get(), &widgets), kFunction);
-        if (widgets == 1) {
-            CheckPDResult(PDDocRenameField(document.get(), parent.get(), name.data(), length),
-                          kFunction);
-        } else {
-            PDHandlePtr created;
-            CheckPDResult(
-                PDDocCreateField(document.get(), name.data(), length, type, flags, created.put()),
-                kFunction);
-            CheckPDResult(PDFieldRemoveWidget(parent.get(), widget), kFunction);
-            CheckPDResult(PDFieldAppendWidget(created.get(), widget), kFunction);
-        }
-    }
+    if (existing && !PDFL::AreFieldsCompatible(parent.get(), existing.get()))
+        ThrowServiceObjectException(
+            14, Translate(u"This name is already set for a different field type."), kFunction);
+    MoveWidgetToName(document.get(), parent.get(), widget, name, existing.get(), type, flags,
+                     kFunction);
 
     CheckPDResult(
         PDDocNotifyAnnotChanged(document.get(), 3, static_cast<uint32_t>(pageIndex), widget),
         kFunction);
+}
+
+void MoveWidgetToName(PDDoc document, PDField parent, PDAnnot widget, const std::u16string& name,
+                      PDField existing, PDAtom type, uint32_t flags, const char* function) {
+    const auto length = static_cast<uint32_t>(name.size());
+    if (existing) {
+        CheckPDResult(PDFieldRemoveWidget(parent, widget), function);
+        CheckPDResult(PDFieldAppendWidget(existing, widget), function);
+        return;
+    }
+    uint32_t widgets = 0;
+    CheckPDResult(PDFieldGetNumWidgets(parent, &widgets), function);
+    if (widgets == 1) {
+        CheckPDResult(PDDocRenameField(document, parent, name.data(), length), function);
+        return;
+    }
+    PDHandlePtr created;
+    CheckPDResult(PDDocCreateField(document, name.data(), length, type, flags, created.put()),
+                  function);
+    CheckPDResult(PDFieldRemoveWidget(parent, widget), function);
+    CheckPDResult(PDFieldAppendWidget(created.get(), widget), function);
 }
 
 } // namespace WidgetUtilities

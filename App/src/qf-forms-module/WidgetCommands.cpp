@@ -225,27 +225,12 @@ void RenameWidgetCommand::RenameWidget(const std::u16string& name) {
     const PDHandlePtr doc = getPDDoc(document_);
     if (!doc) throwNotInitialized(kFunction);
 
-    const auto length = static_cast<uint32_t>(name.size());
     PDHandlePtr found;
-    CheckPDResult(PDDocFindField(doc.get(), name.data(), length, found.put()), kFunction);
-    if (found) {
-        CheckPDResult(PDFieldRemoveWidget(parent.get(), widget), kFunction);
-        CheckPDResult(PDFieldAppendWidget(found.get(), widget), kFunction);
-    } else {
-        uint32_t widgets = 0;
-        CheckPDResult(PDFieldGetNumWidgets(parent.get(), &widgets), kFunction);
-        if (widgets == 1) {
-            CheckPDResult(PDDocRenameField(doc.get(), parent.get(), name.data(), length),
-                          kFunction);
-        } else {
-            PDHandlePtr created;
-            CheckPDResult(
-                PDDocCreateField(doc.get(), name.data(), length, type, flags, created.put()),
-                kFunction);
-            CheckPDResult(PDFieldRemoveWidget(parent.get(), widget), kFunction);
-            CheckPDResult(PDFieldAppendWidget(created.get(), widget), kFunction);
-        }
-    }
+    CheckPDResult(PDDocFindField(doc.get(), name.data(), static_cast<uint32_t>(name.size()),
+                                 found.put()),
+                  kFunction);
+    QF::WidgetUtilities::MoveWidgetToName(doc.get(), parent.get(), widget, name, found.get(), type,
+                                          flags, kFunction);
     notifyAnnotChanged(document_, kChangeFieldName, pageIndex_, widget);
 }
 
