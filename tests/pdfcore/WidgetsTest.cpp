@@ -289,12 +289,16 @@ b[NameObject('/H')] = NameObject('/Q')
         << "from /Border when /BS is absent";
     EXPECT_EQ(fields(get(PDWidgetAnnotGetFontInfo, wa.get())), std::tuple("Arial", 1, 1));
 
-    // The widget's own /DA wins for reading; a setter rewrites it and the field's.
+    // The widget's own /DA wins for reading; a setter on one widget of a field with
+    // several changes that widget only.
     EXPECT_FLOAT_EQ(get(PDWidgetAnnotGetFontSize, wa.get()), 9);
     EXPECT_FLOAT_EQ(get(PDWidgetAnnotGetFontSize, wb.get()), 0);
     ASSERT_EQ(PDWidgetAnnotSetFontSize(wa.get(), 11), PD_OK);
-    for (auto* w : {wa.get(), wb.get()})
-        EXPECT_FLOAT_EQ(get(PDWidgetAnnotGetFontSize, w), 11);
+    ASSERT_EQ(PDWidgetAnnotSetFontColor(wb.get(), 0xFF0000FFu), PD_OK);
+    EXPECT_FLOAT_EQ(get(PDWidgetAnnotGetFontSize, wa.get()), 11);
+    EXPECT_FLOAT_EQ(get(PDWidgetAnnotGetFontSize, wb.get()), 0);
+    EXPECT_EQ(get(PDWidgetAnnotGetFontColor, wa.get()), 0xFF000000u);
+    EXPECT_EQ(get(PDWidgetAnnotGetFontColor, wb.get()), 0xFF0000FFu);
     EXPECT_EQ(atomText(get(PDWidgetAnnotGetFontInfo, wb.get()).family), "Helvetica")
         << "the field keeps its own font";
 }

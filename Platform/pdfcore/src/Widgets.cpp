@@ -329,6 +329,12 @@ void changeDA(PDHandleRec& h, const std::function<void(DefaultAppearance&)>& cha
         if (da.font.empty()) da.font = fontResource(doc, "Helvetica", 0);
         dict.replaceKey("/DA", QPDFObjectHandle::newString(writeDA(da)));
     };
+    // A widget that shares its field with other widgets is styled on its own.
+    if (h.obj.getObjGen() != holder.getObjGen() && widgetsOf(holder).size() > 1) {
+        rewrite(h.obj, effectiveDA(doc, h.obj));
+        regenerateAppearance(doc, h.obj);
+        return;
+    }
     rewrite(holder, effectiveDA(doc, holder));
     if (h.obj.getObjGen() != holder.getObjGen() && h.obj.getKey("/DA").isString())
         rewrite(h.obj, h.obj.getKey("/DA").getStringValue());

@@ -433,9 +433,10 @@ PDFCORE_API PDResult PDWidgetAnnotSetBorderColor(PDAnnot widget, uint32_t argb);
 PDFCORE_API PDResult PDWidgetAnnotGetHighlight(PDAnnot widget, int32_t* outMode);
 PDFCORE_API PDResult PDWidgetAnnotSetHighlight(PDAnnot widget, int32_t mode);
 
-/* Font of the default appearance (/DA), written to the widget's field and, when the
- * widget has a /DA of its own, to that too; the font resource goes into the form's
- * /DR. family: the atom of a font family name ("Helvetica", "MS Gothic"); the
+/* Font of the default appearance (/DA). For a widget that is its field's only widget the
+ * /DA is written to the field (and to the widget too when it has a /DA of its own); a
+ * widget of a field with several widgets gets a /DA of its own, so that the others keep
+ * their look. The font resource goes into the form's /DR. family: the atom of a font family name ("Helvetica", "MS Gothic"); the
  * standard 14 families are Type 1 fonts, others non-embedded TrueType fonts that
  * viewers substitute. format: 0 Type 1, 1 TrueType (as read; ignored on write for
  * the standard families). style: bit 1 bold, bit 2 italic. Reading a /DA without a
