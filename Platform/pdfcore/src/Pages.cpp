@@ -148,6 +148,15 @@ PDResult PDPageGetRotate(PDPage page, int32_t* outDegrees) {
     });
 }
 
+PDResult PDPageSetRotate(PDPage page, int32_t degrees) {
+    return guard([&] {
+        auto& p = checked(page, Kind::Page);
+        if (degrees % 90 != 0) fail(PD_ERR_BAD_ARGUMENT);
+        const int v = ((degrees % 360) + 360) % 360;
+        p.obj.replaceKey("/Rotate", QPDFObjectHandle::newInteger(v));
+    });
+}
+
 PDResult PDPageGetNumAnnots(PDPage page, uint32_t* outCount) {
     return guard([&] {
         auto& p = checked(page, Kind::Page);

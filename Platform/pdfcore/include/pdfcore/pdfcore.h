@@ -225,6 +225,9 @@ PDFCORE_API PDResult PDPageGetIndex(PDPage page, uint32_t* outIndex);
 PDFCORE_API PDResult PDPageGetBox(PDPage page, int32_t which, PDRect* outBox);
 /* /Rotate (inherited), normalised to 0, 90, 180 or 270. */
 PDFCORE_API PDResult PDPageGetRotate(PDPage page, int32_t* outDegrees);
+/* Sets the page's own /Rotate: any multiple of 90, negative ones too, stored modulo
+ * 360; other values: PD_ERR_BAD_ARGUMENT. */
+PDFCORE_API PDResult PDPageSetRotate(PDPage page, int32_t degrees);
 PDFCORE_API PDResult PDPageGetNumAnnots(PDPage page, uint32_t* outCount);
 PDFCORE_API PDResult PDPageGetAnnot(PDPage page, uint32_t index, PDAnnot* outAnnot);
 /* Position of annot in the page's /Annots; PD_ERR_NOT_FOUND when it is not there. */
