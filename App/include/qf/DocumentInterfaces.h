@@ -52,6 +52,49 @@ struct PageTable {
 };
 constexpr uint32_t kPageId = 0x5E1F0C02;
 
+// "QFDocumentView", id 0x5E1F0C03, 112 bytes: a view of a QFDocument. Pages are laid out
+// one under another; view points are integer pixels from the view's top left, y down;
+// page points are PDF user space of the page (y up). Results: 3 for null outputs, 5 for a
+// page index past the pages.
+struct DocumentViewTable {
+    // The viewed "QFDocument", one reference.
+    uint32_t (*GetDocument)(ServiceObject* self, ServiceObject** out);
+    // Its pdfcore document, one reference.
+    uint32_t (*GetPDDoc)(ServiceObject* self, PDDoc* out);
+    // The page under a view point; -1 when the point is beside every page.
+    uint32_t (*GetPageIndexAtPoint)(ServiceObject* self, int32_t x, int32_t y, int64_t* outPage);
+    // A view point in the space of page pageIndex (which need not contain it): outPoint[2].
+    uint32_t (*ViewToPage)(ServiceObject* self, uint64_t pageIndex, int32_t x, int32_t y,
+                           float* outPoint);
+    // A page point to the view, rounded to the nearest pixel: outPoint[2].
+    uint32_t (*PageToView)(ServiceObject* self, uint64_t pageIndex, const float* point,
+                           int32_t* outPoint);
+    // The view's own rotation: 0, 90, 180 or 270 degrees clockwise.
+    uint32_t (*GetRotation)(ServiceObject* self, uint32_t* outDegrees);
+    // Pixels per point.
+    uint32_t (*GetZoom)(ServiceObject* self, float* out);
+    // Where the page is drawn: left, top, right, bottom in view pixels (outRect[4]).
+    uint32_t (*GetPageViewRect)(ServiceObject* self, uint64_t pageIndex, int32_t* outRect);
+    // Asks for the whole view to be drawn again.
+    uint32_t (*Redraw)(ServiceObject* self);
+    // The pointer's shape from now on (5: cross hair of the creation tools, 7: move).
+    uint32_t (*SetCursor)(ServiceObject* self, uint32_t shape);
+    // The frame a tool is dragging, drawn over the page with argb stroke and a light fill;
+    // pageIndex -1 (rect ignored) removes it. rect in PDRect order, page space.
+    uint32_t (*ShowFrame)(ServiceObject* self, int64_t pageIndex, const float* rect,
+                          uint32_t argb);
+    // capture 1: the calling tool keeps the pointer until capture 0, also beside the pages
+    // (the drag is handed over to the tool).
+    uint32_t (*CaptureDrag)(ServiceObject* self, uint8_t capture);
+    // Drops the view's annotation focus; called before a focused annotation is removed.
+    uint32_t (*ReleaseAnnotFocus)(ServiceObject* self);
+    // Shows the context menu of kind kindAtom ("Widget", "Signature") at a view point.
+    uint32_t (*ShowContextMenu)(ServiceObject* self, uint32_t kindAtom, int32_t x, int32_t y,
+                                uint64_t pageIndex);
+};
+constexpr uint32_t kDocumentViewId = 0x5E1F0C03;
+static_assert(sizeof(DocumentViewTable) == 112);
+
 // The record of PerformAnnotOperation.
 struct AnnotOperationRecord {
     ServiceObject* document;

@@ -28,6 +28,59 @@ struct InputHandlerFactoryTable {
 };
 constexpr uint32_t kInputHandlerFactoryId = 0xBABE9A0B;
 
+// An input event for QFInputHandler::HandleEvent (20 bytes).
+struct InputEvent {
+    uint32_t type;      // one of the kEvent values below
+    uint32_t subcode;   // mouse button (0 left, 1 right), key code, or command atom
+    int32_t x;          // view pixels, origin at the view's top left, y down
+    int32_t y;
+    uint32_t modifiers; // kModifierShift | kModifierControl
+};
+static_assert(sizeof(InputEvent) == 20);
+enum : uint32_t {
+    kEventCommand = 0,    // subcode: the atom of an edit command ("Copy", "Delete", ...)
+    kEventButtonDown = 2, // subcode: kButtonLeft or kButtonRight
+    kEventButtonUp = 3,
+    kEventMove = 4,
+    kEventKeyDown = 7,    // subcode: virtual key code (37..40 arrows, 46 Delete)
+    kEventKey = 8,
+};
+enum : uint32_t { kButtonLeft = 0, kButtonRight = 1 };
+enum : uint32_t { kModifierShift = 4, kModifierControl = 8 };
+
+// Called on the user-interface thread when a tool's property sheet is out of date.
+using PropertiesChangedProc = void (*)(void* context, ServiceObject* tool);
+
+// "QFInputHandler", id 0x5E1F0A04, 96 bytes: an interactive tool working on a document
+// view ("QFDocumentView"). All calls come on the user-interface thread.
+struct InputHandlerTable {
+    // view: the document view (the tool keeps a reference); context: what the tool works
+    // on (the edit tool's widget edit object; null for the creation tools).
+    uint32_t (*Initialize)(ServiceObject* self, ServiceObject* view, ServiceObject* context);
+    uint32_t (*Terminate)(ServiceObject* self);
+    // The atom of the tool's registered name.
+    uint32_t (*GetToolName)(ServiceObject* self, uint32_t* out);
+    // 1 once the tool is done (the host then ends it).
+    uint32_t (*IsFinished)(ServiceObject* self, uint8_t* out);
+    uint32_t (*HandleEvent)(ServiceObject* self, const InputEvent* event, uint8_t* outHandled);
+    uint32_t (*Removed)(ServiceObject* self);
+    uint32_t (*FocusAnnot)(ServiceObject* self, PDAnnot annot);
+    uint32_t (*RestoreSelection)(ServiceObject* self);
+    uint32_t (*OnDeathrattle)(ServiceObject* self);
+    // Fills the area "ToolArea" of the host's "QFPropertiesContext" with the tool's
+    // properties and returns that context in *outContext (one reference; null when the
+    // host offers no context).
+    uint32_t (*GetToolProperties)(ServiceObject* self, ServiceObject** outContext);
+    // The tool's properties-changed signal: proc(context, tool) runs after the sheet changed
+    // (a field was created, a name was set). *outConnection identifies the connection.
+    uint32_t (*ConnectPropertiesChanged)(ServiceObject* self, PropertiesChangedProc proc,
+                                         void* context, uint64_t* outConnection);
+    // 1 for a connection the tool does not know.
+    uint32_t (*DisconnectPropertiesChanged)(ServiceObject* self, uint64_t connection);
+};
+constexpr uint32_t kInputHandlerId = 0x5E1F0A04;
+static_assert(sizeof(InputHandlerTable) == 96);
+
 // Creation arguments of a command (16 bytes): copied whole into the command.
 struct CommandArgs {
     uint32_t uniqueId;
@@ -181,5 +234,45 @@ struct PDAnnotServiceTable {
     uint32_t (*WithdrawHandlerFactory)(ServiceObject* self, uint32_t nameAtom);
 };
 constexpr uint32_t kPDAnnotServiceId = 0x5E1F0B07;
+
+// "QFAnnotPropertiesFactory", id 0x5E1F0B0A, 8 bytes.
+struct AnnotPropertiesFactoryTable {
+    // Runs the "AddWidget" command (AddWidgetParams {document, pageIndex, widget}) through
+    // the commands manager, so that the new widget lands on the page and on the undo
+    // stack. The command's result is returned.
+    uint32_t (*AddWidget)(ServiceObject* self, ServiceObject* document, uint64_t pageIndex,
+                          PDAnnot widget);
+};
+constexpr uint32_t kAnnotPropertiesFactoryId = 0x5E1F0B0A;
+
+// "QFStringService", id 0x5E1F0B0B, 8 bytes: texts in the user's language.
+struct StringServiceTable {
+    // The translation of text (len UTF-16 units) in the two-call form of pdfcore's text
+    // getters: a null buf gives the length in *outLen; otherwise at most bufLen - 1 units
+    // and a NUL are written (8 when bufLen is too small). 1 when the catalog has no
+    // translation (the caller keeps the original).
+    uint32_t (*GetTranslatedString)(ServiceObject* self, const char16_t* text, uint32_t len,
+                                    char16_t* buf, uint32_t bufLen, uint32_t* outLen);
+};
+constexpr uint32_t kStringServiceId = 0x5E1F0B0B;
+
+// Receives a text from a callee; the text is valid only during the call of put.
+struct TextSink {
+    void* context;
+    void (*put)(void* context, const char16_t* text, uint64_t length);
+};
+
+// "QFUserSettings", id 0x5E1F0B0C, 32 bytes: the user settings tree. A path names a value
+// by its groups and its key, separated by '/': u"Forms/CheckBox/Width". Every known value
+// has a default; 1 for a path the tree does not have, 3 for null arguments, 13 for a
+// value of the other type.
+struct UserSettingsTable {
+    uint32_t (*GetInteger)(ServiceObject* self, const char16_t* path, int64_t* out);
+    uint32_t (*GetString)(ServiceObject* self, const char16_t* path, const TextSink* out);
+    uint32_t (*SetInteger)(ServiceObject* self, const char16_t* path, int64_t value);
+    uint32_t (*SetString)(ServiceObject* self, const char16_t* path, const char16_t* text,
+                          uint64_t length);
+};
+constexpr uint32_t kUserSettingsId = 0x5E1F0B0C;
 
 }  // namespace QF
