@@ -198,43 +198,61 @@ INSTANTIATE_TEST_SUITE_P(
 
 // ---- TasksRepository -----------------------------------------------------------------
 
-// A tool that records the view it is initialised with and answers `result`.
+// A tool that records the view and context it is initialised with, answers `result`, and
+// notes "terminate:<tag>" in a journal when it is ended.
 struct ToolTable {
-    uint32_t (*Initialize)(ServiceObject* self, ServiceObject* view);
+    uint32_t (*Initialize)(ServiceObject* self, ServiceObject* view, ServiceObject* context);
+    uint32_t (*Terminate)(ServiceObject* self);
 };
 struct Tool {
     uint32_t result;
+    std::string tag;
+    Journal* journal;
     ServiceObject* view = nullptr;
+    ServiceObject* context = reinterpret_cast<ServiceObject*>(1);  // overwritten by Initialize
 };
-const ToolTable kToolTable = {[](ServiceObject* self, ServiceObject* view) -> uint32_t {
-    SODetails::implOf<ToolTable, Tool>(self).view = view;
-    return SODetails::implOf<ToolTable, Tool>(self).result;
-}};
-const ToolTable kToolWithoutInitialize = {nullptr};
+const ToolTable kToolTable = {
+    [](ServiceObject* self, ServiceObject* view, ServiceObject* context) -> uint32_t {
+        Tool& t = SODetails::implOf<ToolTable, Tool>(self);
+        t.view = view;
+        t.context = context;
+        return t.result;
+    },
+    [](ServiceObject* self) -> uint32_t {
+        Tool& t = SODetails::implOf<ToolTable, Tool>(self);
+        t.journal->push_back("terminate:" + t.tag);
+        return 0;
+    }};
+const ToolTable kToolWithoutMethods = {nullptr, nullptr};
 
 struct ToolFactory {
     const ToolTable* table;
     uint32_t result;
+    std::string tag;
+    Journal* journal;
 };
-ObjectPtr makeToolFactory(uint32_t result, const ToolTable& toolTable = kToolTable) {
+ObjectPtr makeToolFactory(Journal& journal, const char* tag, uint32_t result,
+                          const ToolTable& toolTable = kToolTable) {
     static const QF::InputHandlerFactoryTable table = {
         [](ServiceObject* self, ServiceObject** out) -> uint32_t {
             auto& f = SODetails::implOf<QF::InputHandlerFactoryTable, ToolFactory>(self);
             *out = SODetails::makeServiceObject<ToolTable, Tool, qfhost::HostTraits>(
-                0x7E570010, "QFInputHandler", 0x7E570011, *f.table, f.result);
+                0x7E570010, "QFInputHandler", 0x7E570011, *f.table, f.result, f.tag, f.journal);
             return 0;
         }};
     return ObjectPtr::adopt(
         SODetails::makeServiceObject<QF::InputHandlerFactoryTable, ToolFactory, qfhost::HostTraits>(
             QF::kInputHandlerFactoryId, "QFInputHandlerFactory", 0x7E570012, table,
-            ToolFactory{&toolTable, result}));
+            ToolFactory{&toolTable, result, tag, &journal}));
 }
 
 TEST(TasksRepositoryTest, ActivateInitializesTheToolWithTheViewAndKeepsIt) {
+    Journal journal;
     Host host;
     ObjectPtr tasks = query("TasksRepository");
     auto* t = SODetails::methods<QF::TasksRepositoryTable>(tasks.get());
-    ObjectPtr good = makeToolFactory(0), bad = makeToolFactory(2), bare = makeToolFactory(0, kToolWithoutInitialize);
+    ObjectPtr good = makeToolFactory(journal, "good", 0), bad = makeToolFactory(journal, "bad", 2),
+              bare = makeToolFactory(journal, "bare", 0, kToolWithoutMethods);
     t->RegisterTool(tasks.get(), atom("Good"), good.get());
     t->RegisterTool(tasks.get(), atom("Bad"), bad.get());
     t->RegisterTool(tasks.get(), atom("Bare"), bare.get());
@@ -244,25 +262,37 @@ TEST(TasksRepositoryTest, ActivateInitializesTheToolWithTheViewAndKeepsIt) {
     ASSERT_EQ(t->ActivateTool(tasks.get(), atom("Good"), view.get(), tool.put()), 0u);
     Tool& made = SODetails::implOf<ToolTable, Tool>(tool.get());
     EXPECT_EQ(made.view, view.get());
+    EXPECT_EQ(made.context, nullptr);
     EXPECT_EQ(host.tasks().activeTool().get(), tool.get());
     EXPECT_EQ(host.tasks().activeToolAtom(), atom("Good"));
     EXPECT_EQ(refs(tool.get()), 2);
 
-    // A failing Initialize is returned and the active tool stays.
+    // A failing Initialize is returned and the active tool stays, not terminated.
     ObjectPtr other;
     EXPECT_EQ(t->ActivateTool(tasks.get(), atom("Bad"), view.get(), other.put()), 2u);
     EXPECT_FALSE(other);
     EXPECT_EQ(host.tasks().activeTool().get(), tool.get());
+    EXPECT_TRUE(journal.empty());
 
-    // A tool without Initialize is activated as it is; the previous one is dropped.
+    // A tool without Initialize is activated as it is; the previous one is terminated and
+    // dropped.
     EXPECT_EQ(t->ActivateTool(tasks.get(), atom("Bare"), view.get(), nullptr), 0u);
+    EXPECT_EQ(journal, Journal{"terminate:good"});
     EXPECT_EQ(refs(tool.get()), 1);
     EXPECT_EQ(host.tasks().activeToolAtom(), atom("Bare"));
+
+    // Replacing or dropping a tool without Terminate skips the call.
+    EXPECT_EQ(t->ActivateTool(tasks.get(), atom("Good"), view.get(), nullptr), 0u);
+    host.tasks().deactivate();
+    EXPECT_EQ(journal, (Journal{"terminate:good", "terminate:good"}));
+    EXPECT_FALSE(host.tasks().activeTool());
+    EXPECT_EQ(host.tasks().activeToolAtom(), 0u);
 
     EXPECT_EQ(t->ActivateTool(tasks.get(), atom("Missing"), view.get(), other.put()), 0x10005u);
     EXPECT_EQ(t->CreateTool(tasks.get(), atom("Good"), nullptr), 3u);
     ASSERT_EQ(t->CreateTool(tasks.get(), atom("Good"), other.put()), 0u);
     EXPECT_EQ(refs(other.get()), 1);  // created, not activated
+    EXPECT_EQ(journal.size(), 2u);
 }
 
 // ---- Host ----------------------------------------------------------------------------

@@ -11,18 +11,27 @@ namespace {
 
 struct ServiceKind {
     const char* name;
-    ServiceObject* (*create)();
+    ServiceObject* (*create)(Host& host);
 };
 
 // In the order of HostService.
+template <ServiceObject* (*Create)()>
+ServiceObject* plain(Host&) {
+    return Create();
+}
+
 const ServiceKind kKinds[kHostServiceCount] = {
-    {TasksRepository::kName, &TasksRepository::create},
-    {CommandsManager::kName, &CommandsManager::create},
-    {AnnotEditService::kName, &AnnotEditService::create},
-    {EditService::kName, &EditService::create},
-    {EditObjectPicker::kName, &EditObjectPicker::create},
-    {EditModuleService::kName, &EditModuleService::create},
-    {PDAnnotService::kName, &PDAnnotService::create},
+    {TasksRepository::kName, &plain<&TasksRepository::create>},
+    {CommandsManager::kName, &plain<&CommandsManager::create>},
+    {AnnotEditService::kName, &plain<&AnnotEditService::create>},
+    {EditService::kName, &plain<&EditService::create>},
+    {EditObjectPicker::kName, &plain<&EditObjectPicker::create>},
+    {EditModuleService::kName, &plain<&EditModuleService::create>},
+    {PDAnnotService::kName, &plain<&PDAnnotService::create>},
+    {PropertiesContext::kName, &plain<&PropertiesContext::create>},
+    {AnnotPropertiesFactory::kName, &AnnotPropertiesFactory::create},
+    {StringService::kName, &plain<&StringService::create>},
+    {UserSettings::kName, &plain<&UserSettings::create>},
 };
 
 // The provider's factory for a host service: context is the service's block; each query
@@ -44,10 +53,13 @@ Host::Host() {
             throw HostError(codes::kHostFailure,
                             std::string("no atom for ") + kKinds[i].name);
         }
-        objects_[i] = ObjectPtr::adopt(kKinds[i].create());
+        objects_[i] = ObjectPtr::adopt(kKinds[i].create(*this));
     }
     if (KRGetAtomFromString(Document::kName, &documentAtom_) != KR_OK) {
         throw HostError(codes::kHostFailure, std::string("no atom for ") + Document::kName);
+    }
+    if (KRGetAtomFromString(View::kName, &viewAtom_) != KR_OK) {
+        throw HostError(codes::kHostFailure, std::string("no atom for ") + View::kName);
     }
     for (size_t i = 0; i < kHostServiceCount; ++i) {
         uint32_t rc = ServiceProviderRegisterService(atoms_[i], &provide, objects_[i].get());
@@ -62,9 +74,11 @@ Host::~Host() {
     for (size_t i = 0; i < kHostServiceCount; ++i) {
         ServiceProviderRegisterService(atoms_[i], nullptr, nullptr);
     }
+    setCurrentView(nullptr);
     setCurrentDocument(nullptr);
     releaseModuleObjects();
-    documents_.clear();  // after the commands that refer to them
+    views_.clear();
+    documents_.clear();  // after the commands and views that refer to them
     tasks().tools().clear();
     commands().factories().clear();
     annotEdit().editSelectFactories().clear();
@@ -95,6 +109,14 @@ EditModuleService& Host::editModules() {
 PDAnnotService& Host::pdAnnots() {
     return PDAnnotService::of(object(HostService::QFPDAnnotService));
 }
+PropertiesContext& Host::properties() {
+    return PropertiesContext::of(object(HostService::QFPropertiesContext));
+}
+AnnotPropertiesFactory& Host::annotProperties() {
+    return AnnotPropertiesFactory::of(object(HostService::QFAnnotPropertiesFactory));
+}
+StringService& Host::strings() { return StringService::of(object(HostService::QFStringService)); }
+UserSettings& Host::settings() { return UserSettings::of(object(HostService::QFUserSettings)); }
 
 const char* Host::nameOf(HostService s) { return kKinds[index(s)].name; }
 uint32_t Host::atomOf(HostService s) const { return atoms_[index(s)]; }
@@ -105,7 +127,9 @@ int32_t Host::refCount(HostService s) const {
 }
 
 void Host::releaseModuleObjects() {
+    for (auto& view : views_) view->deactivateTool();
     tasks().deactivate();
+    properties().clear();
     commands().clear();
 }
 
@@ -140,6 +164,9 @@ Document& Host::newDocument(uint32_t pages, float width, float height) {
 Document& Host::adoptDocument(PDDoc doc) { return keep(Document::fromPDDoc(doc, this)); }
 
 void Host::closeDocument(Document& doc) {
+    for (size_t i = views_.size(); i-- > 0;) {
+        if (&views_[i]->document() == &doc) closeView(*views_[i]);
+    }
     if (current_ == &doc) setCurrentDocument(nullptr);
     for (auto it = documents_.begin(); it != documents_.end(); ++it) {
         if (it->get() == &doc) {
@@ -156,6 +183,34 @@ void Host::setCurrentDocument(Document* doc) {
         ServiceProviderRegisterService(documentAtom_, &provide, doc->object());
     } else {
         ServiceProviderRegisterService(documentAtom_, nullptr, nullptr);
+    }
+}
+
+View& Host::openView(Document& doc) {
+    views_.push_back(std::make_unique<View>(*this, doc));
+    View& view = *views_.back();
+    setCurrentDocument(&doc);
+    setCurrentView(&view);
+    return view;
+}
+
+void Host::closeView(View& view) {
+    if (currentView_ == &view) setCurrentView(nullptr);
+    for (auto it = views_.begin(); it != views_.end(); ++it) {
+        if (it->get() == &view) {
+            std::unique_ptr<View> closing = std::move(*it);
+            views_.erase(it);
+            return;
+        }
+    }
+}
+
+void Host::setCurrentView(View* view) {
+    currentView_ = view;
+    if (view) {
+        ServiceProviderRegisterService(viewAtom_, &provide, view->object());
+    } else {
+        ServiceProviderRegisterService(viewAtom_, nullptr, nullptr);
     }
 }
 

@@ -10,9 +10,13 @@ namespace {
 
 using Table = QF::TasksRepositoryTable;
 
-// The tool interface (QFInputHandler) is not declared here; its first method is
-// Initialize(view), called only when the tool's table has slot 0 filled.
-using InitializeFn = uint32_t (*)(ServiceObject* self, ServiceObject* view);
+// Ends a tool the repository drops, when the tool has Terminate (its result changes
+// nothing: the tool goes either way). Called without the repository's lock held.
+void terminate(const ObjectPtr& tool) {
+    if (tool && SODetails::hasMethod(tool.get(), 1)) {
+        SODetails::methods<QF::InputHandlerTable>(tool.get())->Terminate(tool.get());
+    }
+}
 
 const Table kTable = {
     [](ServiceObject* self, uint32_t atom, ServiceObject* factory) -> uint32_t {
@@ -62,17 +66,18 @@ uint32_t TasksRepository::activateTool(uint32_t atom, ServiceObject* view, Servi
     uint32_t rc = createTool(atom, tool.put());
     if (rc != codes::kOk) return rc;
     if (SODetails::hasMethod(tool.get(), 0)) {
-        auto initialize = *SODetails::methods<InitializeFn>(tool.get());
-        rc = initialize(tool.get(), view);
+        rc = SODetails::methods<QF::InputHandlerTable>(tool.get())->Initialize(tool.get(), view,
+                                                                               nullptr);
         if (rc != codes::kOk) return rc;
     }
     if (out) *out = ObjectPtr(tool).detach();
-    ObjectPtr previous;  // released after the lock is gone
+    ObjectPtr previous;  // terminated and released after the lock is gone
     {
         std::lock_guard lock(mutex_);
-        previous = std::exchange(active_, std::move(tool));
+        previous = std::exchange(active_, tool);
         activeAtom_ = atom;
     }
+    if (previous.get() != tool.get()) terminate(previous);
     return codes::kOk;
 }
 
@@ -88,9 +93,12 @@ uint32_t TasksRepository::activeToolAtom() const {
 
 void TasksRepository::deactivate() {
     ObjectPtr previous;
-    std::lock_guard lock(mutex_);
-    previous = std::exchange(active_, ObjectPtr());
-    activeAtom_ = 0;
+    {
+        std::lock_guard lock(mutex_);
+        previous = std::exchange(active_, ObjectPtr());
+        activeAtom_ = 0;
+    }
+    terminate(previous);
 }
 
 }  // namespace qfhost

@@ -33,6 +33,13 @@ enum : uint32_t {
     kEditObjectPickerImplId = 0x51480105,
     kEditModuleServiceImplId = 0x51480106,
     kPDAnnotServiceImplId = 0x51480107,
+    kPropertiesContextImplId = 0x51480109,
+    kPropertyAreaImplId = 0x5148010A,
+    kAnnotPropertiesFactoryImplId = 0x5148010B,
+    kStringServiceImplId = 0x5148010C,
+    kUserSettingsImplId = 0x5148010D,
+    kHostStringPairListImplId = 0x5148010E,
+    kDocumentViewImplId = 0x51480108,
 };
 
 }  // namespace qfhost::detail

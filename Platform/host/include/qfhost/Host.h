@@ -5,6 +5,8 @@
 
 #include "qfhost/Document.h"
 #include "qfhost/Services.h"
+#include "qfhost/UiServices.h"
+#include "qfhost/View.h"
 
 #include <array>
 #include <cstdint>
@@ -22,8 +24,12 @@ enum class HostService {
     QFEditObjectPickerFactory,
     QFEditModuleService,
     QFPDAnnotService,
+    QFPropertiesContext,
+    QFAnnotPropertiesFactory,
+    QFStringService,
+    QFUserSettings,
 };
-inline constexpr size_t kHostServiceCount = 7;
+inline constexpr size_t kHostServiceCount = 11;
 
 class QFHOST_API Host {
 public:
@@ -42,6 +48,10 @@ public:
     EditObjectPicker& picker();
     EditModuleService& editModules();
     PDAnnotService& pdAnnots();
+    PropertiesContext& properties();
+    AnnotPropertiesFactory& annotProperties();
+    StringService& strings();
+    UserSettings& settings();
 
     static const char* nameOf(HostService s);
     uint32_t atomOf(HostService s) const;
@@ -50,8 +60,9 @@ public:
     // Its reference count: 1 while nobody but the host holds it.
     int32_t refCount(HostService s) const;
 
-    // Drops what the host holds of a module beside registrations: the active tool and the
-    // undo and redo stacks. Call it before the module is unloaded.
+    // Drops what the host holds of a module beside registrations: the active tools of all
+    // views, the properties context's contents and the undo and redo stacks. Call it
+    // before the module is unloaded.
     void releaseModuleObjects();
     // How many objects all registries hold together.
     size_t registeredObjects() const;
@@ -61,7 +72,7 @@ public:
     Document& openDocument(const std::string& path);
     Document& newDocument(uint32_t pages, float width, float height);
     Document& adoptDocument(PDDoc doc);
-    // Closes and destroys doc (a document of this host). Commands of it that are still on
+    // Closes and destroys doc (a document of this host) and its views. Commands of it that are still on
     // the undo or redo stacks stay there and answer kDocumentClosed.
     void closeDocument(Document& doc);
     size_t documentCount() const { return documents_.size(); }
@@ -70,6 +81,13 @@ public:
     Document* currentDocument() const { return current_; }
     void setCurrentDocument(Document* doc);
 
+    // A new view of doc (a document of this host), which becomes the current view,
+    // registered with the service provider under "QFDocumentView", and makes doc current.
+    View& openView(Document& doc);
+    // Destroys view (a view of this host).
+    void closeView(View& view);
+    View* currentView() const { return currentView_; }
+
 private:
     std::array<ObjectPtr, kHostServiceCount> objects_;
     std::array<uint32_t, kHostServiceCount> atoms_{};
@@ -77,6 +95,10 @@ private:
     std::vector<std::unique_ptr<Document>> documents_;
     Document* current_ = nullptr;
     uint32_t documentAtom_ = 0;
+    std::vector<std::unique_ptr<View>> views_;
+    View* currentView_ = nullptr;
+    uint32_t viewAtom_ = 0;
+    void setCurrentView(View* view);
 };
 
 }  // namespace qfhost

@@ -30,14 +30,16 @@ public:
     // atom, 2 when the factory lacks CreateInputHandler, 0x10006 when it made nothing,
     // otherwise the factory's result.
     uint32_t createTool(uint32_t atom, ServiceObject** out);
-    // Creates the tool, calls its Initialize(view) when the tool has it, and makes it the
-    // active tool (dropping the previous one). out may be null; otherwise it receives one
+    // Creates the tool, calls its Initialize(view, null) when the tool has it, and makes it
+    // the active tool; the previous one is dropped after its Terminate (when it has one),
+    // called without the repository's lock held. out may be null; otherwise it receives one
     // reference. A failing Initialize leaves the active tool as it was and is returned.
     uint32_t activateTool(uint32_t atom, ServiceObject* view, ServiceObject** out);
 
     ObjectPtr activeTool() const;
     uint32_t activeToolAtom() const;
-    // Drops the active tool.
+    // Drops the active tool after its Terminate (when it has one), called without the
+    // repository's lock held.
     void deactivate();
 
 private:
