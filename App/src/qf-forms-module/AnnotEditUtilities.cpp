@@ -14,13 +14,7 @@ namespace QF {
 
 namespace {
 
-// The lookup of the host's "QFStringService" (slot 0): the translation of text (len
-// units) in the two-call form of pdfcore's text getters: a null buf gives the length in
-// *outLen. Any non-zero result means "no translation".
-struct StringServiceTable {
-    uint32_t (*GetTranslatedString)(ServiceObject* self, const char16_t* text, uint32_t len,
-                                    char16_t* buf, uint32_t bufLen, uint32_t* outLen);
-};
+// GetTranslatedString's slot in the host's "QFStringService".
 constexpr size_t kGetTranslatedStringSlot = 0;
 
 // Reads a pdfcore text in two calls; getter(buf, bufLen, outLen).
