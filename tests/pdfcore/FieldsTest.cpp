@@ -355,3 +355,52 @@ TEST(Fields, AFormMadeLaterKeepsTheFieldsAlreadyOnThePages) {
     ASSERT_EQ(status, 0);
     EXPECT_GT(std::stoul(count), 1u);
 }
+
+// Fields made here whose widgets were all removed again (an undone creation) are not
+// written, nor are the parents made for them; fields of the file and made fields that
+// never had a widget are. The open document keeps all of them, in their places.
+TEST(Fields, MadeFieldsLeftWithoutWidgetsAreNotWritten) {
+    ScratchDir dir;
+    const std::string source = dir.file("source.pdf");
+    {
+        auto doc = createDoc(1);
+        auto pg = page(doc.get(), 0);
+        addField(doc.get(), pg.get(), "kept", PD_ATOM_Tx, rect(60, 700, 200, 720));
+        ASSERT_EQ(PDDocSave(doc.get(), source.c_str()), PD_OK);
+    }
+    auto doc = openDoc(source);
+    auto pg = page(doc.get(), 0);
+    auto fileField = findField(doc.get(), "kept");
+    auto fileWidget = std::move(widgetsOf(fileField.get()).at(0));
+    ASSERT_EQ(PDFieldRemoveWidget(fileField.get(), fileWidget.get()), PD_OK);
+    auto undone = addField(doc.get(), pg.get(), "group.undone", PD_ATOM_Btn, rect(60, 600, 78, 618));
+    ASSERT_EQ(PDFieldRemoveWidget(undone.field.get(), undone.widget.get()), PD_OK);
+    auto bare = createField(doc.get(), "bare", PD_ATOM_Tx);
+    auto shown = addField(doc.get(), pg.get(), "group.shown", PD_ATOM_Tx, rect(60, 500, 200, 520));
+
+    auto names = [](PDDoc d) {
+        std::vector<std::string> out;
+        for (const auto& f : fieldsOf(d)) out.push_back(utf8(fieldName(f.get())));
+        return out;
+    };
+    const auto inMemory = names(doc.get());
+    ASSERT_EQ(PDDocSave(doc.get(), dir.file("out.pdf").c_str()), PD_OK);
+    EXPECT_EQ(names(doc.get()), inMemory);
+    auto saved = openDoc(dir.file("out.pdf"));
+    EXPECT_TRUE(findField(saved.get(), "kept"));
+    EXPECT_TRUE(findField(saved.get(), "bare"));
+    EXPECT_TRUE(findField(saved.get(), "group.shown"));
+    EXPECT_FALSE(findField(saved.get(), "group.undone"));
+
+    // Without the one widget left under "group", the parent goes too; back with it after.
+    ASSERT_EQ(PDFieldRemoveWidget(shown.field.get(), shown.widget.get()), PD_OK);
+    ASSERT_EQ(PDDocSave(doc.get(), dir.file("bare.pdf").c_str()), PD_OK);
+    auto without = openDoc(dir.file("bare.pdf"));
+    EXPECT_FALSE(findField(without.get(), "group"));
+    EXPECT_EQ(qpdfCheck(dir.file("bare.pdf")), 0);
+    ASSERT_EQ(PDFieldAppendWidget(undone.field.get(), undone.widget.get()), PD_OK);
+    ASSERT_EQ(PDDocSave(doc.get(), dir.file("again.pdf").c_str()), PD_OK);
+    auto again = openDoc(dir.file("again.pdf"));
+    EXPECT_TRUE(findField(again.get(), "group.undone"));
+    EXPECT_EQ(names(doc.get()), inMemory);
+}

@@ -89,6 +89,10 @@ struct Document {
     std::vector<QPDFObjectHandle> terminalFields;
     bool formChanged = true;
     uint32_t freshNameCounter = 0;
+    // Fields made through this document (created fields and the parents made for their
+    // names), each with whether a widget was ever attached to it. Those whose widgets all
+    // went again are not written (UnusedFieldsDetached).
+    std::map<QPDFObjGen, bool> createdFields;
 
     std::vector<Listener> listeners;
     uint32_t nextCookie = 1;
@@ -165,6 +169,27 @@ QPDFObjectHandle fieldOfWidget(QPDFObjectHandle widget);
 std::vector<QPDFObjectHandle> widgetsOf(QPDFObjectHandle field);
 // Fully qualified name of a field.
 std::u16string fullNameOf(QPDFObjectHandle field);
+
+// While it lives, the fields that this document made and whose widgets were all removed
+// again (by an undo, say), and the parents made for them that are left with nothing else,
+// are taken out of the form, so that a file written meanwhile does not carry them. The
+// destructor puts them back where they were. Fields that came with the file, and made
+// fields that never had a widget, are never touched.
+class UnusedFieldsDetached {
+public:
+    explicit UnusedFieldsDetached(Document& doc);
+    ~UnusedFieldsDetached();
+    UnusedFieldsDetached(const UnusedFieldsDetached&) = delete;
+    UnusedFieldsDetached& operator=(const UnusedFieldsDetached&) = delete;
+
+private:
+    struct Detached {
+        QPDFObjectHandle list;  // the /Kids or /Fields array that held the field
+        int index;
+        QPDFObjectHandle field;
+    };
+    std::vector<Detached> detached_;
+};
 
 // ---- appearances (Appearance.cpp) -------------------------------------------------
 

@@ -56,7 +56,8 @@ bool writeFileChecked(const std::filesystem::path& path, const unsigned char* da
     return ok;
 }
 
-void writeTo(QPDFWriter& w) {
+void writeTo(Document& doc, QPDFWriter& w) {
+    const UnusedFieldsDetached unused(doc);
     w.setPreserveEncryption(false);
     w.setDeterministicID(true);
     w.write();
@@ -144,7 +145,7 @@ PDResult PDDocSave(PDDoc doc, const char* path) {
         // output does not report a failed final flush (a full disk, a size limit).
         QPDFWriter w(*d.qpdf);
         w.setOutputMemory();
-        writeTo(w);
+        writeTo(d, w);
         auto buf = w.getBufferSharedPointer();
         if (!writeFileChecked(tmp, buf->getBuffer(), buf->getSize())) {
             std::error_code ec;
@@ -167,7 +168,7 @@ PDResult PDDocSaveMem(PDDoc doc, void** outData, size_t* outSize) {
         checkOut(outSize);
         QPDFWriter w(*d.qpdf);
         w.setOutputMemory();
-        writeTo(w);
+        writeTo(d, w);
         auto buf = w.getBufferSharedPointer();
         void* mem = std::malloc(buf->getSize() ? buf->getSize() : 1);
         if (!mem) fail(PD_ERR_OUT_OF_MEMORY);

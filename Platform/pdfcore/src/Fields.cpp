@@ -302,6 +302,7 @@ QPDFObjectHandle parentFor(Document& doc, const std::vector<std::u16string>& par
         made = doc.qpdf->makeIndirectObject(made);
         containerOf(doc, made).appendItem(made);
         doc.nameIndex.emplace(name, made.getObjGen());
+        doc.createdFields.emplace(made.getObjGen(), false);
         parent = made;
     }
     return parent;
@@ -333,6 +334,7 @@ PDResult createField(PDDoc doc, std::u16string name, bool freshIfEmpty, PDAtom t
         field = d.qpdf->makeIndirectObject(field);
         containerOf(d, field).appendItem(field);
         d.nameIndex.emplace(name, field.getObjGen());
+        d.createdFields.emplace(field.getObjGen(), false);
         d.formChanged = true;
         *outField = handleFor(d, field, Kind::Field);
     });
@@ -438,10 +440,52 @@ std::u16string fullNameOf(QPDFObjectHandle field) {
     return out;
 }
 
+UnusedFieldsDetached::UnusedFieldsDetached(Document& doc) {
+    // Fields with kids that all went here: a parent empties only when its last kid goes,
+    // so repeat until nothing more goes.
+    std::set<QPDFObjGen> emptied;
+    for (bool changed = true; changed;) {
+        changed = false;
+        for (const auto& [og, hadWidget] : doc.createdFields) {
+            auto field = doc.qpdf->getObject(og);
+            if (!field.isDictionary() || isMerged(field)) continue;
+            if (!hadWidget && !emptied.count(og)) continue;
+            auto kids = field.getKey("/Kids");
+            if (kids.isArray() && kids.getArrayNItems() > 0) continue;
+            auto parent = fieldParent(field);
+            QPDFObjectHandle list = QPDFObjectHandle::newNull();
+            if (parent.isDictionary()) {
+                list = parent.getKey("/Kids");
+            } else if (auto form = acroForm(doc, false); form.isDictionary()) {
+                list = form.getKey("/Fields");
+            }
+            if (!list.isArray()) continue;
+            for (int i = 0; i < list.getArrayNItems(); ++i) {
+                if (list.getArrayItem(i).getObjGen() != og) continue;
+                detached_.push_back({list, i, field});
+                list.eraseItem(i);
+                if (parent.isDictionary()) emptied.insert(parent.getObjGen());
+                changed = true;
+                break;
+            }
+        }
+    }
+}
+
+UnusedFieldsDetached::~UnusedFieldsDetached() {
+    for (auto it = detached_.rbegin(); it != detached_.rend(); ++it) {
+        it->list.insertItem(it->index, it->field);
+    }
+}
+
 // Adds widget to the terminal field (splitting a merged field first). Used by
 // PDFieldAppendWidget and the widget creators.
 void attachWidget(Document& doc, PDHandleRec& field, QPDFObjectHandle widget) {
     if (isMerged(field.obj)) splitMerged(doc, field.obj);
+    if (auto made = doc.createdFields.find(field.obj.getObjGen());
+        made != doc.createdFields.end()) {
+        made->second = true;
+    }
     auto kids = field.obj.getKey("/Kids");
     if (!kids.isArray()) {
         kids = QPDFObjectHandle::newArray();

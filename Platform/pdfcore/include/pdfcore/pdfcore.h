@@ -175,7 +175,12 @@ PDFCORE_API PDResult PDDocCreate(uint32_t pageCount, float width, float height,
                                  PDDoc* outDoc);
 /* Writes the document to path: a temporary file beside it, then a rename, so that a
  * failed save leaves the target as it was (PD_ERR_IO). The document stays open and
- * unchanged. Encrypted input is written unencrypted. */
+ * unchanged. Encrypted input is written unencrypted. A field made through this document
+ * (PDDocCreateField and the typed creators) whose widgets were all removed again (as
+ * undoing its creation does) is left out of the file, and so are the parents made for
+ * its name that hold nothing else; in memory it stays. Fields that came with the file
+ * and made fields that never had a widget are always written. The same holds for
+ * PDDocSaveMem. */
 PDFCORE_API PDResult PDDocSave(PDDoc doc, const char* path);
 /* Writes the document into a buffer allocated with malloc; the caller frees it with
  * PDFreeBuffer(). */
