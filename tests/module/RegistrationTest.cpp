@@ -86,12 +86,18 @@ TEST(Thunks, CodesAndTheRecordsTheyLeave) {
     EXPECT_EQ(lastMessage(), u"InitService::Init() failed, code: 0x00000002");
     EXPECT_EQ(ops.DeInit(so), 4u); // an exception of another kind
     EXPECT_EQ(lastMessage(), u"InitService::DeInit() failed, code: 0x00000004");
-    probe.thrown = 0x30005; // the thunk's record replaces the thrown one...
+    probe.thrown = 0x30005; // the thunk's record wraps the thrown one...
     EXPECT_EQ(ops.OnRibbonInitialized(so), 0x30005u);
-    EXPECT_EQ(lastMessage(), u"InitService::OnRibbonInitialized() failed, code: 0x00030005");
-    probe.thrown = 11; // ... except for code 11
+    r = FetchFailure();
+    ASSERT_NE(r, nullptr);
+    EXPECT_EQ(r->Message(), u"probe failed");
+    EXPECT_EQ(r->File(), "tests/module/RegistrationTest.cpp");
+    EXPECT_NE(r->Inner(), nullptr);
+    EXPECT_EQ(r->Code(), 0x30005u);
+    probe.thrown = 11; // ... and records nothing for code 11, which keeps the thrown one
     EXPECT_EQ(ops.OnRibbonInitialized(so), 11u);
     EXPECT_EQ(lastMessage(), u"probe failed");
+    EXPECT_EQ(FetchFailure()->Inner(), nullptr);
     EXPECT_EQ(FetchFailure()->File(), "tests/module/RegistrationTest.cpp");
     EXPECT_EQ(ops.Init(nullptr), 3u);
 

@@ -111,12 +111,17 @@ std::u16string failureText(const char16_t* interfaceName, const char16_t* method
 } // namespace
 
 void RecordFailure(uint32_t code, const char16_t* interfaceName, const char16_t* methodName,
-                   const char* thunkName, const char* headerPath, uint32_t line) noexcept {
+                   const char* thunkName, const char* headerPath, uint32_t line,
+                   bool wrapStored) noexcept {
     if (code == SOImpl::kSuccess || code == SOImpl::kNegativeAnswer) return;
     if (code == SOImpl::kUnrecordedCode || !interfaceName || !*interfaceName || !methodName) return;
     try {
-        StoreFailure(FailureRecord(code, failureText(interfaceName, methodName, code),
-                                   thunkName ? thunkName : "", headerPath ? headerPath : "", line));
+        FailureRecord record(code, failureText(interfaceName, methodName, code),
+                             thunkName ? thunkName : "", headerPath ? headerPath : "", line);
+        if (wrapStored) {
+            if (const FailureRecord* cause = FetchFailure()) record.SetInner(*cause);
+        }
+        StoreFailure(record);
     } catch (...) {
         // No storage or no memory: the caller still gets the code.
     }

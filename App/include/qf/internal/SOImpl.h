@@ -6,7 +6,9 @@
 //      kept as the thread's failure record and its code returned, any other exception
 //      gives 4;
 //   3. hands the code to RecordFailure with the interface and method names, its own full
-//      name, the header that declares it and the line of the declaration;
+//      name, the header that declares it and the line of the declaration; the record of a
+//      thrown exception becomes the inner record of the thunk's, so that the caller still
+//      reads the thrown text, function and place;
 //   4. returns the code.
 // No exception leaves a thunk.
 #pragma once
@@ -96,13 +98,16 @@ template <typename... Pointers> constexpr bool AllGiven(const Pointers*... point
     return ((pointers != nullptr) && ...);
 }
 
-// Runs body and turns what it throws into a result code (see the top of this file).
-template <typename Body> uint32_t InvokeImplementation(Body&& body) noexcept {
+// Runs body and turns what it throws into a result code (see the top of this file);
+// *stored tells whether the thrown record was kept as the thread's failure.
+template <typename Body> uint32_t InvokeImplementation(Body&& body, bool* stored) noexcept {
+    *stored = false;
     try {
         return body();
     } catch (const ServiceObjectException& e) {
         try {
             StoreFailure(e.Record());
+            *stored = true;
         } catch (...) {
             // The storage is gone or broken; the code still reaches the caller.
         }
@@ -130,13 +135,16 @@ template <typename Base, typename Method> const char* ThunkName() noexcept {
 template <typename Base, typename Method, typename Call>
 uint32_t Thunk(ServiceObject* self, bool argumentsGiven, Call&& call) noexcept {
     uint32_t code = kBadArgument;
+    bool thrown = false;
     if (self && argumentsGiven) {
-        code = InvokeImplementation([&]() -> uint32_t {
-            return call(SODetails::implOf<typename Base::Table, typename Base::ImplType>(self));
-        });
+        code = InvokeImplementation(
+            [&]() -> uint32_t {
+                return call(SODetails::implOf<typename Base::Table, typename Base::ImplType>(self));
+            },
+            &thrown);
     }
     RecordFailure(code, Base::kInterfaceNameW, Method::kMethodW, ThunkName<Base, Method>(),
-                  Base::kHeaderPath, Method::kLine);
+                  Base::kHeaderPath, Method::kLine, thrown);
     return code;
 }
 

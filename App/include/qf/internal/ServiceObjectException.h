@@ -122,6 +122,10 @@ const FailureRecord* FetchFailure();
 // Called by every interface thunk with the code its implementation returned. Codes 0, 1
 // and 11, an empty interface name and a null method name record nothing; otherwise the
 // thread's record becomes "<interface>::<method>() failed, code: 0x<8 hex digits>" with
-// the thunk as function and the interface header as file. Never throws.
+// the thunk as function and the interface header as file. wrapStored: the implementation
+// threw, and the record it left (the thread's current one) becomes the inner record of the
+// new one, so that GetLastErrorInfo still reports the failure where it started, with its
+// own text. Never throws.
 void RecordFailure(uint32_t code, const char16_t* interfaceName, const char16_t* methodName,
-                   const char* thunkName, const char* headerPath, uint32_t line) noexcept;
+                   const char* thunkName, const char* headerPath, uint32_t line,
+                   bool wrapStored = false) noexcept;
