@@ -1,24 +1,32 @@
 // qfforms: the command-line program of qf-forms.
 //
-//   qfforms inspect FILE.pdf   prints the pages, annotations and fields of FILE as JSON
+//   qfforms inspect FILE.pdf     prints the pages, annotations and fields of FILE as JSON
+//   qfforms run SCRIPT.json ...  replays an authoring session through the forms module
 //
-// Exit status: 0 success, 1 the file could not be inspected, 2 wrong usage.
+// Exit status: 0 success; 1 the file could not be inspected, or a step of the script failed
+// or the run could not start or write its outputs; 2 wrong usage.
 
 #include "Inspect.h"
 #include "Pd.h"
+#include "Run.h"
 
 #include <cstdio>
 #include <exception>
 #include <iostream>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace {
 
 constexpr const char* kUsage =
     "usage: qfforms inspect FILE.pdf\n"
+    "       qfforms run SCRIPT.json [--in IN.pdf] [--out OUT.pdf] [--lang en|ja]\n"
+    "                   [--settings FILE] [--keep-going] [--module PATH]\n"
     "\n"
-    "  inspect   print the pages, annotations and form fields of FILE.pdf as JSON\n";
+    "  inspect   print the pages, annotations and form fields of FILE.pdf as JSON\n"
+    "  run       replay an authoring session written as a JSON script through the forms\n"
+    "            module and write the PDFs it makes (qfforms run --help)\n";
 
 int usageError(std::string_view message) {
     if (!message.empty()) std::cerr << "qfforms: " << message << "\n";
@@ -58,6 +66,8 @@ int main(int argc, char** argv) {
         std::cout << kUsage;
         return 0;
     }
+    if (command == "run")
+        return qfforms::runCommand(std::vector<std::string>(argv + 2, argv + argc));
     if (command != "inspect") return usageError("unknown command '" + std::string(command) + "'");
     if (argc != 3) return usageError("inspect takes one file");
     const std::string path = argv[2];

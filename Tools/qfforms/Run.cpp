@@ -1,0 +1,930 @@
+#include "Run.h"
+
+#include "Inspect.h"
+#include "Pd.h"
+#include "kr/KRRuntime.h"
+#include "qf/DocumentInterfaces.h"
+#include "qf/Interfaces.h"
+#include "qf/PropertyInterfaces.h"
+#include "qfhost/Host.h"
+#include "qfhost/ModuleLoader.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <optional>
+#include <random>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+#include <utility>
+
+#ifndef QF_FORMS_MODULE_PATH
+#define QF_FORMS_MODULE_PATH ""
+#endif
+
+namespace qfforms {
+
+const char* const kRunHelp =
+    R"(usage: qfforms run SCRIPT.json [--in IN.pdf] [--out OUT.pdf] [--lang en|ja]
+                      [--settings FILE] [--keep-going] [--module PATH]
+
+Replays an authoring session through the reference host and the forms module, as the
+editor drives them. SCRIPT.json is an array of steps; each step is an object with exactly
+one verb. Points are PDF page space (points, y up) of the page named in the step; paths
+inside the script are relative to the script's folder.
+
+  {"new": {"pages": 2, "size": [612, 792], "rotate": [0, 90]}}
+      a new document (pages default 1, size default [612, 792], rotate: one multiple of
+      90 per page, optional) shown in a new view, which becomes the current view
+  {"open": "form.pdf"}
+      opens a PDF in a new view, which becomes the current view
+  {"view": {"zoom": 1.5, "rotation": 90}}
+      zoom (pixels per point) and rotation (0, 90, 180, 270) of the current view
+  {"tool": "TextFieldCreate"}
+      activates a tool registered by the module: TextFieldCreate, CheckBoxCreate,
+      RadioGroupCreate, ComboBoxCreate, ListBoxCreate, PushButtonCreate,
+      PrintButtonCreate, EmailButtonCreate, SaveButtonCreate, SubmitButtonCreate,
+      DigitalSignatureFieldCreate
+  {"click": {"page": 0, "at": [72, 720], "button": "left", "modifiers": ["shift"]}}
+      press and release at one point (button "left" or "right", default left; modifiers
+      "shift", "control", optional); a creation tool makes a widget of its default size
+      with its top-left corner there; a right click ends the tool
+  {"drag": {"page": 0, "from": [72, 720], "to": [272, 698]}}
+      press, move and release: a creation tool makes a widget filling the frame
+  {"key": {"code": 46}}
+      a key press and the key (37..40 arrows, 46 Delete) sent to the active tool
+  {"set": {"property": "FieldName", "value": "Customer"}}
+  {"set": {"property": "ComboOptList", "value": [["en", "English"], ["ja", "Japanese"]]}}
+      sets a property of the active tool's sheet: a text, or [export, display] pairs
+  {"command": {"name": "Widget_Rename", "widget": {"page": 0, "index": 0},
+               "newName": "Customer"}}
+  {"command": {"name": "GroupRadioButtons",
+               "widgets": [{"field": "CheckBox1"}, {"field": "CheckBox2", "widget": 0}]}}
+      runs a widget command on the undo stack; a widget is {"page": P, "index": K}
+      (annotation K of page P) or {"field": "Name", "widget": K} (widget K, default 0,
+      of a field)
+  {"undo": 1}   {"redo": 2}
+      undoes or redoes that many commands (nothing left to undo or redo fails)
+  {"save": "out.pdf"}
+      keeps the current document as it is now, to be written to out.pdf at the end
+
+Options:
+  --in IN.pdf        open IN.pdf in a view before the first step
+  --out OUT.pdf      write the current document after the last step to OUT.pdf
+  --lang en|ja       the language of names and messages (default en)
+  --settings FILE    user settings to use (default: the user's settings file, if any)
+  --keep-going       report a failing step and go on; the outputs are still written
+  --module PATH      the forms module to load (default: $QF_FORMS_MODULE, else the one
+                     built with this program)
+
+Outputs are written (each atomically) only when every step succeeded, or with
+--keep-going; stdout names each file written. A failing step is reported on stderr as
+  qfforms: step INDEX (VERB): code CODE (0xHEX): TEXT
+with INDEX counted from 0 and TEXT the module's own failure text when the module failed,
+or as "qfforms: step INDEX (VERB): TEXT" for problems of the script itself.
+
+Exit status: 0 success, 1 a step failed or the run could not start or write its outputs,
+2 wrong usage. See docs/scripting.md.
+)";
+
+namespace {
+
+namespace fs = std::filesystem;
+using qfhost::Document;
+using qfhost::HostError;
+using qfhost::View;
+
+// ---- failures ----------------------------------------------------------------------------
+
+// A step that could not be carried out. code: the result the host or the module answered;
+// none for problems the runner finds in the script itself.
+class StepFailure : public std::runtime_error {
+  public:
+    StepFailure(std::optional<uint32_t> code, const std::string& text)
+        : std::runtime_error(text), code_(code) {}
+    const std::optional<uint32_t>& code() const { return code_; }
+
+  private:
+    std::optional<uint32_t> code_;
+};
+
+[[noreturn]] void fail(const std::string& text) {
+    throw StepFailure(std::nullopt, text);
+}
+
+std::string quoted(const std::string& text) {
+    return Json(text).dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+std::string hex(uint32_t value) {
+    std::ostringstream out;
+    out << "0x" << std::hex << value;
+    return out.str();
+}
+
+std::u16string toUtf16(const std::string& text) {
+    size_t needed = 0;
+    if (KRConvertUTF8ToUTF16(text.data(), text.size(), nullptr, 0, &needed) != KR_OK)
+        throw std::runtime_error("cannot convert text to UTF-16");
+    std::u16string out(needed, u'\0');
+    if (needed != 0 &&
+        KRConvertUTF8ToUTF16(text.data(), text.size(), out.data(), out.size(), &needed) != KR_OK)
+        throw std::runtime_error("cannot convert text to UTF-16");
+    return out;
+}
+
+std::string atomText(uint32_t atom) {
+    const char* name = nullptr;
+    return KRGetStringFromAtom(atom, &name) == KR_OK && name ? name : "?";
+}
+
+uint32_t atomOf(const std::string& name) {
+    uint32_t atom = 0;
+    if (name.empty() || KRGetAtomFromString(name.c_str(), &atom) != KR_OK)
+        fail("no atom for " + quoted(name));
+    return atom;
+}
+
+// ---- reading the script -----------------------------------------------------------------
+
+// Parses the script. An object that holds one key twice is refused: JSON readers keep
+// only one of the values, which would silently drop the other.
+Json parseScript(const std::string& text) {
+    std::vector<std::set<std::string>> keys;
+    int step = -1;
+    auto callback = [&](int depth, Json::parse_event_t event, Json& parsed) {
+        if (depth == 1 &&
+            (event == Json::parse_event_t::object_start ||
+             event == Json::parse_event_t::array_start || event == Json::parse_event_t::value))
+            ++step;
+        if (event == Json::parse_event_t::object_start) {
+            keys.emplace_back();
+        } else if (event == Json::parse_event_t::object_end) {
+            keys.pop_back();
+        } else if (event == Json::parse_event_t::key && !keys.empty()) {
+            const std::string key = parsed.get<std::string>();
+            if (!keys.back().insert(key).second) {
+                throw std::runtime_error(
+                    (step >= 0 ? "step " + std::to_string(step) + ": " : std::string()) +
+                    "the key " + quoted(key) + " appears twice in one object");
+            }
+        }
+        return true;
+    };
+    return Json::parse(text, callback);
+}
+
+// The value of key in a verb's object (where names the verb for messages).
+const Json& member(const Json& object, const char* key, const std::string& where) {
+    auto it = object.find(key);
+    if (it == object.end()) fail(where + " needs " + quoted(key));
+    return *it;
+}
+
+const Json* optionalMember(const Json& object, const char* key) {
+    auto it = object.find(key);
+    return it == object.end() ? nullptr : &*it;
+}
+
+// Refuses keys other than allowed, so that a misspelt key is not silently ignored.
+void onlyKeys(const Json& object, std::initializer_list<const char*> allowed,
+              const std::string& where) {
+    if (!object.is_object()) fail(where + " takes an object");
+    for (auto it = object.begin(); it != object.end(); ++it) {
+        const bool known = std::any_of(allowed.begin(), allowed.end(),
+                                       [&](const char* k) { return it.key() == k; });
+        if (!known) {
+            std::string list;
+            for (const char* k : allowed)
+                list += (list.empty() ? "" : ", ") + quoted(k);
+            fail(where + ": unknown key " + quoted(it.key()) + " (known: " + list + ")");
+        }
+    }
+}
+
+double number(const Json& value, const std::string& what) {
+    if (!value.is_number()) fail(what + " must be a number");
+    const double v = value.get<double>();
+    if (!std::isfinite(v)) fail(what + " must be a finite number");
+    return v;
+}
+
+int64_t integer(const Json& value, const std::string& what) {
+    if (value.is_number_integer()) return value.get<int64_t>();
+    if (value.is_number_float()) {
+        const double v = value.get<double>();
+        if (std::isfinite(v) && v == std::floor(v) && std::fabs(v) < 9e15)
+            return static_cast<int64_t>(v);
+    }
+    fail(what + " must be a whole number");
+}
+
+uint32_t index(const Json& value, const std::string& what) {
+    const int64_t v = integer(value, what);
+    if (v < 0 || v > int64_t(UINT32_MAX)) fail(what + " must be 0 or more");
+    return static_cast<uint32_t>(v);
+}
+
+std::string text(const Json& value, const std::string& what) {
+    if (!value.is_string()) fail(what + " must be a string");
+    return value.get<std::string>();
+}
+
+std::array<float, 2> point(const Json& value, const std::string& what) {
+    if (!value.is_array() || value.size() != 2) fail(what + " must be [x, y]");
+    return {static_cast<float>(number(value[0], what + "[0]")),
+            static_cast<float>(number(value[1], what + "[1]"))};
+}
+
+// ---- the runner --------------------------------------------------------------------------
+
+struct Output {
+    fs::path path;
+    std::string bytes;
+};
+
+std::string saveToMemory(Document& doc) {
+    if (!doc.pdDoc()) fail("the document is closed");
+    void* data = nullptr;
+    size_t size = 0;
+    const PDResult r = PDDocSaveMem(doc.pdDoc(), &data, &size);
+    if (r != PD_OK) fail("cannot save the document: " + errorText(r));
+    std::string bytes(static_cast<const char*>(data), size);
+    PDFreeBuffer(data);
+    return bytes;
+}
+
+// A widget a command works on, and the page whose annotation list holds it.
+struct WidgetRef {
+    uint32_t page = 0;
+    Handle annot;
+};
+
+class Runner {
+  public:
+    Runner(qfhost::Host& host, qfhost::ModuleLoader& loader, fs::path scriptDir)
+        : host_(host), loader_(loader), scriptDir_(std::move(scriptDir)) {}
+
+    // Runs one step (an object with one verb). Throws StepFailure, HostError or PdError.
+    void run(const std::string& verb, const Json& args) {
+        struct Verb {
+            const char* name;
+            void (Runner::*run)(const Json&);
+        };
+        static constexpr Verb kVerbs[] = {
+            {"new", &Runner::newDocument}, {"open", &Runner::open}, {"view", &Runner::view},
+            {"tool", &Runner::tool},       {"drag", &Runner::drag}, {"click", &Runner::click},
+            {"key", &Runner::key},         {"set", &Runner::set},   {"command", &Runner::command},
+            {"undo", &Runner::undo},       {"redo", &Runner::redo}, {"save", &Runner::save},
+        };
+        for (const Verb& v : kVerbs) {
+            if (verb == v.name) return (this->*v.run)(args);
+        }
+        std::string list;
+        for (const Verb& v : kVerbs)
+            list += (list.empty() ? "" : ", ") + std::string(v.name);
+        fail("unknown verb " + quoted(verb) + " (verbs: " + list + ")");
+    }
+
+    // Opens path (as given on the command line) in a new view.
+    void openFile(const fs::path& path) {
+        std::error_code ec;
+        if (!fs::is_regular_file(path, ec)) fail("no such file");
+        host_.openView(host_.openDocument(path.string()));
+    }
+
+    // Adds an output; a later output to the same file replaces the earlier one.
+    void keep(fs::path path, std::string bytes) {
+        for (Output& o : outputs_) {
+            if (o.path == path) {
+                o.bytes = std::move(bytes);
+                return;
+            }
+        }
+        outputs_.push_back({std::move(path), std::move(bytes)});
+    }
+
+    const std::vector<Output>& outputs() const { return outputs_; }
+
+  private:
+    fs::path resolve(const std::string& path) const {
+        const fs::path p = fs::u8path(path);
+        return (p.is_absolute() ? p : scriptDir_ / p).lexically_normal();
+    }
+
+    View& currentView() {
+        View* view = host_.currentView();
+        if (!view) fail("no document is open: start with \"new\" or \"open\", or give --in");
+        return *view;
+    }
+
+    View& viewWithTool() {
+        View& view = currentView();
+        if (!view.activeTool()) fail("no tool is active: activate one with \"tool\" first");
+        return view;
+    }
+
+    // The calling thread's failure record of the module, when it is the record of code.
+    std::optional<std::string> moduleRecord(uint32_t code) const {
+        qfhost::ServiceObject* so = loader_.initService();
+        if (!so) return std::nullopt;
+        SODetails::ErrorInfo info{};
+        if (SODetails::header(so)->base.GetLastErrorInfo(so, &info, nullptr) != 0)
+            return std::nullopt;
+        if (info.code != code || !info.message) return std::nullopt;
+        return toUtf8(info.message);
+    }
+
+    // A call into the host or the module answered code: reports the module's failure
+    // text for it, or fallback when the module left no record of that code. Read the
+    // record right after the failing call, before anything else calls into the module.
+    [[noreturn]] void failed(uint32_t code, const std::string& fallback) const {
+        throw StepFailure(code, moduleRecord(code).value_or(fallback));
+    }
+
+    // ---- verbs ----
+
+    void newDocument(const Json& a) {
+        onlyKeys(a, {"pages", "size", "rotate"}, "new");
+        uint32_t pages = 1;
+        if (const Json* p = optionalMember(a, "pages")) pages = index(*p, "new: pages");
+        if (pages < 1 || pages > 100000) fail("new: pages must be 1 to 100000");
+        std::array<float, 2> size{612, 792};
+        if (const Json* s = optionalMember(a, "size")) size = point(*s, "new: size");
+        if (!(size[0] > 0 && size[1] > 0)) fail("new: size must be positive");
+        std::vector<int32_t> rotate;
+        if (const Json* r = optionalMember(a, "rotate")) {
+            if (!r->is_array() || r->size() != pages)
+                fail("new: rotate must hold one angle per page (" + std::to_string(pages) + ")");
+            for (size_t i = 0; i < r->size(); ++i) {
+                const std::string what = "new: rotate[" + std::to_string(i) + "]";
+                const int64_t degrees = integer((*r)[i], what);
+                if (degrees % 90 != 0 || std::llabs(degrees) > 3600)
+                    fail(what + " must be a multiple of 90");
+                rotate.push_back(static_cast<int32_t>(degrees));
+            }
+        }
+        Document& doc = host_.newDocument(pages, size[0], size[1]);
+        for (uint32_t i = 0; i < rotate.size(); ++i) {
+            Handle page;
+            check(PDDocGetPage(doc.pdDoc(), i, page.out()));
+            check(PDPageSetRotate(page.get(), rotate[i]));
+        }
+        host_.openView(doc);
+    }
+
+    void open(const Json& a) {
+        const fs::path path = resolve(text(a, "open: the file"));
+        std::error_code ec;
+        if (!fs::is_regular_file(path, ec)) fail("open: no such file: " + path.string());
+        host_.openView(host_.openDocument(path.string()));
+    }
+
+    void view(const Json& a) {
+        onlyKeys(a, {"zoom", "rotation"}, "view");
+        View& v = currentView();
+        if (const Json* z = optionalMember(a, "zoom")) {
+            const double zoom = number(*z, "view: zoom");
+            if (!(zoom > 0 && zoom <= 64)) fail("view: zoom must be above 0 and at most 64");
+            v.setZoom(static_cast<float>(zoom));
+        }
+        if (const Json* r = optionalMember(a, "rotation")) {
+            const int64_t degrees = integer(*r, "view: rotation");
+            if (degrees != 0 && degrees != 90 && degrees != 180 && degrees != 270)
+                fail("view: rotation must be 0, 90, 180 or 270");
+            v.setRotation(static_cast<uint32_t>(degrees));
+        }
+    }
+
+    void tool(const Json& a) {
+        const std::string name = text(a, "tool: the tool's name");
+        View& v = currentView();
+        if (!host_.tasks().tools().contains(atomOf(name))) {
+            std::vector<std::string> names;
+            for (uint32_t atom : host_.tasks().tools().atoms())
+                names.push_back(atomText(atom));
+            std::sort(names.begin(), names.end());
+            std::string list;
+            for (const std::string& n : names)
+                list += (list.empty() ? "" : ", ") + n;
+            fail("no tool is registered as " + quoted(name) + " (tools: " + list + ")");
+        }
+        const uint32_t rc = v.activateTool(name);
+        if (rc != 0) failed(rc, "the tool " + quoted(name) + " did not start");
+    }
+
+    // Modifier bits from ["shift", "control"].
+    static uint32_t modifiers(const Json* list, const std::string& where) {
+        if (!list) return 0;
+        if (!list->is_array()) fail(where + ": modifiers must be a list");
+        uint32_t bits = 0;
+        for (const Json& m : *list) {
+            const std::string name = text(m, where + ": a modifier");
+            if (name == "shift")
+                bits |= QF::kModifierShift;
+            else if (name == "control")
+                bits |= QF::kModifierControl;
+            else
+                fail(where + ": unknown modifier " + quoted(name) + " (shift, control)");
+        }
+        return bits;
+    }
+
+    static uint32_t button(const Json* value, const std::string& where) {
+        if (!value) return QF::kButtonLeft;
+        const std::string name = text(*value, where + ": button");
+        if (name == "left") return QF::kButtonLeft;
+        if (name == "right") return QF::kButtonRight;
+        fail(where + ": button must be \"left\" or \"right\"");
+    }
+
+    // The page of a pointer step, checked against the current document.
+    uint32_t pageOf(const Json& a, View& v, const std::string& where) {
+        const uint32_t page = index(member(a, "page", where), where + ": page");
+        if (page >= v.document().pageCount())
+            fail(where + ": page " + std::to_string(page) + " is past the last page (" +
+                 std::to_string(v.document().pageCount()) + " pages)");
+        return page;
+    }
+
+    // Hands one event to the active tool; fails when the tool does.
+    bool send(View& v, uint32_t type, uint32_t subcode, std::array<int32_t, 2> at, uint32_t mods,
+              const char* what) {
+        if (!v.activeTool()) fail(std::string("no tool is active for the ") + what);
+        bool handled = false;
+        const QF::InputEvent event{type, subcode, at[0], at[1], mods};
+        const uint32_t rc = v.sendEvent(event, &handled);
+        if (rc != 0) failed(rc, std::string("the tool refused the ") + what);
+        return handled;
+    }
+
+    // Press at from, pointer moves towards to, release at to, in view pixels.
+    void press(View& v, uint32_t page, std::array<float, 2> from, std::array<float, 2> to,
+               uint32_t btn, uint32_t mods, int moves, const std::string& where) {
+        const auto a = v.pageToView(page, from[0], from[1]);
+        const auto b = v.pageToView(page, to[0], to[1]);
+        const bool handled = send(v, QF::kEventButtonDown, btn, a, mods, "button press");
+        if (!handled && btn == QF::kButtonLeft) {
+            std::ostringstream out;
+            out << where << ": the tool did not take the press at (" << from[0] << ", " << from[1]
+                << ") on page " << page;
+            if (v.pageAt(a[0], a[1]) != int64_t(page)) out << ", which lies beside the page";
+            fail(out.str());
+        }
+        for (int i = 1; i <= moves; ++i) {
+            const std::array<int32_t, 2> at{a[0] + (b[0] - a[0]) * i / moves,
+                                            a[1] + (b[1] - a[1]) * i / moves};
+            send(v, QF::kEventMove, 0, at, mods, "pointer move");
+        }
+        send(v, QF::kEventButtonUp, btn, b, mods, "button release");
+    }
+
+    void drag(const Json& a) {
+        onlyKeys(a, {"page", "from", "to", "button", "modifiers"}, "drag");
+        View& v = viewWithTool();
+        const uint32_t page = pageOf(a, v, "drag");
+        press(v, page, point(member(a, "from", "drag"), "drag: from"),
+              point(member(a, "to", "drag"), "drag: to"),
+              button(optionalMember(a, "button"), "drag"),
+              modifiers(optionalMember(a, "modifiers"), "drag"), 4, "drag");
+    }
+
+    void click(const Json& a) {
+        onlyKeys(a, {"page", "at", "button", "modifiers"}, "click");
+        View& v = viewWithTool();
+        const uint32_t page = pageOf(a, v, "click");
+        const auto at = point(member(a, "at", "click"), "click: at");
+        press(v, page, at, at, button(optionalMember(a, "button"), "click"),
+              modifiers(optionalMember(a, "modifiers"), "click"), 0, "click");
+    }
+
+    void key(const Json& a) {
+        onlyKeys(a, {"code"}, "key");
+        const uint32_t code = index(member(a, "code", "key"), "key: code");
+        View& v = viewWithTool();
+        send(v, QF::kEventKeyDown, code, {0, 0}, 0, "key press");
+        send(v, QF::kEventKey, code, {0, 0}, 0, "key");
+    }
+
+    void set(const Json& a) {
+        onlyKeys(a, {"property", "value"}, "set");
+        const std::string name = text(member(a, "property", "set"), "set: property");
+        const Json& value = member(a, "value", "set");
+        View& v = viewWithTool();
+        const uint32_t refreshed = v.refreshToolProperties();
+        if (refreshed != 0) failed(refreshed, "the tool could not fill its property sheet");
+
+        const std::u16string area = u"ToolArea";
+        qfhost::ObjectPtr property = host_.properties().find(area, toUtf16(name));
+        if (!property) {
+            std::string list;
+            for (const qfhost::ObjectPtr& p : host_.properties().properties(area))
+                list += (list.empty() ? "" : ", ") + toUtf8(qfhost::property::name(p.get()));
+            fail("the tool " + quoted(v.activeToolName()) + " has no property " + quoted(name) +
+                 " (its properties: " + (list.empty() ? "none" : list) + ")");
+        }
+        const uint32_t type = qfhost::property::type(property.get());
+        uint32_t rc = 0;
+        if (value.is_string()) {
+            if (type != QF::kPropertyText)
+                fail("set: " + quoted(name) + " holds [export, display] pairs, not a text");
+            rc = qfhost::property::setText(property.get(), toUtf16(value.get<std::string>()));
+        } else if (value.is_array()) {
+            if (type != QF::kPropertyStringPairList)
+                fail("set: " + quoted(name) + " holds a text, not a list of pairs");
+            std::vector<std::pair<std::u16string, std::u16string>> pairs;
+            for (const Json& pair : value) {
+                if (!pair.is_array() || pair.size() != 2 || !pair[0].is_string() ||
+                    !pair[1].is_string())
+                    fail("set: each pair must be [\"export\", \"display\"]");
+                pairs.emplace_back(toUtf16(pair[0].get<std::string>()),
+                                   toUtf16(pair[1].get<std::string>()));
+            }
+            rc = qfhost::property::setPairs(property.get(), pairs);
+        } else {
+            fail("set: value must be a text or a list of [export, display] pairs");
+        }
+        if (rc != 0) failed(rc, "the tool refused the value of " + quoted(name));
+    }
+
+    // A widget named by {"page": P, "index": K} or {"field": "Name", "widget": K}.
+    WidgetRef widgetRef(const Json& w, Document& doc, const std::string& where) {
+        WidgetRef ref;
+        if (w.is_object() && w.contains("page")) {
+            onlyKeys(w, {"page", "index"}, where);
+            ref.page = index(member(w, "page", where), where + ": page");
+            const uint32_t k = index(member(w, "index", where), where + ": index");
+            if (ref.page >= doc.pageCount())
+                fail(where + ": page " + std::to_string(ref.page) + " is past the last page");
+            Handle page;
+            check(PDDocGetPage(doc.pdDoc(), ref.page, page.out()));
+            uint32_t count = 0;
+            check(PDPageGetNumAnnots(page.get(), &count));
+            if (k >= count)
+                fail(where + ": page " + std::to_string(ref.page) + " has " +
+                     std::to_string(count) + " annotations, no index " + std::to_string(k));
+            check(PDPageGetAnnot(page.get(), k, ref.annot.out()));
+            return ref;
+        }
+        if (!w.is_object() || !w.contains("field"))
+            fail(where + " must be {\"page\": P, \"index\": K} or {\"field\": \"Name\"}");
+        onlyKeys(w, {"field", "widget"}, where);
+        const std::string name = text(member(w, "field", where), where + ": field");
+        uint32_t k = 0;
+        if (const Json* n = optionalMember(w, "widget")) k = index(*n, where + ": widget");
+        const std::u16string name16 = toUtf16(name);
+        Handle field;
+        check(PDDocFindField(doc.pdDoc(), name16.data(), static_cast<uint32_t>(name16.size()),
+                             field.out()));
+        if (!field) fail(where + ": no field is named " + quoted(name));
+        uint32_t count = 0;
+        check(PDFieldGetNumWidgets(field.get(), &count));
+        if (k >= count)
+            fail(where + ": the field " + quoted(name) + " has " + std::to_string(count) +
+                 " widgets, no widget " + std::to_string(k));
+        check(PDFieldGetWidget(field.get(), k, ref.annot.out()));
+        for (uint32_t p = 0; p < doc.pageCount(); ++p) {
+            Handle page;
+            check(PDDocGetPage(doc.pdDoc(), p, page.out()));
+            uint32_t at = 0;
+            const PDResult r = PDPageGetAnnotIndex(page.get(), ref.annot.get(), &at);
+            if (r == PD_OK) {
+                ref.page = p;
+                return ref;
+            }
+            if (r != PD_ERR_NOT_FOUND) check(r);
+        }
+        fail(where + ": widget " + std::to_string(k) + " of " + quoted(name) + " is on no page");
+    }
+
+    void execute(const std::string& name, void* params) {
+        const uint32_t atom = atomOf(name);
+        if (!host_.commands().factories().contains(atom))
+            fail("the module registers no command " + quoted(name));
+        const QF::CommandArgs args{++commandId_, atom, params};
+        const uint32_t rc = host_.commands().execute(&args);
+        if (rc != 0) failed(rc, "the command " + quoted(name) + " failed");
+    }
+
+    void command(const Json& a) {
+        const std::string name = text(member(a, "name", "command"), "command: name");
+        Document& doc = currentView().document();
+        if (name == "Widget_Rename") {
+            onlyKeys(a, {"name", "widget", "newName"}, "command Widget_Rename");
+            WidgetRef w = widgetRef(member(a, "widget", "command Widget_Rename"), doc,
+                                    "command Widget_Rename: widget");
+            const std::u16string newName =
+                toUtf16(text(member(a, "newName", "command Widget_Rename"), "command: newName"));
+            QF::RenameWidgetParams params{doc.object(), w.page, w.annot.get(), newName.c_str()};
+            execute(name, &params);
+        } else if (name == "GroupRadioButtons") {
+            onlyKeys(a, {"name", "widgets"}, "command GroupRadioButtons");
+            const Json& list = member(a, "widgets", "command GroupRadioButtons");
+            if (!list.is_array()) fail("command GroupRadioButtons: widgets must be a list");
+            std::vector<WidgetRef> refs;
+            for (size_t i = 0; i < list.size(); ++i)
+                refs.push_back(widgetRef(
+                    list[i], doc, "command GroupRadioButtons: widgets[" + std::to_string(i) + "]"));
+            std::vector<PDAnnot> items;
+            for (const WidgetRef& r : refs)
+                items.push_back(r.annot.get());
+            const QF::WidgetList widgets{items.data(), items.size()};
+            QF::GroupRadioButtonsParams params{doc.object(), refs.empty() ? 0 : refs.front().page,
+                                               &widgets};
+            execute(name, &params);
+        } else if (name == "AddWidget") {
+            fail("AddWidget is run by the creation tools: use \"tool\" with \"click\" or "
+                 "\"drag\"");
+        } else {
+            fail("the runner builds the parameters of Widget_Rename and GroupRadioButtons "
+                 "only, not of " +
+                 quoted(name));
+        }
+    }
+
+    void undoOrRedo(const Json& a, bool undo) {
+        const char* verb = undo ? "undo" : "redo";
+        const int64_t count = integer(a, std::string(verb) + ": the count");
+        if (count < 1) fail(std::string(verb) + ": the count must be 1 or more");
+        for (int64_t i = 0; i < count; ++i) {
+            const uint32_t rc = undo ? host_.commands().undo() : host_.commands().redo();
+            if (rc == 1)
+                fail(std::string("nothing left to ") + verb + " after " + std::to_string(i) +
+                     " of " + std::to_string(count));
+            if (rc != 0) failed(rc, std::string("the command refused to ") + verb);
+        }
+    }
+    void undo(const Json& a) { undoOrRedo(a, true); }
+    void redo(const Json& a) { undoOrRedo(a, false); }
+
+    void save(const Json& a) {
+        const fs::path path = resolve(text(a, "save: the file"));
+        keep(path, saveToMemory(currentView().document()));
+    }
+
+    qfhost::Host& host_;
+    qfhost::ModuleLoader& loader_;
+    fs::path scriptDir_;
+    std::vector<Output> outputs_;
+    uint32_t commandId_ = 0;
+};
+
+// ---- writing -------------------------------------------------------------------------------
+
+// Writes bytes to path through a new file beside it and a rename, so that a failure leaves
+// the target as it was. Returns the problem, or nothing.
+std::optional<std::string> writeAtomically(const fs::path& path, const std::string& bytes) {
+    std::random_device random;
+    const fs::path dir = path.parent_path().empty() ? fs::path(".") : path.parent_path();
+    fs::path temp;
+    std::FILE* file = nullptr;
+    for (int attempt = 0; attempt < 16 && !file; ++attempt) {
+        temp = dir / ("." + path.filename().string() + ".qfforms-" + hex(random()).substr(2));
+        file = std::fopen(temp.string().c_str(), "wbx"); // fails when the name is taken
+    }
+    if (!file) return "cannot create a file in " + dir.string();
+    const bool written = std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
+    const bool closed = std::fclose(file) == 0;
+    std::error_code ec;
+    if (written && closed) fs::rename(temp, path, ec);
+    if (!written || !closed || ec) {
+        fs::remove(temp, ec);
+        return "cannot write the file";
+    }
+    return std::nullopt;
+}
+
+// ---- options ---------------------------------------------------------------------------------
+
+struct Options {
+    std::string script;
+    std::string in;
+    std::string out;
+    std::string settings;
+    std::string module;
+    std::string language = "en";
+    bool keepGoing = false;
+    bool help = false;
+};
+
+// Fills options from the arguments; returns the usage problem, if any.
+std::optional<std::string> parseOptions(const std::vector<std::string>& args, Options& o) {
+    struct Valued {
+        const char* name;
+        std::string Options::*field;
+    };
+    static const Valued kValued[] = {{"--in", &Options::in},
+                                     {"--out", &Options::out},
+                                     {"--lang", &Options::language},
+                                     {"--settings", &Options::settings},
+                                     {"--module", &Options::module}};
+    bool scriptSeen = false;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& arg = args[i];
+        if (arg == "-h" || arg == "--help") {
+            o.help = true;
+            continue;
+        }
+        if (arg == "--keep-going") {
+            o.keepGoing = true;
+            continue;
+        }
+        bool matched = false;
+        for (const Valued& v : kValued) {
+            const std::string name = v.name;
+            if (arg == name) {
+                if (i + 1 >= args.size()) return name + " needs a value";
+                o.*v.field = args[++i];
+            } else if (arg.rfind(name + "=", 0) == 0) {
+                o.*v.field = arg.substr(name.size() + 1);
+            } else {
+                continue;
+            }
+            if ((o.*v.field).empty()) return name + " needs a value";
+            matched = true;
+            break;
+        }
+        if (matched) continue;
+        if (arg.size() > 1 && arg[0] == '-') return "unknown option '" + arg + "'";
+        if (scriptSeen) return "run takes one script";
+        if (arg.empty()) return "empty script name";
+        o.script = arg;
+        scriptSeen = true;
+    }
+    if (o.help) return std::nullopt;
+    if (!scriptSeen) return "run needs a script";
+    if (o.language != "en" && o.language != "ja")
+        return "unknown language '" + o.language + "' (en, ja)";
+    return std::nullopt;
+}
+
+std::string modulePath(const Options& o) {
+    if (!o.module.empty()) return o.module;
+    const char* env = std::getenv("QF_FORMS_MODULE");
+    if (env && *env) return env;
+    return QF_FORMS_MODULE_PATH;
+}
+
+int runUsageError(const std::string& message) {
+    std::cerr << "qfforms: " << message << "\n" << kRunHelp;
+    return 2;
+}
+
+void report(size_t step, const std::string& verb, const std::optional<uint32_t>& code,
+            const std::string& message) {
+    std::cerr << "qfforms: step " << step;
+    if (!verb.empty()) std::cerr << " (" << verb << ")";
+    std::cerr << ": ";
+    if (code) std::cerr << "code " << *code << " (" << hex(*code) << "): ";
+    std::cerr << message << "\n";
+}
+
+// Runs the steps; returns how many failed (stops after the first without keepGoing).
+size_t runSteps(Runner& runner, const Json& steps, bool keepGoing) {
+    size_t failures = 0;
+    for (size_t i = 0; i < steps.size(); ++i) {
+        const Json& step = steps[i];
+        std::string verb;
+        std::optional<uint32_t> code;
+        std::string message;
+        try {
+            if (!step.is_object() || step.size() != 1)
+                fail("a step is an object with exactly one verb, such as {\"tool\": "
+                     "\"TextFieldCreate\"}");
+            verb = step.begin().key();
+            runner.run(verb, step.begin().value());
+            continue;
+        } catch (const StepFailure& e) {
+            code = e.code();
+            message = e.what();
+        } catch (const HostError& e) {
+            code = e.code();
+            message = e.what();
+        } catch (const PdError& e) {
+            message = std::string("pdfcore: ") + e.what();
+        } catch (const std::exception& e) {
+            message = e.what();
+        }
+        report(i, verb, code, message);
+        ++failures;
+        if (!keepGoing) break;
+    }
+    return failures;
+}
+
+} // namespace
+
+int runCommand(const std::vector<std::string>& args) {
+    Options options;
+    if (auto problem = parseOptions(args, options)) return runUsageError(*problem);
+    if (options.help) {
+        std::cout << kRunHelp;
+        return 0;
+    }
+
+    // The script, before anything is loaded.
+    const fs::path scriptPath = fs::u8path(options.script);
+    std::ifstream in(scriptPath, std::ios::binary);
+    if (!in) {
+        std::cerr << "qfforms: " << options.script << ": cannot read the script\n";
+        return 1;
+    }
+    std::ostringstream buffer;
+    buffer << in.rdbuf();
+    Json steps;
+    try {
+        steps = parseScript(buffer.str());
+    } catch (const std::exception& e) {
+        std::cerr << "qfforms: " << options.script << ": " << e.what() << "\n";
+        return 1;
+    }
+    if (!steps.is_array()) {
+        std::cerr << "qfforms: " << options.script << ": the script must be a JSON array of "
+                  << "steps\n";
+        return 1;
+    }
+
+    // The host first, so that the loader (and the module's objects) go before it.
+    std::optional<qfhost::Host> host;
+    std::optional<qfhost::ModuleLoader> loader;
+    try {
+        host.emplace();
+        loader.emplace(&*host);
+    } catch (const std::exception& e) {
+        std::cerr << "qfforms: cannot start the host: " << e.what() << "\n";
+        return 1;
+    }
+    const std::string module = modulePath(options);
+    try {
+        loader->load(module);
+    } catch (const std::exception& e) {
+        std::cerr << "qfforms: cannot load the forms module " << module << ": " << e.what() << "\n";
+        return 1;
+    }
+    host->strings().setLanguage(options.language);
+    std::string settings = options.settings;
+    std::error_code ec;
+    if (settings.empty() && fs::is_regular_file(qfhost::UserSettings::defaultPath(), ec))
+        settings = qfhost::UserSettings::defaultPath();
+    if (!settings.empty()) {
+        if (!fs::is_regular_file(fs::u8path(settings), ec)) {
+            std::cerr << "qfforms: " << settings << ": no such settings file\n";
+            return 1;
+        }
+        try {
+            host->settings().load(settings);
+        } catch (const std::exception& e) {
+            std::cerr << "qfforms: " << settings << ": " << e.what() << "\n";
+            return 1;
+        }
+    }
+
+    Runner runner(*host, *loader, scriptPath.parent_path());
+    if (!options.in.empty()) {
+        try {
+            runner.openFile(fs::u8path(options.in));
+        } catch (const std::exception& e) {
+            std::cerr << "qfforms: " << options.in << ": " << e.what() << "\n";
+            return 1;
+        }
+    }
+
+    const size_t failures = runSteps(runner, steps, options.keepGoing);
+    if (failures != 0 && !options.keepGoing) return 1;
+
+    if (!options.out.empty()) {
+        Document* doc = host->currentDocument();
+        if (!doc) {
+            std::cerr << "qfforms: --out: the script opened no document\n";
+            return 1;
+        }
+        try {
+            runner.keep(fs::u8path(options.out), saveToMemory(*doc));
+        } catch (const std::exception& e) {
+            std::cerr << "qfforms: " << options.out << ": " << e.what() << "\n";
+            return 1;
+        }
+    }
+    bool written = true;
+    for (const Output& o : runner.outputs()) {
+        if (auto problem = writeAtomically(o.path, o.bytes)) {
+            std::cerr << "qfforms: " << o.path.string() << ": " << *problem << "\n";
+            written = false;
+            continue;
+        }
+        std::cout << "wrote " << fs::absolute(o.path, ec).lexically_normal().string() << "\n";
+    }
+    if (failures != 0) {
+        std::cerr << "qfforms: " << failures << " of " << steps.size() << " steps failed\n";
+        return 1;
+    }
+    return written ? 0 : 1;
+}
+
+} // namespace qfforms

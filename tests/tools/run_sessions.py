@@ -1,0 +1,425 @@
+#!/usr/bin/python3
+"""Tests of `qfforms run`: authoring sessions replayed through the forms module.
+
+    run_sessions.py --qfforms BIN --example SCRIPT --corpus DIR CHECK
+
+CHECK is one of:
+  example   the bundled example script: qpdf --check, the fields as pypdf reads them,
+            and every widget drawn by pdftoppm inside its rectangle
+  undo      undoing every step gives back the document as it was, on a new document and
+            on a real form; redoing gives the authored one again
+  failures  failing steps, bad scripts and bad options: status, message, nothing written
+
+Run with Debian's /usr/bin/python3 (python3-pypdf). Exit status 0 when every check passed.
+"""
+
+import argparse
+import json
+import logging
+import os
+import shutil
+import subprocess
+import sys
+import tempfile
+
+from pypdf import PdfReader
+
+logging.getLogger("pypdf").setLevel(logging.CRITICAL)
+
+TIMEOUT = 120
+failures = []
+
+
+def check(condition, message):
+    if not condition:
+        failures.append(message)
+    return condition
+
+
+def run(args, **kwargs):
+    return subprocess.run(args, capture_output=True, text=True, timeout=TIMEOUT, **kwargs)
+
+
+def qfforms(binary, *args):
+    return run([binary, *map(str, args)])
+
+
+def write_script(folder, name, steps):
+    path = os.path.join(folder, name)
+    with open(path, "w", encoding="utf-8") as f:
+        json.dump(steps, f, ensure_ascii=False)
+    return path
+
+
+# ---- reading a form with pypdf ------------------------------------------------------------
+
+
+def resolved(obj):
+    return obj.get_object() if hasattr(obj, "get_object") else obj
+
+
+def field_of(widget):
+    """The terminal field dictionary of a widget (itself when merged)."""
+    return widget if "/T" in widget else resolved(widget.get("/Parent"))
+
+
+def full_name(field):
+    parts = []
+    while field is not None:
+        if "/T" in field:
+            parts.append(str(field["/T"]))
+        field = resolved(field.get("/Parent")) if "/Parent" in field else None
+    return ".".join(reversed(parts))
+
+
+def inherited(field, key):
+    while field is not None:
+        if key in field:
+            return resolved(field[key])
+        field = resolved(field.get("/Parent")) if "/Parent" in field else None
+    return None
+
+
+def form_of(path):
+    """Pages with their annotations, and fields by full name, as plain values."""
+    reader = PdfReader(path)
+    pages = []
+    for page in reader.pages:
+        annots = []
+        for ref in page.get("/Annots", []) or []:
+            a = resolved(ref)
+            entry = {
+                "subtype": str(a.get("/Subtype")),
+                "rect": [round(float(v), 2) for v in a["/Rect"]],
+            }
+            if entry["subtype"] == "/Widget":
+                entry["field"] = full_name(field_of(a))
+            annots.append(entry)
+        pages.append({"rotate": int(page.get("/Rotate", 0)), "annots": annots})
+    fields = {}
+    for name, f in (reader.get_fields() or {}).items():
+        fields[name] = {
+            "type": str(f.get("/FT")),
+            "flags": int(f.get("/Ff", 0) or 0),
+            "value": str(f.get("/V")) if f.get("/V") is not None else None,
+        }
+    return {"pages": pages, "fields": fields}
+
+
+def widgets_of(path):
+    """Every widget annotation: (page index, annotation dictionary)."""
+    reader = PdfReader(path)
+    out = []
+    for index, page in enumerate(reader.pages):
+        for ref in page.get("/Annots", []) or []:
+            a = resolved(ref)
+            if a.get("/Subtype") == "/Widget":
+                out.append((index, a, page))
+    return out
+
+
+# ---- rendering ----------------------------------------------------------------------------
+
+
+def render_gray(pdf, folder, page, dpi):
+    """Page `page` (0-based) rendered by pdftoppm as a grey map: (width, height, bytes)."""
+    prefix = os.path.join(folder, "render")
+    result = run(["pdftoppm", "-gray", "-r", str(dpi), "-f", str(page + 1), "-l", str(page + 1),
+                  "-singlefile", pdf, prefix])
+    if result.returncode != 0:
+        raise RuntimeError("pdftoppm failed: " + result.stderr)
+    with open(prefix + ".pgm", "rb") as f:
+        data = f.read()
+    # P5 header: magic, width, height, maxval, each followed by white space.
+    fields = []
+    pos = 0
+    while len(fields) < 4:
+        while data[pos:pos + 1].isspace():
+            pos += 1
+        start = pos
+        while not data[pos:pos + 1].isspace():
+            pos += 1
+        fields.append(data[start:pos])
+    pos += 1
+    return int(fields[1]), int(fields[2]), data[pos:]
+
+
+def to_pixels(rect, page, dpi):
+    """A page-space rectangle as a pixel box of the page rendered at dpi, with /Rotate."""
+    box = [float(v) for v in page.cropbox]
+    left, bottom, right, top = box
+    w, h = right - left, top - bottom
+    rotate = int(page.get("/Rotate", 0)) % 360
+    scale = dpi / 72.0
+    xs, ys = [], []
+    for x, y in ((rect[0], rect[1]), (rect[2], rect[3]), (rect[0], rect[3]), (rect[2], rect[1])):
+        u, v = x - left, y - bottom
+        if rotate == 0:
+            dx, dy = u, h - v
+        elif rotate == 90:
+            dx, dy = v, u
+        elif rotate == 180:
+            dx, dy = w - u, v
+        else:
+            dx, dy = h - v, w - u
+        xs.append(dx * scale)
+        ys.append(dy * scale)
+    return int(min(xs)), int(min(ys)), int(max(xs)), int(max(ys))
+
+
+def dark_pixels(image, box, threshold):
+    width, height, pixels = image
+    x0, y0, x1, y1 = box
+    count = 0
+    for y in range(max(0, y0), min(height, y1 + 1)):
+        row = pixels[y * width:(y + 1) * width]
+        for x in range(max(0, x0), min(width, x1 + 1)):
+            if row[x] < threshold:
+                count += 1
+    return count
+
+
+# ---- checks -------------------------------------------------------------------------------
+
+# name -> (type, flags, rect, caption, rotation)
+EXPECTED = {
+    "Text1": ("/Tx", 0, [72, 698, 300, 720], None, 0),
+    "CheckBox1": ("/Btn", 0, [72, 656, 86, 670], "6", 0),
+    "RadioGroup1": ("/Btn", 0x8000, [72, 626, 86, 640], "6", 0),
+    "ComboBox1": ("/Ch", 0x20000, [72, 588, 250, 610], None, 0),
+    "Button1": ("/Btn", 0x10000, [72, 456, 144, 480], "Button1", 0),
+    "PrintButton1": ("/Btn", 0x10000, [160, 456, 232, 480], "Print", 0),
+    "EmailButton1": ("/Btn", 0x10000, [248, 456, 320, 480], "Email", 0),
+    "SaveButton1": ("/Btn", 0x10000, [336, 456, 408, 480], "Save As", 0),
+    "SubmitButton1": ("/Btn", 0x10000, [424, 456, 496, 480], "Submit", 0),
+    "ListBox1": ("/Ch", 0, [300, 100, 366, 250], None, 90),
+    "Signature1": ("/Sig", 0, [100, 400, 160, 600], None, 90),
+}
+
+ACTIONS = {
+    "PrintButton1": ("/JavaScript", "this.print(true);"),
+    "EmailButton1": ("/JavaScript", 'this.mailDoc(true, "", "", "", "");'),
+    "SaveButton1": ("/Named", "/SaveAs"),
+    "SubmitButton1": ("/JavaScript",
+                      'this.submitForm({cURL: "https://example.com/submit", cSubmitAs: "PDF"});'),
+}
+
+
+def check_example(args, folder):
+    out = os.path.join(folder, "all-kinds.pdf")
+    result = qfforms(args.qfforms, "run", args.example, "--out", out,
+                     "--settings", os.path.join(folder, "no-settings.json"))
+    if not check(result.returncode == 1 and "no such settings file" in result.stderr,
+                 "a missing --settings file is refused: " + result.stderr):
+        return
+    result = qfforms(args.qfforms, "run", args.example, "--out", out)
+    if not check(result.returncode == 0, "example: exit %d: %s" % (result.returncode,
+                                                                   result.stderr)):
+        return
+    check(os.path.abspath(out) in result.stdout, "example: the output is named on stdout")
+    qpdf = run(["qpdf", "--check", out])
+    check(qpdf.returncode == 0, "example: qpdf --check: " + qpdf.stdout + qpdf.stderr)
+
+    reader = PdfReader(out)
+    fields = reader.get_fields() or {}
+    check(sorted(fields) == sorted(EXPECTED), "example: fields %s" % sorted(fields))
+    widgets = widgets_of(out)
+    check(len(widgets) == len(EXPECTED), "example: %d widgets" % len(widgets))
+    images = {}
+    for page_index, widget, page in widgets:
+        field = field_of(widget)
+        name = full_name(field)
+        if not check(name in EXPECTED, "example: unexpected widget of " + name):
+            continue
+        ftype, flags, rect, caption, rotation = EXPECTED[name]
+        where = "example: " + name
+        check(str(inherited(field, "/FT")) == ftype, where + ": /FT")
+        check(int(inherited(field, "/Ff") or 0) == flags, where + ": /Ff")
+        got = [round(float(v), 2) for v in widget["/Rect"]]
+        check(got == rect, where + ": /Rect %s" % got)
+        mk = resolved(widget.get("/MK", {}))
+        check(int(mk.get("/R", 0)) == rotation, where + ": /MK /R")
+        check((str(mk["/CA"]) if "/CA" in mk else None) == caption, where + ": /MK /CA")
+        if caption == "6":
+            states = sorted(str(k) for k in resolved(widget["/AP"])["/N"].keys())
+            check(states == ["/Off", "/Yes"], where + ": states %s" % states)
+            check(widget.get("/AS") == "/Off", where + ": /AS")
+        action = resolved(widget.get("/A")) if "/A" in widget else None
+        if name in ACTIONS:
+            kind, content = ACTIONS[name]
+            if check(action is not None, where + ": no action"):
+                check(action.get("/S") == kind, where + ": action type")
+                got = str(action.get("/JS") if kind == "/JavaScript" else action.get("/N"))
+                check(got == content, where + ": action %r" % got)
+        else:
+            check(action is None, where + ": an action")
+
+        # Drawn inside its rectangle: the border at least, nothing much outside.
+        if page_index not in images:
+            images[page_index] = render_gray(out, folder, page_index, 72)
+        box = to_pixels(rect, page, 72)
+        inner = (box[0] + 1, box[1] + 1, box[2] - 1, box[3] - 1)
+        check(dark_pixels(images[page_index], inner, 230) >= 10,
+              where + ": nothing drawn in %s" % (box,))
+
+
+def example_steps(path):
+    with open(path, encoding="utf-8") as f:
+        return json.load(f)
+
+
+def check_undo(args, folder):
+    steps = example_steps(args.example)
+    commands = sum(1 for s in steps if "click" in s or "drag" in s)
+    # On a new document: its state right after "new" is the original.
+    script = [steps[0], {"save": "original.pdf"}] + steps[1:] + [
+        {"save": "made.pdf"}, {"undo": commands}, {"save": "undone.pdf"},
+        {"redo": commands}, {"save": "redone.pdf"}]
+    path = write_script(folder, "undo.json", script)
+    result = qfforms(args.qfforms, "run", path)
+    if not check(result.returncode == 0, "undo: exit %d: %s" % (result.returncode,
+                                                                result.stderr)):
+        return
+    original = form_of(os.path.join(folder, "original.pdf"))
+    made = form_of(os.path.join(folder, "made.pdf"))
+    check(len(made["fields"]) == len(EXPECTED), "undo: the example made its fields")
+    check(form_of(os.path.join(folder, "undone.pdf")) == original,
+          "undo: undoing every step does not give the new document back")
+    check(form_of(os.path.join(folder, "redone.pdf")) == made,
+          "undo: redoing every step does not give the authored document")
+
+    # On a real form: new fields beside the file's own, and one of its names typed.
+    source = os.path.join(args.corpus, "qpdf-field-types.pdf")
+    copy = os.path.join(folder, "form.pdf")
+    shutil.copyfile(source, copy)
+    before = form_of(copy)
+    joined = sorted(n for n, f in before["fields"].items() if f["type"] == "/Tx")[0]
+    script = [
+        {"tool": "TextFieldCreate"},
+        {"set": {"property": "FieldName", "value": joined}},
+        {"click": {"page": 0, "at": [400, 100]}},
+        {"tool": "CheckBoxCreate"},
+        {"click": {"page": 0, "at": [400, 60]}},
+        {"command": {"name": "Widget_Rename", "widget": {"field": "CheckBox1"},
+                     "newName": "Agreed"}},
+        {"save": "form-made.pdf"},
+        {"undo": 3},
+    ]
+    path = write_script(folder, "form.json", script)
+    out = os.path.join(folder, "form-undone.pdf")
+    result = qfforms(args.qfforms, "run", path, "--in", copy, "--out", out)
+    if not check(result.returncode == 0, "undo on a form: exit %d: %s" % (result.returncode,
+                                                                          result.stderr)):
+        return
+    made = form_of(os.path.join(folder, "form-made.pdf"))
+    check("Agreed" in made["fields"] and joined in made["fields"],
+          "undo on a form: the session did not do its work")
+    check(sum(1 for p in made["pages"] for a in p["annots"] if a.get("field") == joined) ==
+          sum(1 for p in before["pages"] for a in p["annots"] if a.get("field") == joined) + 1,
+          "undo on a form: the typed name did not add a widget to " + joined)
+    check(form_of(out) == before, "undo on a form: the form is not as it was")
+    check(open(copy, "rb").read() == open(source, "rb").read(), "undo on a form: input changed")
+
+
+def check_failures(args, folder):
+    out = os.path.join(folder, "never.pdf")
+    clash = [
+        {"new": {}},
+        {"tool": "TextFieldCreate"},
+        {"click": {"page": 0, "at": [72, 720]}},
+        {"tool": "CheckBoxCreate"},
+        {"set": {"property": "FieldName", "value": "Text1"}},
+        {"click": {"page": 0, "at": [72, 620]}},
+    ]
+    path = write_script(folder, "clash.json", clash)
+    result = qfforms(args.qfforms, "run", path, "--out", out)
+    check(result.returncode == 1, "clash: exit %d" % result.returncode)
+    check(result.stderr == "qfforms: step 4 (set): code 14 (0xe): This name is already set for "
+                           "a different field type.\n", "clash: stderr %r" % result.stderr)
+    check(not os.path.exists(out), "clash: an output was written")
+
+    # In Japanese the names and the texts are the translated ones.
+    clash[4]["set"]["value"] = "テキスト1"
+    path = write_script(folder, "clash-ja.json", clash)
+    result = qfforms(args.qfforms, "run", path, "--out", out, "--lang", "ja", "--keep-going")
+    check(result.returncode == 1, "clash ja: exit %d" % result.returncode)
+    check("step 4 (set): code 14 (0xe): この名前は、種類の異なるフィールドで既に使用されています。"
+          in result.stderr, "clash ja: stderr %r" % result.stderr)
+    check("1 of 6 steps failed" in result.stderr, "clash ja: the count of failed steps")
+    if check(os.path.exists(out), "clash ja: --keep-going writes the output"):
+        names = sorted((PdfReader(out).get_fields() or {}).keys())
+        check(names == ["チェックボックス1", "テキスト1"], "clash ja: fields %s" % names)
+        os.remove(out)
+
+    # Creation refused when a field of another kind took the typed name meanwhile.
+    refused = [{"new": {}}, {"tool": "RadioGroupCreate"},
+               {"set": {"property": "FieldName", "value": "Choice"}},
+               {"tool": "CheckBoxCreate"},
+               {"set": {"property": "FieldName", "value": "Choice"}},
+               {"click": {"page": 0, "at": [72, 720]}},
+               {"tool": "RadioGroupCreate"},
+               {"set": {"property": "FieldName", "value": "Choice"}}]
+    result = qfforms(args.qfforms, "run", write_script(folder, "refused.json", refused))
+    check(result.returncode == 1 and "step 7 (set): code 14 (0xe)" in result.stderr,
+          "refused: %r" % result.stderr)
+
+    cases = [
+        ("unknown verb", [{"new": {}}, {"paint": 1}], "step 1 (paint): unknown verb"),
+        ("two verbs", [{"new": {}, "tool": "TextFieldCreate"}], "step 0: a step is an object"),
+        ("no document", [{"tool": "TextFieldCreate"}], "no document is open"),
+        ("no tool", [{"new": {}}, {"click": {"page": 0, "at": [1, 1]}}], "no tool is active"),
+        ("unknown tool", [{"new": {}}, {"tool": "Lasso"}], "no tool is registered as \"Lasso\""),
+        ("page", [{"new": {}}, {"tool": "TextFieldCreate"},
+                  {"click": {"page": 3, "at": [1, 1]}}], "page 3 is past the last page"),
+        ("beside", [{"new": {}}, {"tool": "TextFieldCreate"},
+                    {"click": {"page": 0, "at": [-100, 10]}}], "which lies beside the page"),
+        ("property", [{"new": {}}, {"tool": "TextFieldCreate"},
+                      {"set": {"property": "Colour", "value": "red"}}],
+         "has no property \"Colour\""),
+        ("undo", [{"new": {}}, {"undo": 1}], "nothing left to undo after 0 of 1"),
+        ("misspelt", [{"new": {"page": 2}}], "unknown key \"page\""),
+        ("rename", [{"new": {}}, {"command": {"name": "Widget_Rename",
+                                              "widget": {"field": "Nope"}, "newName": "x"}}],
+         "no field is named \"Nope\""),
+    ]
+    for what, steps, text in cases:
+        result = qfforms(args.qfforms, "run", write_script(folder, "case.json", steps))
+        check(result.returncode == 1 and text in result.stderr,
+              "%s: exit %d, %r" % (what, result.returncode, result.stderr))
+
+    with open(os.path.join(folder, "broken.json"), "w") as f:
+        f.write('[{"new": {}}, {"tool": "TextFieldCreate", "tool": "CheckBoxCreate"}]')
+    result = qfforms(args.qfforms, "run", os.path.join(folder, "broken.json"))
+    check(result.returncode == 1 and "appears twice" in result.stderr,
+          "duplicate key: %r" % result.stderr)
+    for bad in (["run"], ["run", "a.json", "b.json"], ["run", "a.json", "--lang", "fr"],
+                ["run", "a.json", "--frobnicate"]):
+        result = qfforms(args.qfforms, *bad)
+        check(result.returncode == 2, "usage %s: exit %d" % (bad, result.returncode))
+    result = qfforms(args.qfforms, "run", "--help")
+    check(result.returncode == 0, "run --help: exit %d" % result.returncode)
+    for verb in ("new", "open", "view", "tool", "click", "drag", "key", "set", "command",
+                 "undo", "redo", "save"):
+        check('{"%s":' % verb in result.stdout, "run --help does not document " + verb)
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--qfforms", required=True)
+    parser.add_argument("--example", required=True)
+    parser.add_argument("--corpus", required=True)
+    parser.add_argument("check", choices=["example", "undo", "failures"])
+    args = parser.parse_args()
+    with tempfile.TemporaryDirectory() as folder:
+        # The user's own settings file stays out of the sessions.
+        os.environ["XDG_CONFIG_HOME"] = os.path.join(folder, "config")
+        {"example": check_example, "undo": check_undo, "failures": check_failures}[args.check](
+            args, folder)
+    for f in failures:
+        print("FAIL:", f)
+    print("%s: %s" % (args.check, "ok" if not failures else "%d failures" % len(failures)))
+    return 1 if failures else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
