@@ -1,8 +1,8 @@
 // Field compatibility, renaming a widget's field, and the widget commands. The commands run
-// in the loaded module through the reference host's commands manager, on a real pdfcore
-// document behind a small QFDocument; after DO and UNDO the document is saved and read back
-// as a fresh reader sees it. The command classes are compiled in as well, to check the
-// texts of construction failures, which the service-object boundary keeps to itself.
+// in the loaded module through the reference host's commands manager, on the host's own
+// document; after DO and UNDO the document is saved and read back as a fresh reader sees
+// it. The command classes are compiled in as well, to check the texts of construction
+// failures, which the service-object boundary keeps to itself.
 #include "WidgetCommands.h"
 
 #include "kr/KRRuntime.h"
@@ -11,10 +11,6 @@
 #include "qf/internal/TextConversion.h"
 #include "qfhost/Host.h"
 #include "qfhost/ModuleLoader.h"
-#if __has_include("qfhost/Document.h")
-#include "qfhost/Document.h"
-#define QF_TEST_HOST_DOCUMENT 1
-#endif
 
 #include <algorithm>
 #include <array>
@@ -44,88 +40,13 @@ struct NoErrorInfo {
     }
 };
 
-// ---- a QFDocument and its QFPage over a pdfcore document ----------------------------------
-
-struct TestPage {
-    explicit TestPage(PDPage p) : page(p) {}
-    ~TestPage() { PDHandleRelease(page); }
-    PDPage page;
-    uint8_t changed = 0;
-};
-TestPage& pageOf(ServiceObject* so) {
-    return SODetails::implOf<QF::PageTable, TestPage>(so);
-}
-const QF::PageTable kPageTable{[](ServiceObject* self, PDPage* out) -> uint32_t {
-                                   PDHandleAcquire(*out = pageOf(self).page);
-                                   return 0;
-                               },
-                               [](ServiceObject* self, uint8_t* out) -> uint32_t {
-                                   *out = pageOf(self).changed;
-                                   return 0;
-                               },
-                               [](ServiceObject* self, uint8_t changed) -> uint32_t {
-                                   pageOf(self).changed = changed;
-                                   return 0;
-                               },
-                               nullptr,
-                               nullptr,
-                               nullptr};
-
-struct TestDocument {
-    explicit TestDocument(PDDoc d) : doc(d) {}
-    ~TestDocument() {
-        pages.clear();
-        PDHandleRelease(doc);
-    }
-    PDDoc doc;
-    std::map<uint64_t, BasicServiceObjectPtr<>> pages;
-    std::vector<std::pair<uint32_t, std::vector<PDAnnot>>> notes; // kind, annotations
-    std::vector<std::array<float, 4>> redraws;
-};
-TestDocument& docOf(ServiceObject* so) {
-    return SODetails::implOf<QF::DocumentTable, TestDocument>(so);
-}
-const QF::DocumentTable kDocumentTable{
-    [](ServiceObject* self, PDDoc* out) -> uint32_t {
-        PDHandleAcquire(*out = docOf(self).doc);
-        return 0;
-    },
-    [](ServiceObject* self, uint64_t index, ServiceObject** out) -> uint32_t {
-        auto& slot = docOf(self).pages[index];
-        PDPage page = nullptr;
-        if (!slot && PDDocGetPage(docOf(self).doc, static_cast<uint32_t>(index), &page) != 0)
-            return 3;
-        if (!slot)
-            slot = BasicServiceObjectPtr<>::adopt(
-                SODetails::makeServiceObject<QF::PageTable, TestPage, NoErrorInfo>(
-                    QF::kPageId, "QFPage", 2, kPageTable, page));
-        SODetails::addRef(*out = slot.get());
-        return 0;
-    },
-    [](ServiceObject* self, uint32_t kind, uint64_t, PDAnnot annot) -> uint32_t {
-        docOf(self).notes.push_back({kind, {annot}});
-        return 0;
-    },
-    [](ServiceObject* self, uint32_t kind, uint64_t, const PDAnnot* annots,
-       uint64_t count) -> uint32_t {
-        docOf(self).notes.push_back({kind, {annots, annots + count}});
-        return 0;
-    },
-    [](ServiceObject* self, uint64_t, const float* r, uint32_t flag) -> uint32_t {
-        EXPECT_EQ(flag, 1u);
-        docOf(self).redraws.push_back({r[0], r[1], r[2], r[3]});
-        return 0;
-    },
-    nullptr,
-    nullptr,
-    nullptr,
-    nullptr};
-
-// Takes over one reference to doc.
-BasicServiceObjectPtr<> makeDocument(PDDoc doc, const QF::DocumentTable& table = kDocumentTable) {
+// A "QFDocument" of an older host that offers none of its operations.
+BasicServiceObjectPtr<> documentWithoutOperations() {
+    struct Nothing {};
+    static const QF::DocumentTable kNone{};
     return BasicServiceObjectPtr<>::adopt(
-        SODetails::makeServiceObject<QF::DocumentTable, TestDocument, NoErrorInfo>(
-            QF::kDocumentId, "QFDocument", 1, table, doc));
+        SODetails::makeServiceObject<QF::DocumentTable, Nothing, NoErrorInfo>(
+            QF::kDocumentId, "QFDocument", 1, kNone));
 }
 
 // ---- pdfcore helpers ----------------------------------------------------------------------
@@ -286,9 +207,11 @@ TEST(FieldCompatibility, OnlyTypeAndSubKindDecide) {
 }
 
 TEST(RenameFormWidget, RefusesJoinsRenamesInPlaceOrSplits) {
-    auto doc = newDocument();
-    PDHandleAcquire(doc.get());
-    auto service = makeDocument(doc.get());
+    qfhost::Host host;
+    auto document = qfhost::Document::create(1, 612, 792, &host);
+    const auto doc = PDHandlePtr::share(document->pdDoc());
+    const auto service = BasicServiceObjectPtr<>::share(document->object());
+    const int32_t serviceRefs = refs(service.get());
     std::vector<int32_t> kinds;
     uint32_t cookie = 0;
     PDDocAddAnnotChangedListener(
@@ -320,13 +243,10 @@ TEST(RenameFormWidget, RefusesJoinsRenamesInPlaceOrSplits) {
     expectFailure([&] { rename(wa.get(), u"radio", service.get()); }, 14, clash, kFunction);
     expectFailure([&] { rename(loose.get(), u"c", service.get()); }, 2, u"Not initialized",
                   kFunction);
-    QF::DocumentTable noDocument = kDocumentTable;
-    noDocument.GetPDDoc = nullptr;
-    PDHandleAcquire(doc.get());
-    auto blind = makeDocument(doc.get(), noDocument);
+    auto blind = documentWithoutOperations();
     expectFailure([&] { rename(wa.get(), u"c", blind.get()); }, 2, u"Not initialized", kFunction);
     EXPECT_EQ(refs(blind.get()), 1);
-    EXPECT_EQ(refs(service.get()), 1);
+    EXPECT_EQ(refs(service.get()), serviceRefs);
     EXPECT_TRUE(kinds.empty());
 
     rename(wb1.get(), u"a", service.get()); // joins a, keeps nothing of b
@@ -342,7 +262,7 @@ TEST(RenameFormWidget, RefusesJoinsRenamesInPlaceOrSplits) {
     rename(wa.get(), u"d", service.get()); // its own name: out and back into d
     EXPECT_EQ(parent(wa.get()).get(), d.get());
     EXPECT_EQ(kinds, (std::vector<int32_t>{3, 3, 3, 3}));
-    EXPECT_EQ(refs(service.get()), 1);
+    EXPECT_EQ(refs(service.get()), serviceRefs);
     PDDocRemoveAnnotChangedListener(doc.get(), cookie);
 }
 
@@ -352,8 +272,13 @@ class WidgetCommands : public ::testing::Test {
   protected:
     void SetUp() override {
         ASSERT_NO_THROW(loader.load(QF_FORMS_MODULE_PATH));
-        PDHandleAcquire(doc.get());
-        service = makeDocument(doc.get());
+        document->OnAnnotChanged.connect([this](uint32_t kind, uint64_t, PDAnnot annot) {
+            notes.push_back({kind, {annot}});
+        });
+        document->OnAnnotsChanged.connect(
+            [this](uint32_t kind, uint64_t, const std::vector<PDAnnot>& annots) {
+                notes.push_back({kind, annots});
+            });
     }
     void TearDown() override { host.commands().clear(); }
 
@@ -361,24 +286,27 @@ class WidgetCommands : public ::testing::Test {
         const QF::CommandArgs args{++uniqueId, krAtom(name), const_cast<Params*>(&params)};
         return host.commands().execute(&args);
     }
-    TestDocument& state() { return docOf(service.get()); }
-    uint8_t changed() {
-        ServiceObject* page = nullptr;
-        EXPECT_EQ(kDocumentTable.GetPage(service.get(), 0, &page), 0u);
-        SODetails::release(page); // the document keeps it
-        return pageOf(page).changed;
-    }
+    bool changed() { return document->pageChanged(0); }
     std::vector<uint32_t> kinds() {
         std::vector<uint32_t> out;
-        for (const auto& n : state().notes)
+        for (const auto& n : notes)
             out.push_back(n.first);
+        return out;
+    }
+    // The rectangles the document was asked to redraw: left, top, right, bottom.
+    std::vector<std::array<float, 4>> redraws() {
+        std::vector<std::array<float, 4>> out;
+        for (const auto& i : document->invalidations())
+            out.push_back({i.rect.left, i.rect.top, i.rect.right, i.rect.bottom});
         return out;
     }
 
     qfhost::Host host;
     qfhost::ModuleLoader loader{&host};
-    PDHandlePtr doc = newDocument();
-    BasicServiceObjectPtr<> service;
+    std::unique_ptr<qfhost::Document> document = qfhost::Document::create(1, 612, 792, &host);
+    PDHandlePtr doc = PDHandlePtr::share(document->pdDoc());
+    BasicServiceObjectPtr<> service = BasicServiceObjectPtr<>::share(document->object());
+    std::vector<std::pair<uint32_t, std::vector<PDAnnot>>> notes; // kind, annotations
     uint32_t uniqueId = 0;
 };
 
@@ -437,7 +365,7 @@ TEST_F(WidgetCommands, FactoriesAndCommandsCarryTheirStampsAndNames) {
         EXPECT_EQ(ops.GetTrackingFeatureName(command.get(), &value), 0u);
         EXPECT_EQ(value, krAtom(c.feature));
     }
-    EXPECT_TRUE(state().notes.empty()); // creating changes nothing
+    EXPECT_TRUE(notes.empty()); // creating changes nothing
     EXPECT_EQ(parentName(cw.get()), u"check");
 }
 
@@ -447,7 +375,7 @@ TEST_F(WidgetCommands, AddWidgetDoUndoRedo) {
     ASSERT_EQ(run("AddWidget", QF::AddWidgetParams{service.get(), 0, w.get()}), 0u);
     EXPECT_EQ(annotCount(doc.get()), 1u);
     EXPECT_EQ(widgetCount(f.get()), 1u); // the intact parent link: not appended again
-    EXPECT_EQ(changed(), 1);
+    EXPECT_TRUE(changed());
     {
         Reopened fresh(doc.get());
         EXPECT_EQ(fresh.fieldOf(0), u"added");
@@ -455,7 +383,7 @@ TEST_F(WidgetCommands, AddWidgetDoUndoRedo) {
     ASSERT_EQ(host.commands().undo(), 0u);
     EXPECT_EQ(annotCount(doc.get()), 0u);
     EXPECT_EQ(widgetCount(f.get()), 0u);
-    EXPECT_EQ(changed(), 0); // restored, also when it was false
+    EXPECT_FALSE(changed()); // restored, also when it was false
     {
         // The field stays in the document, without widgets, but is not written.
         Reopened fresh(doc.get());
@@ -467,15 +395,15 @@ TEST_F(WidgetCommands, AddWidgetDoUndoRedo) {
     EXPECT_EQ(widgetCount(f.get()), 1u);
     EXPECT_EQ(annotCount(doc.get()), 1u);
     EXPECT_EQ(kinds(), (std::vector<uint32_t>{0, 1, 0}));
-    EXPECT_EQ(state().notes[1].second, std::vector<PDAnnot>{w.get()});
-    ASSERT_EQ(state().redraws.size(), 3u);
-    EXPECT_EQ(state().redraws[1], (std::array<float, 4>{100, 30, 200, 10}));
+    EXPECT_EQ(notes[1].second, std::vector<PDAnnot>{w.get()});
+    ASSERT_EQ(redraws().size(), 3u);
+    EXPECT_EQ(redraws()[1], (std::array<float, 4>{100, 30, 200, 10}));
 
     // A page changed before the add stays changed after its undo.
     auto v = widget(doc.get(), f.get(), 50, false);
     ASSERT_EQ(run("AddWidget", QF::AddWidgetParams{service.get(), 0, v.get()}), 0u);
     ASSERT_EQ(host.commands().undo(), 0u);
-    EXPECT_EQ(changed(), 1);
+    EXPECT_TRUE(changed());
 
     // The undo left v without a field: such a widget is refused at creation.
     ASSERT_FALSE(parent(v.get()));
@@ -533,7 +461,7 @@ TEST_F(WidgetCommands, RenameJoinsRenamesInPlaceOrSplitsAndUndoes) {
     EXPECT_EQ(parentName(wm2.get()), u"split");
     EXPECT_EQ(parent(wm1.get()).get(), multi.get());
     EXPECT_EQ(kinds(), std::vector<uint32_t>(7, 3));
-    EXPECT_EQ(state().notes[0].second, std::vector<PDAnnot>{wb.get()});
+    EXPECT_EQ(notes[0].second, std::vector<PDAnnot>{wb.get()});
 }
 
 TEST_F(WidgetCommands, RenameRefusals) {
@@ -548,7 +476,7 @@ TEST_F(WidgetCommands, RenameRefusals) {
     EXPECT_EQ(run("Widget_Rename", none), 2u);
     EXPECT_EQ(host.commands().depths().undo, 0u);
     EXPECT_EQ(parentName(w.get()), u"check");
-    EXPECT_TRUE(state().notes.empty());
+    EXPECT_TRUE(notes.empty());
 
     auto make = [](const QF::RenameWidgetParams& p) {
         return [&p] { RenameWidgetCommand c(QF::CommandArgs{1, 2, (void*)&p}); };
@@ -620,7 +548,7 @@ TEST_F(GroupRadioButtons, OneRadioFieldNumberedInHandleOrderAndUndoRestoresEach)
         // Each widget keeps its own text colour in the group.
         EXPECT_EQ(PDWidgetAnnotGetFontColor(widgets[i].get(), &colour), PD_OK);
         EXPECT_EQ(colour, 0xFF102030u + i);
-        EXPECT_EQ(state().notes.at(0).second.at(rank[i]), widgets[i].get());
+        EXPECT_EQ(notes.at(0).second.at(rank[i]), widgets[i].get());
     }
     {
         Reopened fresh(doc.get());
@@ -676,32 +604,27 @@ TEST_F(GroupRadioButtons, RepeatedHandlesCountOnceAndEmptyListsAreRefused) {
 
     // Dropping the commands drops their references to the document.
     host.commands().clear();
-    EXPECT_EQ(refs(service.get()), 1);
+    EXPECT_EQ(refs(service.get()), 2); // the document's and ours
 }
 
-#if defined(QF_TEST_HOST_DOCUMENT)
-// The host's own QFDocument, commands run through its ExecuteCommand.
-TEST_F(WidgetCommands, RunOnTheHostsDocument) {
-    auto document = qfhost::Document::create(1, 612, 792, &host);
-    PDDoc d = document->pdDoc();
-    auto f = field(d, u"hosted", PD_ATOM_Tx, 0);
-    auto w = widget(d, f.get(), 10, false);
-    const QF::AddWidgetParams add{document->object(), 0, w.get()};
-    const QF::RenameWidgetParams rename{document->object(), 0, w.get(), u"moved"};
+// Commands named to the document (its ExecuteCommand) land on the same undo stack.
+TEST_F(WidgetCommands, RunThroughTheDocument) {
+    auto f = field(doc.get(), u"hosted", PD_ATOM_Tx, 0);
+    auto w = widget(doc.get(), f.get(), 10, false);
+    const QF::AddWidgetParams add{service.get(), 0, w.get()};
+    const QF::RenameWidgetParams rename{service.get(), 0, w.get(), u"moved"};
     const QF::CommandArgs addArgs{1, krAtom("AddWidget"), (void*)&add};
     const QF::CommandArgs renameArgs{2, krAtom("Widget_Rename"), (void*)&rename};
-    ASSERT_EQ(document->executeCommand(&addArgs), 0u);
-    EXPECT_TRUE(document->pageChanged(0));
-    EXPECT_EQ(document->invalidations().size(), 1u);
-    ASSERT_EQ(document->executeCommand(&renameArgs), 0u);
+    auto& ops = *SODetails::methods<QF::DocumentTable>(service.get());
+    ASSERT_EQ(ops.ExecuteCommand(service.get(), &addArgs), 0u);
+    ASSERT_EQ(ops.ExecuteCommand(service.get(), &renameArgs), 0u);
     EXPECT_EQ(parentName(w.get()), u"moved");
+    EXPECT_EQ(host.commands().depths().undo, 2u);
     ASSERT_EQ(host.commands().undo(), 0u);
     EXPECT_EQ(parentName(w.get()), u"hosted");
     ASSERT_EQ(host.commands().undo(), 0u);
-    EXPECT_FALSE(document->pageChanged(0));
-    EXPECT_EQ(annotCount(d), 0u);
-    host.commands().clear();
+    EXPECT_FALSE(changed());
+    EXPECT_EQ(annotCount(doc.get()), 0u);
 }
-#endif
 
 } // namespace
