@@ -44,8 +44,21 @@ TEST_F(FormsModuleTest, InitCreatesTheWidgetEditObjects) {
     expectObject(host.picker().compositeItems(), atom("WidgetEdit"), 0x14EC0B4A, 16);
 }
 
-// Tools and commands reach the host through the module's registration lists, which grow
-// as tools and commands are added; these checks hold for whatever the lists carry.
+TEST_F(FormsModuleTest, InitHandsOverTheToolsAndCommands) {
+    for (const char* tool :
+         {"CheckBoxCreate", "ComboBoxCreate", "DigitalSignatureFieldCreate", "EmailButtonCreate",
+          "ListBoxCreate", "PrintButtonCreate", "PushButtonCreate", "RadioGroupCreate",
+          "SaveButtonCreate", "SubmitButtonCreate", "TextFieldCreate"}) {
+        EXPECT_TRUE(host.tasks().tools().contains(atom(tool))) << tool;
+    }
+    EXPECT_EQ(host.tasks().tools().size(), 11u);
+    for (const char* command : {"AddWidget", "Widget_Rename", "GroupRadioButtons"}) {
+        EXPECT_TRUE(host.commands().factories().contains(atom(command))) << command;
+    }
+    EXPECT_EQ(host.commands().factories().size(), 3u);
+}
+
+// These checks hold for whatever the registration lists carry.
 TEST_F(FormsModuleTest, ASecondInitRegistersNoListRecordAgain) {
     const size_t tools = host.tasks().tools().size();
     const size_t commands = host.commands().factories().size();
