@@ -306,11 +306,16 @@ TEST(HostTest, OffersEachServiceThroughTheProviderWhileItLives) {
     const Expected expected[] = {
         {HostService::TasksRepository, QF::kTasksRepositoryId, 32},
         {HostService::CommandsManager, QF::kCommandsManagerId, 56},
-        {HostService::QFService, QF::kServiceId, 24},
+        {HostService::QFService, QF::kServiceId, 32},
         {HostService::QFEditService, QF::kEditServiceId, 16},
         {HostService::QFEditObjectPickerFactory, QF::kEditObjectPickerFactoryId, 32},
         {HostService::QFEditModuleService, QF::kEditModuleServiceId, 16},
         {HostService::QFPDAnnotService, QF::kPDAnnotServiceId, 16},
+        {HostService::QFAnnotPropertiesFactory, QF::kAnnotPropertiesFactoryId, 16},
+        {HostService::QFAnnotEditService, QF::kAnnotEditServiceId, 48},
+        {HostService::QFCompositeEditObjectFactory, QF::kCompositeEditObjectFactoryId, 8},
+        {HostService::GraphicsService, QF::kGraphicsServiceId, 88},
+        {HostService::QFAnnotPropertiesValidate, QF::kAnnotPropertiesValidateId, 8},
     };
     {
         Host host;

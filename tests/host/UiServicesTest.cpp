@@ -380,7 +380,7 @@ TEST(StringCatalogTest, FieldNameWordsMakeUsableNames) {
         EXPECT_TRUE(wordTranslations.insert(ja).second) << "two words, one translation";
     }
     EXPECT_EQ(wordTranslations.size(), words.size());
-    EXPECT_EQ(english.size(), words.size() + 3);  // and the three messages
+    EXPECT_EQ(english.size(), words.size() + 5);  // and the five messages
     EXPECT_FALSE(english.count(u"Not initialized"));
 }
 

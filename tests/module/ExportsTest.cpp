@@ -149,7 +149,8 @@ struct FakeHost {
     ServiceRegistration qfService{"QFService", QF::kServiceId,
                                   QF::ServiceTable{&fakeNoArgument<QF::ServiceTable, 0>,
                                                    &fakeRegister<QF::ServiceTable, 1>,
-                                                   &fakeWithdraw<QF::ServiceTable, 2>}};
+                                                   &fakeWithdraw<QF::ServiceTable, 2>,
+                                                   nullptr}};
     ServiceRegistration editService{"QFEditService", QF::kEditServiceId,
                                     QF::EditServiceTable{&fakeRegister<QF::EditServiceTable, 0>,
                                                          &fakeWithdraw<QF::EditServiceTable, 1>}};

@@ -7,7 +7,14 @@
 
 namespace QF {
 
-// "QFDocument", id 0x5E1F0C01, 72 bytes: one open document.
+// Receivers of the document's change events (the kinds of NotifyAnnotChanged). annots:
+// count handles, valid during the call.
+using AnnotChangedProc = void (*)(void* context, uint32_t kind, uint64_t pageIndex,
+                                  PDAnnot annot);
+using AnnotsChangedProc = void (*)(void* context, uint32_t kind, uint64_t pageIndex,
+                                   const PDAnnot* annots, uint64_t count);
+
+// "QFDocument", id 0x5E1F0C01, 104 bytes: one open document.
 struct DocumentTable {
     // The document's pdfcore handle, one reference for the caller.
     uint32_t (*GetPDDoc)(ServiceObject* self, PDDoc* out);
@@ -34,8 +41,18 @@ struct DocumentTable {
     uint32_t (*ExecuteCommand)(ServiceObject* self, const CommandArgs* args);
     // 1 while the document is open, 0 after it was closed.
     uint32_t (*IsValid)(ServiceObject* self, uint32_t* out);
+    // Subscriptions to the events OnAnnotChanged and OnAnnotsChanged: proc(context, ...)
+    // runs after each change until the connection is dropped; *outConnection is never 0.
+    // Disconnecting an unknown connection answers 1.
+    uint32_t (*ConnectAnnotChanged)(ServiceObject* self, AnnotChangedProc proc, void* context,
+                                    uint64_t* outConnection);
+    uint32_t (*DisconnectAnnotChanged)(ServiceObject* self, uint64_t connection);
+    uint32_t (*ConnectAnnotsChanged)(ServiceObject* self, AnnotsChangedProc proc,
+                                     void* context, uint64_t* outConnection);
+    uint32_t (*DisconnectAnnotsChanged)(ServiceObject* self, uint64_t connection);
 };
 constexpr uint32_t kDocumentId = 0x5E1F0C01;
+static_assert(sizeof(DocumentTable) == 104);
 
 // "QFPage", id 0x5E1F0C02, 48 bytes: one page of a QFDocument.
 struct PageTable {

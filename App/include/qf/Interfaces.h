@@ -152,6 +152,104 @@ struct CompositeEditObjectFactoryItemTable {
 };
 constexpr uint32_t kCompositeEditObjectFactoryItemId = 0x14EC0B4A;
 
+// Changes an edit matrix in place (six floats a b c d e f, PDF row-vector convention:
+// x' = a x + c y + e, y' = b x + d y + f).
+using EditMatrixProc = void (*)(void* context, float* matrix);
+
+// "QFEditObject", id 0x5E1F0A06, 184 bytes: one editable object of a page (a widget) as
+// the host's generic move, resize and delete machinery sees it. Its geometry is a matrix
+// over the object-space rectangle; points, quadrilaterals and rectangles are page space.
+// A rectangle is a PDRect; a quadrilateral is four points, eight floats.
+struct EditObjectTable {
+    // The "QFDocument" the object belongs to (one reference).
+    uint32_t (*GetDoc)(ServiceObject* self, ServiceObject** out);
+    uint32_t (*GetPageIndex)(ServiceObject* self, uint64_t* out);
+    // The edit type atom ("WidgetEdit").
+    uint32_t (*GetObjectType)(ServiceObject* self, uint32_t* out);
+    // 1 while the document and the page both exist.
+    uint32_t (*IsValid)(ServiceObject* self, uint8_t* out);
+    uint32_t (*IsEqual)(ServiceObject* self, ServiceObject* other, uint8_t* out);
+    uint32_t (*HitTestPoint)(ServiceObject* self, const float* point, uint8_t* out);
+    uint32_t (*HitTestRect)(ServiceObject* self, const PDRect* rect, uint8_t* out);
+    // The object-space rectangle the matrix maps onto the page.
+    uint32_t (*GetObjectSpaceRect)(ServiceObject* self, PDRect* out);
+    uint32_t (*GetBounds)(ServiceObject* self, float* outQuad);
+    // Lets proc change a copy of the current matrix; the object keeps what its rules allow.
+    uint32_t (*ModifyEditCTM)(ServiceObject* self, EditMatrixProc proc, void* context);
+    // The page rectangle of the current matrix.
+    uint32_t (*GetEditBounds)(ServiceObject* self, PDRect* out);
+    // Writes the current matrix back to the document (an undoable annotation operation).
+    uint32_t (*ApplyEdit)(ServiceObject* self);
+    uint32_t (*Delete)(ServiceObject* self);
+    // The module's own data behind the object (for objects of the same module only).
+    uint32_t (*GetData)(ServiceObject* self, void** out);
+    uint32_t (*GetPDEElement)(ServiceObject* self, void** out);
+    // The annotation (one pdfcore reference), null for objects of page content.
+    uint32_t (*GetAnnot)(ServiceObject* self, PDAnnot* out);
+    uint32_t (*GetTextBlock)(ServiceObject* self, void** out);
+    uint32_t (*SetBindingStrength)(ServiceObject* self, uint32_t strength);
+    uint32_t (*GetBindingStrength)(ServiceObject* self, uint32_t* out);
+    uint32_t (*IsGroup)(ServiceObject* self, uint8_t* out);
+    // Keeps a reference to child (a "QFEditObject").
+    uint32_t (*AddChild)(ServiceObject* self, ServiceObject* child);
+    // The children in the two-call form: out null gives the count in *outCount; otherwise
+    // at most capacity children, one reference each.
+    uint32_t (*GetChilds)(ServiceObject* self, ServiceObject** out, uint64_t capacity,
+                          uint64_t* outCount);
+    uint32_t (*ClearChilds)(ServiceObject* self);
+};
+constexpr uint32_t kEditObjectId = 0x5E1F0A06;
+static_assert(sizeof(EditObjectTable) == 184);
+
+// Runs after a selection's property sheet is out of date.
+using SelectionChangedProc = void (*)(void* context, ServiceObject* selection);
+
+// "QFSelection", id 0x5E1F0A07, 224 bytes: what the host has selected (one widget), asked
+// for bounds, hit tests, drawing, operations and the property sheet. Operations that a
+// selection leaves to the host's defaults answer 1.
+struct SelectionTable {
+    // The selection type atom ("Widget").
+    uint32_t (*GetType)(ServiceObject* self, uint32_t* out);
+    // view: the "QFDocumentView" the selection is shown in.
+    uint32_t (*Init)(ServiceObject* self, ServiceObject* view);
+    // The selection's changed signal: proc(context, selection) after the sheet changed.
+    uint32_t (*ConnectChanged)(ServiceObject* self, SelectionChangedProc proc, void* context,
+                               uint64_t* outConnection);
+    uint32_t (*DisconnectChanged)(ServiceObject* self, uint64_t connection);
+    uint32_t (*Reserved4)(ServiceObject* self);
+    uint32_t (*Reserved5)(ServiceObject* self);
+    uint32_t (*Done)(ServiceObject* self);
+    // The module's own data of the selection (for objects of the same module only).
+    uint32_t (*GetSelectionData)(ServiceObject* self, void** out);
+    uint32_t (*CanCopy)(ServiceObject* self, uint8_t* out);
+    uint32_t (*GetPageIndexRange)(ServiceObject* self, uint64_t* outFirst, uint64_t* outLast);
+    uint32_t (*HitTest)(ServiceObject* self, uint64_t pageIndex, const float* point,
+                        uint8_t* outHit);
+    // Draw through the host's "GraphicsService", in the space of page pageIndex.
+    uint32_t (*Draw)(ServiceObject* self, uint64_t pageIndex);
+    uint32_t (*DrawHighlight)(ServiceObject* self, uint64_t pageIndex);
+    uint32_t (*GetDestination)(ServiceObject* self, uint64_t* outPageIndex, PDRect* outRect);
+    // Adds the selection's properties to context (a "QFPropertiesContext").
+    uint32_t (*GetProperties)(ServiceObject* self, ServiceObject* context);
+    // Capability bits of the host's edit machinery.
+    uint32_t (*GetAvailableOperations)(ServiceObject* self, uint32_t* out);
+    uint32_t (*Reserved16)(ServiceObject* self);
+    uint32_t (*Reserved17)(ServiceObject* self);
+    uint32_t (*Reserved18)(ServiceObject* self);
+    uint32_t (*Reserved19)(ServiceObject* self);
+    uint32_t (*Reserved20)(ServiceObject* self);
+    uint32_t (*Reserved21)(ServiceObject* self);
+    uint32_t (*GetNumQuads)(ServiceObject* self, uint64_t* out);
+    uint32_t (*GetQuadPoints)(ServiceObject* self, uint64_t index, float* outQuad);
+    uint32_t (*GetNumQuadsByPage)(ServiceObject* self, uint64_t pageIndex, uint64_t* out);
+    uint32_t (*GetQuadPointsByPage)(ServiceObject* self, uint64_t pageIndex, uint64_t index,
+                                    float* outQuad);
+    uint32_t (*GetBounds)(ServiceObject* self, PDRect* out);
+    uint32_t (*GetPageIndex)(ServiceObject* self, uint64_t* out);
+};
+constexpr uint32_t kSelectionId = 0x5E1F0A07;
+static_assert(sizeof(SelectionTable) == 224);
+
 // ---- implemented by the host -------------------------------------------------------------
 // Registration operations take the name atom (KR atom) and one reference to the object
 // for the host to keep (the host AddRefs what it keeps; the caller keeps its own).
@@ -188,13 +286,16 @@ struct CommandsManagerTable {
 };
 constexpr uint32_t kCommandsManagerId = 0x5E1F0B02;
 
-// "QFService", id 0x5E1F0B03, 24 bytes: the annotation edit registry.
+// "QFService", id 0x5E1F0B03, 32 bytes: the annotation edit registry.
 struct ServiceTable {
     uint32_t (*Prepare)(ServiceObject* self);
     // subtypeAtom: the pdfcore atom of the annotation subtype (PD_ATOM_Widget).
     uint32_t (*RegisterAnnotEditSelectFactory)(ServiceObject* self, uint32_t subtypeAtom,
                                                ServiceObject* factory);
     uint32_t (*WithdrawAnnotEditSelectFactory)(ServiceObject* self, uint32_t subtypeAtom);
+    // Takes annot (of page pageIndex of the current document) out of the host's selection;
+    // 1 when it is not selected.
+    uint32_t (*DeselectAnnot)(ServiceObject* self, uint64_t pageIndex, PDAnnot annot);
 };
 constexpr uint32_t kServiceId = 0x5E1F0B03;
 
@@ -235,13 +336,19 @@ struct PDAnnotServiceTable {
 };
 constexpr uint32_t kPDAnnotServiceId = 0x5E1F0B07;
 
-// "QFAnnotPropertiesFactory", id 0x5E1F0B0A, 8 bytes.
+// "QFAnnotPropertiesFactory", id 0x5E1F0B0A, 16 bytes.
 struct AnnotPropertiesFactoryTable {
     // Runs the "AddWidget" command (AddWidgetParams {document, pageIndex, widget}) through
     // the commands manager, so that the new widget lands on the page and on the undo
     // stack. The command's result is returned.
     uint32_t (*AddWidget)(ServiceObject* self, ServiceObject* document, uint64_t pageIndex,
                           PDAnnot widget);
+    // Adds the host's property rows for an annotation of subtype (its PDF name, "Widget",
+    // NUL-terminated) to the area "AnnotArea" of context (a "QFPropertiesContext"). rect:
+    // the annotation's rectangle as the caller sees it. 1 for a subtype without rows.
+    uint32_t (*AddAnnotProperties)(ServiceObject* self, const char16_t* subtype,
+                                   ServiceObject* document, uint64_t pageIndex, PDAnnot annot,
+                                   const PDRect* rect, ServiceObject* context);
 };
 constexpr uint32_t kAnnotPropertiesFactoryId = 0x5E1F0B0A;
 
@@ -274,5 +381,83 @@ struct UserSettingsTable {
                           uint64_t length);
 };
 constexpr uint32_t kUserSettingsId = 0x5E1F0B0C;
+
+// "QFAnnotEditService", id 0x5E1F0B0D, 48 bytes: the host's annotation selection. Every
+// selected annotation is one of the current document; the selection has the edit type
+// atom under which it was made ("WidgetEdit").
+struct AnnotEditServiceTable {
+    // Makes annot (of page pageIndex) the selection, of edit type typeAtom: the host asks
+    // the "QFAnnotEditSelectFactory" of the annotation's subtype for the selection object
+    // and shows it in the current view. 3 for a null annotation or a page past the pages.
+    uint32_t (*SelectAnnot)(ServiceObject* self, uint32_t typeAtom, uint64_t pageIndex,
+                            PDAnnot annot);
+    // The edit type atom of the selection; 0 when nothing is selected.
+    uint32_t (*GetSelectionType)(ServiceObject* self, uint32_t* outType);
+    uint32_t (*GetSelectedCount)(ServiceObject* self, uint64_t* out);
+    // Selected annotation index (one pdfcore reference) and its page; 5 past the end.
+    uint32_t (*GetSelected)(ServiceObject* self, uint64_t index, uint64_t* outPageIndex,
+                            PDAnnot* outAnnot);
+    // The selection object ("QFSelection", one reference), null when there is none.
+    uint32_t (*GetSelection)(ServiceObject* self, ServiceObject** out);
+    uint32_t (*ClearSelection)(ServiceObject* self);
+};
+constexpr uint32_t kAnnotEditServiceId = 0x5E1F0B0D;
+
+// "QFCompositeEditObjectFactory", id 0x5E1F0B0E, 8 bytes.
+struct CompositeEditObjectFactoryTable {
+    // A new, empty "QFCompositeEditObject" (one reference).
+    uint32_t (*CreateComposite)(ServiceObject* self, ServiceObject** out);
+};
+constexpr uint32_t kCompositeEditObjectFactoryId = 0x5E1F0B0E;
+
+// "QFCompositeEditObject", id 0x5E1F0B0F, 24 bytes: an ordered group of edit objects.
+struct CompositeEditObjectTable {
+    // Keeps a reference to child (a "QFEditObject").
+    uint32_t (*AddChild)(ServiceObject* self, ServiceObject* child);
+    uint32_t (*GetCount)(ServiceObject* self, uint64_t* out);
+    // One reference; 5 past the end.
+    uint32_t (*GetChild)(ServiceObject* self, uint64_t index, ServiceObject** out);
+};
+constexpr uint32_t kCompositeEditObjectId = 0x5E1F0B0F;
+
+// "GraphicsService", id 0x5E1F0B10, 88 bytes: drawing over a page as the host shows it.
+// Coordinates are the page space of the page being drawn (the host maps them to the
+// view); colours ARGB, alpha 0 meaning none. The state (pen, brush, font, transform) is
+// saved and restored as a stack; a drawing request outside a page being drawn answers 2.
+struct GraphicsServiceTable {
+    uint32_t (*SaveState)(ServiceObject* self);
+    // 1 when nothing is saved.
+    uint32_t (*RestoreState)(ServiceObject* self);
+    // Concatenates matrix (a b c d e f) to the current transform.
+    uint32_t (*Transform)(ServiceObject* self, const float* matrix);
+    // Lines: colour, width in page units, dash 0 solid, 1 dashed, 2 dotted.
+    uint32_t (*SetPen)(ServiceObject* self, uint32_t argb, float width, uint32_t dash);
+    // Fills.
+    uint32_t (*SetBrush)(ServiceObject* self, uint32_t argb);
+    // family NUL-terminated; size in page units.
+    uint32_t (*SetFont)(ServiceObject* self, const char16_t* family, float size);
+    // A rectangle, filled with the brush and outlined with the pen.
+    uint32_t (*DrawRect)(ServiceObject* self, const PDRect* rect);
+    // A closed polygon of count points (2 count floats).
+    uint32_t (*DrawPolygon)(ServiceObject* self, const float* points, uint64_t count);
+    // Text (length units) with its baseline starting at (x, y), in the font and the brush.
+    uint32_t (*DrawText)(ServiceObject* self, const char16_t* text, uint64_t length, float x,
+                         float y);
+    // The frame of a selected object: its outline and, for handles 1, the eight grips.
+    uint32_t (*DrawFrame)(ServiceObject* self, const PDRect* rect, uint32_t handles);
+    // How many page units a view pixel is on the page being drawn (for hairlines and grips).
+    uint32_t (*GetPixelSize)(ServiceObject* self, float* out);
+};
+constexpr uint32_t kGraphicsServiceId = 0x5E1F0B10;
+
+// "QFAnnotPropertiesValidate", id 0x5E1F0B11, 8 bytes.
+struct AnnotPropertiesValidateTable {
+    // Checks a choice field's option list (a "QFStringPairList" of export value, display
+    // text pairs): 0 when it can be used; otherwise 3, with the reason for the user (in
+    // the user's language) given to problem.
+    uint32_t (*ValidateOptionList)(ServiceObject* self, ServiceObject* list,
+                                   const TextSink* problem);
+};
+constexpr uint32_t kAnnotPropertiesValidateId = 0x5E1F0B11;
 
 }  // namespace QF

@@ -7,6 +7,7 @@
 #include "kr/KRRuntime.h"
 
 #include <atomic>
+#include <map>
 #include <utility>
 
 namespace qfhost {
@@ -43,6 +44,9 @@ struct DocumentState {
     std::vector<ObjectPtr> pages;  // pageCount slots, filled on demand
     std::vector<Document::Invalidation> invalidations;
     int32_t lastPdfResult = 0;
+    // Subscriptions made through the service object, by connection id.
+    std::map<uint64_t, boost::signals2::connection> connections;
+    uint64_t nextConnection = 1;
 
     DocumentState() = default;
     ~DocumentState() { PDHandleRelease(doc); }
@@ -279,6 +283,16 @@ const QF::CommandTable kCommandTable = {
 
 // ---- QFDocument -------------------------------------------------------------------------
 
+// Drops a subscription made through the service object; 1 for an unknown one. Also after
+// the document was closed (its signals are gone then, the connection is simply dropped).
+uint32_t disconnect(DocumentState& s, uint64_t connection) {
+    auto it = s.connections.find(connection);
+    if (it == s.connections.end()) return codes::kNegative;
+    it->second.disconnect();
+    s.connections.erase(it);
+    return codes::kOk;
+}
+
 // Runs f on the owner, or answers kDocumentClosed.
 template <typename F>
 uint32_t withOwner(ServiceObject* self, F&& f) {
@@ -352,6 +366,36 @@ const QF::DocumentTable kDocumentTable = {
         if (!out) return codes::kBadArgument;
         *out = docState(self).owner ? 1 : 0;
         return codes::kOk;
+    },
+    [](ServiceObject* self, QF::AnnotChangedProc proc, void* context,
+       uint64_t* outConnection) -> uint32_t {
+        if (!proc || !outConnection) return codes::kBadArgument;
+        return withOwner(self, [&](Document& d, DocumentState& s) -> uint32_t {
+            *outConnection = s.nextConnection++;
+            s.connections[*outConnection] = d.OnAnnotChanged.connect(
+                [proc, context](uint32_t kind, uint64_t page, PDAnnot annot) {
+                    proc(context, kind, page, annot);
+                });
+            return codes::kOk;
+        });
+    },
+    [](ServiceObject* self, uint64_t connection) -> uint32_t {
+        return disconnect(docState(self), connection);
+    },
+    [](ServiceObject* self, QF::AnnotsChangedProc proc, void* context,
+       uint64_t* outConnection) -> uint32_t {
+        if (!proc || !outConnection) return codes::kBadArgument;
+        return withOwner(self, [&](Document& d, DocumentState& s) -> uint32_t {
+            *outConnection = s.nextConnection++;
+            s.connections[*outConnection] = d.OnAnnotsChanged.connect(
+                [proc, context](uint32_t kind, uint64_t page, const std::vector<PDAnnot>& annots) {
+                    proc(context, kind, page, annots.data(), annots.size());
+                });
+            return codes::kOk;
+        });
+    },
+    [](ServiceObject* self, uint64_t connection) -> uint32_t {
+        return disconnect(docState(self), connection);
     },
 };
 

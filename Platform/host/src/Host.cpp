@@ -23,7 +23,7 @@ ServiceObject* plain(Host&) {
 const ServiceKind kKinds[kHostServiceCount] = {
     {TasksRepository::kName, &plain<&TasksRepository::create>},
     {CommandsManager::kName, &plain<&CommandsManager::create>},
-    {AnnotEditService::kName, &plain<&AnnotEditService::create>},
+    {AnnotEditService::kName, &AnnotEditService::create},
     {EditService::kName, &plain<&EditService::create>},
     {EditObjectPicker::kName, &plain<&EditObjectPicker::create>},
     {EditModuleService::kName, &plain<&EditModuleService::create>},
@@ -32,6 +32,10 @@ const ServiceKind kKinds[kHostServiceCount] = {
     {AnnotPropertiesFactory::kName, &AnnotPropertiesFactory::create},
     {StringService::kName, &plain<&StringService::create>},
     {UserSettings::kName, &plain<&UserSettings::create>},
+    {AnnotSelection::kName, &AnnotSelection::create},
+    {CompositeEditObjectFactory::kName, &plain<&CompositeEditObjectFactory::create>},
+    {GraphicsService::kName, &plain<&GraphicsService::create>},
+    {AnnotPropertiesValidate::kName, &AnnotPropertiesValidate::create},
 };
 
 // The provider's factory for a host service: context is the service's block; each query
@@ -117,6 +121,15 @@ AnnotPropertiesFactory& Host::annotProperties() {
 }
 StringService& Host::strings() { return StringService::of(object(HostService::QFStringService)); }
 UserSettings& Host::settings() { return UserSettings::of(object(HostService::QFUserSettings)); }
+AnnotSelection& Host::selection() {
+    return AnnotSelection::of(object(HostService::QFAnnotEditService));
+}
+GraphicsService& Host::graphics() {
+    return GraphicsService::of(object(HostService::GraphicsService));
+}
+AnnotPropertiesValidate& Host::validation() {
+    return AnnotPropertiesValidate::of(object(HostService::QFAnnotPropertiesValidate));
+}
 
 const char* Host::nameOf(HostService s) { return kKinds[index(s)].name; }
 uint32_t Host::atomOf(HostService s) const { return atoms_[index(s)]; }
@@ -129,6 +142,7 @@ int32_t Host::refCount(HostService s) const {
 void Host::releaseModuleObjects() {
     for (auto& view : views_) view->deactivateTool();
     tasks().deactivate();
+    selection().clear();
     properties().clear();
     commands().clear();
 }

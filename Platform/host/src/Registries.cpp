@@ -2,6 +2,8 @@
 // QFEditObjectPickerFactory, QFEditModuleService and QFPDAnnotService.
 #include "qfhost/Services.h"
 
+#include "qfhost/Host.h"
+
 #include "Thunks.h"
 
 namespace qfhost {
@@ -26,6 +28,11 @@ const QFServiceTable kQFServiceTable = {
     [](ServiceObject* self) -> uint32_t { return AnnotEditService::of(self).prepare(); },
     registerThunk<QFServiceTable, AnnotEditService, &AnnotEditService::editSelectFactories>,
     withdrawThunk<QFServiceTable, AnnotEditService, &AnnotEditService::editSelectFactories>,
+    [](ServiceObject* self, uint64_t pageIndex, PDAnnot annot) -> uint32_t {
+        return detail::guarded([&] {
+            return AnnotEditService::of(self).host().selection().deselect(pageIndex, annot);
+        });
+    },
 };
 
 using EditTable = QF::EditServiceTable;
@@ -56,9 +63,9 @@ const PDAnnotTable kPDAnnotTable = {
 
 }  // namespace
 
-ServiceObject* AnnotEditService::create() {
-    return detail::makeHostObject<QFServiceTable, AnnotEditService>(
-        QF::kServiceId, kName, detail::kAnnotEditServiceImplId, kQFServiceTable);
+ServiceObject* AnnotEditService::create(Host& host) {
+    return SODetails::makeServiceObject<QFServiceTable, AnnotEditService, HostTraits>(
+        QF::kServiceId, kName, detail::kAnnotEditServiceImplId, kQFServiceTable, host);
 }
 AnnotEditService& AnnotEditService::of(ServiceObject* so) {
     return SODetails::implOf<QFServiceTable, AnnotEditService>(so);

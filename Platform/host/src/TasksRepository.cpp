@@ -60,14 +60,15 @@ uint32_t TasksRepository::createTool(uint32_t atom, ServiceObject** out) {
     return codes::kOk;
 }
 
-uint32_t TasksRepository::activateTool(uint32_t atom, ServiceObject* view, ServiceObject** out) {
+uint32_t TasksRepository::activateTool(uint32_t atom, ServiceObject* view, ServiceObject** out,
+                                      ServiceObject* context) {
     if (out) *out = nullptr;
     ObjectPtr tool;
     uint32_t rc = createTool(atom, tool.put());
     if (rc != codes::kOk) return rc;
     if (SODetails::hasMethod(tool.get(), 0)) {
         rc = SODetails::methods<QF::InputHandlerTable>(tool.get())->Initialize(tool.get(), view,
-                                                                               nullptr);
+                                                                               context);
         if (rc != codes::kOk) return rc;
     }
     if (out) *out = ObjectPtr(tool).detach();

@@ -40,6 +40,11 @@ enum : uint32_t {
     kUserSettingsImplId = 0x5148010D,
     kHostStringPairListImplId = 0x5148010E,
     kDocumentViewImplId = 0x51480108,
+    kAnnotSelectionImplId = 0x5148010F,
+    kCompositeFactoryImplId = 0x51480110,
+    kCompositeImplId = 0x51480111,
+    kGraphicsServiceImplId = 0x51480112,
+    kAnnotPropertiesValidateImplId = 0x51480113,
 };
 
 }  // namespace qfhost::detail

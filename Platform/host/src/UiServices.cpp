@@ -218,6 +218,32 @@ const AnnotPropertiesTable kAnnotPropertiesTable = {
             return AnnotPropertiesFactory::of(self).addWidget(document, pageIndex, widget);
         });
     },
+    [](ServiceObject* self, const char16_t* subtype, ServiceObject* document, uint64_t pageIndex,
+       PDAnnot annot, const PDRect* rect, ServiceObject* context) -> uint32_t {
+        if (!subtype || !rect) return codes::kBadArgument;
+        return detail::guarded([&] {
+            return AnnotPropertiesFactory::of(self).addAnnotProperties(
+                subtype, document, pageIndex, annot, *rect, context);
+        });
+    },
+};
+
+// ---- validation --------------------------------------------------------------------------
+
+using ValidateTable = QF::AnnotPropertiesValidateTable;
+
+const ValidateTable kValidateTable = {
+    [](ServiceObject* self, ServiceObject* list, const QF::TextSink* problem) -> uint32_t {
+        if (!list || SODetails::header(list)->interfaceId != QF::kStringPairListId)
+            return codes::kBadArgument;
+        return detail::guarded([&] {
+            const auto reason =
+                AnnotPropertiesValidate::of(self).checkOptionList(QF::ReadStringPairList(list));
+            if (!reason) return codes::kOk;
+            if (problem && problem->put) problem->put(problem->context, reason->data(), reason->size());
+            return codes::kBadArgument;
+        });
+    },
 };
 
 // ---- string service ------------------------------------------------------------------------
@@ -610,6 +636,47 @@ uint32_t AnnotPropertiesFactory::addWidget(ServiceObject* document, uint64_t pag
     return host_->commands().execute(&args);
 }
 
+uint32_t AnnotPropertiesFactory::addAnnotProperties(const std::u16string& subtype,
+                                                    ServiceObject* document, uint64_t pageIndex,
+                                                    PDAnnot annot, const PDRect& rect,
+                                                    ServiceObject* context) {
+    (void)subtype, (void)document, (void)pageIndex, (void)annot, (void)rect, (void)context;
+    return codes::kNegative;
+}
+
+// ---- AnnotPropertiesValidate ---------------------------------------------------------------
+
+ServiceObject* AnnotPropertiesValidate::create(Host& host) {
+    return SODetails::makeServiceObject<ValidateTable, AnnotPropertiesValidate, HostTraits>(
+        QF::kAnnotPropertiesValidateId, kName, detail::kAnnotPropertiesValidateImplId,
+        kValidateTable, host);
+}
+
+AnnotPropertiesValidate& AnnotPropertiesValidate::of(ServiceObject* so) {
+    return SODetails::implOf<ValidateTable, AnnotPropertiesValidate>(so);
+}
+
+// The first problem found, in list order: an option without a display text, or an export
+// value that an earlier option has already (a reader could not tell them apart).
+std::optional<std::u16string> AnnotPropertiesValidate::checkOptionList(
+    const std::vector<std::pair<std::u16string, std::u16string>>& options) const {
+    const StringService& strings = host_->strings();
+    auto translated = [&](const std::u16string& text) {
+        return strings.translate(text).value_or(text);
+    };
+    for (size_t i = 0; i < options.size(); ++i) {
+        const auto& [exportValue, display] = options[i];
+        if (display.empty()) return translated(u"Every option needs a display text.");
+        for (size_t j = 0; j < i; ++j) {
+            if (options[j].first != exportValue) continue;
+            std::u16string text = translated(u"Two options have the export value \"%1%\".");
+            text.replace(text.find(u"%1%"), 3, exportValue);
+            return text;
+        }
+    }
+    return std::nullopt;
+}
+
 // ---- StringService -------------------------------------------------------------------------
 
 ServiceObject* StringService::create() {
@@ -656,6 +723,9 @@ const std::vector<std::pair<std::u16string, std::u16string>>& StringService::jap
         {u"SaveButton", u"保存ボタン"},
         {u"SubmitButton", u"送信ボタン"},
         {u"Signature", u"署名"},
+        {u"Every option needs a display text.", u"すべての選択肢に表示テキストが必要です。"},
+        {u"Two options have the export value \"%1%\".",
+         u"2 つの選択肢のエクスポート値が同じ「%1%」です。"},
     };
     return catalog;
 }

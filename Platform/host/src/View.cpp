@@ -450,7 +450,7 @@ std::array<int32_t, 2> View::pageToView(uint32_t pageIndex, float x, float y) co
 
 // ---- tools ------------------------------------------------------------------------------
 
-uint32_t View::activateTool(const std::string& name) {
+uint32_t View::activateTool(const std::string& name, ServiceObject* context) {
     deactivateTool();
     detail::ViewState& s = *state_;
     s.propertiesChanged = 0;
@@ -459,7 +459,7 @@ uint32_t View::activateTool(const std::string& name) {
         return codes::kBadArgument;
     }
     ObjectPtr tool;
-    uint32_t rc = s.host->tasks().activateTool(atom, object_.get(), tool.put());
+    uint32_t rc = s.host->tasks().activateTool(atom, object_.get(), tool.put(), context);
     if (rc != codes::kOk) return rc;
     if (!tool) return codes::kFactoryFailed;
     s.tool = tool;

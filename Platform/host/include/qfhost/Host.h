@@ -4,6 +4,8 @@
 #pragma once
 
 #include "qfhost/Document.h"
+#include "qfhost/Graphics.h"
+#include "qfhost/Selection.h"
 #include "qfhost/Services.h"
 #include "qfhost/UiServices.h"
 #include "qfhost/View.h"
@@ -28,8 +30,12 @@ enum class HostService {
     QFAnnotPropertiesFactory,
     QFStringService,
     QFUserSettings,
+    QFAnnotEditService,
+    QFCompositeEditObjectFactory,
+    GraphicsService,
+    QFAnnotPropertiesValidate,
 };
-inline constexpr size_t kHostServiceCount = 11;
+inline constexpr size_t kHostServiceCount = 15;
 
 class QFHOST_API Host {
 public:
@@ -52,6 +58,9 @@ public:
     AnnotPropertiesFactory& annotProperties();
     StringService& strings();
     UserSettings& settings();
+    AnnotSelection& selection();
+    GraphicsService& graphics();
+    AnnotPropertiesValidate& validation();
 
     static const char* nameOf(HostService s);
     uint32_t atomOf(HostService s) const;
@@ -61,8 +70,8 @@ public:
     int32_t refCount(HostService s) const;
 
     // Drops what the host holds of a module beside registrations: the active tools of all
-    // views, the properties context's contents and the undo and redo stacks. Call it
-    // before the module is unloaded.
+    // views, the selection, the properties context's contents and the undo and redo
+    // stacks. Call it before the module is unloaded.
     void releaseModuleObjects();
     // How many objects all registries hold together.
     size_t registeredObjects() const;

@@ -30,11 +30,12 @@ public:
     // atom, 2 when the factory lacks CreateInputHandler, 0x10006 when it made nothing,
     // otherwise the factory's result.
     uint32_t createTool(uint32_t atom, ServiceObject** out);
-    // Creates the tool, calls its Initialize(view, null) when the tool has it, and makes it
-    // the active tool; the previous one is dropped after its Terminate (when it has one),
+    // Creates the tool, calls its Initialize(view, context) when the tool has it, and makes
+    // it the active tool; the previous one is dropped after its Terminate (when it has one),
     // called without the repository's lock held. out may be null; otherwise it receives one
     // reference. A failing Initialize leaves the active tool as it was and is returned.
-    uint32_t activateTool(uint32_t atom, ServiceObject* view, ServiceObject** out);
+    uint32_t activateTool(uint32_t atom, ServiceObject* view, ServiceObject** out,
+                          ServiceObject* context = nullptr);
 
     ObjectPtr activeTool() const;
     uint32_t activeToolAtom() const;
@@ -92,13 +93,19 @@ private:
     std::vector<ObjectPtr> redo_;
 };
 
+class Host;
+
 // "QFService": the annotation edit registry. Prepare counts its calls; edit-select
 // factories are kept by pdfcore annotation subtype atom (PD_ATOM_Widget for widgets).
+// DeselectAnnot goes to the host's selection ("QFAnnotEditService").
 class QFHOST_API AnnotEditService {
 public:
     static constexpr const char* kName = "QFService";
-    static ServiceObject* create();
+    static ServiceObject* create(Host& host);
     static AnnotEditService& of(ServiceObject* so);
+
+    explicit AnnotEditService(Host& host) : host_(&host) {}
+    Host& host() const { return *host_; }
 
     uint32_t prepare();
     uint32_t prepareCount() const;
@@ -106,6 +113,7 @@ public:
     const ObjectRegistry& editSelectFactories() const { return factories_; }
 
 private:
+    Host* host_;
     ObjectRegistry factories_;
     std::atomic<uint32_t> prepared_{0};
 };

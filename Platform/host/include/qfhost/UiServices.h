@@ -70,10 +70,32 @@ public:
     // 3 for a null document or widget; otherwise the commands manager's result.
     uint32_t addWidget(ServiceObject* document, uint64_t pageIndex, PDAnnot widget);
     uint32_t addWidgetCount() const { return calls_; }
+    // The rows of an annotation of subtype ("Widget") added to the area "AnnotArea" of
+    // context: 3 for null arguments, 1 for a subtype without rows.
+    uint32_t addAnnotProperties(const std::u16string& subtype, ServiceObject* document,
+                                uint64_t pageIndex, PDAnnot annot, const PDRect& rect,
+                                ServiceObject* context);
 
 private:
     Host* host_;
     uint32_t calls_ = 0;
+};
+
+// "QFAnnotPropertiesValidate": checks of values that the property rows of forms take.
+class QFHOST_API AnnotPropertiesValidate {
+public:
+    static constexpr const char* kName = "QFAnnotPropertiesValidate";
+    static ServiceObject* create(Host& host);
+    static AnnotPropertiesValidate& of(ServiceObject* so);
+
+    explicit AnnotPropertiesValidate(Host& host) : host_(&host) {}
+    // An option list (export value, display text) a choice field can take: nothing, or
+    // the reason it cannot, in the user's language.
+    std::optional<std::u16string> checkOptionList(
+        const std::vector<std::pair<std::u16string, std::u16string>>& options) const;
+
+private:
+    Host* host_;
 };
 
 // "QFStringService": the catalog of the user's language. English is the identity and the

@@ -74,10 +74,11 @@ public:
 
     // ---- tools ----
     // Makes the tool registered under name (a tool name such as "TextFieldCreate") the
-    // active tool of this view through the host's TasksRepository (Initialize(view, null))
-    // and connects to its properties-changed signal. The previous tool is terminated and
+    // active tool of this view through the host's TasksRepository (Initialize(view,
+    // context); context is what the tool works on: the selection, for the edit tool) and
+    // connects to its properties-changed signal. The previous tool is terminated and
     // dropped first. Returns the repository's or the tool's result (0 on success).
-    uint32_t activateTool(const std::string& name);
+    uint32_t activateTool(const std::string& name, ServiceObject* context = nullptr);
     // The active tool (null: none) and its registered name ("" for none).
     ObjectPtr activeTool() const;
     std::string activeToolName() const;
