@@ -127,7 +127,8 @@ def name(d):
     return ".".join(parts)
 def dest(d):
     d = res(d); p = d[0]
-    page = str(pages[p.idnum]) if isinstance(p, IndirectObject) and p.idnum in pages else "-"
+    page = (str(pages[p.idnum]) if isinstance(p, IndirectObject) and p.idnum in pages
+            else str(int(p)) if isinstance(p, int) else "-")
     n = {"/XYZ": 3, "/FitR": 3, "/FitH": 1, "/FitBH": 1, "/FitV": 1, "/FitBV": 1}.get(d[1], 0)
     params = ("%g" % float(d[2 + i]) if i < n else "0" for i in range(3))
     return "%s/%s/%s" % (page, d[1][1:], ",".join(params))
@@ -232,7 +233,7 @@ const Slot kSlots[] = {
     {"w.t1.E", 'w', PDWidgetAnnotGetMouseEnterAction, PDWidgetAnnotSetMouseEnterAction,
      "GoTo d=1/XYZ/10,700,1.5"},
     {"w.t1.X", 'w', PDWidgetAnnotGetMouseExitAction, PDWidgetAnnotSetMouseExitAction,
-     "GoToE d=-/FitH/500,0,0 nw=1 t=Attachment.pdf"},
+     "GoToE d=0/FitH/500,0,0 nw=1 t=Attachment.pdf"},
     {"w.t1.D", 'w', PDWidgetAnnotGetMouseDownAction, PDWidgetAnnotSetMouseDownAction,
      "Hide h=0 t=t2,grp.a"},
     {"w.t1.U", 'w', PDWidgetAnnotGetMouseUpAction, PDWidgetAnnotSetMouseUpAction,
@@ -462,9 +463,9 @@ TEST(ActionsEdges, NamedAndRemoteDestinationsAndOddLayoutsInAHandWrittenFile) {
     }));
     Owned b = findField(doc.get(), "b"), w = widgetOf(b.get());
     // A name through /Dests, a string through the name tree to a dictionary, a page number
-    // (no page of this file); a script in a stream; a Windows-only launch.
+    // (taken as it stands); a script in a stream; a Windows-only launch.
     EXPECT_EQ(describe(got(PDButtonWidgetAnnotGetAction, w.get()).get()),
-              "GoTo d=0/Fit/0,0,0 > GoTo d=1/FitH/300,0,0 > GoTo d=-/XYZ/0,400,0");
+              "GoTo d=0/Fit/0,0,0 > GoTo d=1/FitH/300,0,0 > GoTo d=2/XYZ/0,400,0");
     EXPECT_EQ(describe(got(PDWidgetAnnotGetMouseEnterAction, w.get()).get()),
               "JavaScript js=app.alert(1)");
     EXPECT_EQ(describe(got(PDWidgetAnnotGetMouseExitAction, w.get()).get()),

@@ -354,11 +354,11 @@ PDResult PDActionCreate(PDDoc doc, PDAtom type, const PDActionArg* arg, PDAction
         } else if (s == "JavaScript") {
             action.replaceKey("/JS", textString(text(false)));
         } else if (s == "URI") {
-            if (!arg || !arg->bytes || arg->bytesLen == 0) fail(PD_ERR_BAD_ARGUMENT);
-            action.replaceKey("/URI",
-                              QPDFObjectHandle::newString(std::string(arg->bytes, arg->bytesLen)));
+            if (!arg || (!arg->bytes && arg->bytesLen != 0)) fail(PD_ERR_BAD_ARGUMENT);
+            action.replaceKey("/URI", QPDFObjectHandle::newString(
+                                          std::string(arg->bytes ? arg->bytes : "", arg->bytesLen)));
         } else if (s == "Launch" || s == "SubmitForm") {
-            auto path = text(true);
+            auto path = text(false);
             PDAtom kind = s == "Launch" ? PDAtom{PD_ATOM_Filespec} : atomOf("URL");
             PDFileSpec made = nullptr;
             check(PDFileSpecCreate(doc, kind, path.data(), static_cast<uint32_t>(path.size()),

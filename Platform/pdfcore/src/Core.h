@@ -18,6 +18,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -89,10 +90,10 @@ struct Document {
     std::vector<QPDFObjectHandle> terminalFields;
     bool formChanged = true;
     uint32_t freshNameCounter = 0;
-    // Fields made through this document (created fields and the parents made for their
-    // names), each with whether a widget was ever attached to it. Those whose widgets all
-    // went again are not written (UnusedFieldsDetached).
-    std::map<QPDFObjGen, bool> createdFields;
+    // Fields whose last widget PDFieldRemoveWidget took out in this session (the new
+    // object of a split merged field). Those still without widgets are not written
+    // (UnusedFieldsDetached); entries stay when widgets come back.
+    std::set<QPDFObjGen> emptiedFields;
 
     std::vector<Listener> listeners;
     uint32_t nextCookie = 1;
@@ -170,11 +171,11 @@ std::vector<QPDFObjectHandle> widgetsOf(QPDFObjectHandle field);
 // Fully qualified name of a field.
 std::u16string fullNameOf(QPDFObjectHandle field);
 
-// While it lives, the fields that this document made and whose widgets were all removed
-// again (by an undo, say), and the parents made for them that are left with nothing else,
-// are taken out of the form, so that a file written meanwhile does not carry them. The
-// destructor puts them back where they were. Fields that came with the file, and made
-// fields that never had a widget, are never touched.
+// While it lives, the fields that lost their last widget through PDFieldRemoveWidget in
+// this session and still hold none (Document::emptiedFields), and every parent that is
+// left without kids by taking them out, are out of the form (and of the calculation
+// order), so that a file written meanwhile does not carry them. The destructor puts them
+// back where they were. Fields that never lost a widget here are never touched.
 class UnusedFieldsDetached {
 public:
     explicit UnusedFieldsDetached(Document& doc);
@@ -184,10 +185,12 @@ public:
 
 private:
     struct Detached {
-        QPDFObjectHandle list;  // the /Kids or /Fields array that held the field
+        QPDFObjectHandle list;  // the /Kids, /Fields or /CO array that held the field
         int index;
         QPDFObjectHandle field;
     };
+    // Takes field out of list (every occurrence); whether it was there.
+    bool detach(QPDFObjectHandle list, QPDFObjectHandle field);
     std::vector<Detached> detached_;
 };
 

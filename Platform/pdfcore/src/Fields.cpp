@@ -302,7 +302,6 @@ QPDFObjectHandle parentFor(Document& doc, const std::vector<std::u16string>& par
         made = doc.qpdf->makeIndirectObject(made);
         containerOf(doc, made).appendItem(made);
         doc.nameIndex.emplace(name, made.getObjGen());
-        doc.createdFields.emplace(made.getObjGen(), false);
         parent = made;
     }
     return parent;
@@ -334,7 +333,6 @@ PDResult createField(PDDoc doc, std::u16string name, bool freshIfEmpty, PDAtom t
         field = d.qpdf->makeIndirectObject(field);
         containerOf(d, field).appendItem(field);
         d.nameIndex.emplace(name, field.getObjGen());
-        d.createdFields.emplace(field.getObjGen(), false);
         d.formChanged = true;
         *outField = handleFor(d, field, Kind::Field);
     });
@@ -441,35 +439,41 @@ std::u16string fullNameOf(QPDFObjectHandle field) {
 }
 
 UnusedFieldsDetached::UnusedFieldsDetached(Document& doc) {
-    // Fields with kids that all went here: a parent empties only when its last kid goes,
-    // so repeat until nothing more goes.
-    std::set<QPDFObjGen> emptied;
-    for (bool changed = true; changed;) {
-        changed = false;
-        for (const auto& [og, hadWidget] : doc.createdFields) {
-            auto field = doc.qpdf->getObject(og);
-            if (!field.isDictionary() || isMerged(field)) continue;
-            if (!hadWidget && !emptied.count(og)) continue;
-            auto kids = field.getKey("/Kids");
-            if (kids.isArray() && kids.getArrayNItems() > 0) continue;
-            auto parent = fieldParent(field);
-            QPDFObjectHandle list = QPDFObjectHandle::newNull();
-            if (parent.isDictionary()) {
-                list = parent.getKey("/Kids");
-            } else if (auto form = acroForm(doc, false); form.isDictionary()) {
-                list = form.getKey("/Fields");
-            }
-            if (!list.isArray()) continue;
-            for (int i = 0; i < list.getArrayNItems(); ++i) {
-                if (list.getArrayItem(i).getObjGen() != og) continue;
-                detached_.push_back({list, i, field});
-                list.eraseItem(i);
-                if (parent.isDictionary()) emptied.insert(parent.getObjGen());
-                changed = true;
-                break;
-            }
-        }
+    auto form = acroForm(doc, false);
+    auto order = form.isDictionary() ? form.getKey("/CO") : QPDFObjectHandle::newNull();
+    std::vector<QPDFObjectHandle> pending;
+    for (const auto& og : doc.emptiedFields) pending.push_back(doc.qpdf->getObject(og));
+    // A parent is looked at again once a kid of it went: it goes too when that was its
+    // last kid, and so on up the tree.
+    std::set<QPDFObjGen> gone;
+    while (!pending.empty()) {
+        auto field = pending.back();
+        pending.pop_back();
+        if (!field.isDictionary() || !field.isIndirect() || isMerged(field)) continue;
+        if (gone.count(field.getObjGen())) continue;
+        auto kids = field.getKey("/Kids");
+        if (kids.isArray() && kids.getArrayNItems() > 0) continue;
+        auto parent = fieldParent(field);
+        auto list = parent.isDictionary() ? parent.getKey("/Kids")
+                    : form.isDictionary() ? form.getKey("/Fields")
+                                          : QPDFObjectHandle::newNull();
+        if (!detach(list, field)) continue;
+        gone.insert(field.getObjGen());
+        detach(order, field);
+        if (parent.isIndirect()) pending.push_back(parent);
     }
+}
+
+bool UnusedFieldsDetached::detach(QPDFObjectHandle list, QPDFObjectHandle field) {
+    if (!list.isArray()) return false;
+    bool found = false;
+    for (int i = list.getArrayNItems() - 1; i >= 0; --i) {
+        if (list.getArrayItem(i).getObjGen() != field.getObjGen()) continue;
+        detached_.push_back({list, i, field});
+        list.eraseItem(i);
+        found = true;
+    }
+    return found;
 }
 
 UnusedFieldsDetached::~UnusedFieldsDetached() {
@@ -478,21 +482,31 @@ UnusedFieldsDetached::~UnusedFieldsDetached() {
     }
 }
 
-// Adds widget to the terminal field (splitting a merged field first). Used by
-// PDFieldAppendWidget and the widget creators.
-void attachWidget(Document& doc, PDHandleRec& field, QPDFObjectHandle widget) {
-    if (isMerged(field.obj)) splitMerged(doc, field.obj);
-    if (auto made = doc.createdFields.find(field.obj.getObjGen());
-        made != doc.createdFields.end()) {
-        made->second = true;
-    }
-    auto kids = field.obj.getKey("/Kids");
+// Adds widget to the terminal field (splitting a merged field first), before the widget
+// that is at position index among the field's widgets; an index past the last widget
+// appends. Used by PDFieldAppendWidget, PDFieldInsertWidget and the widget creators.
+void attachWidget(Document& doc, PDHandleRec& field, QPDFObjectHandle widget,
+                  size_t index = SIZE_MAX) {
+    auto fieldObj = isMerged(field.obj) ? splitMerged(doc, field.obj) : field.obj;
+    auto kids = fieldObj.getKey("/Kids");
     if (!kids.isArray()) {
         kids = QPDFObjectHandle::newArray();
-        field.obj.replaceKey("/Kids", kids);
+        fieldObj.replaceKey("/Kids", kids);
     }
-    kids.appendItem(widget);
-    widget.replaceKey("/Parent", field.obj);
+    // /Kids may hold entries that are not widgets of the field (damaged files): the
+    // position counts widgets only.
+    int at = kids.getArrayNItems();
+    size_t seen = 0;
+    for (int i = 0; i < kids.getArrayNItems(); ++i) {
+        auto kid = kids.getArrayItem(i);
+        if (!isWidget(kid) || hasName(kid)) continue;
+        if (seen++ == index) {
+            at = i;
+            break;
+        }
+    }
+    kids.insertItem(at, widget);
+    widget.replaceKey("/Parent", fieldObj);
 }
 
 }  // namespace pdfcore
@@ -764,6 +778,35 @@ PDResult PDFieldAppendWidget(PDField field, PDAnnot widget) {
     });
 }
 
+PDResult PDFieldInsertWidget(PDField field, uint32_t index, PDAnnot widget) {
+    return guard([&] {
+        auto& f = checkedTyped(field, nullptr);
+        auto& w = checkedWidget(widget);
+        sameDoc(f, w);
+        if (fieldOfWidget(w.obj).isDictionary()) fail(PD_ERR_ALREADY);
+        if (index > widgetsOf(f.obj).size()) fail(PD_ERR_RANGE);
+        attachWidget(*f.doc, f, w.obj, index);
+        regenerateAppearance(*f.doc, w.obj);
+    });
+}
+
+PDResult PDFieldGetWidgetIndex(PDField field, PDAnnot widget, uint32_t* outIndex) {
+    return guard([&] {
+        auto& f = checkedField(field);
+        auto& w = checkedWidget(widget);
+        sameDoc(f, w);
+        checkOut(outIndex);
+        auto widgets = widgetsOf(f.obj);
+        for (size_t i = 0; i < widgets.size(); ++i) {
+            if (widgets[i].getObjGen() == w.obj.getObjGen()) {
+                *outIndex = static_cast<uint32_t>(i);
+                return;
+            }
+        }
+        fail(PD_ERR_NOT_KID);
+    });
+}
+
 PDResult PDFieldRemoveWidget(PDField field, PDAnnot widget) {
     return guard([&] {
         auto& f = checkedField(field);
@@ -773,11 +816,16 @@ PDResult PDFieldRemoveWidget(PDField field, PDAnnot widget) {
         if (!owner.isDictionary() || owner.getObjGen() != f.obj.getObjGen()) {
             fail(PD_ERR_NOT_KID);
         }
-        if (isMerged(f.obj)) splitMerged(*f.doc, f.obj);
-        auto kids = f.obj.getKey("/Kids");
+        // A merged field moves to a new object here (its handles follow it).
+        auto fieldObj = isMerged(f.obj) ? splitMerged(*f.doc, f.obj) : f.obj;
+        auto kids = fieldObj.getKey("/Kids");
         removeFrom(kids, w.obj.getObjGen());
-        if (kids.isArray() && kids.getArrayNItems() == 0) f.obj.removeKey("/Kids");
+        if (kids.isArray() && kids.getArrayNItems() == 0) fieldObj.removeKey("/Kids");
         w.obj.removeKey("/Parent");
+        // Some writers repeat the field type on each widget; left there, it would make the
+        // widget a field of its own, and of the wrong type for a field it joins later.
+        w.obj.removeKey("/FT");
+        if (widgetsOf(fieldObj).empty()) f.doc->emptiedFields.insert(fieldObj.getObjGen());
     });
 }
 

@@ -263,7 +263,14 @@ PDResult PDDestGetPageIndex(PDDest dest, uint32_t* outPageIndex) {
         auto arr = destArray(h.obj);
         if (arr.isNull() || arr.getArrayNItems() == 0) fail(PD_ERR_NO_VALUE);
         auto page = arr.getArrayItem(0);
-        // A page number (a destination in another file) names no page of this document.
+        // A page number is the index of a page of the file the destination points into
+        // (GoToE and GoToR write them so).
+        if (page.isInteger()) {
+            const long long number = page.getIntValue();
+            if (number < 0 || number > 0xFFFFFFFELL) fail(PD_ERR_NO_VALUE);
+            *outPageIndex = static_cast<uint32_t>(number);
+            return;
+        }
         if (!page.isDictionary() || !page.isIndirect()) fail(PD_ERR_NO_VALUE);
         int index = -1;
         try {
@@ -316,7 +323,6 @@ PDResult PDFileSpecCreate(PDDoc doc, PDAtom kind, const char16_t* path, uint32_t
         Document& d = checkedDoc(doc);
         checkOut(outFileSpec);
         auto p = textArg(path, len);
-        if (p.empty()) fail(PD_ERR_BAD_ARGUMENT);
         auto spec = QPDFObjectHandle::newDictionary();
         if (kind == PD_ATOM_Filespec) {
             spec.replaceKey("/Type", QPDFObjectHandle::newName("/Filespec"));

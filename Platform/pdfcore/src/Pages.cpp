@@ -1,6 +1,7 @@
 // Pages and their annotation lists; annotation properties.
 #include "Core.h"
 
+#include <algorithm>
 #include <cmath>
 #include <set>
 
@@ -298,6 +299,51 @@ PDResult PDMarkupAnnotGetInReplyTo(PDAnnot annot, PDAnnot* outParent) {
         if (irt.isDictionary() && irt.isIndirect()) {
             *outParent = handleFor(*a.doc, irt, Kind::Annot);
         }
+    });
+}
+
+PDResult PDMarkupAnnotSetInReplyTo(PDAnnot annot, PDAnnot parent) {
+    return guard([&] {
+        auto& a = checked(annot, Kind::Annot);
+        auto st = a.obj.getKey("/Subtype");
+        if (!st.isName() || !isMarkupSubtype(st.getName())) fail(PD_ERR_BAD_ARGUMENT);
+        if (!parent) {
+            a.obj.removeKey("/IRT");
+            return;
+        }
+        auto& p = checked(parent, Kind::Annot);
+        sameDoc(a, p);
+        // A reply may not end up answering itself, through any number of replies.
+        std::set<QPDFObjGen> seen;
+        for (auto node = p.obj; node.isDictionary() && node.isIndirect();
+             node = node.getKey("/IRT")) {
+            if (node.getObjGen() == a.obj.getObjGen()) fail(PD_ERR_CYCLE);
+            if (!seen.insert(node.getObjGen()).second) break;
+        }
+        a.obj.replaceKey("/IRT", p.obj);
+    });
+}
+
+PDResult PDDocCreateAnnot(PDDoc doc, PDAtom subtype, const PDRect* rect, PDAnnot* outAnnot) {
+    if (outAnnot) *outAnnot = nullptr;
+    return guard([&] {
+        Document& d = checkedDoc(doc);
+        checkOut(outAnnot);
+        if (subtype != atomOf("Text")) fail(PD_ERR_UNSUPPORTED);
+        if (!rect || !std::isfinite(rect->left) || !std::isfinite(rect->right) ||
+            !std::isfinite(rect->top) || !std::isfinite(rect->bottom)) {
+            fail(PD_ERR_BAD_ARGUMENT);
+        }
+        auto a = QPDFObjectHandle::newDictionary();
+        a.replaceKey("/Type", QPDFObjectHandle::newName("/Annot"));
+        a.replaceKey("/Subtype", QPDFObjectHandle::newName("/Text"));
+        a.replaceKey("/Rect", QPDFObjectHandle::newArray(QPDFObjectHandle::Rectangle(
+                                  std::min(rect->left, rect->right),
+                                  std::min(rect->top, rect->bottom),
+                                  std::max(rect->left, rect->right),
+                                  std::max(rect->top, rect->bottom))));
+        a.replaceKey("/F", QPDFObjectHandle::newInteger(PD_ANNOT_PRINT));
+        *outAnnot = handleFor(d, d.qpdf->makeIndirectObject(a), Kind::Annot);
     });
 }
 

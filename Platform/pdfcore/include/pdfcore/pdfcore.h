@@ -175,11 +175,13 @@ PDFCORE_API PDResult PDDocCreate(uint32_t pageCount, float width, float height,
                                  PDDoc* outDoc);
 /* Writes the document to path: a temporary file beside it, then a rename, so that a
  * failed save leaves the target as it was (PD_ERR_IO). The document stays open and
- * unchanged. Encrypted input is written unencrypted. A field made through this document
- * (PDDocCreateField and the typed creators) whose widgets were all removed again (as
- * undoing its creation does) is left out of the file, and so are the parents made for
- * its name that hold nothing else; in memory it stays. Fields that came with the file
- * and made fields that never had a widget are always written. The same holds for
+ * unchanged. Encrypted input is written unencrypted. A field (made here or read from the
+ * file) whose last widget PDFieldRemoveWidget took out since the document was opened, and
+ * that holds no widget when the document is written, is left out of the file (as after
+ * undoing a widget's creation or deletion), and so is every parent left without kids by
+ * that, up the tree; in memory they stay, and are written again once they hold a widget.
+ * Fields that never lost a widget this way (a file's field that had none to begin with,
+ * a made field that never got one) are always written. The same holds for
  * PDDocSaveMem. */
 PDFCORE_API PDResult PDDocSave(PDDoc doc, const char* path);
 /* Writes the document into a buffer allocated with malloc; the caller frees it with
@@ -271,6 +273,16 @@ PDFCORE_API PDResult PDAnnotGetVisible(PDAnnot annot, PDBool* outVisible);
 PDFCORE_API PDResult PDAnnotIsMarkupAnnot(PDAnnot annot, PDBool* outMarkup);
 /* The annotation this one replies to (/IRT), or NULL. */
 PDFCORE_API PDResult PDMarkupAnnotGetInReplyTo(PDAnnot annot, PDAnnot* outParent);
+/* Makes annot (a markup annotation, else PD_ERR_BAD_ARGUMENT) a reply to parent; NULL
+ * removes /IRT. A parent that is annot itself or (through its own /IRT chain) a reply to
+ * it: PD_ERR_CYCLE. */
+PDFCORE_API PDResult PDMarkupAnnotSetInReplyTo(PDAnnot annot, PDAnnot parent);
+/* A new annotation of subtype with rect (normalised) and the Print flag, on no page:
+ * PDPageAddAnnot puts it on one. Only Text (a note) is made; other subtypes:
+ * PD_ERR_UNSUPPORTED (widgets come from the widget creators). A NULL or non-finite rect:
+ * PD_ERR_BAD_ARGUMENT. */
+PDFCORE_API PDResult PDDocCreateAnnot(PDDoc doc, PDAtom subtype, const PDRect* rect,
+                                      PDAnnot* outAnnot);
 /* /AS as an atom; PD_ERR_NO_VALUE when absent. */
 PDFCORE_API PDResult PDAnnotGetAppearanceState(PDAnnot annot, PDAtom* outState);
 /* Sets /AS; atom 0 removes it. */
@@ -355,14 +367,22 @@ PDFCORE_API PDResult PDFieldSetDefaultValue(PDField field, const char16_t* text,
  * dictionary with its one widget. */
 PDFCORE_API PDResult PDFieldGetNumWidgets(PDField field, uint32_t* outCount);
 PDFCORE_API PDResult PDFieldGetWidget(PDField field, uint32_t index, PDAnnot* outWidget);
+/* The position of widget among the field's widgets; PD_ERR_NOT_KID when it is not one. */
+PDFCORE_API PDResult PDFieldGetWidgetIndex(PDField field, PDAnnot widget,
+                                           uint32_t* outIndex);
 /* Makes widget a widget of field (a terminal field, else PD_ERR_FIELD_KIND). The
  * widget must have no field (PD_ERR_ALREADY). A field that shares its dictionary
  * with its one widget is split first; both keep their handles. The widget's
  * appearance is regenerated for the field's value. */
 PDFCORE_API PDResult PDFieldAppendWidget(PDField field, PDAnnot widget);
+/* The same, with widget put before the one at position index among the field's widgets;
+ * index == count appends, a larger one: PD_ERR_RANGE. Undoing a removal with the index
+ * that PDFieldGetWidgetIndex gave before puts the widget back where it was. */
+PDFCORE_API PDResult PDFieldInsertWidget(PDField field, uint32_t index, PDAnnot widget);
 /* Takes widget out of field (PD_ERR_NOT_KID when it is not one of its widgets). The
- * widget stays on its page without a field; the field stays in the form, also when
- * it has no widget left. */
+ * widget stays on its page without a field (a field type repeated on the widget, /FT,
+ * is dropped with its membership); the field stays in the form, also when
+ * it has no widget left (it is then not written, see PDDocSave). */
 PDFCORE_API PDResult PDFieldRemoveWidget(PDField field, PDAnnot widget);
 /* Regenerates the appearances of all widgets of the field. */
 PDFCORE_API PDResult PDFieldUpdateWidgets(PDField field);
@@ -569,16 +589,19 @@ PDFCORE_API PDResult PDObjectDictPutName(PDObject dict, PDAtom key, PDAtom name)
  * parameters are 0. A page index past the document's pages: PD_ERR_RANGE. */
 PDFCORE_API PDResult PDDestCreate(PDDoc doc, PDAtom type, uint32_t pageIndex, float param1,
                                   float param2, float param3, PDDest* outDest);
-/* The page of the destination; PD_ERR_NO_VALUE when it names no page of this document
- * (a page number of another file, a missing page). Named destinations are resolved
- * through /Dests and the /Names tree when the destination is handed out. */
+/* The page of the destination: the index of the page it names in this document or, for a
+ * page given by number (as GoToE and GoToR destinations are, pointing into another file),
+ * that number. PD_ERR_NO_VALUE for a missing page or an object that is no page. Named
+ * destinations are resolved through /Dests and the /Names tree when the destination is
+ * handed out. */
 PDFCORE_API PDResult PDDestGetPageIndex(PDDest dest, uint32_t* outPageIndex);
 PDFCORE_API PDResult PDDestGetType(PDDest dest, PDAtom* outType);
 /* The three parameters in the order of PDDestCreate; null entries give 0. */
 PDFCORE_API PDResult PDDestGetParams(PDDest dest, float outParams[3]);
 
 /* A file specification dictionary. kind: PD_ATOM_Filespec for a file (/F and /UF), or
- * the atom of "URL" for a URL specification (/FS /URL) as SubmitForm uses. */
+ * the atom of "URL" for a URL specification (/FS /URL) as SubmitForm uses. The path may
+ * be empty. */
 PDFCORE_API PDResult PDFileSpecCreate(PDDoc doc, PDAtom kind, const char16_t* path,
                                       uint32_t len, PDFileSpec* outFileSpec);
 /* /UF, else /F, else the string itself for a file specification written as a string. */
@@ -588,7 +611,7 @@ PDFCORE_API PDResult PDFileSpecGetPath(PDFileSpec fileSpec, char16_t* buf, uint3
 /* ---- Actions ------------------------------------------------------------ */
 
 /* The type-specific argument of PDActionCreate. JavaScript: text is the script. URI:
- * bytes are the URI (7-bit as PDF wants it; stored unchanged). Launch: text is the file
+ * bytes are the URI (7-bit as PDF wants it; stored unchanged; may be empty). Launch: text is the file
  * path. SubmitForm: text is the server URL. Named: text is the action name (for example
  * "SaveAs", "Print"). GoTo: dest. Hide and ResetForm take no argument (arg may be NULL).
  * Fields not used by a type are ignored. */
