@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <filesystem>
@@ -81,6 +82,87 @@ std::string tempPath(const char* name) {
     return (std::filesystem::temp_directory_path() /
             (std::string("qfhost-doc-") + std::to_string(::getpid()) + "-" + name))
         .string();
+}
+
+std::string fullName(PDField f) {
+    uint32_t len = 0;
+    if (PDFieldGetFullName(f, nullptr, 0, &len) != PD_OK) return "?";
+    std::u16string name(len, u'\0');
+    EXPECT_EQ(PDFieldGetFullName(f, name.data(), len + 1, &len), PD_OK);
+    return std::string(name.begin(), name.end());
+}
+
+// One annotation as a reader sees it: subtype, rectangle, flags, field and place among the
+// field's widgets, the page index of the annotation it replies to.
+std::string describe(PDPage page, PDAnnot a) {
+    PDAtom subtype = 0;
+    const char* name = "?";
+    if (PDAnnotGetSubtype(a, &subtype) == PD_OK) PDAtomGetString(subtype, &name);
+    PDRect r{};
+    uint32_t flags = 0, index = 99;
+    PDAnnotGetRect(a, &r);
+    PDAnnotGetFlags(a, &flags);
+    char text[128];
+    std::snprintf(text, sizeof text, "%s [%g %g %g %g] F%u", name, r.left, r.bottom, r.right,
+                  r.top, flags);
+    std::string out = text;
+    Handle field, parent;
+    if (subtype == PD_ATOM_Widget && PDWidgetAnnotGetParent(a, field.put()) == PD_OK && field.h &&
+        PDFieldGetWidgetIndex(field.h, a, &index) == PD_OK) {
+        out += " " + fullName(field.h) + "#" + std::to_string(index);
+    }
+    if (PDMarkupAnnotGetInReplyTo(a, parent.put()) == PD_OK && parent.h &&
+        PDPageGetAnnotIndex(page, parent.h, &index) == PD_OK) {
+        out += " reply to " + std::to_string(index);
+    }
+    return out;
+}
+
+// The document as a fresh reader sees it (PDDocSaveMem, PDDocOpenMem): "page: annotation"
+// lines, then "field NAME xWIDGETS" for each terminal field.
+std::vector<std::string> freshView(PDDoc doc) {
+    void* data = nullptr;
+    size_t size = 0;
+    Handle fresh;
+    EXPECT_EQ(PDDocSaveMem(doc, &data, &size), PD_OK);
+    EXPECT_EQ(PDDocOpenMem(data, size, fresh.put()), PD_OK);
+    PDFreeBuffer(data);
+    std::vector<std::string> out;
+    uint32_t pages = 0, fields = 0;
+    PDDocGetNumPages(fresh.h, &pages);
+    for (uint32_t p = 0; p < pages; ++p) {
+        Handle page;
+        uint32_t count = 0;
+        EXPECT_EQ(PDDocGetPage(fresh.h, p, page.put()), PD_OK);
+        PDPageGetNumAnnots(page.h, &count);
+        for (uint32_t i = 0; i < count; ++i) {
+            Handle a;
+            EXPECT_EQ(PDPageGetAnnot(page.h, i, a.put()), PD_OK);
+            out.push_back(std::to_string(p) + ": " + describe(page.h, a.h));
+        }
+    }
+    PDDocGetNumFields(fresh.h, &fields);
+    for (uint32_t i = 0; i < fields; ++i) {
+        Handle f;
+        uint32_t widgets = 0;
+        EXPECT_EQ(PDDocGetField(fresh.h, i, f.put()), PD_OK);
+        PDFieldGetNumWidgets(f.h, &widgets);
+        out.push_back("field " + fullName(f.h) + " x" + std::to_string(widgets));
+    }
+    return out;
+}
+
+// Page 0's annotations in a fresh view, without the page prefix.
+std::vector<std::string> annotsOf(const std::vector<std::string>& view) {
+    std::vector<std::string> out;
+    for (const auto& line : view)
+        if (line.rfind("0: ", 0) == 0) out.push_back(line.substr(3));
+    return out;
+}
+
+bool mentions(const std::vector<std::string>& view, const std::string& what) {
+    return std::any_of(view.begin(), view.end(),
+                       [&](const std::string& line) { return line.find(what) != std::string::npos; });
 }
 
 // What the document's events delivered.
@@ -371,7 +453,7 @@ TEST_F(DocumentTest, DeleteRemovesTheWidgetAndUndoPutsItBackInPlace) {
 }
 
 TEST_F(DocumentTest, OperationsThatCannotBeCarriedOut) {
-    EXPECT_EQ(post("Annot_BringFront", widget.h), codes::kUnknownOperation);
+    EXPECT_EQ(post("Annot_Flatten", widget.h), codes::kUnknownOperation);
     EXPECT_EQ(post("NoSuchOperation", widget.h), codes::kUnknownOperation);
     EXPECT_EQ(table->PerformAnnotOperation(so, 0, nullptr, 0), 3u);
     QF::AnnotOperationRecord record{so, 0, widget.h, {0, 0, 10, 10}};
@@ -390,6 +472,148 @@ TEST_F(DocumentTest, OperationsThatCannotBeCarriedOut) {
     EXPECT_TRUE(recorder.single.empty());
     EXPECT_EQ(host.commands().depths().undo, 0u);
     EXPECT_FALSE(doc->modified());
+}
+
+// Page 0 of the fixture with three annotations: the widget of field A, a widget of field
+// B, a note. Each operation is done, undone and redone; a fresh reader sees the document
+// as it was before after UNDO and as after DO after REDO.
+class AnnotOperationsTest : public DocumentTest {
+protected:
+    void SetUp() override {
+        DocumentTest::SetUp();
+        second.h = addTextWidget(doc->pdDoc(), 0, PDRect{10, 50, 60, 30});
+        PDAtom text = 0;
+        ASSERT_EQ(PDAtomPutString("Text", &text), PD_OK);
+        const PDRect r{400, 720, 420, 700};
+        ASSERT_EQ(PDDocCreateAnnot(doc->pdDoc(), text, &r, note.put()), PD_OK);
+        Handle page;
+        ASSERT_EQ(PDDocGetPage(doc->pdDoc(), 0, page.put()), PD_OK);
+        ASSERT_EQ(PDPageAddAnnot(page.h, 2, note.h), PD_OK);
+        before = freshView(doc->pdDoc());
+    }
+    // The kinds of the events since the last call, single ones as "k", lists as "[k]".
+    std::vector<std::string> events() {
+        std::vector<std::string> out;
+        for (const auto& e : recorder.single) out.push_back(std::to_string(std::get<0>(e)));
+        for (const auto& e : recorder.several)
+            out.push_back("[" + std::to_string(std::get<0>(e)) + "]");
+        recorder.single.clear();
+        recorder.several.clear();
+        return out;
+    }
+
+    Handle second, note;
+    std::vector<std::string> before;
+};
+
+TEST_F(AnnotOperationsTest, EachOperationDoesUndoesAndRedoes) {
+    Handle loose;  // a widget of a new field, on no page yet
+    {
+        Handle field, page;
+        const PDRect r{200, 300, 260, 280};
+        ASSERT_EQ(PDDocGetPage(doc->pdDoc(), 0, page.put()), PD_OK);
+        ASSERT_EQ(PDCreateTextField(doc->pdDoc(), nullptr, 0, 0, field.put()), PD_OK);
+        ASSERT_EQ(PDCreateTextWidgetAnnot(doc->pdDoc(), field.h, page.h, &r, loose.put()), PD_OK);
+        before = freshView(doc->pdDoc());
+    }
+    const std::string w0 = "Widget [100 680 300 700] F4 Text1#0",
+                      w1 = "Widget [10 30 60 50] F4 Text2#0", n = "Text [400 700 420 720] F4";
+    ASSERT_EQ(annotsOf(before), (std::vector<std::string>{w0, w1, n}));
+    struct Case {
+        const char* operation;
+        PDAnnot annot;
+        std::array<float, 4> rect;
+        std::vector<std::string> doEvents, undoEvents, page;  // page 0 after DO
+    };
+    const std::vector<Case> cases = {
+        {"Annot_SetRect", widget.h, {150, 400, 350, 430}, {"0"}, {"0"},
+         {"Widget [150 400 350 430] F4 Text1#0", w1, n}},
+        {"Annot_Delete", second.h, {}, {"1"}, {"0"}, {w0, n}},
+        {"Annot_Insert", loose.h, {}, {"0"}, {"1"}, {w0, w1, n, "Widget [200 280 260 300] F4 Text3#0"}},
+        {"Annot_Lock", note.h, {}, {"0"}, {"0"}, {w0, w1, "Text [400 700 420 720] F132"}},
+        {"Annot_Delete_PageAll", nullptr, {}, {"[1]"}, {"[0]"}, {}},
+        {"Annot_RangeDelete", nullptr, {0, 0, 100, 100}, {"[1]"}, {"[0]"}, {w0, n}},
+        {"Annot_ReplyTo", note.h, {430, 700, 450, 720}, {"0"}, {"1"},
+         {w0, w1, n, "Text [430 700 450 720] F4 reply to 2"}},
+        {"Annot_BringFront", widget.h, {}, {"0"}, {"1"}, {w1, n, w0}},
+        {"Annot_BringBack", note.h, {}, {"0"}, {"1"}, {n, w0, w1}},
+        {"Annot_BringForward", widget.h, {}, {"0"}, {"1"}, {w1, w0, n}},
+        {"Annot_BringBackward", note.h, {}, {"0"}, {"1"}, {w0, n, w1}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.operation);
+        events();
+        doc->clearInvalidations();
+        ASSERT_EQ(post(c.operation, c.annot, 0, c.rect), 0u);
+        EXPECT_EQ(host.commands().depths().undo, 1u);
+        EXPECT_TRUE(doc->pageChanged(0));
+        EXPECT_FALSE(doc->invalidations().empty());
+        EXPECT_EQ(events(), c.doEvents);
+        const std::vector<std::string> after = freshView(doc->pdDoc());
+        EXPECT_EQ(annotsOf(after), c.page);
+        EXPECT_FALSE(mentions(after, " x0"));  // fields emptied by deletions are not written
+        EXPECT_TRUE(mentions(after, "field Text3 x1"));  // its widget is on no page: written
+
+        ASSERT_EQ(host.commands().undo(), 0u);
+        EXPECT_FALSE(doc->pageChanged(0));
+        EXPECT_EQ(events(), c.undoEvents);
+        EXPECT_EQ(freshView(doc->pdDoc()), before);
+        ASSERT_EQ(host.commands().redo(), 0u);
+        EXPECT_TRUE(doc->pageChanged(0));
+        EXPECT_EQ(events(), c.doEvents);
+        EXPECT_EQ(freshView(doc->pdDoc()), after);
+        ASSERT_EQ(host.commands().undo(), 0u);
+        host.commands().clear();
+    }
+}
+
+TEST_F(AnnotOperationsTest, RefusalsAndNothingToDo) {
+    // Nothing to do: a negative answer and no command.
+    EXPECT_EQ(post("Annot_BringFront", note.h), codes::kNegative);
+    EXPECT_EQ(post("Annot_BringForward", note.h), codes::kNegative);
+    EXPECT_EQ(post("Annot_BringBack", widget.h), codes::kNegative);
+    EXPECT_EQ(post("Annot_BringBackward", widget.h), codes::kNegative);
+    EXPECT_EQ(post("Annot_Unlock", note.h), codes::kNegative);
+    // Only annotations wholly inside the rectangle go (the second widget is 10..60 wide).
+    EXPECT_EQ(post("Annot_RangeDelete", nullptr, 0, {0, 0, 50, 100}), codes::kNegative);
+    EXPECT_EQ(post("Annot_Delete_PageAll", nullptr, 1), codes::kNegative);  // an empty page
+    // Annotations must be the page's (Insert: no page's, and of this document).
+    EXPECT_EQ(post("Annot_ReplyTo", widget.h, 0, {0, 0, 10, 10}), codes::kBadArgument);
+    EXPECT_EQ(post("Annot_Insert", note.h, 1), codes::kBadArgument);
+    EXPECT_EQ(post("Annot_Insert", nullptr), codes::kBadArgument);
+    for (const char* op : {"Annot_Lock", "Annot_BringFront", "Annot_ReplyTo", "Annot_Delete"})
+        EXPECT_EQ(post(op, note.h, 1), codes::kBadArgument) << op;
+    auto other = Document::create(1, 100, 100);
+    Handle foreign(addTextWidget(other->pdDoc(), 0, PDRect{1, 20, 20, 1}));
+    EXPECT_EQ(post("Annot_Insert", foreign.h), codes::kBadArgument);
+    // A locked page refuses every operation.
+    ObjectPtr page = pageObject(0);
+    uint64_t token = 0;
+    ASSERT_EQ(pageTable(page.get())->Lock(page.get(), 1, &token), 0u);
+    for (const char* op : {"Annot_SetRect", "Annot_Delete", "Annot_Insert", "Annot_Lock",
+                           "Annot_Unlock", "Annot_Delete_PageAll", "Annot_RangeDelete",
+                           "Annot_ReplyTo", "Annot_BringFront", "Annot_BringBack",
+                           "Annot_BringForward", "Annot_BringBackward"})
+        EXPECT_EQ(post(op, note.h, 0, {0, 0, 700, 800}), codes::kPageBusy) << op;
+    EXPECT_EQ(pageTable(page.get())->Unlock(page.get(), token), 0u);
+    EXPECT_EQ(host.commands().depths().undo, 0u);
+    EXPECT_TRUE(events().empty());
+    EXPECT_FALSE(doc->modified());
+
+    // Locked widgets are not deleted, alone or with the others.
+    ASSERT_EQ(post("Annot_Lock", second.h), 0u);
+    EXPECT_EQ(post("Annot_Delete", second.h), codes::kBadArgument);
+    ASSERT_EQ(post("Annot_Delete_PageAll", nullptr), 0u);
+    const std::vector<std::string> view = annotsOf(freshView(doc->pdDoc()));
+    ASSERT_EQ(view.size(), 1u);
+    EXPECT_EQ(view[0].substr(0, 22), "Widget [10 30 60 50] F");
+    EXPECT_EQ(post("Annot_RangeDelete", nullptr, 0, {0, 0, 100, 100}), codes::kNegative);
+    ASSERT_EQ(host.commands().undo(), 0u);
+    ASSERT_EQ(post("Annot_Unlock", second.h), 0u);
+    EXPECT_EQ(freshView(doc->pdDoc()), before);
+    ASSERT_EQ(host.commands().undo(), 0u);
+    ASSERT_EQ(host.commands().undo(), 0u);
+    EXPECT_EQ(freshView(doc->pdDoc()), before);
 }
 
 TEST_F(DocumentTest, ExecuteCommandGoesToTheCommandsManager) {
@@ -501,6 +725,48 @@ TEST(DocumentCorpusTest, MovesAndDeletesWidgetsOfARealForm) {
     Handle back;
     ASSERT_EQ(PDPageGetAnnot(page.h, widgets[1], back.put()), PD_OK);
     EXPECT_EQ(back.h, removed.h);
+}
+
+// Deleting widgets of a real form: their fields lose them, in order, and get them back in
+// order; a field left without widgets is not written until they are back.
+TEST(DocumentCorpusTest, DeletedWidgetsLeaveAndRejoinTheirFieldsInOrder) {
+    Host host;
+    Document& doc = host.openDocument(QF_CORPUS_DIR "/qpdf-field-types.pdf");
+    Handle radio;
+    const std::u16string r1 = u"r1";
+    ASSERT_EQ(PDDocFindField(doc.pdDoc(), r1.data(), 2, radio.put()), PD_OK);
+    std::vector<Handle> widgets(3);
+    for (uint32_t i = 0; i < 3; ++i)
+        ASSERT_EQ(PDFieldGetWidget(radio.h, i, widgets[i].put()), PD_OK);
+    const std::vector<std::string> original = freshView(doc.pdDoc());
+    ASSERT_TRUE(mentions(original, "field r1 x3"));
+    ASSERT_TRUE(mentions(original, "r1#2"));
+    auto post = [&](const char* operation, PDAnnot annot) {
+        QF::AnnotOperationRecord record{doc.object(), 0, annot, {}};
+        return docTable(doc.object())->PerformAnnotOperation(doc.object(), atom(operation), &record, 0);
+    };
+
+    // All three, one after another: the field goes; the undos put them back in order.
+    for (uint32_t i : {2u, 0u, 1u}) ASSERT_EQ(post("Annot_Delete", widgets[i].h), 0u);
+    const std::vector<std::string> view = freshView(doc.pdDoc());
+    Handle parent;
+    EXPECT_EQ(PDWidgetAnnotGetParent(widgets[1].h, parent.put()), PD_OK);
+    EXPECT_EQ(parent.h, nullptr);
+    EXPECT_FALSE(mentions(view, "field r1"));
+    EXPECT_TRUE(mentions(view, "field r2 x3"));
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(host.commands().undo(), 0u);
+    EXPECT_EQ(freshView(doc.pdDoc()), original);
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(host.commands().redo(), 0u);
+    EXPECT_EQ(freshView(doc.pdDoc()), view);
+
+    // The whole page, the merged single-widget fields among it; the form is empty, then whole.
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(host.commands().undo(), 0u);
+    ASSERT_EQ(post("Annot_Delete_PageAll", nullptr), 0u);
+    EXPECT_TRUE(freshView(doc.pdDoc()).empty());
+    ASSERT_EQ(host.commands().undo(), 0u);
+    EXPECT_EQ(freshView(doc.pdDoc()), original);
+    ASSERT_EQ(host.commands().redo(), 0u);
+    EXPECT_TRUE(freshView(doc.pdDoc()).empty());
 }
 
 TEST(DocumentHostTest, DocumentsFromHandlesAndTheCurrentDocument) {

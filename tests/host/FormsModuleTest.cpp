@@ -48,10 +48,11 @@ TEST_F(FormsModuleTest, InitHandsOverTheToolsAndCommands) {
     for (const char* tool :
          {"CheckBoxCreate", "ComboBoxCreate", "DigitalSignatureFieldCreate", "EmailButtonCreate",
           "ListBoxCreate", "PrintButtonCreate", "PushButtonCreate", "RadioGroupCreate",
-          "SaveButtonCreate", "SubmitButtonCreate", "TextFieldCreate"}) {
+          "SaveButtonCreate", "SubmitButtonCreate", "TextFieldCreate", "Edit"}) {
         EXPECT_TRUE(host.tasks().tools().contains(atom(tool))) << tool;
     }
-    EXPECT_EQ(host.tasks().tools().size(), 11u);
+    EXPECT_EQ(host.tasks().tools().size(), 12u);
+    EXPECT_TRUE(host.editModules().selectionFactories().contains(atom("WidgetEdit")));
     for (const char* command : {"AddWidget", "Widget_Rename", "GroupRadioButtons"}) {
         EXPECT_TRUE(host.commands().factories().contains(atom(command))) << command;
     }

@@ -6,8 +6,11 @@
 
 #include "kr/KRRuntime.h"
 
+#include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <map>
+#include <optional>
 #include <utility>
 
 namespace qfhost {
@@ -47,6 +50,8 @@ struct DocumentState {
     // Subscriptions made through the service object, by connection id.
     std::map<uint64_t, boost::signals2::connection> connections;
     uint64_t nextConnection = 1;
+    // The listener through which pdfcore's own change notifications reach OnAnnotChanged.
+    uint32_t pdfcoreListener = 0;
 
     DocumentState() = default;
     ~DocumentState() { PDHandleRelease(doc); }
@@ -67,13 +72,54 @@ uint32_t atomOf(const char* name) {
     return id;
 }
 
-uint32_t setRectAtom() {
-    static const uint32_t id = atomOf("Annot_SetRect");
-    return id;
-}
-uint32_t deleteAtom() {
-    static const uint32_t id = atomOf("Annot_Delete");
-    return id;
+// The annotation operations of PerformAnnotOperation.
+enum class Operation {
+    SetRect,
+    Delete,
+    Insert,
+    Lock,
+    Unlock,
+    DeletePageAll,
+    RangeDelete,
+    ReplyTo,
+    BringFront,
+    BringBack,
+    BringForward,
+    BringBackward,
+};
+
+// The operation named by atom, from the names resolved once; nothing for any other atom.
+std::optional<Operation> operationOf(uint32_t atom) {
+    struct Named {
+        const char* name;
+        Operation operation;
+    };
+    static constexpr Named kNames[] = {
+        {"Annot_SetRect", Operation::SetRect},
+        {"Annot_Delete", Operation::Delete},
+        {"Annot_Insert", Operation::Insert},
+        {"Annot_Lock", Operation::Lock},
+        {"Annot_Unlock", Operation::Unlock},
+        {"Annot_Delete_PageAll", Operation::DeletePageAll},
+        {"Annot_RangeDelete", Operation::RangeDelete},
+        {"Annot_ReplyTo", Operation::ReplyTo},
+        {"Annot_BringFront", Operation::BringFront},
+        {"Annot_BringBack", Operation::BringBack},
+        {"Annot_BringForward", Operation::BringForward},
+        {"Annot_BringBackward", Operation::BringBackward},
+    };
+    static const std::vector<std::pair<uint32_t, Operation>> kAtoms = [] {
+        std::vector<std::pair<uint32_t, Operation>> atoms;
+        for (const Named& n : kNames) {
+            if (uint32_t id = atomOf(n.name)) atoms.emplace_back(id, n.operation);
+        }
+        return atoms;
+    }();
+    if (atom == 0) return std::nullopt;
+    for (const auto& [id, operation] : kAtoms) {
+        if (id == atom) return operation;
+    }
+    return std::nullopt;
 }
 
 DocumentState& docState(ServiceObject* so) {
@@ -172,31 +218,225 @@ void invalidate(Document& doc, uint64_t page, const PDRect& r) {
     doc.invalidateRect(page, rect, 0);
 }
 
-// One annotation operation, undoable. Holds the document block and its own annotation
-// reference.
+// One pdfcore reference, dropped with the holder.
+class Held {
+public:
+    Held() = default;
+    explicit Held(PDHandle h) : h_(h) {}
+    static Held share(PDHandle h) {
+        PDHandleAcquire(h);
+        return Held(h);
+    }
+    ~Held() { PDHandleRelease(h_); }
+    Held(Held&& other) noexcept : h_(std::exchange(other.h_, nullptr)) {}
+    Held& operator=(Held&& other) noexcept {
+        std::swap(h_, other.h_);
+        return *this;
+    }
+    PDHandle get() const { return h_; }
+    PDHandle* put() {
+        PDHandleRelease(std::exchange(h_, nullptr));
+        return &h_;
+    }
+
+private:
+    PDHandle h_ = nullptr;
+};
+
+// pdfcore's refusal, kept for lastPdfResult, as a host code. A handle of another kind or
+// of another document is the caller's mistake.
+uint32_t pdfFailure(DocumentState& s, PDResult rc) {
+    if (rc == PD_ERR_WRONG_HANDLE || rc == PD_ERR_OTHER_DOCUMENT || rc == PD_ERR_MISSING_OBJECT) {
+        return codes::kBadArgument;
+    }
+    s.lastPdfResult = rc;
+    return codes::kPdfFailure;
+}
+
+bool isWidget(PDAnnot annot) {
+    PDAtom subtype = 0;
+    return PDAnnotGetSubtype(annot, &subtype) == PD_OK && subtype == PD_ATOM_Widget;
+}
+
+// A widget that the user may not delete or change.
+bool isLockedWidget(PDAnnot annot) {
+    uint32_t flags = 0;
+    return isWidget(annot) && PDAnnotGetFlags(annot, &flags) == PD_OK &&
+           (flags & PD_ANNOT_LOCKED) != 0;
+}
+
+// The annotation's rectangle, normalised; false when it has none that can be read.
+bool normalRect(PDAnnot annot, PDRect& out) {
+    PDRect r{};
+    if (PDAnnotGetRect(annot, &r) != PD_OK) return false;
+    out = PDRect{std::min(r.left, r.right), std::max(r.top, r.bottom), std::max(r.left, r.right),
+                 std::min(r.top, r.bottom)};
+    return true;
+}
+
+// One annotation as a delete found it: its place on the page and, for a widget, in its
+// field, so that UNDO puts it back in both.
+struct Removal {
+    Held annot;
+    Held field;  // null: no field to go back to
+    uint32_t position = 0;
+    uint32_t widgetIndex = 0;
+    PDRect rect{};
+    bool hasRect = false;
+};
+
+// One annotation operation, undoable. Holds the document block and its own pdfcore
+// references. prepare() checks the record and gathers what DO needs; DO records what UNDO
+// needs, each time it runs.
 struct AnnotCommand {
     ObjectPtr document;
-    uint32_t operation;
+    uint32_t operationAtom;
+    Operation operation;
     uint32_t uniqueId;
     uint64_t pageIndex;
-    PDAnnot annot;
-    PDRect newRect{};
-    PDRect oldRect{};
-    uint32_t position = 0;        // "Annot_Delete": where the annotation was
-    bool changedBefore = false;   // the page's flag before DO
+    Held annot;                           // the annotation operated on (ReplyTo: the reply)
+    Held parent;                          // ReplyTo: the annotation replied to
+    std::vector<Held> targets;            // deletes: the annotations, in page order
+    std::vector<Removal> removed;         // deletes: what DO took away
+    PDRect newRect{}, oldRect{};          // SetRect; else the rectangle to redraw
+    uint32_t oldFlags = 0, newFlags = 0;  // Lock, Unlock
+    uint32_t from = 0, to = 0;            // reorders: old and new place in /Annots
+    bool changedBefore = false;           // the page's flag before DO
 
-    AnnotCommand(ObjectPtr doc, uint32_t op, uint64_t page, PDAnnot a, const PDRect& r)
-        : document(std::move(doc)), operation(op), uniqueId(nextUniqueId()), pageIndex(page),
-          annot(a), newRect(r) {
-        PDHandleAcquire(annot);
-    }
-    ~AnnotCommand() { PDHandleRelease(annot); }
+    AnnotCommand(ObjectPtr doc, uint32_t atom, Operation op, uint64_t page)
+        : document(std::move(doc)), operationAtom(atom), operation(op),
+          uniqueId(nextUniqueId()), pageIndex(page) {}
     AnnotCommand(const AnnotCommand&) = delete;
     AnnotCommand& operator=(const AnnotCommand&) = delete;
 
     static uint32_t nextUniqueId() {
         static std::atomic<uint32_t> counter{0};
         return ++counter;
+    }
+
+    // Checks the record against the page and gathers the operation's data: 0, or the
+    // code to answer (no command is run then).
+    uint32_t prepare(DocumentState& s, PageState& page, const QF::AnnotOperationRecord& record) {
+        const bool wholePage =
+            operation == Operation::DeletePageAll || operation == Operation::RangeDelete;
+        const bool onPage = !wholePage && operation != Operation::Insert;
+        if (!wholePage) {
+            if (!record.annot) return codes::kBadArgument;
+            annot = Held::share(record.annot);
+        }
+        uint32_t position = 0;
+        if (onPage) {
+            PDResult rc = PDPageGetAnnotIndex(page.page, record.annot, &position);
+            if (rc == PD_ERR_NOT_FOUND) return codes::kBadArgument;  // not the page's
+            if (rc != PD_OK) return pdfFailure(s, rc);
+        }
+        switch (operation) {
+        case Operation::SetRect:
+            newRect = toPDRect(record.rect);
+            for (float v : record.rect) {
+                if (!std::isfinite(v)) return codes::kBadArgument;
+            }
+            return codes::kOk;
+        case Operation::Delete:
+            if (isLockedWidget(record.annot)) return codes::kBadArgument;
+            targets.push_back(Held::share(record.annot));
+            return codes::kOk;
+        case Operation::Insert:
+            return prepareInsert(s, record.annot);
+        case Operation::Lock:
+        case Operation::Unlock: {
+            PDResult rc = PDAnnotGetFlags(record.annot, &oldFlags);
+            if (rc != PD_OK) return pdfFailure(s, rc);
+            newFlags = operation == Operation::Lock ? oldFlags | PD_ANNOT_LOCKED
+                                                    : oldFlags & ~uint32_t{PD_ANNOT_LOCKED};
+            return newFlags == oldFlags ? codes::kNegative : codes::kOk;
+        }
+        case Operation::DeletePageAll:
+        case Operation::RangeDelete:
+            return prepareDeletes(s, page, record);
+        case Operation::ReplyTo:
+            return prepareReply(s, record);
+        case Operation::BringFront:
+        case Operation::BringBack:
+        case Operation::BringForward:
+        case Operation::BringBackward: {
+            uint32_t count = 0;
+            PDResult rc = PDPageGetNumAnnots(page.page, &count);
+            if (rc != PD_OK) return pdfFailure(s, rc);
+            from = position;
+            to = operation == Operation::BringFront  ? count - 1
+                 : operation == Operation::BringBack ? 0
+                 : operation == Operation::BringForward
+                     ? std::min(position + 1, count - 1)
+                     : (position == 0 ? 0 : position - 1);
+            return to == from ? codes::kNegative : codes::kOk;
+        }
+        }
+        return codes::kUnknownOperation;
+    }
+
+    // An annotation of this document that no page lists yet.
+    uint32_t prepareInsert(DocumentState& s, PDAnnot a) {
+        Held owner;
+        PDResult rc = PDHandleGetDoc(a, owner.put());
+        if (rc != PD_OK) return pdfFailure(s, rc);
+        if (owner.get() != s.doc) return codes::kBadArgument;
+        uint32_t flags = 0;
+        if (PDAnnotGetFlags(a, &flags) != PD_OK) return codes::kBadArgument;  // no annotation
+        for (uint32_t i = 0; i < s.pageCount; ++i) {
+            Held other;
+            uint32_t at = 0;
+            if (PDDocGetPage(s.doc, i, other.put()) == PD_OK &&
+                PDPageGetAnnotIndex(other.get(), a, &at) == PD_OK) {
+                return codes::kBadArgument;
+            }
+        }
+        return codes::kOk;
+    }
+
+    // Every annotation of the page (PageAll) or every one lying wholly inside the record's
+    // rectangle (RangeDelete), locked widgets excepted; nothing: a negative answer.
+    uint32_t prepareDeletes(DocumentState& s, PageState& page,
+                            const QF::AnnotOperationRecord& record) {
+        PDRect range = toPDRect(record.rect);
+        const float minX = std::min(range.left, range.right), maxX = std::max(range.left, range.right);
+        const float minY = std::min(range.top, range.bottom), maxY = std::max(range.top, range.bottom);
+        uint32_t count = 0;
+        PDResult rc = PDPageGetNumAnnots(page.page, &count);
+        if (rc != PD_OK) return pdfFailure(s, rc);
+        for (uint32_t i = 0; i < count; ++i) {
+            Held a;
+            rc = PDPageGetAnnot(page.page, i, a.put());
+            if (rc != PD_OK) return pdfFailure(s, rc);
+            if (isLockedWidget(a.get())) continue;
+            if (operation == Operation::RangeDelete) {
+                PDRect r{};
+                if (!normalRect(a.get(), r) || r.left < minX || r.right > maxX ||
+                    r.bottom < minY || r.top > maxY) {
+                    continue;
+                }
+            }
+            targets.push_back(std::move(a));
+        }
+        return targets.empty() ? codes::kNegative : codes::kOk;
+    }
+
+    // A new note at the record's rectangle replying to a markup annotation of the page.
+    uint32_t prepareReply(DocumentState& s, const QF::AnnotOperationRecord& record) {
+        PDBool markup = 0;
+        PDResult rc = PDAnnotIsMarkupAnnot(record.annot, &markup);
+        if (rc != PD_OK) return pdfFailure(s, rc);
+        if (!markup) return codes::kBadArgument;
+        for (float v : record.rect) {
+            if (!std::isfinite(v)) return codes::kBadArgument;
+        }
+        parent = std::move(annot);
+        PDAtom text = 0;
+        const PDRect r = toPDRect(record.rect);
+        rc = PDAtomPutString("Text", &text);
+        if (rc == PD_OK) rc = PDDocCreateAnnot(s.doc, text, &r, annot.put());
+        if (rc == PD_OK) rc = PDMarkupAnnotSetInReplyTo(annot.get(), parent.get());
+        return rc == PD_OK ? codes::kOk : pdfFailure(s, rc);
     }
 
     uint32_t apply(bool undo) {
@@ -207,42 +447,144 @@ struct AnnotCommand {
         if (!pageObject) return codes::kPdfFailure;
         PageState& page = pageState(pageObject);
         if (page.locked) return codes::kPageBusy;
-        PDResult rc = PD_OK;
-        if (operation == setRectAtom()) {
-            if (!undo) {
-                rc = PDAnnotGetRect(annot, &oldRect);
-                if (rc == PD_OK) rc = PDAnnotSetRect(annot, &newRect);
-            } else {
-                rc = PDAnnotSetRect(annot, &oldRect);
-            }
-            if (rc != PD_OK) {
-                s.lastPdfResult = rc;
-                return codes::kPdfFailure;
-            }
-            doc.notifyAnnotChanged(0, pageIndex, annot);
-            invalidate(doc, pageIndex, undo ? newRect : oldRect);
-            invalidate(doc, pageIndex, undo ? oldRect : newRect);
-        } else {
-            if (!undo) {
-                rc = PDPageGetAnnotIndex(page.page, annot, &position);
-                if (rc == PD_OK) rc = PDAnnotGetRect(annot, &oldRect);
-                if (rc == PD_OK) rc = PDPageRemoveAnnot(page.page, annot);
-            } else {
-                rc = PDPageAddAnnot(page.page, position, annot);
-            }
-            if (rc != PD_OK) {
-                s.lastPdfResult = rc;
-                return codes::kPdfFailure;
-            }
-            doc.notifyAnnotChanged(undo ? 0 : 1, pageIndex, annot);
-            invalidate(doc, pageIndex, oldRect);
+        uint32_t rc = codes::kOk;
+        switch (operation) {
+        case Operation::SetRect: rc = setRect(s, doc, undo); break;
+        case Operation::Delete:
+        case Operation::DeletePageAll:
+        case Operation::RangeDelete: rc = undo ? restore(s, doc, page) : remove(s, doc, page); break;
+        case Operation::Insert:
+        case Operation::ReplyTo: rc = place(s, doc, page, undo); break;
+        case Operation::Lock:
+        case Operation::Unlock: rc = setFlags(s, doc, undo); break;
+        default: rc = move(s, doc, page, undo); break;
         }
+        if (rc != codes::kOk) return rc;
         if (!undo) {
             changedBefore = page.changed;
             page.changed = true;
         } else {
             page.changed = changedBefore;
         }
+        return codes::kOk;
+    }
+
+    uint32_t setRect(DocumentState& s, Document& doc, bool undo) {
+        PDResult rc = PD_OK;
+        if (!undo) {
+            rc = PDAnnotGetRect(annot.get(), &oldRect);
+            if (rc == PD_OK) rc = PDAnnotSetRect(annot.get(), &newRect);
+        } else {
+            rc = PDAnnotSetRect(annot.get(), &oldRect);
+        }
+        if (rc != PD_OK) return pdfFailure(s, rc);
+        doc.notifyAnnotChanged(0, pageIndex, annot.get());
+        invalidate(doc, pageIndex, undo ? newRect : oldRect);
+        invalidate(doc, pageIndex, undo ? oldRect : newRect);
+        return codes::kOk;
+    }
+
+    uint32_t setFlags(DocumentState& s, Document& doc, bool undo) {
+        PDResult rc = PDAnnotSetFlags(annot.get(), undo ? oldFlags : newFlags);
+        if (rc != PD_OK) return pdfFailure(s, rc);
+        doc.notifyAnnotChanged(0, pageIndex, annot.get());
+        if (normalRect(annot.get(), oldRect)) invalidate(doc, pageIndex, oldRect);
+        return codes::kOk;
+    }
+
+    // Deletes: where each annotation is, on the page and in its field, is read before
+    // anything changes; then each leaves its field and the page.
+    uint32_t remove(DocumentState& s, Document& doc, PageState& page) {
+        removed.clear();
+        for (const Held& target : targets) {
+            Removal r;
+            r.annot = Held::share(target.get());
+            PDResult rc = PDPageGetAnnotIndex(page.page, r.annot.get(), &r.position);
+            if (rc != PD_OK) return pdfFailure(s, rc);
+            r.hasRect = normalRect(r.annot.get(), r.rect);
+            if (isWidget(r.annot.get()) &&
+                PDWidgetAnnotGetParent(r.annot.get(), r.field.put()) == PD_OK && r.field.get() &&
+                PDFieldGetWidgetIndex(r.field.get(), r.annot.get(), &r.widgetIndex) != PD_OK) {
+                r.field = Held();  // a /Parent that does not list it: nothing to restore
+            }
+            removed.push_back(std::move(r));
+        }
+        for (const Removal& r : removed) {
+            PDResult rc = r.field.get() ? PDFieldRemoveWidget(r.field.get(), r.annot.get()) : PD_OK;
+            if (rc == PD_OK) rc = PDPageRemoveAnnot(page.page, r.annot.get());
+            if (rc != PD_OK) return pdfFailure(s, rc);
+        }
+        announce(doc, 1);
+        return codes::kOk;
+    }
+
+    // Back into the fields in ascending widget order and onto the page in ascending
+    // position, so that every index refers to the list as it was.
+    uint32_t restore(DocumentState& s, Document& doc, PageState& page) {
+        std::vector<const Removal*> order;
+        for (const Removal& r : removed) order.push_back(&r);
+        std::stable_sort(order.begin(), order.end(), [](const Removal* a, const Removal* b) {
+            return a->widgetIndex < b->widgetIndex;
+        });
+        for (const Removal* r : order) {
+            if (!r->field.get()) continue;
+            PDResult rc = PDFieldInsertWidget(r->field.get(), r->widgetIndex, r->annot.get());
+            if (rc != PD_OK) return pdfFailure(s, rc);
+        }
+        std::stable_sort(order.begin(), order.end(), [](const Removal* a, const Removal* b) {
+            return a->position < b->position;
+        });
+        for (const Removal* r : order) {
+            PDResult rc = PDPageAddAnnot(page.page, r->position, r->annot.get());
+            if (rc != PD_OK) return pdfFailure(s, rc);
+        }
+        announce(doc, 0);
+        return codes::kOk;
+    }
+
+    // One event for one deleted annotation, one for the whole list otherwise, and the
+    // rectangles redrawn.
+    void announce(Document& doc, uint32_t kind) {
+        if (operation == Operation::Delete) {
+            doc.notifyAnnotChanged(kind, pageIndex, removed.front().annot.get());
+        } else {
+            std::vector<PDAnnot> annots;
+            for (const Removal& r : removed) annots.push_back(r.annot.get());
+            doc.notifyAnnotsChanged(kind, pageIndex, annots.data(), annots.size());
+        }
+        for (const Removal& r : removed) {
+            if (r.hasRect) invalidate(doc, pageIndex, r.rect);
+        }
+    }
+
+    // Insert appends the annotation, ReplyTo puts the reply right after the annotation it
+    // answers; UNDO takes it off again.
+    uint32_t place(DocumentState& s, Document& doc, PageState& page, bool undo) {
+        PDResult rc = PD_OK;
+        if (undo) {
+            rc = PDPageRemoveAnnot(page.page, annot.get());
+        } else if (operation == Operation::ReplyTo) {
+            uint32_t at = 0;
+            rc = PDPageGetAnnotIndex(page.page, parent.get(), &at);
+            if (rc == PD_OK) rc = PDPageAddAnnot(page.page, at + 1, annot.get());
+        } else {
+            uint32_t count = 0;
+            rc = PDPageGetNumAnnots(page.page, &count);
+            if (rc == PD_OK) rc = PDPageAddAnnot(page.page, count, annot.get());
+        }
+        if (rc != PD_OK) return pdfFailure(s, rc);
+        doc.notifyAnnotChanged(undo ? 1 : 0, pageIndex, annot.get());
+        if (normalRect(annot.get(), oldRect)) invalidate(doc, pageIndex, oldRect);
+        return codes::kOk;
+    }
+
+    // Reorders: from one place in /Annots to the other.
+    uint32_t move(DocumentState& s, Document& doc, PageState& page, bool undo) {
+        PDResult rc = PDPageRemoveAnnot(page.page, annot.get());
+        if (rc == PD_OK) rc = PDPageAddAnnot(page.page, undo ? from : to, annot.get());
+        if (rc != PD_OK) return pdfFailure(s, rc);
+        doc.notifyAnnotChanged(undo ? 1 : 0, pageIndex, annot.get());
+        if (normalRect(annot.get(), oldRect)) invalidate(doc, pageIndex, oldRect);
         return codes::kOk;
     }
 };
@@ -254,7 +596,7 @@ AnnotCommand& commandOf(ServiceObject* so) {
 const QF::CommandTable kCommandTable = {
     [](ServiceObject* self, uint32_t* out) -> uint32_t {
         if (!out) return codes::kBadArgument;
-        *out = commandOf(self).operation;
+        *out = commandOf(self).operationAtom;
         return codes::kOk;
     },
     [](ServiceObject* self, uint32_t* out) -> uint32_t {
@@ -265,12 +607,12 @@ const QF::CommandTable kCommandTable = {
     // The feature names are the operation's atom as well.
     [](ServiceObject* self, uint32_t* out) -> uint32_t {
         if (!out) return codes::kBadArgument;
-        *out = commandOf(self).operation;
+        *out = commandOf(self).operationAtom;
         return codes::kOk;
     },
     [](ServiceObject* self, uint32_t* out) -> uint32_t {
         if (!out) return codes::kBadArgument;
-        *out = commandOf(self).operation;
+        *out = commandOf(self).operationAtom;
         return codes::kOk;
     },
     [](ServiceObject* self) -> uint32_t {
@@ -429,6 +771,16 @@ Document::Document(PDDoc adopted, Host* host) {
     s.pages.resize(count);
     s.host = host;
     s.owner = this;
+    // Changes notified to pdfcore directly (a rename through the module's helpers) are
+    // this document's events as well.
+    rc = PDDocAddAnnotChangedListener(
+        adopted,
+        [](void* data, PDDoc, int32_t kind, uint32_t pageIndex, PDAnnot annot) {
+            static_cast<Document*>(data)->OnAnnotChanged(static_cast<uint32_t>(kind), pageIndex,
+                                                         annot);
+        },
+        this, &s.pdfcoreListener);
+    if (rc != PD_OK) throw HostError(codes::kPdfFailure, "cannot follow the document's changes");
 }
 
 std::unique_ptr<Document> Document::open(const std::string& path, Host* host) {
@@ -508,6 +860,9 @@ void Document::close() {
         page.locked = false;
     }
     s.pages.clear();
+    for (auto& [id, connection] : s.connections) connection.disconnect();
+    s.connections.clear();
+    PDDocRemoveAnnotChangedListener(s.doc, s.pdfcoreListener);
     PDHandleRelease(std::exchange(s.doc, nullptr));
 }
 
@@ -515,10 +870,10 @@ uint32_t Document::notifyAnnotChanged(uint32_t kind, uint64_t pageIndex, PDAnnot
     DocumentState& s = state();
     if (!s.owner) return codes::kDocumentClosed;
     if (pageIndex >= s.pageCount) return codes::kBadArgument;
+    // pdfcore calls its listeners, this document's among them (OnAnnotChanged).
     PDResult rc = PDDocNotifyAnnotChanged(s.doc, static_cast<int32_t>(kind),
                                           static_cast<uint32_t>(pageIndex), annot);
     if (rc != PD_OK) s.lastPdfResult = rc;
-    OnAnnotChanged(kind, pageIndex, annot);
     return rc == PD_OK ? codes::kOk : codes::kPdfFailure;
 }
 
@@ -552,10 +907,9 @@ uint32_t Document::performAnnotOperation(uint32_t operationAtom,
     DocumentState& s = state();
     if (!s.owner) return codes::kDocumentClosed;
     if (!record) return codes::kBadArgument;
-    if (operationAtom == 0 || (operationAtom != setRectAtom() && operationAtom != deleteAtom())) {
-        return codes::kUnknownOperation;
-    }
-    if ((record->document && record->document != object_.get()) || !record->annot ||
+    const std::optional<Operation> operation = operationOf(operationAtom);
+    if (!operation) return codes::kUnknownOperation;
+    if ((record->document && record->document != object_.get()) ||
         record->pageIndex >= s.pageCount) {
         return codes::kBadArgument;
     }
@@ -563,20 +917,14 @@ uint32_t Document::performAnnotOperation(uint32_t operationAtom,
     if (!pageObject) return codes::kPdfFailure;
     PageState& page = pageState(pageObject);
     if (page.locked) return codes::kPageBusy;
-    uint32_t position = 0;
-    PDResult rc = PDPageGetAnnotIndex(page.page, record->annot, &position);
-    if (rc == PD_ERR_NOT_FOUND) return codes::kBadArgument;  // not an annotation of the page
-    if (rc != PD_OK) {
-        s.lastPdfResult = rc;
-        return codes::kPdfFailure;
-    }
 
-    PDRect rect{};
-    if (operationAtom == setRectAtom()) rect = toPDRect(record->rect);
     ObjectPtr command = ObjectPtr::adopt(
         SODetails::makeServiceObject<QF::CommandTable, AnnotCommand, HostTraits>(
             QF::kCommandId, "Command", detail::kAnnotCommandImplId, kCommandTable, object_,
-            operationAtom, record->pageIndex, record->annot, rect));
+            operationAtom, *operation, record->pageIndex));
+    if (uint32_t rc = commandOf(command.get()).prepare(s, page, *record); rc != codes::kOk) {
+        return rc;
+    }
     if (s.host) return s.host->commands().run(command.get());
     return kCommandTable.DO(command.get());  // no host: applied without undo
 }

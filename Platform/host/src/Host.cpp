@@ -36,6 +36,7 @@ const ServiceKind kKinds[kHostServiceCount] = {
     {CompositeEditObjectFactory::kName, &plain<&CompositeEditObjectFactory::create>},
     {GraphicsService::kName, &plain<&GraphicsService::create>},
     {AnnotPropertiesValidate::kName, &AnnotPropertiesValidate::create},
+    {WinServices::kName, &plain<&WinServices::create>},
 };
 
 // The provider's factory for a host service: context is the service's block; each query
@@ -126,6 +127,9 @@ AnnotSelection& Host::selection() {
 }
 GraphicsService& Host::graphics() {
     return GraphicsService::of(object(HostService::GraphicsService));
+}
+WinServices& Host::winServices() {
+    return WinServices::of(object(HostService::KRWinServices));
 }
 AnnotPropertiesValidate& Host::validation() {
     return AnnotPropertiesValidate::of(object(HostService::QFAnnotPropertiesValidate));

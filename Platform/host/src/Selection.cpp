@@ -4,11 +4,52 @@
 
 #include "Thunks.h"
 
+#include "kr/KRRuntime.h"
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <cstring>
+#include <string>
 #include <utility>
 
 namespace qfhost {
 
 namespace {
+
+// ---- QFDataObject ------------------------------------------------------------------------
+
+struct DataObject {
+    std::string bytes;
+};
+
+using DataTable = QF::DataObjectTable;
+
+const DataTable kDataTable = {
+    [](ServiceObject* self, const void* data, uint64_t length) -> uint32_t {
+        if (!data && length) return codes::kBadArgument;
+        return detail::guarded([&] {
+            SODetails::implOf<DataTable, DataObject>(self).bytes.assign(
+                static_cast<const char*>(data), length);
+            return codes::kOk;
+        });
+    },
+    [](ServiceObject* self, void* buf, uint64_t bufLength, uint64_t* outLength) -> uint32_t {
+        if (!outLength) return codes::kBadArgument;
+        const std::string& bytes = SODetails::implOf<DataTable, DataObject>(self).bytes;
+        *outLength = bytes.size();
+        if (!buf) return codes::kOk;
+        if (bufLength < bytes.size()) return codes::kBufferSmall;
+        if (!bytes.empty()) std::memcpy(buf, bytes.data(), bytes.size());
+        return codes::kOk;
+    },
+};
+
+ObjectPtr makeDataObject(std::string bytes) {
+    return ObjectPtr::adopt(SODetails::makeServiceObject<DataTable, DataObject, HostTraits>(
+        QF::kDataObjectId, "QFDataObject", detail::kDataObjectImplId, kDataTable,
+        DataObject{std::move(bytes)}));
+}
 
 // ---- QFAnnotEditService ------------------------------------------------------------------
 
@@ -47,6 +88,13 @@ const SelectionTable kSelectionTable = {
     [](ServiceObject* self) -> uint32_t {
         return detail::guarded([&] {
             AnnotSelection::of(self).clear();
+            return codes::kOk;
+        });
+    },
+    [](ServiceObject*, ServiceObject** out) -> uint32_t {
+        if (!out) return codes::kBadArgument;
+        return detail::guarded([&] {
+            *out = makeDataObject({}).detach();
             return codes::kOk;
         });
     },
@@ -139,7 +187,37 @@ uint32_t AnnotSelection::select(uint32_t typeAtom, uint64_t pageIndex, PDAnnot a
     selected_.push_back({pageIndex, annot});
     type_ = typeAtom;
     selection_ = std::move(made);
+    removals_ = doc->OnAnnotChanged.connect([this](uint32_t kind, uint64_t page, PDAnnot gone) {
+        if (kind == 1) deselect(page, gone);
+    });
     return codes::kOk;
+}
+
+uint32_t AnnotSelection::selectAt(uint64_t pageIndex, float x, float y) {
+    Document* doc = host_->currentDocument();
+    View* view = host_->currentView();
+    if (!doc || !view || pageIndex >= doc->pageCount()) return codes::kBadArgument;
+    uint32_t type = 0;
+    if (KRGetAtomFromString("WidgetEdit", &type) != KR_OK) return codes::kHostFailure;
+    clear();
+    ObjectPtr factory = host_->picker().editObjectFactories().find(type);
+    ObjectPtr service = host_->edit().selectEditObjectServices().find(type);
+    if (!SODetails::hasMethod(factory.get(), 1) || !SODetails::hasMethod(service.get(), 0))
+        return codes::kNotRegistered;
+    const float point[2] = {x, y};
+    ObjectPtr object;
+    uint32_t rc = SODetails::methods<QF::EditObjectFactoryTable>(factory.get())
+                      ->CreateEditObjectByPagePoint(factory.get(), doc->object(), pageIndex, 0,
+                                                    point, object.put());
+    if (rc != codes::kOk) return rc;
+    if (!object) return codes::kNegative;
+    rc = SODetails::methods<QF::SelectEditObjectServiceTable>(service.get())
+             ->SelectObject(service.get(), object.get());
+    if (rc != codes::kOk) return rc;
+    if (!selection_) return codes::kNegative;
+    rc = view->activateTool("Edit", selection_.get());
+    if (rc != codes::kOk) clear();
+    return rc;
 }
 
 uint32_t AnnotSelection::deselect(uint64_t pageIndex, PDAnnot annot) {
@@ -153,7 +231,209 @@ uint32_t AnnotSelection::deselect(uint64_t pageIndex, PDAnnot annot) {
     return codes::kNegative;
 }
 
+namespace {
+
+// The terminal fields of doc, each with one reference (identity: handles are stable).
+std::vector<PDField> fieldsOf(PDDoc doc) {
+    std::vector<PDField> fields;
+    uint32_t count = 0;
+    if (PDDocGetNumFields(doc, &count) != PD_OK) return fields;
+    for (uint32_t i = 0; i < count; ++i) {
+        PDField f = nullptr;
+        if (PDDocGetField(doc, i, &f) == PD_OK && f) fields.push_back(f);
+    }
+    return fields;
+}
+
+void releaseAll(const std::vector<PDField>& fields) {
+    for (PDField f : fields) PDHandleRelease(f);
+}
+
+// Takes every widget out of the fields that are not in before: a field left without
+// widgets is not written (what a failed paste built goes).
+void discardNewFields(PDDoc doc, const std::vector<PDField>& before) {
+    const std::vector<PDField> after = fieldsOf(doc);
+    for (PDField f : after) {
+        if (std::find(before.begin(), before.end(), f) != before.end()) continue;
+        uint32_t widgets = 0;
+        PDFieldGetNumWidgets(f, &widgets);
+        for (uint32_t i = widgets; i-- > 0;) {
+            PDAnnot w = nullptr;
+            if (PDFieldGetWidget(f, i, &w) == PD_OK && w) {
+                PDFieldRemoveWidget(f, w);
+                PDHandleRelease(w);
+            }
+        }
+    }
+    releaseAll(after);
+}
+
+PDField findField(PDDoc doc, const std::u16string& name) {
+    PDField found = nullptr;
+    if (name.empty() || PDDocFindField(doc, name.data(), uint32_t(name.size()), &found) != PD_OK)
+        return nullptr;
+    return found;
+}
+
+// Whether two fields may share a name: the same type and, for buttons and choices, the
+// same kind (radio, push button; combo).
+bool sameKind(PDField a, PDField b) {
+    PDAtom ta = 0, tb = 0;
+    uint32_t fa = 0, fb = 0;
+    if (PDFieldGetType(a, &ta) != PD_OK || PDFieldGetType(b, &tb) != PD_OK || ta != tb)
+        return false;
+    const uint32_t mask = ta == PD_ATOM_Btn ? 0x18000u : ta == PD_ATOM_Ch ? 0x20000u : 0u;
+    PDFieldGetFlags(a, &fa);
+    PDFieldGetFlags(b, &fb);
+    return (fa & mask) == (fb & mask);
+}
+
+// Names the pasted widget's field after the record (see pasteText). 0 or pdfcore's failure.
+PDResult nameAfterRecord(PDDoc doc, PDAnnot widget, const std::u16string& recorded) {
+    PDField made = nullptr;
+    PDResult rc = PDWidgetAnnotGetParent(widget, &made);
+    if (rc != PD_OK || !made || recorded.empty()) {
+        PDHandleRelease(made);
+        return rc;
+    }
+    if (PDField existing = findField(doc, recorded)) {
+        const bool join = existing != made && sameKind(made, existing);
+        if (join) {
+            rc = PDFieldRemoveWidget(made, widget);
+            if (rc == PD_OK) rc = PDFieldAppendWidget(existing, widget);
+        }
+        PDHandleRelease(existing);
+        if (join || rc != PD_OK) {
+            PDHandleRelease(made);
+            return rc;
+        }
+        for (uint32_t n = 2;; ++n) {
+            std::string digits = std::to_string(n);
+            const std::u16string candidate = recorded + u"_" + std::u16string(digits.begin(), digits.end());
+            PDField taken = findField(doc, candidate);
+            PDHandleRelease(taken);
+            if (taken) continue;
+            rc = PDDocRenameField(doc, made, candidate.data(), uint32_t(candidate.size()));
+            break;
+        }
+    } else {
+        rc = PDDocRenameField(doc, made, recorded.data(), uint32_t(recorded.size()));
+        // A name pdfcore cannot take (an empty part, a terminal field on its way) leaves
+        // the field the name pdfcore gave it.
+        if (rc == PD_ERR_BAD_NAME || rc == PD_ERR_NAME_IN_USE) rc = PD_OK;
+    }
+    PDHandleRelease(made);
+    return rc;
+}
+
+std::u16string utf16(const std::string& utf8) {
+    size_t needed = 0;
+    if (KRConvertUTF8ToUTF16(utf8.data(), utf8.size(), nullptr, 0, &needed) != KR_OK) return {};
+    std::u16string out(needed, u'\0');
+    KRConvertUTF8ToUTF16(utf8.data(), utf8.size(), out.data(), out.size(), &needed);
+    return out;
+}
+
+std::string utf8(const std::u16string& text) {
+    size_t needed = 0;
+    if (KRConvertUTF16ToUTF8(text.data(), text.size(), nullptr, 0, &needed) != KR_OK) return {};
+    std::string out(needed, '\0');
+    KRConvertUTF16ToUTF8(text.data(), text.size(), out.data(), out.size(), &needed);
+    return out;
+}
+
+// The text of a "KRClipboard" ("" when it holds none), opened for the read.
+std::u16string clipboardText(ServiceObject* clipboard) {
+    if (!SODetails::hasMethod(clipboard, 7)) return {};
+    auto& ops = *SODetails::methods<QF::ClipboardTable>(clipboard);
+    if (ops.Open(clipboard) != 0) return {};
+    std::u16string text;
+    uint64_t length = 0;
+    if (ops.GetUnicodeText(clipboard, nullptr, 0, &length) == 0) {
+        text.assign(length, u'\0');
+        if (ops.GetUnicodeText(clipboard, text.data(), length, &length) != 0) text.clear();
+    }
+    ops.Close(clipboard);
+    return text;
+}
+
+}  // namespace
+
+uint32_t AnnotSelection::paste(uint64_t pageIndex, Source source, bool duplicate,
+                               PDAnnot* outWidget) {
+    if (outWidget) *outWidget = nullptr;
+    ServiceObject* clipboard = nullptr;
+    if (source == Source::System) {
+        clipboard = host_->winServices().clipboard();
+    } else {
+        void* data = nullptr;
+        if (GetSingletonStaticData(QF::kPrivateClipboardKey, QF::kClipboardStaticDataId, &data) ==
+            KR_OK)
+            clipboard = static_cast<ServiceObject*>(data);
+    }
+    const std::u16string text = clipboard ? clipboardText(clipboard) : std::u16string();
+    if (text.empty()) return codes::kNegative;
+    return pasteText(pageIndex, utf8(text), duplicate, outWidget);
+}
+
+uint32_t AnnotSelection::pasteText(uint64_t pageIndex, const std::string& text, bool duplicate,
+                                   PDAnnot* outWidget) {
+    if (outWidget) *outWidget = nullptr;
+    Document* doc = host_->currentDocument();
+    View* view = host_->currentView();
+    if (!doc || !view || pageIndex >= doc->pageCount()) return codes::kBadArgument;
+    ObjectPtr factory = host_->annotEdit().editSelectFactories().find(PD_ATOM_Widget);
+    if (!SODetails::hasMethod(factory.get(), 2)) return codes::kNotRegistered;
+
+    const PDDoc pd = doc->pdDoc();
+    const std::vector<PDField> before = fieldsOf(pd);
+    PDAnnot widget = nullptr;
+    uint32_t rc = SODetails::methods<QF::AnnotEditSelectFactoryTable>(factory.get())
+                      ->PasteAnnot(factory.get(), view->object(), pageIndex,
+                                   makeDataObject(text).get(), &widget);
+    if (rc == codes::kOk && !widget) rc = codes::kNegative;
+    if (rc == codes::kOk) {
+        const nlohmann::json record = nlohmann::json::parse(text, nullptr, false);
+        std::string name;
+        if (record.is_object() && record.contains("name") && record["name"].is_string())
+            name = record["name"].get<std::string>();
+        if (nameAfterRecord(pd, widget, utf16(name)) != PD_OK) rc = codes::kPdfFailure;
+    }
+    if (rc == codes::kOk && duplicate) {
+        PDRect r{};
+        const auto origin = view->viewToPage(uint32_t(pageIndex), 0, 0);
+        const auto step = view->viewToPage(uint32_t(pageIndex), 100, 100);
+        const float dx = (step[0] - origin[0]) / 10, dy = (step[1] - origin[1]) / 10;
+        if (PDAnnotGetRect(widget, &r) != PD_OK) {
+            rc = codes::kPdfFailure;
+        } else {
+            const PDRect moved{r.left + dx, r.top + dy, r.right + dx, r.bottom + dy};
+            if (PDAnnotSetRect(widget, &moved) != PD_OK) rc = codes::kPdfFailure;
+        }
+    }
+    if (rc == codes::kOk) rc = host_->annotProperties().addWidget(doc->object(), pageIndex, widget);
+    if (rc != codes::kOk) {
+        PDField parent = nullptr;
+        if (widget && PDWidgetAnnotGetParent(widget, &parent) == PD_OK && parent) {
+            PDFieldRemoveWidget(parent, widget);
+            PDHandleRelease(parent);
+        }
+        discardNewFields(pd, before);
+        PDHandleRelease(widget);
+        releaseAll(before);
+        return rc;
+    }
+    releaseAll(before);
+    if (outWidget) {
+        *outWidget = widget;
+    } else {
+        PDHandleRelease(widget);
+    }
+    return codes::kOk;
+}
+
 void AnnotSelection::clear() {
+    removals_.disconnect();
     ObjectPtr dropped = std::exchange(selection_, ObjectPtr());
     for (const Selected& s : selected_) PDHandleRelease(s.annot);
     selected_.clear();

@@ -45,6 +45,9 @@ enum : uint32_t {
     kCompositeImplId = 0x51480111,
     kGraphicsServiceImplId = 0x51480112,
     kAnnotPropertiesValidateImplId = 0x51480113,
+    kDataObjectImplId = 0x51480114,
+    kWinServicesImplId = 0x51480115,
+    kSystemClipboardImplId = 0x51480116,
 };
 
 }  // namespace qfhost::detail

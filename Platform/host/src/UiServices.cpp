@@ -636,13 +636,7 @@ uint32_t AnnotPropertiesFactory::addWidget(ServiceObject* document, uint64_t pag
     return host_->commands().execute(&args);
 }
 
-uint32_t AnnotPropertiesFactory::addAnnotProperties(const std::u16string& subtype,
-                                                    ServiceObject* document, uint64_t pageIndex,
-                                                    PDAnnot annot, const PDRect& rect,
-                                                    ServiceObject* context) {
-    (void)subtype, (void)document, (void)pageIndex, (void)annot, (void)rect, (void)context;
-    return codes::kNegative;
-}
+// addAnnotProperties: WidgetProperties.cpp.
 
 // ---- AnnotPropertiesValidate ---------------------------------------------------------------
 
@@ -656,8 +650,9 @@ AnnotPropertiesValidate& AnnotPropertiesValidate::of(ServiceObject* so) {
     return SODetails::implOf<ValidateTable, AnnotPropertiesValidate>(so);
 }
 
-// The first problem found, in list order: an option without a display text, or an export
-// value that an earlier option has already (a reader could not tell them apart).
+// The first problem found, in list order: an option (display text, export value) without a
+// display text, or with an export value that an earlier option has already (a reader could
+// not tell them apart).
 std::optional<std::u16string> AnnotPropertiesValidate::checkOptionList(
     const std::vector<std::pair<std::u16string, std::u16string>>& options) const {
     const StringService& strings = host_->strings();
@@ -665,10 +660,10 @@ std::optional<std::u16string> AnnotPropertiesValidate::checkOptionList(
         return strings.translate(text).value_or(text);
     };
     for (size_t i = 0; i < options.size(); ++i) {
-        const auto& [exportValue, display] = options[i];
+        const auto& [display, exportValue] = options[i];
         if (display.empty()) return translated(u"Every option needs a display text.");
         for (size_t j = 0; j < i; ++j) {
-            if (options[j].first != exportValue) continue;
+            if (options[j].second != exportValue) continue;
             std::u16string text = translated(u"Two options have the export value \"%1%\".");
             text.replace(text.find(u"%1%"), 3, exportValue);
             return text;

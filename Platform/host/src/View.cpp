@@ -188,7 +188,8 @@ std::array<float, 2> viewToPagePoint(const ViewState& s, uint32_t index, int32_t
     return {float(b.left + u), float(b.bottom + v)};
 }
 
-std::array<int32_t, 2> pageToViewPoint(const ViewState& s, uint32_t index, float x, float y) {
+// Where page point (x, y) falls in view pixels, before any rounding.
+std::array<double, 2> pageToViewExact(const ViewState& s, uint32_t index, float x, float y) {
     if (!std::isfinite(x) || !std::isfinite(y)) {
         throw HostError(codes::kBadArgument, "a page point that is not finite");
     }
@@ -214,7 +215,20 @@ std::array<int32_t, 2> pageToViewPoint(const ViewState& s, uint32_t index, float
         dy = b.height - v;
         break;
     }
-    return {narrow(std::round(r.left + s.zoom * dx)), narrow(std::round(r.top + s.zoom * dy))};
+    return {r.left + s.zoom * dx, r.top + s.zoom * dy};
+}
+
+std::array<int32_t, 2> pageToViewPoint(const ViewState& s, uint32_t index, float x, float y) {
+    auto p = pageToViewExact(s, index, x, y);
+    return {narrow(std::round(p[0])), narrow(std::round(p[1]))};
+}
+
+std::array<float, 2> pageToViewPrecisePoint(const ViewState& s, uint32_t index, float x,
+                                            float y) {
+    auto p = pageToViewExact(s, index, x, y);
+    narrow(p[0]);  // the same bounds as the rounded mapping
+    narrow(p[1]);
+    return {float(p[0]), float(p[1])};
 }
 
 // ---- the properties-changed signal ------------------------------------------------------
@@ -446,6 +460,10 @@ std::array<float, 2> View::viewToPage(uint32_t pageIndex, int32_t x, int32_t y) 
 
 std::array<int32_t, 2> View::pageToView(uint32_t pageIndex, float x, float y) const {
     return pageToViewPoint(*state_, pageIndex, x, y);
+}
+
+std::array<float, 2> View::pageToViewPrecise(uint32_t pageIndex, float x, float y) const {
+    return pageToViewPrecisePoint(*state_, pageIndex, x, y);
 }
 
 // ---- tools ------------------------------------------------------------------------------

@@ -84,6 +84,29 @@ public:
     uint32_t notifyAnnotsChanged(uint32_t kind, uint64_t pageIndex, const PDAnnot* annots,
                                  uint64_t count);
     uint32_t invalidateRect(uint64_t pageIndex, const float* rect, uint32_t flag);
+    // The annotation operations, each an undoable command on the host's commands manager
+    // (applied directly, without undo, for a document without a host). record->annot must
+    // be on page record->pageIndex, except as noted; record->rect is min x, min y, max x,
+    // max y. Every operation sets the page's changed flag (UNDO restores it), notifies
+    // (kind 0 inserted, reordered or changed; 1 removed, or a reorder undone) and
+    // invalidates the rectangles it touches.
+    //   "Annot_SetRect"        the rectangle becomes record->rect
+    //   "Annot_Delete"         off the page, and a widget out of its field; UNDO puts it
+    //                          back at the same place in both. A Locked widget: kBadArgument
+    //   "Annot_Insert"         appends record->annot, which no page may list yet
+    //   "Annot_Lock", "Annot_Unlock"   sets / clears the Locked flag (kNegative: already so)
+    //   "Annot_Delete_PageAll" deletes every annotation of the page (annot ignored), as
+    //                          Annot_Delete does, Locked widgets excepted; one
+    //                          notifyAnnotsChanged
+    //   "Annot_RangeDelete"    the same for the annotations lying wholly inside record->rect
+    //   "Annot_ReplyTo"        a new note (Text) at record->rect replying to record->annot
+    //                          (a markup annotation, else kBadArgument), right after it
+    //   "Annot_BringFront", "Annot_BringBack", "Annot_BringForward", "Annot_BringBackward"
+    //                          to the end / start / one later / one earlier of /Annots
+    // Results: kBadArgument (null record or annotation, another document's record, a page
+    // past the pages, an annotation not on the page), kUnknownOperation, kPageBusy (the
+    // page is locked), kNegative with no command when there is nothing to do (a deletion
+    // that finds nothing, a reorder to where it is), kPdfFailure.
     uint32_t performAnnotOperation(uint32_t operationAtom, const QF::AnnotOperationRecord* record);
     uint32_t executeCommand(const QF::CommandArgs* args);
 
@@ -96,7 +119,8 @@ public:
     const std::vector<Invalidation>& invalidations() const;
     void clearInvalidations();
 
-    // Events, raised on the calling thread after the change was made.
+    // Events, raised on the calling thread after the change was made. OnAnnotChanged also
+    // follows what is notified to pdfcore directly (PDDocNotifyAnnotChanged).
     boost::signals2::signal<void(uint32_t kind, uint64_t pageIndex, PDAnnot annot)>
         OnAnnotChanged;
     boost::signals2::signal<void(uint32_t kind, uint64_t pageIndex,

@@ -3,6 +3,7 @@
 // time (the provider has one entry per name).
 #pragma once
 
+#include "qfhost/Clipboard.h"
 #include "qfhost/Document.h"
 #include "qfhost/Graphics.h"
 #include "qfhost/Selection.h"
@@ -34,8 +35,9 @@ enum class HostService {
     QFCompositeEditObjectFactory,
     GraphicsService,
     QFAnnotPropertiesValidate,
+    KRWinServices,
 };
-inline constexpr size_t kHostServiceCount = 15;
+inline constexpr size_t kHostServiceCount = 16;
 
 class QFHOST_API Host {
 public:
@@ -61,6 +63,7 @@ public:
     AnnotSelection& selection();
     GraphicsService& graphics();
     AnnotPropertiesValidate& validation();
+    WinServices& winServices();
 
     static const char* nameOf(HostService s);
     uint32_t atomOf(HostService s) const;

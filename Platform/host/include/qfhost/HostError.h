@@ -16,6 +16,7 @@ inline constexpr uint32_t kNotInitialized = 2;   // an object lacks the method t
 inline constexpr uint32_t kBadArgument = 3;      // null pointer, atom 0 or KR_ATOM_NONE
 inline constexpr uint32_t kHostFailure = 4;      // the host itself failed (out of memory)
 inline constexpr uint32_t kOutOfRange = 5;       // an index past the end of a list
+inline constexpr uint32_t kBufferSmall = 8;      // a buffer shorter than what goes into it
 inline constexpr uint32_t kNotRegistered = 0x10005;   // nothing registered under the atom
 inline constexpr uint32_t kFactoryFailed = 0x10006;   // a factory made nothing usable
 inline constexpr uint32_t kNoPublicServices = 0x10007;

@@ -6,6 +6,8 @@
 
 #include "qf/Interfaces.h"
 
+#include <boost/signals2/connection.hpp>
+
 #include <cstdint>
 #include <vector>
 
@@ -33,8 +35,33 @@ public:
     // factory's result (the selection is then left empty).
     uint32_t select(uint32_t typeAtom, uint64_t pageIndex, PDAnnot annot);
     // Takes annot out of the selection: 1 when it is not selected. The last one out
-    // empties the selection.
+    // empties the selection. An annotation removed from the document leaves it by itself.
     uint32_t deselect(uint64_t pageIndex, PDAnnot annot);
+    // What a click with the host's selection arrow does: asks the edit-object factory of
+    // "WidgetEdit" for the top-most widget at page point (x, y) of the current view's page
+    // pageIndex, selects it through the "WidgetEdit" select-edit-object service, and makes
+    // the module's edit tool "Edit" the view's tool, working on the selection. 1 when no
+    // widget is there (the selection is then empty); 0x10005 when the module registered no
+    // factory, service or tool; otherwise the first failing call's result.
+    uint32_t selectAt(uint64_t pageIndex, float x, float y);
+
+    // Where a paste takes its widget text: the system clipboard ("KRWinServices"), or the
+    // forms module's private clipboard (what a duplicate copies).
+    enum class Source { System, Private };
+    // Pastes the widget text of source onto page pageIndex of the current document; see
+    // pasteText. 1 when the clipboard holds no text.
+    uint32_t paste(uint64_t pageIndex, Source source, bool duplicate, PDAnnot* outWidget = nullptr);
+    // Pastes a widget record (JSON text, UTF-8) through the "PasteAnnot" of the module's
+    // widget factory, on page pageIndex at the record's rectangle, moved 10 units right
+    // and 10 down as the page is shown when duplicate is set. The new field takes the
+    // record's name when no field bears it; joins the field of that name when it is of the
+    // same kind (the rule the module applies to typed names); otherwise takes the first
+    // free "<name>_2", "<name>_3" ... The widget lands through the undoable "AddWidget"
+    // command. On any failure whatever the paste made is taken off again (the document's
+    // fields and pages are as before) and the failing call's result is returned (1 when
+    // the record made nothing). outWidget (may be null) gets one reference to the widget.
+    uint32_t pasteText(uint64_t pageIndex, const std::string& text, bool duplicate,
+                       PDAnnot* outWidget = nullptr);
     // Drops the selection (object and annotations).
     void clear();
 
@@ -52,6 +79,7 @@ private:
     uint32_t type_ = 0;
     std::vector<Selected> selected_;
     ObjectPtr selection_;
+    boost::signals2::scoped_connection removals_;
 };
 
 // "QFCompositeEditObjectFactory": makes "QFCompositeEditObject" groups, ordered lists of

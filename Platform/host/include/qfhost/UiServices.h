@@ -71,7 +71,16 @@ public:
     uint32_t addWidget(ServiceObject* document, uint64_t pageIndex, PDAnnot widget);
     uint32_t addWidgetCount() const { return calls_; }
     // The rows of an annotation of subtype ("Widget") added to the area "AnnotArea" of
-    // context: 3 for null arguments, 1 for a subtype without rows.
+    // context: 3 for null arguments (or a widget that is not on that page of document),
+    // 1 for a subtype without rows. A widget's rows are texts: "Rect" ("left bottom right
+    // top", points), "Locked", "Hidden", "Printed" ("true"/"false"), "BackgroundColor",
+    // "BorderColor" ("#RRGGBB" or "none"), "BorderWidth", "BorderStyle" (solid, dashed,
+    // beveled, inset, underline), "FontName", "FontSize" (0: automatic), "FontColor".
+    // Each change is undoable: Rect and Locked through the document's annotation
+    // operations, the others through a host command that notifies the document (kind 0)
+    // and redraws the widget. A malformed value answers 3 and changes nothing; while the
+    // widget is Locked every row but "Locked" is read-only (and refuses values with 3).
+    // rect is not used: the rows read the widget itself.
     uint32_t addAnnotProperties(const std::u16string& subtype, ServiceObject* document,
                                 uint64_t pageIndex, PDAnnot annot, const PDRect& rect,
                                 ServiceObject* context);
@@ -89,7 +98,7 @@ public:
     static AnnotPropertiesValidate& of(ServiceObject* so);
 
     explicit AnnotPropertiesValidate(Host& host) : host_(&host) {}
-    // An option list (export value, display text) a choice field can take: nothing, or
+    // An option list (display text, export value) a choice field can take: nothing, or
     // the reason it cannot, in the user's language.
     std::optional<std::u16string> checkOptionList(
         const std::vector<std::pair<std::u16string, std::u16string>>& options) const;

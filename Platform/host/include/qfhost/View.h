@@ -71,6 +71,8 @@ public:
     // Conversions for page pageIndex (HostError(kBadArgument) past the pages).
     std::array<float, 2> viewToPage(uint32_t pageIndex, int32_t x, int32_t y) const;
     std::array<int32_t, 2> pageToView(uint32_t pageIndex, float x, float y) const;
+    // The same mapping as pageToView without the rounding to whole pixels (for drawing).
+    std::array<float, 2> pageToViewPrecise(uint32_t pageIndex, float x, float y) const;
 
     // ---- tools ----
     // Makes the tool registered under name (a tool name such as "TextFieldCreate") the
