@@ -117,7 +117,8 @@ struct AnnotOperationRecord {
     ServiceObject* document;
     uint64_t pageIndex;
     PDAnnot annot;
-    float rect[4];  // "Annot_SetRect" only: min x, min y, max x, max y
+    float rect[4];  // "Annot_SetRect", "Annot_RangeDelete", "Annot_ReplyTo": min x, min y,
+                    // max x, max y
 };
 
 // Parameter records of the widget commands (CommandArgs::params). Owned by the caller for

@@ -382,7 +382,7 @@ struct UserSettingsTable {
 };
 constexpr uint32_t kUserSettingsId = 0x5E1F0B0C;
 
-// "QFAnnotEditService", id 0x5E1F0B0D, 48 bytes: the host's annotation selection. Every
+// "QFAnnotEditService", id 0x5E1F0B0D, 56 bytes: the host's annotation selection. Every
 // selected annotation is one of the current document; the selection has the edit type
 // atom under which it was made ("WidgetEdit").
 struct AnnotEditServiceTable {
@@ -400,8 +400,59 @@ struct AnnotEditServiceTable {
     // The selection object ("QFSelection", one reference), null when there is none.
     uint32_t (*GetSelection)(ServiceObject* self, ServiceObject** out);
     uint32_t (*ClearSelection)(ServiceObject* self);
+    // A new, empty "QFDataObject" (one reference) for an annotation's clipboard data.
+    uint32_t (*CreateDataObject)(ServiceObject* self, ServiceObject** out);
 };
 constexpr uint32_t kAnnotEditServiceId = 0x5E1F0B0D;
+
+// "QFDataObject", id 0x5E1F0B12, 16 bytes: bytes handed between the module's copy and
+// paste operations and the host's clipboards.
+struct DataObjectTable {
+    // Replaces the bytes.
+    uint32_t (*PutData)(ServiceObject* self, const void* data, uint64_t length);
+    // Two calls: a null buf gives the length in *outLength; otherwise at most bufLength
+    // bytes are copied (8 when bufLength is too small).
+    uint32_t (*GetData)(ServiceObject* self, void* buf, uint64_t bufLength, uint64_t* outLength);
+};
+constexpr uint32_t kDataObjectId = 0x5E1F0B12;
+
+// "KRClipboard", id 0x5E1F0B13, 80 bytes: a clipboard. Formats are atoms of their names
+// ("UnicodeText", "Bitmap", or any other). Every other operation is meant to run between
+// Open and Close; an operation outside them answers 2. Getters have the two-call form of
+// QFDataObject's GetData; a format the clipboard does not hold answers 1.
+struct ClipboardTable {
+    uint32_t (*Open)(ServiceObject* self);
+    uint32_t (*Close)(ServiceObject* self);
+    // Empties the clipboard.
+    uint32_t (*Empty)(ServiceObject* self);
+    uint32_t (*PutData)(ServiceObject* self, uint32_t format, const void* data, uint64_t length);
+    uint32_t (*HasFormat)(ServiceObject* self, uint32_t format, uint8_t* out);
+    uint32_t (*GetData)(ServiceObject* self, uint32_t format, void* buf, uint64_t bufLength,
+                        uint64_t* outLength);
+    // Text under "UnicodeText"; lengths in UTF-16 units.
+    uint32_t (*PutUnicodeText)(ServiceObject* self, const char16_t* text, uint64_t length);
+    uint32_t (*GetUnicodeText)(ServiceObject* self, char16_t* buf, uint64_t bufLength,
+                               uint64_t* outLength);
+    // A picture of width x height ARGB pixels, row by row from the top, under "Bitmap"; the
+    // clipboard keeps a copy.
+    uint32_t (*PutBitmap)(ServiceObject* self, uint32_t width, uint32_t height,
+                          const uint32_t* pixels);
+    // How many formats the clipboard holds.
+    uint32_t (*CountFormats)(ServiceObject* self, uint64_t* out);
+};
+constexpr uint32_t kClipboardId = 0x5E1F0B13;
+
+// "KRWinServices", id 0x5E1F0B14, 8 bytes: the host's system services.
+struct WinServicesTable {
+    // The system clipboard ("KRClipboard", one reference).
+    uint32_t (*GetClipboard)(ServiceObject* self, ServiceObject** out);
+};
+constexpr uint32_t kWinServicesId = 0x5E1F0B14;
+
+// The key and static-data id under which the forms module keeps its private clipboard
+// (a "KRClipboard" service object) in the runtime's singleton static-data store.
+constexpr uint32_t kPrivateClipboardKey = 0x51464370; // 'QFCp'
+constexpr uint32_t kClipboardStaticDataId = 0x4B52436C;
 
 // "QFCompositeEditObjectFactory", id 0x5E1F0B0E, 8 bytes.
 struct CompositeEditObjectFactoryTable {
@@ -452,8 +503,8 @@ constexpr uint32_t kGraphicsServiceId = 0x5E1F0B10;
 
 // "QFAnnotPropertiesValidate", id 0x5E1F0B11, 8 bytes.
 struct AnnotPropertiesValidateTable {
-    // Checks a choice field's option list (a "QFStringPairList" of export value, display
-    // text pairs): 0 when it can be used; otherwise 3, with the reason for the user (in
+    // Checks a choice field's option list (a "QFStringPairList" of display text, export
+    // value pairs): 0 when it can be used; otherwise 3, with the reason for the user (in
     // the user's language) given to problem.
     uint32_t (*ValidateOptionList)(ServiceObject* self, ServiceObject* list,
                                    const TextSink* problem);

@@ -63,7 +63,7 @@ constexpr uint32_t kPropertyId = 0xE8122272;
 static_assert(sizeof(PropertyTable) == 88);
 
 // "QFStringPairList", id 0x5E1F0A05, 24 bytes: an ordered list of pairs of texts (for
-// choice options: export value, display text). Made by either side (qf/StringPairList.h).
+// choice options: display text, export value). Made by either side (qf/StringPairList.h).
 struct StringPairListTable {
     uint32_t (*GetCount)(ServiceObject* self, uint64_t* out);
     // 5 for an index past the end.

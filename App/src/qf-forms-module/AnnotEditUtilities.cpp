@@ -2,6 +2,7 @@
 
 #include "pdmodel-proxy/FormField"
 #include "qf/DocumentInterfaces.h"
+#include "qf/Property.SO"
 #include "qf/internal/ServiceObjectException.h"
 #include "service-common/ServiceProvider"
 
@@ -136,6 +137,71 @@ void MoveWidgetToName(PDDoc document, PDField parent, PDAnnot widget, const std:
                   function);
     CheckPDResult(PDFieldRemoveWidget(parent, widget), function);
     CheckPDResult(PDFieldAppendWidget(created.get(), widget), function);
+}
+
+namespace {
+
+// The widget's field; 2 "Not initialized" without one.
+PDHandlePtr choiceFieldOf(PDAnnot widget, const char* function) {
+    PDHandlePtr field;
+    checkWithLibraryMessage(PDWidgetAnnotGetParent(widget, field.put()), function);
+    if (!field) ThrowServiceObjectException(SOImpl::kNotInitialized, u"Not initialized", function);
+    return field;
+}
+
+std::u16string libraryText(PDResult (*getter)(PDField, uint32_t, char16_t*, uint32_t, uint32_t*),
+                           PDField field, uint32_t index, const char* function) {
+    uint32_t length = 0;
+    checkWithLibraryMessage(getter(field, index, nullptr, 0, &length), function);
+    std::u16string text(length + 1, u'\0');
+    checkWithLibraryMessage(getter(field, index, text.data(), static_cast<uint32_t>(text.size()),
+                                   &length),
+                            function);
+    text.resize(length);
+    return text;
+}
+
+} // namespace
+
+std::shared_ptr<PropStringPairListData> GetComboOptionsList(PDAnnot widget) {
+    static constexpr const char* kFunction = "QF::WidgetUtilities::GetComboOptionsList";
+    const PDHandlePtr field = choiceFieldOf(widget, kFunction);
+    auto list = std::make_shared<PropStringPairListData>();
+    uint32_t count = 0;
+    checkWithLibraryMessage(PDChoiceFieldGetNumOptions(field.get(), &count), kFunction);
+    for (uint32_t k = 0; k < count; ++k) {
+        std::u16string display =
+            libraryText(&PDChoiceFieldGetOptionValue, field.get(), k, kFunction);
+        std::u16string exportValue =
+            libraryText(&PDChoiceFieldGetOptionExportValue, field.get(), k, kFunction);
+        list->Pairs().emplace_back(std::move(display), std::move(exportValue));
+    }
+    return list;
+}
+
+void SetComboOptionsList(ServiceObject* documentService, PDAnnot widget, uint64_t pageIndex,
+                         std::shared_ptr<PropStringPairListData> list) {
+    static constexpr const char* kFunction = "QF::WidgetUtilities::SetComboOptionsList";
+    const auto service = BasicServiceObjectPtr<>::adopt(documentService);
+    const auto widgetRef = PDHandlePtr::adopt(widget);
+    const auto options = std::move(list);
+    const PDHandlePtr field = choiceFieldOf(widget, kFunction);
+    checkWithLibraryMessage(PDChoiceFieldRemoveAllOptions(field.get()), kFunction);
+    if (options) {
+        uint32_t k = 0;
+        for (const auto& [display, exportValue] : options->Pairs()) {
+            checkWithLibraryMessage(
+                PDChoiceFieldInsertOption(field.get(), k++, display.data(),
+                                          static_cast<uint32_t>(display.size()),
+                                          exportValue.data(),
+                                          static_cast<uint32_t>(exportValue.size())),
+                kFunction);
+        }
+    }
+    checkWithLibraryMessage(PDFieldUpdateWidgets(field.get()), kFunction);
+    if (SODetails::hasMethod(service.get(), 2))
+        SODetails::methods<DocumentTable>(service.get())
+            ->NotifyAnnotChanged(service.get(), 3, pageIndex, widget);
 }
 
 } // namespace WidgetUtilities

@@ -3,6 +3,7 @@
 #include "ModulePlatform.h"
 #include "kr/KRRuntime.h"
 #include "qf/internal/SOImpl.h"
+#include "qf/internal/TextConversion.h"
 
 #include <cstring>
 #include <memory>
@@ -87,6 +88,16 @@ ErrorsStorage& GetErrorsStorage() {
 void StoreFailure(const FailureRecord& record) {
     if (!IsSingletonStaticDataStorageAvailable()) return;
     GetErrorsStorage().Store(ModulePlatform::CurrentThreadId(), record);
+}
+
+bool StoreForeignFailure(const char* what) noexcept {
+    try {
+        StoreFailure(FailureRecord(SOImpl::kGenericFailure, SOImpl::Utf8ToUtf16(what ? what : ""),
+                                   std::string(), std::string(), 0));
+        return IsSingletonStaticDataStorageAvailable() != 0;
+    } catch (...) {
+        return false;
+    }
 }
 
 const FailureRecord* FetchFailure() {

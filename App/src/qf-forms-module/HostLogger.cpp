@@ -2,6 +2,8 @@
 
 #include "ModulePlatform.h"
 
+#include <string>
+
 namespace HostLogger {
 
 GetLoggerProc FindGetLogger() {
@@ -11,6 +13,15 @@ GetLoggerProc FindGetLogger() {
 GetLoggerProc GetLoggerEntry() {
     static const GetLoggerProc entry = FindGetLogger();
     return entry;
+}
+
+void Log(uint32_t severity, std::u16string_view message, const char* file, uint32_t line,
+         const char* function) {
+    const GetLoggerProc entry = GetLoggerEntry();
+    const Logger* logger = entry ? entry() : nullptr;
+    if (!logger || logger->size < sizeof(Logger) || !logger->Log) return;
+    const std::u16string text(message);
+    logger->Log(severity, text.c_str(), file ? file : "", line, function ? function : "");
 }
 
 } // namespace HostLogger

@@ -18,12 +18,15 @@ constexpr size_t kGetDocumentSlot = 0;
 constexpr size_t kGetPDDocSlot = 1;
 constexpr size_t kGetPageIndexAtPointSlot = 2;
 constexpr size_t kViewToPageSlot = 3;
+constexpr size_t kPageToViewSlot = 4;
 constexpr size_t kGetRotationSlot = 5;
 constexpr size_t kGetZoomSlot = 6;
 constexpr size_t kRedrawSlot = 8;
 constexpr size_t kSetCursorSlot = 9;
 constexpr size_t kShowFrameSlot = 10;
 constexpr size_t kCaptureDragSlot = 11;
+constexpr size_t kReleaseAnnotFocusSlot = 12;
+constexpr size_t kShowContextMenuSlot = 13;
 // Slots of QF::UserSettingsTable and QF::AnnotPropertiesFactoryTable.
 constexpr size_t kGetIntegerSlot = 0;
 constexpr size_t kGetStringSlot = 1;
@@ -218,6 +221,16 @@ std::optional<PagePoint> DocumentViewRef::ViewToPage(uint64_t pageIndex, int32_t
     return PagePoint{point[0], point[1]};
 }
 
+std::optional<std::array<int32_t, 2>> DocumentViewRef::PageToView(uint64_t pageIndex,
+                                                                 PagePoint p) const {
+    const float point[2] = {p.x, p.y};
+    std::array<int32_t, 2> pixel{};
+    if (!SODetails::hasMethod(view_.get(), kPageToViewSlot) ||
+        viewOps(view_.get()).PageToView(view_.get(), pageIndex, point, pixel.data()) != 0)
+        return std::nullopt;
+    return pixel;
+}
+
 uint32_t DocumentViewRef::Rotation() const {
     uint32_t degrees = 0;
     if (!SODetails::hasMethod(view_.get(), kGetRotationSlot) ||
@@ -252,6 +265,17 @@ void DocumentViewRef::ShowFrame(int64_t pageIndex, const PDRect& rect, uint32_t 
 void DocumentViewRef::CaptureDrag(bool capture) const {
     if (SODetails::hasMethod(view_.get(), kCaptureDragSlot))
         viewOps(view_.get()).CaptureDrag(view_.get(), capture ? 1 : 0);
+}
+
+void DocumentViewRef::ReleaseAnnotFocus() const {
+    if (SODetails::hasMethod(view_.get(), kReleaseAnnotFocusSlot))
+        viewOps(view_.get()).ReleaseAnnotFocus(view_.get());
+}
+
+void DocumentViewRef::ShowContextMenu(uint32_t kindAtom, int32_t x, int32_t y,
+                                      uint64_t pageIndex) const {
+    if (SODetails::hasMethod(view_.get(), kShowContextMenuSlot))
+        viewOps(view_.get()).ShowContextMenu(view_.get(), kindAtom, x, y, pageIndex);
 }
 
 // ---- QF::UserSettings ---------------------------------------------------------------------

@@ -21,6 +21,7 @@
 
 #include <boost/function.hpp>
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -54,6 +55,8 @@ class DocumentViewRef {
     int64_t PageAt(int32_t x, int32_t y) const;
     // A view point in the space of page pageIndex; nothing when the view cannot convert.
     std::optional<PagePoint> ViewToPage(uint64_t pageIndex, int32_t x, int32_t y) const;
+    // A page point in view pixels; nothing when the view cannot convert.
+    std::optional<std::array<int32_t, 2>> PageToView(uint64_t pageIndex, PagePoint p) const;
     // The view's own rotation in degrees clockwise; 0 when unknown.
     uint32_t Rotation() const;
     // Pixels per point; 1 when unknown.
@@ -64,6 +67,8 @@ class DocumentViewRef {
     // rect in PDRect order, page space; pageIndex -1 removes the frame.
     void ShowFrame(int64_t pageIndex, const PDRect& rect, uint32_t argb) const;
     void CaptureDrag(bool capture) const;
+    void ReleaseAnnotFocus() const;
+    void ShowContextMenu(uint32_t kindAtom, int32_t x, int32_t y, uint64_t pageIndex) const;
 
   private:
     SODetails::BasicServiceObjectPtr<> view_;

@@ -1,9 +1,6 @@
 // The objects through which the host edits, selects, copies and pastes widget
 // annotations: created by the init service and registered under "WidgetEdit" and for the
-// Widget subtype.
-//
-// For now each operation checks its arguments and then answers 1 (negative): the widget
-// edit objects and the widget clipboard that they hand out are added with widget editing.
+// Widget subtype. Every edit object they hand out is a QFWidgetEditObject.
 #pragma once
 
 #include "pdfcore/pdfcore.h"

@@ -4,7 +4,7 @@
 //   1. returns 3 when self or a required pointer argument is null, without calling Impl;
 //   2. otherwise calls Impl's member function; a ServiceObjectException thrown there is
 //      kept as the thread's failure record and its code returned, any other exception
-//      gives 4;
+//      gives 4 (a std::exception with a record of its what() text);
 //   3. hands the code to RecordFailure with the interface and method names, its own full
 //      name, the header that declares it and the line of the declaration; the record of a
 //      thrown exception becomes the inner record of the thunk's, so that the caller still
@@ -112,6 +112,11 @@ template <typename Body> uint32_t InvokeImplementation(Body&& body, bool* stored
             // The storage is gone or broken; the code still reaches the caller.
         }
         return e.Code();
+    } catch (const std::exception& e) {
+        // A failure of a library the module uses (JSON text that does not parse, a missing
+        // key): code 4, with the library's own text.
+        *stored = StoreForeignFailure(e.what());
+        return kGenericFailure;
     } catch (...) {
         return kGenericFailure;
     }

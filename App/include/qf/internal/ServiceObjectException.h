@@ -119,6 +119,10 @@ void StoreFailure(const FailureRecord& record);
 // stays valid until the same thread stores another one.
 const FailureRecord* FetchFailure();
 
+// Keeps code 4 with the text of an exception of another kind (UTF-8) as the calling
+// thread's failure. Whether it was kept; never throws.
+bool StoreForeignFailure(const char* what) noexcept;
+
 // Called by every interface thunk with the code its implementation returned. Codes 0, 1
 // and 11, an empty interface name and a null method name record nothing; otherwise the
 // thread's record becomes "<interface>::<method>() failed, code: 0x<8 hex digits>" with

@@ -1,0 +1,216 @@
+// PDF actions as JSON records and back (the module's action converters, compiled in): every
+// action type, destinations and targets, field lists, chains, and what the records
+// deliberately lose.
+#include "qf/internal/AnnotClipboardUtils"
+#include "qf/internal/ServiceObjectException.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+namespace {
+
+using namespace JsonUtility::ActionSerialization;
+using QF::PDHandlePtr;
+
+constexpr PDAtom kXYZ = 597, kGoTo = 235, kGoToE = 237, kHide = 246, kLaunch = 289, kNamed = 337,
+                 kResetForm = 445, kSubmitForm = 498, kURI = 550;
+
+PDHandlePtr newDoc() {
+    PDHandlePtr doc;
+    EXPECT_EQ(PDDocCreate(3, 612, 792, doc.put()), PD_OK);
+    return doc;
+}
+void addField(PDDoc doc, std::u16string_view name) {
+    PDHandlePtr f;
+    EXPECT_EQ(PDDocCreateField(doc, name.data(), uint32_t(name.size()), PD_ATOM_Tx, 0, f.put()),
+              PD_OK);
+}
+PDHandlePtr make(PDDoc doc, PDAtom type, std::u16string_view text = u"", const char* bytes = "",
+                 PDDest dest = nullptr) {
+    PDActionArg arg{text.data(), uint32_t(text.size()), bytes, uint32_t(std::strlen(bytes)), dest};
+    PDHandlePtr action;
+    EXPECT_EQ(PDActionCreate(doc, type, &arg, action.put()), PD_OK);
+    return action;
+}
+// The record of action, made again in another document from its record, recorded again.
+Json roundTrip(PDDoc from, PDAction action, PDDoc to) {
+    const Json record = pdActionToJson(from, action);
+    const PDHandlePtr again = jsonToPDAction(to, record);
+    return pdActionToJson(to, again.get());
+}
+
+class ActionRecords : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        for (PDDoc d : {a.get(), b.get()}) {
+            addField(d, u"name");
+            addField(d, u"address.city");
+        }
+        addField(a.get(), u"onlyHere");
+    }
+    PDHandlePtr a = newDoc(), b = newDoc();
+};
+
+TEST_F(ActionRecords, EveryTypeRoundTrips) {
+    PDHandlePtr xyz;
+    ASSERT_EQ(PDDestCreate(a.get(), kXYZ, 2, 72, 700, 1.5f, xyz.put()), PD_OK);
+    const PDHandlePtr goTo = make(a.get(), kGoTo, u"", "", xyz.get());
+    const Json goToRecord = pdActionToJson(a.get(), goTo.get());
+    EXPECT_EQ(goToRecord["destination"]["page-index"], 2);
+    EXPECT_EQ(goToRecord["destination"]["params"], Json::array({72.0, 700.0, 1.5}));
+    EXPECT_EQ(roundTrip(a.get(), goTo.get(), b.get()), goToRecord);
+
+    const PDHandlePtr script = make(a.get(), PD_ATOM_JavaScript, u"app.alert('é');");
+    const PDHandlePtr uri = make(a.get(), kURI, u"", "https://example.org/a?b=c");
+    const PDHandlePtr launch = make(a.get(), kLaunch, u"C:\\forms\\next.pdf");
+    for (PDAction action : {script.get(), uri.get(), launch.get()})
+        EXPECT_EQ(roundTrip(a.get(), action, b.get()), pdActionToJson(a.get(), action));
+    EXPECT_EQ(pdActionToJson(a.get(), script.get())["script"], "app.alert('\xc3\xa9');");
+
+    const PDHandlePtr hide = make(a.get(), kHide);
+    ASSERT_EQ(PDActionHideSetHiding(hide.get(), 0), PD_OK);
+    ASSERT_EQ(PDActionHideAddItemFieldName(hide.get(), u"name", 4), PD_OK);
+    ASSERT_EQ(PDActionHideAddItemFieldName(hide.get(), u"address.city", 12), PD_OK);
+    const Json hideRecord = pdActionToJson(a.get(), hide.get());
+    EXPECT_EQ(hideRecord["is-hiding"], false);
+    EXPECT_EQ(hideRecord["hiding-fields"][1],
+              (Json{{"hide-item-name", "address.city"}, {"hide-item-type", 1}}));
+    EXPECT_EQ(roundTrip(a.get(), hide.get(), b.get()), hideRecord);
+
+    // Field lists: a name the destination lacks is dropped there.
+    for (PDAtom type : {kResetForm, kSubmitForm}) {
+        const PDHandlePtr action = make(a.get(), type, u"https://example.org/submit");
+        PDHandlePtr fields, field;
+        ASSERT_EQ(PDCreateActionFieldsData(a.get(), fields.put()), PD_OK);
+        for (std::u16string_view n : {u"address.city", u"onlyHere"}) {
+            ASSERT_EQ(PDDocFindField(a.get(), n.data(), uint32_t(n.size()), field.put()), PD_OK);
+            ASSERT_EQ(PDActionFieldsDataAddField(fields.get(), field.get()), PD_OK);
+        }
+        if (type == kResetForm) {
+            ASSERT_EQ(PDActionResetFormSetFieldsData(action.get(), fields.get()), PD_OK);
+            ASSERT_EQ(PDActionResetFormSetFlags(action.get(), 1), PD_OK);
+        } else {
+            ASSERT_EQ(PDActionSubmitFormSetFieldsData(action.get(), fields.get()), PD_OK);
+            ASSERT_EQ(PDActionSubmitFormSetFlags(action.get(), 4), PD_OK);
+        }
+        Json expected = pdActionToJson(a.get(), action.get());
+        EXPECT_EQ(expected["fields-data"], Json::array({"address.city", "onlyHere"}));
+        expected["fields-data"] = Json::array({"address.city"});
+        EXPECT_EQ(roundTrip(a.get(), action.get(), b.get()), expected);
+    }
+    EXPECT_EQ(pdActionToJson(a.get(), make(a.get(), kSubmitForm, u"https://x.org/s").get())
+                  ["submit-url"],
+              (Json{{"file-path", "https://x.org/s"}}));
+}
+
+TEST_F(ActionRecords, GoToETargetsAndTheirDefaults) {
+    Json record = {{"action-type", kGoToE},
+                   {"destination", {{"page-index", 1}, {"type", kXYZ}, {"params", {10, 20, 0}}}},
+                   {"go-to-e-action-target",
+                    {{"relationship", 12345},
+                     {"file-path", "attached.pdf"},
+                     {"page-index", 3},
+                     {"annotation-index", 1},
+                     {"go-to-e-action-target", {{"relationship", 1}, {"page-index", 5}}}}}};
+    const PDHandlePtr action = jsonToPDAction(a.get(), record);
+    ASSERT_TRUE(action);
+    const Json read = pdActionToJson(a.get(), action.get());
+    EXPECT_EQ(read["new-window"], true); // unset reads back as the default
+    const Json& target = read["go-to-e-action-target"];
+    EXPECT_EQ(target["relationship"], 77); // /R is always /C
+    EXPECT_EQ(target["file-path"], "attached.pdf");
+    EXPECT_EQ(target["page-index"], 3u);
+    EXPECT_EQ(target["annotation-index"], 1u);
+    // A page index without an annotation index writes neither.
+    EXPECT_EQ(target["go-to-e-action-target"], (Json{{"relationship", 77}}));
+    EXPECT_EQ(read["destination"]["page-index"], 1);
+}
+
+TEST_F(ActionRecords, ChainsKeepOneSuccessorPerAction) {
+    const PDHandlePtr first = make(a.get(), PD_ATOM_JavaScript, u"1");
+    const PDHandlePtr second = make(a.get(), PD_ATOM_JavaScript, u"2");
+    const PDHandlePtr third = make(a.get(), kURI, u"", "https://example.org/3");
+    ASSERT_EQ(PDActionSetNext(second.get(), third.get()), PD_OK);
+    ASSERT_EQ(PDActionSetNext(first.get(), second.get()), PD_OK);
+    const Json chain = pdActionToJson(a.get(), first.get());
+    EXPECT_EQ(chain["next-action"]["next-action"]["url"], "https://example.org/3");
+    EXPECT_EQ(roundTrip(a.get(), first.get(), b.get()), chain);
+
+    // Two next actions in one /Next array: the record keeps the last. A Hide item naming an
+    // annotation (not a field) is left out.
+    const char kFork[] =
+        "%PDF-1.7\n1 0 obj << /Type /Catalog /Pages 2 0 R /AcroForm << /Fields [4 0 R] >> >>"
+        " endobj\n"
+        "2 0 obj << /Type /Pages /Kids [3 0 R] /Count 1 >> endobj\n"
+        "3 0 obj << /Type /Page /Parent 2 0 R /MediaBox [0 0 200 200] /Annots [4 0 R] >>"
+        " endobj\n"
+        "4 0 obj << /Type /Annot /Subtype /Widget /FT /Btn /Ff 65536 /T (go)"
+        " /Rect [10 10 90 40] /P 3 0 R /A 5 0 R >> endobj\n"
+        "5 0 obj << /S /JavaScript /JS (start) /Next [6 0 R 7 0 R] >> endobj\n"
+        "6 0 obj << /S /JavaScript /JS (left) >> endobj\n"
+        "7 0 obj << /S /Hide /T [(go) 4 0 R] /H false >> endobj\n"
+        "trailer << /Root 1 0 R >>\n%%EOF\n";
+    PDHandlePtr raw, field, widget, action;
+    ASSERT_EQ(PDDocOpenMem(kFork, sizeof kFork - 1, raw.put()), PD_OK);
+    ASSERT_EQ(PDDocFindField(raw.get(), u"go", 2, field.put()), PD_OK);
+    ASSERT_EQ(PDFieldGetWidget(field.get(), 0, widget.put()), PD_OK);
+    ASSERT_EQ(PDButtonWidgetAnnotGetAction(widget.get(), action.put()), PD_OK);
+    const Json forked = pdActionToJson(raw.get(), action.get());
+    EXPECT_EQ(forked["script"], "start");
+    EXPECT_EQ(forked["next-action"],
+              (Json{{"action-type", kHide},
+                    {"hiding-fields", {{{"hide-item-name", "go"}, {"hide-item-type", 1}}}},
+                    {"is-hiding", false}}));
+}
+
+TEST_F(ActionRecords, RecordsThatMakeNothingAndRecordsThatFail) {
+    EXPECT_EQ(pdActionToJson(a.get(), nullptr), Json::object());
+    EXPECT_FALSE(jsonToPDAction(a.get(), Json{{"action-type", kGoTo}}));
+    EXPECT_FALSE(jsonToPDAction(a.get(), Json::object()));
+    EXPECT_FALSE(jsonToPDAction(a.get(), Json{{"action-type", kHide}}));
+    // A type the records do not know is written by its number and reads back as nothing.
+    const PDHandlePtr named = make(a.get(), kNamed, u"SaveAs");
+    EXPECT_EQ(pdActionToJson(a.get(), named.get()), (Json{{"action-type", kNamed}}));
+    EXPECT_FALSE(jsonToPDAction(a.get(), Json{{"action-type", kNamed}}));
+    // Empty scripts and addresses are actions all the same.
+    const PDHandlePtr empty = jsonToPDAction(a.get(), Json{{"action-type", 275}});
+    ASSERT_TRUE(empty);
+    EXPECT_EQ(pdActionToJson(a.get(), empty.get())["script"], "");
+    EXPECT_TRUE(jsonToPDAction(a.get(), Json{{"action-type", kURI}}));
+
+    auto withParams = [&](Json params) {
+        return Json{{"action-type", kGoTo},
+                    {"destination", {{"page-index", 0}, {"type", kXYZ}, {"params", params}}}};
+    };
+    EXPECT_THROW(jsonToPDAction(a.get(), withParams({1, 2})), std::out_of_range);
+    const PDHandlePtr four = jsonToPDAction(a.get(), withParams({1, 2, 3, 4}));
+    EXPECT_EQ(pdActionToJson(a.get(), four.get())["destination"]["params"],
+              Json::array({1.0, 2.0, 3.0}));
+    const PDHandlePtr mixed = jsonToPDAction(a.get(), withParams({1, true, 2.5}));
+    EXPECT_EQ(pdActionToJson(a.get(), mixed.get())["destination"]["params"],
+              Json::array({1.0, 1.0, 2.5}));
+    try {
+        jsonToPDAction(a.get(), withParams({1, "x", 2}));
+        ADD_FAILURE() << "no exception";
+    } catch (const nlohmann::json::type_error& e) {
+        EXPECT_EQ(e.id, 302);
+        EXPECT_NE(std::string(e.what()).find("type must be number, but is string"),
+                  std::string::npos);
+    }
+    try {
+        jsonToPDAction(a.get(), Json{{"action-type", kSubmitForm}, {"fields-data", Json::array()}});
+        ADD_FAILURE() << "no exception";
+    } catch (const std::out_of_range& e) {
+        EXPECT_STREQ(e.what(), "invalid map<K, T> key");
+    }
+    try {
+        jsonToPDAction(a.get(), Json{{"action-type", kResetForm}, {"fields-data", {7}}});
+        ADD_FAILURE() << "no exception";
+    } catch (const nlohmann::json::type_error& e) {
+        EXPECT_EQ(e.id, 302);
+    }
+}
+
+} // namespace

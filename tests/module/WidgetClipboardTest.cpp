@@ -1,0 +1,373 @@
+// Widgets copied to JSON records and pasted into other documents, with the module loaded
+// into the reference host: the module's "CopyAnnot" and "PasteAnnot", the host's paste
+// (naming, placing, undo), the edit tool's clipboard commands, and records that are wrong.
+#include "kr/KRRuntime.h"
+#include "qf/Interfaces.h"
+#include "qf/internal/AnnotEditUtilities"
+#include "qfhost/Host.h"
+#include "qfhost/ModuleLoader.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Json = nlohmann::json;
+using QF::PDHandlePtr;
+using qfhost::ObjectPtr;
+using SODetails::ServiceObject;
+
+uint32_t atom(const char* name) {
+    uint32_t id = 0;
+    EXPECT_EQ(KRGetAtomFromString(name, &id), 0u);
+    return id;
+}
+PDHandlePtr pageOf(PDDoc doc, uint32_t index) {
+    PDHandlePtr page;
+    EXPECT_EQ(PDDocGetPage(doc, index, page.put()), PD_OK);
+    return page;
+}
+uint32_t annotCount(PDDoc doc, uint32_t page) {
+    uint32_t n = 0;
+    EXPECT_EQ(PDPageGetNumAnnots(pageOf(doc, page).get(), &n), PD_OK);
+    return n;
+}
+PDHandlePtr annotAt(PDDoc doc, uint32_t page, uint32_t index) {
+    PDHandlePtr annot;
+    EXPECT_EQ(PDPageGetAnnot(pageOf(doc, page).get(), index, annot.put()), PD_OK);
+    return annot;
+}
+PDHandlePtr findField(PDDoc doc, std::u16string_view name) {
+    PDHandlePtr f;
+    EXPECT_EQ(PDDocFindField(doc, name.data(), uint32_t(name.size()), f.put()), PD_OK);
+    return f;
+}
+PDHandlePtr parentOf(PDAnnot widget) {
+    PDHandlePtr f;
+    EXPECT_EQ(PDWidgetAnnotGetParent(widget, f.put()), PD_OK);
+    return f;
+}
+std::vector<std::u16string> fieldNames(PDDoc doc) {
+    uint32_t n = 0;
+    EXPECT_EQ(PDDocGetNumFields(doc, &n), PD_OK);
+    std::vector<std::u16string> names;
+    for (uint32_t i = 0; i < n; ++i) {
+        PDHandlePtr f;
+        EXPECT_EQ(PDDocGetField(doc, i, f.put()), PD_OK);
+        names.push_back(QF::GetFieldFullName(f.get(), "test"));
+    }
+    return names;
+}
+PDHandlePtr reopened(PDDoc doc) {
+    void* data = nullptr;
+    size_t size = 0;
+    EXPECT_EQ(PDDocSaveMem(doc, &data, &size), PD_OK);
+    PDHandlePtr copy;
+    EXPECT_EQ(PDDocOpenMem(data, size, copy.put()), PD_OK);
+    PDFreeBuffer(data);
+    return copy;
+}
+std::string corpus(const char* file) {
+    return std::string(QF_CORPUS_DIR) + "/" + file;
+}
+
+// A host with the module loaded; the system clipboard is a file of the test's own.
+class WidgetClipboard : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        static const std::string file =
+            (std::filesystem::temp_directory_path() /
+             ("qf-clipboard-" + std::to_string(::getpid()) + ".json"))
+                .string();
+        ::setenv("QF_CLIPBOARD", file.c_str(), 1);
+        std::filesystem::remove(file);
+    }
+    void SetUp() override { ASSERT_NO_THROW(loader.load(QF_FORMS_MODULE_PATH)); }
+    void TearDown() override { host.releaseModuleObjects(); }
+
+    // The record of widget k of field name in doc, through "CopyAnnot".
+    std::string copy(qfhost::Document& doc, std::u16string_view name, uint32_t k = 0) {
+        host.setCurrentDocument(&doc);
+        const PDHandlePtr field = findField(doc.pdDoc(), name);
+        PDHandlePtr widget;
+        EXPECT_EQ(PDFieldGetWidget(field.get(), k, widget.put()), PD_OK);
+        uint32_t page = 0;
+        for (; page < doc.pageCount(); ++page) {
+            uint32_t at = 0;
+            if (PDPageGetAnnotIndex(pageOf(doc.pdDoc(), page).get(), widget.get(), &at) == PD_OK)
+                break;
+        }
+        qfhost::View& view = host.openView(doc);
+        ObjectPtr data;
+        auto& ops = *SODetails::methods<QF::AnnotEditSelectFactoryTable>(factory().get());
+        EXPECT_EQ(ops.CopyAnnot(factory().get(), view.object(), page, widget.get(), data.put()), 0u);
+        host.closeView(view);
+        if (!data) return {};
+        uint64_t length = 0;
+        auto& bytes = *SODetails::methods<QF::DataObjectTable>(data.get());
+        bytes.GetData(data.get(), nullptr, 0, &length);
+        std::string text(length, '\0');
+        bytes.GetData(data.get(), text.data(), length, &length);
+        return text;
+    }
+    // Pastes text onto page 0 of doc (shown in a view): the host's result.
+    uint32_t paste(qfhost::Document& doc, const std::string& text, PDHandlePtr* out = nullptr) {
+        host.openView(doc);
+        PDAnnot widget = nullptr;
+        const uint32_t rc = host.selection().pasteText(0, text, false, &widget);
+        if (out) *out = PDHandlePtr::adopt(widget);
+        else PDHandleRelease(widget);
+        return rc;
+    }
+    ObjectPtr factory() { return host.annotEdit().editSelectFactories().find(PD_ATOM_Widget); }
+    std::u16string failureText() {
+        SODetails::ErrorInfo info{};
+        ServiceObject* so = loader.initService();
+        if (SODetails::header(so)->base.GetLastErrorInfo(so, &info, nullptr) != 0) return u"";
+        return info.message ? info.message : u"";
+    }
+    std::u16string systemClipboardText() {
+        ServiceObject* c = host.winServices().clipboard();
+        auto& ops = *SODetails::methods<QF::ClipboardTable>(c);
+        EXPECT_EQ(ops.Open(c), 0u);
+        uint64_t n = 0;
+        std::u16string text;
+        if (ops.GetUnicodeText(c, nullptr, 0, &n) == 0) {
+            text.resize(n);
+            ops.GetUnicodeText(c, text.data(), n, &n);
+        }
+        ops.Close(c);
+        return text;
+    }
+
+    qfhost::Host host;
+    qfhost::ModuleLoader loader{&host};
+};
+
+// Every key of a record, in the order the text lists them.
+std::vector<std::string> keysOf(const std::string& text) {
+    const Json record = Json::parse(text);
+    std::vector<std::string> keys;
+    for (auto it = record.begin(); it != record.end(); ++it) keys.push_back(it.key());
+    return keys;
+}
+
+TEST_F(WidgetClipboard, RecordsHaveTheirKeysSortedAndSpelledAsTheFormatWants) {
+    qfhost::Document& form = host.openDocument(corpus("qpdf-field-types.pdf"));
+    const std::vector<std::string> common = {
+        "Rect", "annot-flags", "atom", "background-color", "blur", "border-color",
+        "border-style", "calcuate", "field-type", "focus", "font-color", "font-family",
+        "font-format", "font-size", "font-style", "format", "highlight-mode", "modify",
+        "mouse-down", "mouse-enter", "mouse-exit", "mouse-up", "name", "rotation", "tooltip",
+        "validate", "widget-flags"};
+    auto with = [&](std::vector<std::string> extra) {
+        extra.insert(extra.end(), common.begin(), common.end());
+        std::sort(extra.begin(), extra.end());
+        return extra;
+    };
+    const std::string text = copy(form, u"text");
+    EXPECT_EQ(keysOf(text), with({"default-field-value", "field-quadding", "field-value",
+                                  "max-field-length"}));
+    EXPECT_EQ(text.find('\n'), std::string::npos); // compact
+    EXPECT_EQ(keysOf(copy(form, u"checkbox1")),
+              with({"button-action", "caption", "default-field-value", "down-caption",
+                    "field-value", "icon-fit", "option-value", "rollover-caption"}));
+    EXPECT_EQ(keysOf(copy(form, u"list1")),
+              with({"choise-selection-index", "default-field-value", "options",
+                    "options-count"}));
+    const Json record = Json::parse(text);
+    EXPECT_EQ(record["atom"], 577);
+    EXPECT_EQ(record["field-type"], 536);
+    EXPECT_EQ(record["name"], "text");
+    EXPECT_EQ(record["blur"], Json::object());
+}
+
+// Each field type of a real form, pasted into a new document, as a fresh reader sees it.
+TEST_F(WidgetClipboard, EveryFieldTypeTravelsIntoAnotherDocument) {
+    qfhost::Document& form = host.openDocument(corpus("qpdf-field-types.pdf"));
+    qfhost::Document& target = host.newDocument(1, 612, 792);
+    for (const char16_t* name : {u"text2", u"checkbox2", u"r1", u"list1", u"drop1", u"combolist1"}) {
+        SCOPED_TRACE(std::string(name, name + std::char_traits<char16_t>::length(name)));
+        const std::string text = copy(form, name);
+        ASSERT_FALSE(text.empty());
+        PDHandlePtr pasted;
+        ASSERT_EQ(paste(target, text, &pasted), 0u) << std::string(failureText().begin(),
+                                                                   failureText().end());
+        // The copy of the copy is the same record: nothing was lost on the way.
+        Json again = Json::parse(copy(target, name));
+        Json first = Json::parse(text);
+        EXPECT_EQ(again, first);
+    }
+    const PDHandlePtr fresh = reopened(target.pdDoc());
+    EXPECT_EQ(annotCount(fresh.get(), 0), 6u);
+    const PDHandlePtr text = findField(fresh.get(), u"text2");
+    ASSERT_TRUE(text);
+    uint32_t length = 0;
+    ASSERT_EQ(PDFieldGetValue(text.get(), nullptr, 0, &length), PD_OK);
+    std::u16string value(length + 1, u'\0');
+    ASSERT_EQ(PDFieldGetValue(text.get(), value.data(), length + 1, &length), PD_OK);
+    value.resize(length);
+    EXPECT_EQ(value, u"salad \u03c0\u02ac");
+    uint32_t options = 0;
+    EXPECT_EQ(PDChoiceFieldGetNumOptions(findField(fresh.get(), u"list1").get(), &options), PD_OK);
+    EXPECT_EQ(options, 4u);
+}
+
+// Push buttons with a chain of actions, and a signature field; names already taken.
+TEST_F(WidgetClipboard, ActionsChainsAndNamesOnPaste) {
+    qfhost::Document& doc = host.newDocument(1, 612, 792);
+    PDHandlePtr field, widget, js, uri;
+    ASSERT_EQ(PDCreateButtonField(doc.pdDoc(), u"Go", 2, PD_FIELD_PUSHBUTTON, field.put()), PD_OK);
+    const PDRect rect{100, 720, 200, 700};
+    ASSERT_EQ(PDCreateButtonWidgetAnnot(doc.pdDoc(), field.get(), pageOf(doc.pdDoc(), 0).get(),
+                                        &rect, widget.put()),
+              PD_OK);
+    ASSERT_EQ(PDPageAddAnnot(pageOf(doc.pdDoc(), 0).get(), 0, widget.get()), PD_OK);
+    const std::u16string script = u"app.alert(\"hi\");";
+    PDActionArg jsArg{script.data(), uint32_t(script.size()), nullptr, 0, nullptr};
+    ASSERT_EQ(PDActionCreate(doc.pdDoc(), PD_ATOM_JavaScript, &jsArg, js.put()), PD_OK);
+    PDActionArg uriArg{nullptr, 0, "https://example.org/", 20, nullptr};
+    ASSERT_EQ(PDActionCreate(doc.pdDoc(), 550, &uriArg, uri.put()), PD_OK);
+    ASSERT_EQ(PDActionSetNext(js.get(), uri.get()), PD_OK);
+    ASSERT_EQ(PDButtonWidgetAnnotSetAction(widget.get(), js.get()), PD_OK);
+    ASSERT_EQ(PDWidgetAnnotSetMouseEnterAction(widget.get(), uri.get()), PD_OK);
+
+    const std::string text = copy(doc, u"Go");
+    const Json record = Json::parse(text);
+    EXPECT_EQ(record["button-action"]["script"], "app.alert(\"hi\");");
+    EXPECT_EQ(record["button-action"]["next-action"]["url"], "https://example.org/");
+    EXPECT_EQ(record["mouse-enter"]["action-type"], 550);
+
+    // Pasted into the same document: the name is taken by a field of the same kind, which
+    // the new widget joins; a text field of that name sends it to "Go_2".
+    ASSERT_EQ(paste(doc, text), 0u);
+    uint32_t widgets = 0;
+    EXPECT_EQ(PDFieldGetNumWidgets(findField(doc.pdDoc(), u"Go").get(), &widgets), PD_OK);
+    EXPECT_EQ(widgets, 2u);
+    qfhost::Document& other = host.newDocument(1, 612, 792);
+    PDHandlePtr clash;
+    ASSERT_EQ(PDDocCreateField(other.pdDoc(), u"Go", 2, PD_ATOM_Tx, 0, clash.put()), PD_OK);
+    PDHandlePtr pasted;
+    ASSERT_EQ(paste(other, text, &pasted), 0u);
+    EXPECT_EQ(QF::GetFieldFullName(parentOf(pasted.get()).get(), "test"), u"Go_2");
+    EXPECT_EQ(Json::parse(copy(other, u"Go_2"))["button-action"], record["button-action"]);
+
+    // Undo takes the pasted widget and its field away again.
+    ASSERT_EQ(host.commands().undo(), 0u);
+    EXPECT_EQ(annotCount(other.pdDoc(), 0), 0u);
+    EXPECT_FALSE(findField(reopened(other.pdDoc()).get(), u"Go_2"));
+}
+
+// Records that cannot be pasted fail through the boundary with the JSON library's texts,
+// and leave nothing behind.
+TEST_F(WidgetClipboard, BadRecordsFailCleanly) {
+    qfhost::Document& form = host.openDocument(corpus("qpdf-field-types.pdf"));
+    Json text = Json::parse(copy(form, u"text"));
+    qfhost::Document& doc = host.newDocument(1, 612, 792);
+    const auto before = fieldNames(doc.pdDoc());
+    auto expectRefused = [&](const std::string& record, uint32_t code, const std::u16string& why) {
+        SCOPED_TRACE(record.substr(0, 60));
+        EXPECT_EQ(paste(doc, record), code);
+        if (!why.empty()) {
+            EXPECT_NE(failureText().find(why), std::u16string::npos)
+                << std::string(failureText().begin(), failureText().end());
+        }
+        EXPECT_EQ(annotCount(doc.pdDoc(), 0), 0u);
+        EXPECT_EQ(fieldNames(reopened(doc.pdDoc()).get()), before);
+    };
+    expectRefused("[]", 4, u"type must be object, but is array");
+    expectRefused("5", 4, u"type must be object, but is number");
+    expectRefused("{\"Rect\": ", 4, u"parse error");
+    expectRefused("{}", 1, u""); // a record of no field type: nothing to paste
+    Json noRect = text;
+    noRect.erase("Rect");
+    expectRefused(noRect.dump(), 4, u"invalid map<K, T> key");
+    Json noTrigger = text;
+    noTrigger.erase("blur");
+    expectRefused(noTrigger.dump(), 4, u"invalid map<K, T> key");
+    Json badDash = text;
+    badDash["border-style"]["dash-array"] = Json::array({3, "x"});
+    expectRefused(badDash.dump(), 4, u"type must be number, but is string");
+    Json badSelection = Json::parse(copy(form, u"list1"));
+    badSelection["choise-selection-index"] = "first";
+    expectRefused(badSelection.dump(), 4, u"invalid stoull argument");
+
+    // What a record leaves out takes its default; a correctly spelled "calculate" is not
+    // read, and a numeric selection index is no index.
+    Json lean = text;
+    lean.erase("widget-flags");
+    lean.erase("font-family");
+    lean["Rect"] = Json{{"left", 10}, {"right", 50}};
+    lean["calculate"] = lean["calcuate"];
+    PDHandlePtr pasted;
+    ASSERT_EQ(paste(doc, lean.dump(), &pasted), 0u);
+    uint32_t flags = 9;
+    EXPECT_EQ(PDFieldGetFlags(parentOf(pasted.get()).get(), &flags), PD_OK);
+    EXPECT_EQ(flags, 0u);
+    PDRect r{};
+    EXPECT_EQ(PDAnnotGetRect(pasted.get(), &r), PD_OK);
+    EXPECT_EQ(r.top, 0.0f);
+    EXPECT_EQ(r.right, 50.0f);
+    Json list = Json::parse(copy(form, u"list1"));
+    list["choise-selection-index"] = 2;
+    ASSERT_EQ(paste(doc, list.dump(), &pasted), 0u);
+    uint32_t selection = 0;
+    EXPECT_EQ(PDChoiceWidgetAnnotGetSelection(pasted.get(), &selection), PD_OK);
+    EXPECT_EQ(selection, PD_NO_SELECTION);
+    list["choise-selection-index"] = "2";
+    list["name"] = "another list"; // not joining the list pasted just before
+    ASSERT_EQ(paste(doc, list.dump(), &pasted), 0u);
+    EXPECT_EQ(PDChoiceWidgetAnnotGetSelection(pasted.get(), &selection), PD_OK);
+    EXPECT_EQ(selection, 2u);
+}
+
+// Copy and Cut go to the system clipboard, DuplicateCopy to the private one; a Locked
+// widget is not cut.
+TEST_F(WidgetClipboard, TheEditToolsClipboardCommands) {
+    qfhost::Document& doc = host.newDocument(1, 612, 792);
+    qfhost::View& view = host.openView(doc);
+    ASSERT_EQ(view.activateTool("TextFieldCreate"), 0u);
+    const auto a = view.pageToView(0, 100, 700), b = view.pageToView(0, 300, 678);
+    view.sendEvent({QF::kEventButtonDown, QF::kButtonLeft, a[0], a[1], 0});
+    view.sendEvent({QF::kEventButtonUp, QF::kButtonLeft, b[0], b[1], 0});
+    ASSERT_EQ(annotCount(doc.pdDoc(), 0), 1u);
+    auto command = [&](const char* name) {
+        bool handled = false;
+        EXPECT_EQ(view.sendEvent({QF::kEventCommand, atom(name), 0, 0, 0}, &handled), 0u);
+        EXPECT_TRUE(handled) << name;
+    };
+
+    ASSERT_EQ(host.selection().selectAt(0, 150, 690), 0u);
+    command("Copy");
+    const std::u16string copied = systemClipboardText();
+    EXPECT_EQ(Json::parse(std::string(copied.begin(), copied.end()))["name"], "Text1");
+    command("DuplicateCopy");
+    EXPECT_EQ(systemClipboardText(), copied); // the system clipboard is left alone
+    EXPECT_EQ(annotCount(doc.pdDoc(), 0), 1u); // and the document too
+    ASSERT_EQ(host.selection().paste(0, qfhost::AnnotSelection::Source::Private, true), 0u);
+    ASSERT_EQ(annotCount(doc.pdDoc(), 0), 2u);
+    PDRect r{};
+    EXPECT_EQ(PDAnnotGetRect(annotAt(doc.pdDoc(), 0, 1).get(), &r), PD_OK);
+    EXPECT_EQ(r.left, 110.0f); // beside the original: 10 right, 10 down
+    EXPECT_EQ(r.top, 690.0f);
+
+    const PDHandlePtr first = annotAt(doc.pdDoc(), 0, 0);
+    ASSERT_EQ(PDAnnotSetFlags(first.get(), PD_ANNOT_PRINT | PD_ANNOT_LOCKED), PD_OK);
+    ASSERT_EQ(host.selection().selectAt(0, 105, 695), 0u);
+    command("Cut");
+    EXPECT_EQ(annotCount(doc.pdDoc(), 0), 2u);
+    ASSERT_EQ(PDAnnotSetFlags(first.get(), PD_ANNOT_PRINT), PD_OK);
+    command("Cut");
+    EXPECT_EQ(annotCount(doc.pdDoc(), 0), 1u);
+    EXPECT_EQ(host.selection().paste(0, qfhost::AnnotSelection::Source::System, false), 0u);
+    EXPECT_EQ(annotCount(doc.pdDoc(), 0), 2u);
+}
+
+} // namespace
