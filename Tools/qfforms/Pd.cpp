@@ -1,5 +1,7 @@
 #include "Pd.h"
 
+#include "kr/KRRuntime.h"
+
 namespace qfforms {
 
 PdError::PdError(PDResult r) : std::runtime_error(errorText(r)), result_(r) {}
@@ -32,6 +34,17 @@ bool isLowSurrogate(char16_t u) {
 }
 
 } // namespace
+
+std::u16string fromUtf8(std::string_view text) {
+    size_t needed = 0;
+    if (KRConvertUTF8ToUTF16(text.data(), text.size(), nullptr, 0, &needed) != KR_OK)
+        throw std::runtime_error("cannot convert text to UTF-16");
+    std::u16string out(needed, u'\0');
+    if (needed != 0 &&
+        KRConvertUTF8ToUTF16(text.data(), text.size(), out.data(), out.size(), &needed) != KR_OK)
+        throw std::runtime_error("cannot convert text to UTF-16");
+    return out;
+}
 
 std::string toUtf8(std::u16string_view text) {
     std::string out;

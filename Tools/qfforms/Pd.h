@@ -28,8 +28,9 @@ inline void check(PDResult r) {
     if (r != PD_OK) throw PdError(r);
 }
 
-// Converts UTF-16 to UTF-8. Unpaired surrogates become U+FFFD.
+// Converts UTF-16 to UTF-8 and back. Ill-formed parts become U+FFFD.
 std::string toUtf8(std::u16string_view text);
+std::u16string fromUtf8(std::string_view text);
 
 // The fixed text of a result code, as UTF-8.
 std::string errorText(PDResult r);

@@ -1,11 +1,14 @@
 #include "Run.h"
 
+#include "Files.h"
+
 #include "Inspect.h"
 #include "Pd.h"
 #include "kr/KRRuntime.h"
 #include "qf/DocumentInterfaces.h"
 #include "qf/Interfaces.h"
 #include "qf/PropertyInterfaces.h"
+#include "qf/StringPairList.h"
 #include "qfhost/Host.h"
 #include "qfhost/ModuleLoader.h"
 
@@ -24,9 +27,6 @@
 #include <stdexcept>
 #include <utility>
 
-#ifndef QF_FORMS_MODULE_PATH
-#define QF_FORMS_MODULE_PATH ""
-#endif
 
 namespace qfforms {
 
@@ -60,8 +60,22 @@ inside the script are relative to the script's folder.
   {"key": {"code": 46}}
       a key press and the key (37..40 arrows, 46 Delete) sent to the active tool
   {"set": {"property": "FieldName", "value": "Customer"}}
-  {"set": {"property": "ComboOptList", "value": [["en", "English"], ["ja", "Japanese"]]}}
-      sets a property of the active tool's sheet: a text, or [export, display] pairs
+  {"set": {"property": "ComboOptList", "value": [["English", "en"], ["Japanese", "ja"]]}}
+      sets a property of the active tool's sheet: a text, or [display, export] pairs
+  {"get": {"property": "ComboOptList"}}
+      prints {"property": ..., "value": ...} of the active tool's sheet on stdout
+  {"select": {"page": 0, "at": [100, 710]}}
+      selects the top-most widget at the point and makes the edit tool the active tool:
+      drag, click and key then move, resize, nudge (arrows) and delete (46) it; a press
+      beside the widget ends editing
+  {"edit": "Copy"}   {"edit": "Cut"}   {"edit": "Delete"}   {"edit": "DuplicateCopy"}
+      an edit command on the selected widget: Copy and Cut put its record on the system
+      clipboard (kept in a file, so another run can paste it), DuplicateCopy puts it on
+      the private clipboard and pastes the duplicate beside it
+  {"paste": {"page": 0}}
+      pastes the widget on the system clipboard onto a page of the current document
+  {"render": {"page": 0, "out": "page.svg"}}
+      keeps the page as the view shows it now (selection and tool marks included) as SVG
   {"command": {"name": "Widget_Rename", "widget": {"page": 0, "index": 0},
                "newName": "Customer"}}
   {"command": {"name": "GroupRadioButtons",
@@ -96,6 +110,9 @@ Exit status: 0 success, 1 a step failed or the run could not start or write its 
 namespace {
 
 namespace fs = std::filesystem;
+
+// The module's widget edit tool, active while a widget is selected.
+constexpr const char* kEditTool = "Edit";
 using qfhost::Document;
 using qfhost::HostError;
 using qfhost::View;
@@ -128,16 +145,6 @@ std::string hex(uint32_t value) {
     return out.str();
 }
 
-std::u16string toUtf16(const std::string& text) {
-    size_t needed = 0;
-    if (KRConvertUTF8ToUTF16(text.data(), text.size(), nullptr, 0, &needed) != KR_OK)
-        throw std::runtime_error("cannot convert text to UTF-16");
-    std::u16string out(needed, u'\0');
-    if (needed != 0 &&
-        KRConvertUTF8ToUTF16(text.data(), text.size(), out.data(), out.size(), &needed) != KR_OK)
-        throw std::runtime_error("cannot convert text to UTF-16");
-    return out;
-}
 
 std::string atomText(uint32_t atom) {
     const char* name = nullptr;
@@ -282,6 +289,8 @@ class Runner {
             {"tool", &Runner::tool},       {"drag", &Runner::drag}, {"click", &Runner::click},
             {"key", &Runner::key},         {"set", &Runner::set},   {"command", &Runner::command},
             {"undo", &Runner::undo},       {"redo", &Runner::redo}, {"save", &Runner::save},
+            {"select", &Runner::select},   {"edit", &Runner::edit}, {"get", &Runner::get},
+            {"render", &Runner::render},   {"paste", &Runner::paste},
         };
         for (const Verb& v : kVerbs) {
             if (verb == v.name) return (this->*v.run)(args);
@@ -415,6 +424,7 @@ class Runner {
                 list += (list.empty() ? "" : ", ") + n;
             fail("no tool is registered as " + quoted(name) + " (tools: " + list + ")");
         }
+        host_.selection().clear(); // another tool: nothing stays selected
         const uint32_t rc = v.activateTool(name);
         if (rc != 0) failed(rc, "the tool " + quoted(name) + " did not start");
     }
@@ -469,8 +479,14 @@ class Runner {
                uint32_t btn, uint32_t mods, int moves, const std::string& where) {
         const auto a = v.pageToView(page, from[0], from[1]);
         const auto b = v.pageToView(page, to[0], to[1]);
+        const bool editing = v.activeToolName() == kEditTool;
         const bool handled = send(v, QF::kEventButtonDown, btn, a, mods, "button press");
-        if (!handled && btn == QF::kButtonLeft) {
+        if (editing && !v.activeTool()) {
+            // A press beside the selected widget ends editing, as in the editor.
+            host_.selection().clear();
+            return;
+        }
+        if (!handled && btn == QF::kButtonLeft && !editing) {
             std::ostringstream out;
             out << where << ": the tool did not take the press at (" << from[0] << ", " << from[1]
                 << ") on page " << page;
@@ -483,6 +499,14 @@ class Runner {
             send(v, QF::kEventMove, 0, at, mods, "pointer move");
         }
         send(v, QF::kEventButtonUp, btn, b, mods, "button release");
+        endedEditing(v);
+    }
+
+    // After the edit tool ended itself (its widget deleted, a press beside it), the
+    // selection goes too.
+    void endedEditing(View& v) {
+        if (host_.selection().selection() && v.activeToolName() != kEditTool)
+            host_.selection().clear();
     }
 
     void drag(const Json& a) {
@@ -510,6 +534,88 @@ class Runner {
         View& v = viewWithTool();
         send(v, QF::kEventKeyDown, code, {0, 0}, 0, "key press");
         send(v, QF::kEventKey, code, {0, 0}, 0, "key");
+        endedEditing(v);
+    }
+
+    void select(const Json& a) {
+        onlyKeys(a, {"page", "at"}, "select");
+        View& v = currentView();
+        const uint32_t page = pageOf(a, v, "select");
+        const auto at = point(member(a, "at", "select"), "select: at");
+        const uint32_t rc = host_.selection().selectAt(page, at[0], at[1]);
+        if (rc == 1) {
+            std::ostringstream out;
+            out << "select: no widget at (" << at[0] << ", " << at[1] << ") on page " << page;
+            fail(out.str());
+        }
+        if (rc != 0) failed(rc, "select: the widget could not be selected");
+    }
+
+    void edit(const Json& a) {
+        const std::string name = text(a, "edit: the command");
+        static const char* const kCommands[] = {"Copy", "Cut", "Delete", "DuplicateCopy"};
+        if (std::find(std::begin(kCommands), std::end(kCommands), name) == std::end(kCommands))
+            fail("edit: unknown command " + quoted(name) + " (Copy, Cut, Delete, DuplicateCopy)");
+        View& v = currentView();
+        if (v.activeToolName() != kEditTool || host_.selection().selected().empty())
+            fail("edit: no widget is selected: select one with \"select\" first");
+        const uint64_t page = host_.selection().selected().front().pageIndex;
+        const bool handled = send(v, QF::kEventCommand, atomOf(name), {0, 0}, 0, "edit command");
+        if (!handled) fail("edit: the edit tool did not take " + quoted(name));
+        endedEditing(v);
+        // The duplicate: what the tool copied to the private clipboard, pasted beside it.
+        if (name == "DuplicateCopy") {
+            const uint32_t rc = host_.selection().paste(
+                page, qfhost::AnnotSelection::Source::Private, true);
+            if (rc != 0) failed(rc, "edit: the duplicate could not be pasted");
+        }
+    }
+
+    // Pastes the widget on the system clipboard onto a page, at its recorded place.
+    void paste(const Json& a) {
+        onlyKeys(a, {"page"}, "paste");
+        View& v = currentView();
+        const uint32_t page = pageOf(a, v, "paste");
+        const uint32_t rc =
+            host_.selection().paste(page, qfhost::AnnotSelection::Source::System, false);
+        if (rc == 1) fail("paste: the clipboard holds no widget");
+        if (rc != 0) failed(rc, "paste: the widget could not be pasted");
+    }
+
+    // Prints {"property": NAME, "value": VALUE} on a line of stdout: a text, or the list
+    // of [display, export] pairs.
+    void get(const Json& a) {
+        onlyKeys(a, {"property"}, "get");
+        const std::string name = text(member(a, "property", "get"), "get: property");
+        View& v = viewWithTool();
+        qfhost::ObjectPtr property = sheetProperty(v, name);
+        Json value;
+        uint32_t rc = 0;
+        if (qfhost::property::type(property.get()) == QF::kPropertyStringPairList) {
+            std::vector<std::pair<std::u16string, std::u16string>> pairs;
+            rc = qfhost::property::getPairs(property.get(), &pairs);
+            value = Json::array();
+            for (const auto& [first, second] : pairs)
+                value.push_back(Json::array({toUtf8(first), toUtf8(second)}));
+        } else {
+            std::u16string text16;
+            rc = qfhost::property::getText(property.get(), &text16);
+            value = toUtf8(text16);
+        }
+        if (rc != 0) failed(rc, "get: the tool could not give " + quoted(name));
+        Json line = Json::object();
+        line["property"] = name;
+        line["value"] = value;
+        std::cout << line.dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
+    }
+
+    // Keeps the page as the view shows it now (SVG) to be written at the end.
+    void render(const Json& a) {
+        onlyKeys(a, {"page", "out"}, "render");
+        View& v = currentView();
+        const uint32_t page = pageOf(a, v, "render");
+        const fs::path path = resolve(text(member(a, "out", "render"), "render: out"));
+        keep(path, qfhost::renderPageSvg(host_, v, page));
     }
 
     void set(const Json& a) {
@@ -517,24 +623,16 @@ class Runner {
         const std::string name = text(member(a, "property", "set"), "set: property");
         const Json& value = member(a, "value", "set");
         View& v = viewWithTool();
-        const uint32_t refreshed = v.refreshToolProperties();
-        if (refreshed != 0) failed(refreshed, "the tool could not fill its property sheet");
-
-        const std::u16string area = u"ToolArea";
-        qfhost::ObjectPtr property = host_.properties().find(area, toUtf16(name));
-        if (!property) {
-            std::string list;
-            for (const qfhost::ObjectPtr& p : host_.properties().properties(area))
-                list += (list.empty() ? "" : ", ") + toUtf8(qfhost::property::name(p.get()));
-            fail("the tool " + quoted(v.activeToolName()) + " has no property " + quoted(name) +
-                 " (its properties: " + (list.empty() ? "none" : list) + ")");
-        }
+        qfhost::ObjectPtr property = sheetProperty(v, name);
+        bool readOnly = false;
+        if (qfhost::property::isReadOnly(property.get(), &readOnly) == 0 && readOnly)
+            fail("set: " + quoted(name) + " is read-only here");
         const uint32_t type = qfhost::property::type(property.get());
         uint32_t rc = 0;
         if (value.is_string()) {
             if (type != QF::kPropertyText)
-                fail("set: " + quoted(name) + " holds [export, display] pairs, not a text");
-            rc = qfhost::property::setText(property.get(), toUtf16(value.get<std::string>()));
+                fail("set: " + quoted(name) + " holds [display, export] pairs, not a text");
+            rc = qfhost::property::setText(property.get(), fromUtf8(value.get<std::string>()));
         } else if (value.is_array()) {
             if (type != QF::kPropertyStringPairList)
                 fail("set: " + quoted(name) + " holds a text, not a list of pairs");
@@ -542,15 +640,53 @@ class Runner {
             for (const Json& pair : value) {
                 if (!pair.is_array() || pair.size() != 2 || !pair[0].is_string() ||
                     !pair[1].is_string())
-                    fail("set: each pair must be [\"export\", \"display\"]");
-                pairs.emplace_back(toUtf16(pair[0].get<std::string>()),
-                                   toUtf16(pair[1].get<std::string>()));
+                    fail("set: each pair must be [\"display\", \"export\"]");
+                pairs.emplace_back(fromUtf8(pair[0].get<std::string>()),
+                                   fromUtf8(pair[1].get<std::string>()));
             }
-            rc = qfhost::property::setPairs(property.get(), pairs);
+            // As the property panel does: the value is checked before it is set.
+            rc = validatePairs(property.get(), pairs);
+            if (rc == 0) rc = qfhost::property::setPairs(property.get(), pairs);
         } else {
-            fail("set: value must be a text or a list of [export, display] pairs");
+            fail("set: value must be a text or a list of [display, export] pairs");
         }
         if (rc != 0) failed(rc, "the tool refused the value of " + quoted(name));
+    }
+
+    // The property name of the active tool's sheet, read again.
+    qfhost::ObjectPtr sheetProperty(View& v, const std::string& name) {
+        const uint32_t refreshed = v.refreshToolProperties();
+        if (refreshed != 0) failed(refreshed, "the tool could not fill its property sheet");
+        const std::u16string area = u"ToolArea";
+        qfhost::ObjectPtr property = host_.properties().find(area, fromUtf8(name));
+        if (!property) {
+            std::string list;
+            for (const qfhost::ObjectPtr& p : host_.properties().properties(area))
+                list += (list.empty() ? "" : ", ") + toUtf8(qfhost::property::name(p.get()));
+            fail("the tool " + quoted(v.activeToolName()) + " has no property " + quoted(name) +
+                 " (its properties: " + (list.empty() ? "none" : list) + ")");
+        }
+        bool hidden = false;
+        if (qfhost::property::isHidden(property.get(), &hidden) == 0 && hidden)
+            fail("the tool " + quoted(v.activeToolName()) + " does not show " + quoted(name) +
+                 " here");
+        return property;
+    }
+
+    // The property's own check of a list value (ValidateValue): its result code.
+    static uint32_t validatePairs(
+        qfhost::ServiceObject* property,
+        const std::vector<std::pair<std::u16string, std::u16string>>& pairs) {
+        if (!SODetails::hasMethod(property, 10)) return 0;
+        const qfhost::ObjectPtr list = qfhost::ObjectPtr::adopt(
+            QF::MakeStringPairList<qfhost::HostTraits>(pairs));
+        const QF::PropertyValue value{nullptr, 0, list.get()};
+        uint8_t ok = 0;
+        const uint32_t rc = SODetails::methods<QF::PropertyTable>(property)->ValidateValue(
+            property, &value, 0, &ok);
+        if (rc != 0) return rc;
+        if (!ok) fail("set: the value is not acceptable");
+        return 0;
     }
 
     // A widget named by {"page": P, "index": K} or {"field": "Name", "widget": K}.
@@ -578,7 +714,7 @@ class Runner {
         const std::string name = text(member(w, "field", where), where + ": field");
         uint32_t k = 0;
         if (const Json* n = optionalMember(w, "widget")) k = index(*n, where + ": widget");
-        const std::u16string name16 = toUtf16(name);
+        const std::u16string name16 = fromUtf8(name);
         Handle field;
         check(PDDocFindField(doc.pdDoc(), name16.data(), static_cast<uint32_t>(name16.size()),
                              field.out()));
@@ -620,7 +756,7 @@ class Runner {
             WidgetRef w = widgetRef(member(a, "widget", "command Widget_Rename"), doc,
                                     "command Widget_Rename: widget");
             const std::u16string newName =
-                toUtf16(text(member(a, "newName", "command Widget_Rename"), "command: newName"));
+                fromUtf8(text(member(a, "newName", "command Widget_Rename"), "command: newName"));
             QF::RenameWidgetParams params{doc.object(), w.page, w.annot.get(), newName.c_str()};
             execute(name, &params);
         } else if (name == "GroupRadioButtons") {
@@ -675,30 +811,6 @@ class Runner {
     uint32_t commandId_ = 0;
 };
 
-// ---- writing -------------------------------------------------------------------------------
-
-// Writes bytes to path through a new file beside it and a rename, so that a failure leaves
-// the target as it was. Returns the problem, or nothing.
-std::optional<std::string> writeAtomically(const fs::path& path, const std::string& bytes) {
-    std::random_device random;
-    const fs::path dir = path.parent_path().empty() ? fs::path(".") : path.parent_path();
-    fs::path temp;
-    std::FILE* file = nullptr;
-    for (int attempt = 0; attempt < 16 && !file; ++attempt) {
-        temp = dir / ("." + path.filename().string() + ".qfforms-" + hex(random()).substr(2));
-        file = std::fopen(temp.string().c_str(), "wbx"); // fails when the name is taken
-    }
-    if (!file) return "cannot create a file in " + dir.string();
-    const bool written = std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
-    const bool closed = std::fclose(file) == 0;
-    std::error_code ec;
-    if (written && closed) fs::rename(temp, path, ec);
-    if (!written || !closed || ec) {
-        fs::remove(temp, ec);
-        return "cannot write the file";
-    }
-    return std::nullopt;
-}
 
 // ---- options ---------------------------------------------------------------------------------
 
@@ -764,12 +876,6 @@ std::optional<std::string> parseOptions(const std::vector<std::string>& args, Op
     return std::nullopt;
 }
 
-std::string modulePath(const Options& o) {
-    if (!o.module.empty()) return o.module;
-    const char* env = std::getenv("QF_FORMS_MODULE");
-    if (env && *env) return env;
-    return QF_FORMS_MODULE_PATH;
-}
 
 int runUsageError(const std::string& message) {
     std::cerr << "qfforms: " << message << "\n" << kRunHelp;
@@ -860,7 +966,7 @@ int runCommand(const std::vector<std::string>& args) {
         std::cerr << "qfforms: cannot start the host: " << e.what() << "\n";
         return 1;
     }
-    const std::string module = modulePath(options);
+    const std::string module = modulePath(options.module);
     try {
         loader->load(module);
     } catch (const std::exception& e) {

@@ -2,12 +2,15 @@
 //
 //   qfforms inspect FILE.pdf     prints the pages, annotations and fields of FILE as JSON
 //   qfforms run SCRIPT.json ...  replays an authoring session through the forms module
+//   qfforms render IN.pdf ...    draws a page as the editor's view shows it, as SVG
 //
-// Exit status: 0 success; 1 the file could not be inspected, or a step of the script failed
-// or the run could not start or write its outputs; 2 wrong usage.
+// Exit status: 0 success; 1 the file could not be inspected or rendered, or a step of the
+// script failed or the run could not start or write its outputs; 2 wrong usage.
 
+#include "Clip.h"
 #include "Inspect.h"
 #include "Pd.h"
+#include "Render.h"
 #include "Run.h"
 
 #include <cstdio>
@@ -23,10 +26,21 @@ constexpr const char* kUsage =
     "usage: qfforms inspect FILE.pdf\n"
     "       qfforms run SCRIPT.json [--in IN.pdf] [--out OUT.pdf] [--lang en|ja]\n"
     "                   [--settings FILE] [--keep-going] [--module PATH]\n"
+    "       qfforms render IN.pdf --page N --out OUT.svg [--zoom Z]\n"
+    "                      [--rotation 0|90|180|270]\n"
     "\n"
     "  inspect   print the pages, annotations and form fields of FILE.pdf as JSON\n"
     "  run       replay an authoring session written as a JSON script through the forms\n"
-    "            module and write the PDFs it makes (qfforms run --help)\n";
+    "            module and write the PDFs it makes (qfforms run --help)\n"
+    "  render    write page N (0 for the first) of IN.pdf as the editor's view shows it at\n"
+    "            zoom Z (pixels per point, default 1) turned clockwise by the rotation, as\n"
+    "            an SVG picture: the page, the outline of every visible annotation (widgets\n"
+    "            labelled with their field's name) and the selection; prints where it wrote\n"
+    "            OUT.svg (exit 1 when IN.pdf cannot be read or has no page N)\n"
+    "  copy      print the JSON record of widget K (default 0) of field NAME of IN.pdf\n"
+    "  paste     make a new widget from the record on standard input on page N of IN.pdf\n"
+    "            (at the record's rectangle, named after it; docs/scripting.md) and write\n"
+    "            the result to OUT.pdf\n";
 
 int usageError(std::string_view message) {
     if (!message.empty()) std::cerr << "qfforms: " << message << "\n";
@@ -66,8 +80,11 @@ int main(int argc, char** argv) {
         std::cout << kUsage;
         return 0;
     }
-    if (command == "run")
-        return qfforms::runCommand(std::vector<std::string>(argv + 2, argv + argc));
+    if (command == "run") return qfforms::runCommand(std::vector<std::string>(argv + 2, argv + argc));
+    const std::vector<std::string> rest(argv + 2, argv + argc);
+    if (command == "render") return qfforms::renderCommand(rest);
+    if (command == "copy") return qfforms::copyCommand(rest);
+    if (command == "paste") return qfforms::pasteCommand(rest);
     if (command != "inspect") return usageError("unknown command '" + std::string(command) + "'");
     if (argc != 3) return usageError("inspect takes one file");
     const std::string path = argv[2];

@@ -1,0 +1,180 @@
+#include "Clip.h"
+
+#include "Files.h"
+#include "Pd.h"
+
+#include "kr/KRRuntime.h"
+#include "qf/Interfaces.h"
+#include "qfhost/Host.h"
+#include "qfhost/ModuleLoader.h"
+
+#include <cstdio>
+#include <filesystem>
+#include <iostream>
+#include <iterator>
+#include <optional>
+
+namespace qfforms {
+
+const char* const kClipUsage =
+    "       qfforms copy IN.pdf --field NAME [--widget K] [--module PATH]\n"
+    "       qfforms paste IN.pdf --page N --out OUT.pdf [--module PATH] < RECORD.json\n";
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Options {
+    std::string in, field, out, module;
+    uint32_t widget = 0, page = 0;
+    bool pageGiven = false;
+};
+
+std::optional<uint32_t> number(const std::string& text) {
+    if (text.empty() || text.size() > 9 || text.find_first_not_of("0123456789") != std::string::npos)
+        return std::nullopt;
+    return static_cast<uint32_t>(std::stoul(text));
+}
+
+// Fills o; the usage problem, if any. valued: the options this command takes.
+std::optional<std::string> parse(const std::vector<std::string>& args, Options& o,
+                                 std::initializer_list<const char*> valued) {
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& arg = args[i];
+        bool known = false;
+        for (const char* name : valued) {
+            if (arg != name) continue;
+            if (i + 1 >= args.size() || args[i + 1].empty()) return arg + " needs a value";
+            const std::string& value = args[++i];
+            known = true;
+            if (arg == "--field") o.field = value;
+            if (arg == "--out") o.out = value;
+            if (arg == "--module") o.module = value;
+            if (arg == "--widget" || arg == "--page") {
+                const auto n = number(value);
+                if (!n) return arg + " takes a number from 0";
+                (arg == "--page" ? o.page : o.widget) = *n;
+                if (arg == "--page") o.pageGiven = true;
+            }
+        }
+        if (known) continue;
+        if (arg.size() > 1 && arg[0] == '-') return "unknown option '" + arg + "'";
+        if (!o.in.empty()) return "one input file";
+        o.in = arg;
+    }
+    if (o.in.empty()) return "an input file is needed";
+    return std::nullopt;
+}
+
+int usage(const std::string& problem) {
+    std::cerr << "qfforms: " << problem << "\nusage:\n" << kClipUsage;
+    return 2;
+}
+
+int fail(const std::string& what, const std::string& message) {
+    std::cerr << "qfforms: " << what << ": " << message << "\n";
+    return 1;
+}
+
+// The module's failure text for code, when it left one.
+std::string moduleText(qfhost::ModuleLoader& loader, uint32_t code) {
+    SODetails::ErrorInfo info{};
+    qfhost::ServiceObject* so = loader.initService();
+    if (so && SODetails::header(so)->base.GetLastErrorInfo(so, &info, nullptr) == 0 &&
+        info.code == code && info.message)
+        return toUtf8(info.message);
+    return "code " + std::to_string(code);
+}
+
+// A host with the module loaded and in.pdf open in a view.
+struct Session {
+    explicit Session(const Options& o) {
+        loader.load(modulePath(o.module));
+        host.openView(host.openDocument(o.in));
+    }
+    qfhost::Host host;
+    qfhost::ModuleLoader loader{&host};
+};
+
+} // namespace
+
+int copyCommand(const std::vector<std::string>& args) {
+    Options o;
+    if (auto problem = parse(args, o, {"--field", "--widget", "--module"})) return usage(*problem);
+    if (o.field.empty()) return usage("copy needs --field NAME");
+    try {
+        Session s(o);
+        qfhost::Document& doc = *s.host.currentDocument();
+        const std::u16string name = fromUtf8(o.field);
+        Handle field;
+        check(PDDocFindField(doc.pdDoc(), name.data(), uint32_t(name.size()), field.out()));
+        if (!field) return fail(o.in, "no field is named \"" + o.field + "\"");
+        Handle widget;
+        if (PDFieldGetWidget(field.get(), o.widget, widget.out()) != PD_OK || !widget)
+            return fail(o.in, "the field has no widget " + std::to_string(o.widget));
+        std::optional<uint32_t> page;
+        for (uint32_t p = 0; p < doc.pageCount() && !page; ++p) {
+            Handle pg;
+            uint32_t at = 0;
+            check(PDDocGetPage(doc.pdDoc(), p, pg.out()));
+            if (PDPageGetAnnotIndex(pg.get(), widget.get(), &at) == PD_OK) page = p;
+        }
+        if (!page) return fail(o.in, "the widget is on no page");
+        qfhost::ObjectPtr factory = s.host.annotEdit().editSelectFactories().find(PD_ATOM_Widget);
+        if (!SODetails::hasMethod(factory.get(), 1)) return fail(o.in, "the module copies no widgets");
+        qfhost::ObjectPtr data;
+        const uint32_t rc = SODetails::methods<QF::AnnotEditSelectFactoryTable>(factory.get())
+                                ->CopyAnnot(factory.get(), s.host.currentView()->object(), *page,
+                                            widget.get(), data.put());
+        if (rc != 0 || !data) return fail(o.in, "cannot copy the widget: " + moduleText(s.loader, rc));
+        auto& ops = *SODetails::methods<QF::DataObjectTable>(data.get());
+        uint64_t length = 0;
+        ops.GetData(data.get(), nullptr, 0, &length);
+        std::string text(length, '\0');
+        ops.GetData(data.get(), text.data(), length, &length);
+        text.resize(length);
+        std::cout << text << "\n";
+        return std::cout.flush() ? 0 : 1;
+    } catch (const std::exception& e) {
+        return fail(o.in, e.what());
+    }
+}
+
+int pasteCommand(const std::vector<std::string>& args) {
+    Options o;
+    if (auto problem = parse(args, o, {"--page", "--out", "--module"})) return usage(*problem);
+    if (!o.pageGiven) return usage("paste needs --page N");
+    if (o.out.empty()) return usage("paste needs --out OUT.pdf");
+    const std::string text((std::istreambuf_iterator<char>(std::cin)),
+                           std::istreambuf_iterator<char>());
+    try {
+        Session s(o);
+        qfhost::Document& doc = *s.host.currentDocument();
+        if (o.page >= doc.pageCount())
+            return fail(o.in, "no page " + std::to_string(o.page) + " (" +
+                                  std::to_string(doc.pageCount()) + " pages)");
+        PDAnnot widget = nullptr;
+        const uint32_t rc = s.host.selection().pasteText(o.page, text, false, &widget);
+        Handle pasted(widget);
+        if (rc != 0) return fail("the record", moduleText(s.loader, rc));
+        void* data = nullptr;
+        size_t size = 0;
+        check(PDDocSaveMem(doc.pdDoc(), &data, &size));
+        const std::string bytes(static_cast<const char*>(data), size);
+        PDFreeBuffer(data);
+        if (auto problem = writeAtomically(fs::u8path(o.out), bytes)) return fail(o.out, *problem);
+        Handle field;
+        check(PDWidgetAnnotGetParent(pasted.get(), field.out()));
+        const PDField f = field.get();
+        const auto name = readUtf8([f](char16_t* b, uint32_t n, uint32_t* l) {
+            return PDFieldGetFullName(f, b, n, l);
+        });
+        std::cout << "pasted the field \"" << name.value_or("") << "\"\nwrote "
+                  << fs::absolute(fs::u8path(o.out)).lexically_normal().string() << "\n";
+        return 0;
+    } catch (const std::exception& e) {
+        return fail(o.in, e.what());
+    }
+}
+
+} // namespace qfforms

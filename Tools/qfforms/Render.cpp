@@ -1,0 +1,168 @@
+#include "Render.h"
+
+#include "Files.h"
+
+#include "Pd.h"
+
+#include "qfhost/Graphics.h"
+#include "qfhost/Host.h"
+
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <iostream>
+#include <optional>
+#include <random>
+
+namespace qfforms {
+
+const char* const kRenderUsage =
+    "usage: qfforms render IN.pdf --page N --out OUT.svg [--zoom Z] [--rotation 0|90|180|270]\n"
+    "\n"
+    "  Writes page N (0 for the first) of IN.pdf as the editor shows it, at zoom Z (pixels\n"
+    "  per point, 1 by default) and turned clockwise by the rotation, as an SVG picture:\n"
+    "  the page, the outline of every visible annotation (widgets labelled with their\n"
+    "  field's name) and the selection. Prints where it wrote OUT.svg.\n";
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Options {
+    std::string in;
+    std::string out;
+    std::string page;
+    std::string zoom;
+    std::string rotation;
+    bool help = false;
+};
+
+// Fills options from the arguments; returns the usage problem, if any.
+std::optional<std::string> parseOptions(const std::vector<std::string>& args, Options& o) {
+    struct Valued {
+        const char* name;
+        std::string Options::*field;
+    };
+    static const Valued kValued[] = {{"--page", &Options::page},
+                                     {"--out", &Options::out},
+                                     {"--zoom", &Options::zoom},
+                                     {"--rotation", &Options::rotation}};
+    bool inSeen = false;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& arg = args[i];
+        if (arg == "-h" || arg == "--help") {
+            o.help = true;
+            continue;
+        }
+        bool matched = false;
+        for (const Valued& v : kValued) {
+            const std::string name = v.name;
+            if (arg == name) {
+                if (i + 1 >= args.size()) return name + " needs a value";
+                o.*v.field = args[++i];
+            } else if (arg.rfind(name + "=", 0) == 0) {
+                o.*v.field = arg.substr(name.size() + 1);
+            } else {
+                continue;
+            }
+            if ((o.*v.field).empty()) return name + " needs a value";
+            matched = true;
+            break;
+        }
+        if (matched) continue;
+        if (arg.size() > 1 && arg[0] == '-') return "unknown option '" + arg + "'";
+        if (inSeen) return "render takes one file";
+        if (arg.empty()) return "empty file name";
+        o.in = arg;
+        inSeen = true;
+    }
+    if (o.help) return std::nullopt;
+    if (!inSeen) return "render needs a file";
+    if (o.page.empty()) return "render needs --page";
+    if (o.out.empty()) return "render needs --out";
+    return std::nullopt;
+}
+
+// The whole of text as a number of type T, or nothing.
+template <typename T>
+std::optional<T> parseNumber(const std::string& text) {
+    T value{};
+    const char* end = text.data() + text.size();
+    auto [ptr, ec] = std::from_chars(text.data(), end, value);
+    if (ec != std::errc() || ptr != end) return std::nullopt;
+    return value;
+}
+
+int usageError(const std::string& message) {
+    std::cerr << "qfforms: " << message << "\n" << kRenderUsage;
+    return 2;
+}
+
+int fail(const std::string& path, const std::string& message) {
+    std::cerr << "qfforms: " << path << ": " << message << "\n";
+    return 1;
+}
+
+
+} // namespace
+
+int renderCommand(const std::vector<std::string>& args) {
+    Options o;
+    if (auto problem = parseOptions(args, o)) return usageError(*problem);
+    if (o.help) {
+        std::cout << kRenderUsage;
+        return 0;
+    }
+    const auto page = parseNumber<uint32_t>(o.page);
+    if (!page) return usageError("--page takes a page number from 0, not '" + o.page + "'");
+    float zoom = 1;
+    if (!o.zoom.empty()) {
+        const auto z = parseNumber<float>(o.zoom);
+        if (!z || !std::isfinite(*z) || !(*z > 0))
+            return usageError("--zoom takes a positive number, not '" + o.zoom + "'");
+        zoom = *z;
+    }
+    uint32_t rotation = 0;
+    if (!o.rotation.empty()) {
+        const auto r = parseNumber<uint32_t>(o.rotation);
+        if (!r || *r % 90 != 0 || *r >= 360)
+            return usageError("--rotation takes 0, 90, 180 or 270, not '" + o.rotation + "'");
+        rotation = *r;
+    }
+
+    std::string svg;
+    try {
+        qfhost::Host host;
+        qfhost::Document* doc = nullptr;
+        try {
+            doc = &host.openDocument(o.in);
+        } catch (const qfhost::HostError& e) {
+            // The host's message gives pdfcore's number only; say what `inspect` says.
+            PDDoc pd = nullptr;
+            const PDResult rc = PDDocOpen(o.in.c_str(), &pd);
+            PDHandleRelease(pd);
+            return fail(o.in, rc != PD_OK ? errorText(rc) : e.what());
+        }
+        const uint32_t pages = doc->pageCount();
+        if (*page >= pages) {
+            return fail(o.in, "no page " + std::to_string(*page) + " (the document has " +
+                                  std::to_string(pages) + (pages == 1 ? " page)" : " pages)"));
+        }
+        qfhost::View& view = host.openView(*doc);
+        view.setZoom(zoom);
+        view.setRotation(rotation);
+        svg = qfhost::renderPageSvg(host, view, *page);
+    } catch (const std::exception& e) {
+        return fail(o.in, e.what());
+    }
+
+    const fs::path out = fs::u8path(o.out);
+    if (auto problem = writeAtomically(out, svg)) return fail(o.out, *problem);
+    std::error_code ec;
+    std::cout << "wrote " << fs::absolute(out, ec).lexically_normal().string() << "\n";
+    return 0;
+}
+
+} // namespace qfforms
