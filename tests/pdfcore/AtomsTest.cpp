@@ -81,6 +81,7 @@ TEST(Atoms, OtherNamesAreNumberedFromTheCount) {
     const PDAtom count = PDAtomGetPredefinedCount();
     const PDAtom custom = put("QfCustomName");
     EXPECT_GE(custom, count);
+    EXPECT_LT(custom, 0x80000000u); // records keep atoms as signed 32-bit numbers
     EXPECT_EQ(put("QfCustomName"), custom);
     EXPECT_EQ(get(custom), "QfCustomName");
     EXPECT_NE(put("QfCustomName2"), custom);

@@ -1,15 +1,19 @@
 // Atoms: the process-wide numbering of PDF names.
 //
 // Numbers below kPredefinedCount index the fixed table in AtomTable.inc and are found by
-// binary search without a lock. Other names are numbered from kPredefinedCount on, in
-// the order they are first seen, in a table that only grows; its strings never move and
-// are never freed, so the pointers PDAtomGetString hands out stay valid.
+// binary search without a lock. Other names get a number from kPredefinedCount up to
+// 2^31 - 1 taken from a hash of the name (the next free one when two names meet), so a
+// name has the same number in every process that does not meet such a clash: numbers
+// written into a clipboard record by one run mean the same names in the next. The table
+// only grows; its strings never move and are never freed, so the pointers
+// PDAtomGetString hands out stay valid.
 #include "Core.h"
 
 #include <algorithm>
 #include <deque>
 #include <iterator>
-#include <limits>
+#include <string>
+#include <unordered_map>
 #include <mutex>
 #include <shared_mutex>
 #include <string_view>
@@ -63,12 +67,19 @@ class DynamicAtoms {
         }
         std::unique_lock lock(mutex_);
         if (auto it = atoms_.find(name); it != atoms_.end()) return it->second;
-        if (names_.size() >= std::numeric_limits<PDAtom>::max() - kPredefinedCount)
-            fail(PD_ERR_TOO_LARGE);
+        if (names_.size() >= kSpan / 2) fail(PD_ERR_TOO_LARGE);
+        PDAtom atom = kPredefinedCount + hash(name) % kSpan;
+        while (byAtom_.count(atom))
+            atom = atom + 1 < kPredefinedCount + kSpan ? atom + 1 : kPredefinedCount;
         const std::string& stored = names_.emplace_back(name);
-        const auto atom = static_cast<PDAtom>(kPredefinedCount + names_.size() - 1);
         try {
-            atoms_.emplace(std::string_view(stored), atom);
+            byAtom_.emplace(atom, &stored);
+            try {
+                atoms_.emplace(std::string_view(stored), atom);
+            } catch (...) {
+                byAtom_.erase(atom);
+                throw;
+            }
         } catch (...) {
             names_.pop_back();
             throw;
@@ -79,14 +90,25 @@ class DynamicAtoms {
     // The stored name of a dynamic atom, or nullptr for a number never handed out.
     const std::string* name(PDAtom atom) const {
         std::shared_lock lock(mutex_);
-        const size_t i = atom - kPredefinedCount;
-        return i < names_.size() ? &names_[i] : nullptr;
+        const auto it = byAtom_.find(atom);
+        return it != byAtom_.end() ? it->second : nullptr;
     }
 
   private:
+    static constexpr PDAtom kSpan = 0x7FFFFFFFu - kPredefinedCount;
+
+    // FNV-1a: fixed across builds and platforms, unlike std::hash.
+    static uint32_t hash(std::string_view name) {
+        uint32_t h = 2166136261u;
+        for (const char c : name)
+            h = (h ^ static_cast<unsigned char>(c)) * 16777619u;
+        return h;
+    }
+
     mutable std::shared_mutex mutex_;
-    std::deque<std::string> names_; // atom kPredefinedCount + i is names_[i]
+    std::deque<std::string> names_;
     std::unordered_map<std::string_view, PDAtom> atoms_;
+    std::unordered_map<PDAtom, const std::string*> byAtom_;
 };
 
 // Never destroyed, so that names stay valid during static destruction too.

@@ -155,7 +155,10 @@ enum {
 /* Number of predefined atoms (the table holds atoms 0 .. count-1). */
 PDFCORE_API uint32_t PDAtomGetPredefinedCount(void);
 /* The atom of a name (UTF-8 bytes, NUL-terminated, no leading slash), made on first
- * use. Empty or NULL name: PD_ERR_BAD_ARGUMENT. Any thread. */
+ * use. A name outside the predefined table gets a number from the count up to 2^31 - 1
+ * that follows from the name alone (unless another name took it first, which is rare),
+ * so the same name has the same atom in other processes too. Empty or NULL name:
+ * PD_ERR_BAD_ARGUMENT. Any thread. */
 PDFCORE_API PDResult PDAtomPutString(const char* name, PDAtom* outAtom);
 /* The name of an atom, NUL-terminated, valid for the life of the process. An atom
  * never handed out: PD_ERR_RANGE. Any thread. */
