@@ -137,8 +137,9 @@ std::string toUtf8(const std::u16string& text) {
     return out;
 }
 
-// The formats in a JSON file, {"format name": "base64", ...}; the desktop's text, when a
-// program reaches it, stands for "UnicodeText".
+// The formats in a JSON file: {"UnicodeText": {"text": "..."}, "Bitmap": {"base64": "..."}}
+// (text that does not survive UTF-8, such as a lone surrogate, is kept as base64 too); the
+// desktop's text, when a program reaches it, stands for "UnicodeText".
 class FileBacking : public QF::ClipboardBacking {
 public:
     FileBacking(std::string file, std::string copy, std::string paste)
@@ -151,8 +152,17 @@ public:
         if (in) {
             const nlohmann::json stored = nlohmann::json::parse(in, nullptr, false);
             if (stored.is_object()) {
-                for (const auto& [name, value] : stored.items())
-                    if (value.is_string()) formats[atomOf(name)] = decode(value.get<std::string>());
+                for (const auto& [name, value] : stored.items()) {
+                    if (!value.is_object()) continue;
+                    const uint32_t format = atomOf(name);
+                    if (value.contains("text") && value["text"].is_string() && format == text_) {
+                        const std::u16string text = toUtf16(value["text"].get<std::string>());
+                        formats[format].assign(reinterpret_cast<const char*>(text.data()),
+                                               text.size() * sizeof(char16_t));
+                    } else if (value.contains("base64") && value["base64"].is_string()) {
+                        formats[format] = decode(value["base64"].get<std::string>());
+                    }
+                }
             }
         }
         if (!paste_.empty()) {
@@ -170,7 +180,19 @@ public:
 
     void Store(const Formats& formats) override {
         nlohmann::json stored = nlohmann::json::object();
-        for (const auto& [format, bytes] : formats) stored[nameOf(format)] = encode(bytes);
+        for (const auto& [format, bytes] : formats) {
+            // Text that survives the trip through UTF-8 is kept readable.
+            if (format == text_ && bytes.size() % 2 == 0) {
+                const std::u16string text(reinterpret_cast<const char16_t*>(bytes.data()),
+                                          bytes.size() / sizeof(char16_t));
+                const std::string utf8 = toUtf8(text);
+                if (toUtf16(utf8) == text) {
+                    stored[nameOf(format)] = {{"text", utf8}};
+                    continue;
+                }
+            }
+            stored[nameOf(format)] = {{"base64", encode(bytes)}};
+        }
         const fs::path target(file_);
         std::error_code ec;
         if (target.has_parent_path()) fs::create_directories(target.parent_path(), ec);

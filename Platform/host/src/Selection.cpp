@@ -297,13 +297,15 @@ PDResult nameAfterRecord(PDDoc doc, PDAnnot widget, const std::u16string& record
         return rc;
     }
     if (PDField existing = findField(doc, recorded)) {
-        const bool join = existing != made && sameKind(made, existing);
+        // The module may have given the new field the recorded name already.
+        const bool named = existing == made;
+        const bool join = !named && sameKind(made, existing);
         if (join) {
             rc = PDFieldRemoveWidget(made, widget);
             if (rc == PD_OK) rc = PDFieldAppendWidget(existing, widget);
         }
         PDHandleRelease(existing);
-        if (join || rc != PD_OK) {
+        if (named || join || rc != PD_OK) {
             PDHandleRelease(made);
             return rc;
         }
