@@ -96,9 +96,14 @@ struct Session {
     qfhost::ModuleLoader loader{&host};
 };
 
+bool wantsHelp(const std::vector<std::string>& args) {
+    return args.size() == 1 && (args[0] == "-h" || args[0] == "--help");
+}
+
 } // namespace
 
 int copyCommand(const std::vector<std::string>& args) {
+    if (wantsHelp(args)) return std::cout << "usage:\n" << kClipUsage, 0;
     Options o;
     if (auto problem = parse(args, o, {"--field", "--widget", "--module"})) return usage(*problem);
     if (o.field.empty()) return usage("copy needs --field NAME");
@@ -141,6 +146,7 @@ int copyCommand(const std::vector<std::string>& args) {
 }
 
 int pasteCommand(const std::vector<std::string>& args) {
+    if (wantsHelp(args)) return std::cout << "usage:\n" << kClipUsage, 0;
     Options o;
     if (auto problem = parse(args, o, {"--page", "--out", "--module"})) return usage(*problem);
     if (!o.pageGiven) return usage("paste needs --page N");
@@ -156,6 +162,7 @@ int pasteCommand(const std::vector<std::string>& args) {
         PDAnnot widget = nullptr;
         const uint32_t rc = s.host.selection().pasteText(o.page, text, false, &widget);
         Handle pasted(widget);
+        if (rc == 1) return fail("the record", "it holds no widget (no \"field-type\" of one)");
         if (rc != 0) return fail("the record", moduleText(s.loader, rc));
         void* data = nullptr;
         size_t size = 0;

@@ -3,6 +3,8 @@
 //   qfforms inspect FILE.pdf     prints the pages, annotations and fields of FILE as JSON
 //   qfforms run SCRIPT.json ...  replays an authoring session through the forms module
 //   qfforms render IN.pdf ...    draws a page as the editor's view shows it, as SVG
+//   qfforms copy IN.pdf ...      prints a widget's clipboard record
+//   qfforms paste IN.pdf ...     makes a widget from a record read on standard input
 //
 // Exit status: 0 success; 1 the file could not be inspected or rendered, or a step of the
 // script failed or the run could not start or write its outputs; 2 wrong usage.
@@ -28,6 +30,8 @@ constexpr const char* kUsage =
     "                   [--settings FILE] [--keep-going] [--module PATH]\n"
     "       qfforms render IN.pdf --page N --out OUT.svg [--zoom Z]\n"
     "                      [--rotation 0|90|180|270]\n"
+    "       qfforms copy IN.pdf --field NAME [--widget K] [--module PATH]\n"
+    "       qfforms paste IN.pdf --page N --out OUT.pdf [--module PATH] < RECORD.json\n"
     "\n"
     "  inspect   print the pages, annotations and form fields of FILE.pdf as JSON\n"
     "  run       replay an authoring session written as a JSON script through the forms\n"
@@ -40,7 +44,7 @@ constexpr const char* kUsage =
     "  copy      print the JSON record of widget K (default 0) of field NAME of IN.pdf\n"
     "  paste     make a new widget from the record on standard input on page N of IN.pdf\n"
     "            (at the record's rectangle, named after it; docs/scripting.md) and write\n"
-    "            the result to OUT.pdf\n";
+    "            the result to OUT.pdf (exit 1 when the record makes no widget)\n";
 
 int usageError(std::string_view message) {
     if (!message.empty()) std::cerr << "qfforms: " << message << "\n";
