@@ -86,11 +86,11 @@ def form_of(path):
     pages = []
     for page in reader.pages:
         annots = []
-        for ref in page.get("/Annots", []) or []:
+        for ref in resolved(page.get("/Annots", [])) or []:
             a = resolved(ref)
             entry = {
                 "subtype": str(a.get("/Subtype")),
-                "rect": [round(float(v), 2) for v in a["/Rect"]],
+                "rect": [round(float(v), 2) for v in resolved(a["/Rect"])],
             }
             if entry["subtype"] == "/Widget":
                 entry["field"] = full_name(field_of(a))
@@ -111,7 +111,7 @@ def widgets_of(path):
     reader = PdfReader(path)
     out = []
     for index, page in enumerate(reader.pages):
-        for ref in page.get("/Annots", []) or []:
+        for ref in resolved(page.get("/Annots", [])) or []:
             a = resolved(ref)
             if a.get("/Subtype") == "/Widget":
                 out.append((index, a, page))
