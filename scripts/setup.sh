@@ -12,6 +12,7 @@ packages=(
   libqpdf-dev qpdf nlohmann-json3-dev libboost-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   python3 python3-pypdf python3-pycryptodome poppler-utils
+  clang libclang-rt-14-dev
 )
 
 missing=()

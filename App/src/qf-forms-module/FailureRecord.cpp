@@ -110,7 +110,7 @@ ServiceObjectException::ServiceObjectException(uint32_t code, std::u16string mes
           FailureRecord(code, std::move(message), std::move(function), std::move(file), line)) {}
 
 void ThrowServiceObjectException(uint32_t code, std::u16string_view message, const char* function,
-                                 std::source_location where) {
+                                 SOImpl::SourceLocation where) {
     throw ServiceObjectException(code, std::u16string(message), function ? function : "",
                                  where.file_name(), where.line());
 }
@@ -133,7 +133,7 @@ uint32_t TranslatePDResult(int32_t result) {
 }
 
 void CheckPDResult(int32_t result, const char* function, std::u16string_view message,
-                   std::source_location where) {
+                   SOImpl::SourceLocation where) {
     if (result != 0)
         ThrowServiceObjectException(TranslatePDResult(result), message, function, where);
 }

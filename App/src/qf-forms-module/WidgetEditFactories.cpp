@@ -19,7 +19,7 @@ constexpr uint64_t kNoPage = ~uint64_t{0};
 // Slots of the host services used here.
 constexpr size_t kGetOCConfigSlot = 6;    // QFDocument
 constexpr size_t kSelectAnnotSlot = 0;    // QFAnnotEditService
-constexpr size_t kGetSelectionTypeSlot = 1, kGetSelectedCountSlot = 2, kGetSelectedSlot = 3;
+constexpr size_t kGetSelectedSlot = 3;
 constexpr size_t kDeselectAnnotSlot = 3;  // QFService
 constexpr size_t kCreateCompositeSlot = 0;
 constexpr size_t kAddChildSlot = 0;       // QFCompositeEditObject

@@ -238,7 +238,6 @@ class WidgetEditObject : public review::AnnotEditBaseObject {
 
   private:
     BasicServiceObjectPtr<> owner_;
-    uint64_t reserved_ = 0;
     PDRect initialRect_{};
 };
 

@@ -5,7 +5,8 @@
 #include "qf/Selection"
 #include "qf/SelectionFactory"
 
-#include <source_location>
+#include "qf/internal/SourceLocation.h"
+
 #include <string>
 
 namespace {
@@ -77,7 +78,7 @@ bool IsDateFormat(PDField field) {
     PDAtom type = 0;
     if (PDActionGetType(action.get(), &type) != PD_OK) return false;
     if (type != PD_ATOM_JavaScript) {
-        const auto where = std::source_location::current();
+        const auto where = SOImpl::SourceLocation::current();
         HostLogger::Log(kLoggedWarning, u"Validate action must be of type JavaScript",
                         where.file_name(), where.line(), "`anonymous-namespace'::IsDateFormat");
         return false;

@@ -9,7 +9,6 @@
 #include <cmath>
 #include <cstdint>
 #include <map>
-#include <numbers>
 #include <qpdf/Buffer.hh>
 #include <set>
 #include <string>
@@ -79,7 +78,7 @@ std::string num(double v) {
     return pdfNumber(v, 4);
 }
 
-constexpr double kPi = std::numbers::pi;
+constexpr double kPi = 3.14159265358979323846;
 
 QPDFObjectHandle real(double v) {
     return QPDFObjectHandle::newReal(num(v));

@@ -8,10 +8,10 @@
 #pragma once
 
 #include "qf/ServiceObject.h"
+#include "qf/internal/SourceLocation.h"
 
 #include <cstdint>
 #include <exception>
-#include <source_location>
 #include <string>
 #include <string_view>
 
@@ -99,7 +99,7 @@ class ServiceObjectException : public std::exception {
 // written by the caller) and the caller's source position.
 [[noreturn]] void
 ThrowServiceObjectException(uint32_t code, std::u16string_view message, const char* function,
-                            std::source_location where = std::source_location::current());
+                            SOImpl::SourceLocation where = SOImpl::SourceLocation::current());
 
 // The module code for a pdfcore result (0 stays 0; unknown results give 4).
 uint32_t TranslatePDResult(int32_t result);
@@ -108,7 +108,7 @@ uint32_t TranslatePDResult(int32_t result);
 // call failed.
 void CheckPDResult(int32_t result, const char* function,
                    std::u16string_view message = u"Unspecified Error!",
-                   std::source_location where = std::source_location::current());
+                   SOImpl::SourceLocation where = SOImpl::SourceLocation::current());
 
 // Keeps a copy of record as the calling thread's last failure. Does nothing once the
 // shared static-data store is gone (process shutdown). Throws std::runtime_error when the

@@ -5,6 +5,8 @@
 #include "qfhost/HostError.h"
 #include "qfhost/HostObjects.h"
 
+#include "qf/ModuleExports.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -13,13 +15,9 @@ namespace qfhost {
 
 class Host;
 
-// One entry of ReflectServiceObjectInfo's table (16 bytes).
-struct ReflectEntry {
-    uint32_t id;       // atom of the name, KR_ATOM_NONE while the module has not resolved it
-    uint32_t padding;  // unspecified
-    const char* name;
-};
-static_assert(sizeof(ReflectEntry) == 16);
+// One entry of ReflectServiceObjectInfo's table (16 bytes): the module's own type, so
+// that the export is called through exactly the type it has.
+using ReflectEntry = ::ServiceObjectInfoEntry;
 
 struct ReflectedService {
     uint32_t id;
