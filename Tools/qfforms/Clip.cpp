@@ -25,44 +25,38 @@ namespace {
 namespace fs = std::filesystem;
 
 struct Options {
-    std::string in, field, out, module;
-    uint32_t widget = 0, page = 0;
-    bool pageGiven = false;
+    std::string in, field, out, module, widget, page;
+    bool help = false;
 };
 
+// The whole of text as a number from 0, or nothing.
 std::optional<uint32_t> number(const std::string& text) {
     if (text.empty() || text.size() > 9 || text.find_first_not_of("0123456789") != std::string::npos)
         return std::nullopt;
     return static_cast<uint32_t>(std::stoul(text));
 }
 
-// Fills o; the usage problem, if any. valued: the options this command takes.
-std::optional<std::string> parse(const std::vector<std::string>& args, Options& o,
-                                 std::initializer_list<const char*> valued) {
-    for (size_t i = 0; i < args.size(); ++i) {
-        const std::string& arg = args[i];
-        bool known = false;
-        for (const char* name : valued) {
-            if (arg != name) continue;
-            if (i + 1 >= args.size() || args[i + 1].empty()) return arg + " needs a value";
-            const std::string& value = args[++i];
-            known = true;
-            if (arg == "--field") o.field = value;
-            if (arg == "--out") o.out = value;
-            if (arg == "--module") o.module = value;
-            if (arg == "--widget" || arg == "--page") {
-                const auto n = number(value);
-                if (!n) return arg + " takes a number from 0";
-                (arg == "--page" ? o.page : o.widget) = *n;
-                if (arg == "--page") o.pageGiven = true;
-            }
-        }
-        if (known) continue;
-        if (arg.size() > 1 && arg[0] == '-') return "unknown option '" + arg + "'";
-        if (!o.in.empty()) return "one input file";
-        o.in = arg;
-    }
-    if (o.in.empty()) return "an input file is needed";
+// Fills o; the usage problem, if any. copy takes --field and --widget, paste --page and
+// --out.
+std::optional<std::string> parse(const std::vector<std::string>& args, Options& o, bool copy) {
+    std::vector<std::string> files;
+    const auto problem =
+        copy ? parseArguments(args,
+                              {{"--field", &o.field}, {"--widget", &o.widget}, {"--module", &o.module}},
+                              {{"--help", &o.help}}, files)
+             : parseArguments(args,
+                              {{"--page", &o.page}, {"--out", &o.out}, {"--module", &o.module}},
+                              {{"--help", &o.help}}, files);
+    if (problem || o.help) return problem;
+    if (files.size() > 1) return "one input file";
+    if (files.empty() || files[0].empty()) return "an input file is needed";
+    o.in = files[0];
+    for (const auto& [name, text] :
+         {std::pair{"--widget", &o.widget}, std::pair{"--page", &o.page}})
+        if (!text->empty() && !number(*text)) return std::string(name) + " takes a number from 0";
+    if (copy && o.field.empty()) return "copy needs --field NAME";
+    if (!copy && o.page.empty()) return "paste needs --page N";
+    if (!copy && o.out.empty()) return "paste needs --out OUT.pdf";
     return std::nullopt;
 }
 
@@ -96,17 +90,13 @@ struct Session {
     qfhost::ModuleLoader loader{&host};
 };
 
-bool wantsHelp(const std::vector<std::string>& args) {
-    return args.size() == 1 && (args[0] == "-h" || args[0] == "--help");
-}
-
 } // namespace
 
 int copyCommand(const std::vector<std::string>& args) {
-    if (wantsHelp(args)) return std::cout << "usage:\n" << kClipUsage, 0;
     Options o;
-    if (auto problem = parse(args, o, {"--field", "--widget", "--module"})) return usage(*problem);
-    if (o.field.empty()) return usage("copy needs --field NAME");
+    if (auto problem = parse(args, o, true)) return usage(*problem);
+    if (o.help) return std::cout << "usage:\n" << kClipUsage, 0;
+    const uint32_t widgetIndex = o.widget.empty() ? 0 : *number(o.widget);
     try {
         Session s(o);
         qfhost::Document& doc = *s.host.currentDocument();
@@ -115,8 +105,8 @@ int copyCommand(const std::vector<std::string>& args) {
         check(PDDocFindField(doc.pdDoc(), name.data(), uint32_t(name.size()), field.out()));
         if (!field) return fail(o.in, "no field is named \"" + o.field + "\"");
         Handle widget;
-        if (PDFieldGetWidget(field.get(), o.widget, widget.out()) != PD_OK || !widget)
-            return fail(o.in, "the field has no widget " + std::to_string(o.widget));
+        if (PDFieldGetWidget(field.get(), widgetIndex, widget.out()) != PD_OK || !widget)
+            return fail(o.in, "the field has no widget " + std::to_string(widgetIndex));
         std::optional<uint32_t> page;
         for (uint32_t p = 0; p < doc.pageCount() && !page; ++p) {
             Handle pg;
@@ -146,21 +136,20 @@ int copyCommand(const std::vector<std::string>& args) {
 }
 
 int pasteCommand(const std::vector<std::string>& args) {
-    if (wantsHelp(args)) return std::cout << "usage:\n" << kClipUsage, 0;
     Options o;
-    if (auto problem = parse(args, o, {"--page", "--out", "--module"})) return usage(*problem);
-    if (!o.pageGiven) return usage("paste needs --page N");
-    if (o.out.empty()) return usage("paste needs --out OUT.pdf");
+    if (auto problem = parse(args, o, false)) return usage(*problem);
+    if (o.help) return std::cout << "usage:\n" << kClipUsage, 0;
+    const uint32_t page = *number(o.page);
     const std::string text((std::istreambuf_iterator<char>(std::cin)),
                            std::istreambuf_iterator<char>());
     try {
         Session s(o);
         qfhost::Document& doc = *s.host.currentDocument();
-        if (o.page >= doc.pageCount())
-            return fail(o.in, "no page " + std::to_string(o.page) + " (" +
+        if (page >= doc.pageCount())
+            return fail(o.in, "no page " + std::to_string(page) + " (" +
                                   std::to_string(doc.pageCount()) + " pages)");
         PDAnnot widget = nullptr;
-        const uint32_t rc = s.host.selection().pasteText(o.page, text, false, &widget);
+        const uint32_t rc = s.host.selection().pasteText(page, text, false, &widget);
         Handle pasted(widget);
         if (rc == 1) return fail("the record", "it holds no widget (no \"field-type\" of one)");
         if (rc != 0) return fail("the record", moduleText(s.loader, rc));

@@ -13,6 +13,39 @@ namespace qfforms {
 
 namespace fs = std::filesystem;
 
+std::optional<std::string>
+parseArguments(const std::vector<std::string>& args,
+               std::initializer_list<std::pair<const char*, std::string*>> valued,
+               std::initializer_list<std::pair<const char*, bool*>> flags,
+               std::vector<std::string>& positional) {
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string arg = args[i] == "-h" ? "--help" : args[i];
+        bool matched = false;
+        for (const auto& [name, flag] : flags) {
+            if (arg != name) continue;
+            *flag = true;
+            matched = true;
+        }
+        for (const auto& [name, value] : valued) {
+            const std::string option = name;
+            if (arg == option) {
+                if (i + 1 >= args.size()) return option + " needs a value";
+                *value = args[++i];
+            } else if (arg.rfind(option + "=", 0) == 0) {
+                *value = arg.substr(option.size() + 1);
+            } else {
+                continue;
+            }
+            if (value->empty()) return option + " needs a value";
+            matched = true;
+        }
+        if (matched) continue;
+        if (arg.size() > 1 && arg[0] == '-') return "unknown option '" + arg + "'";
+        positional.push_back(arg);
+    }
+    return std::nullopt;
+}
+
 std::optional<std::string> writeAtomically(const fs::path& path, const std::string& bytes) {
     std::random_device random;
     const fs::path dir = path.parent_path().empty() ? fs::path(".") : path.parent_path();

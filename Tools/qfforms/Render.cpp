@@ -41,43 +41,18 @@ struct Options {
 
 // Fills options from the arguments; returns the usage problem, if any.
 std::optional<std::string> parseOptions(const std::vector<std::string>& args, Options& o) {
-    struct Valued {
-        const char* name;
-        std::string Options::*field;
-    };
-    static const Valued kValued[] = {{"--page", &Options::page},
-                                     {"--out", &Options::out},
-                                     {"--zoom", &Options::zoom},
-                                     {"--rotation", &Options::rotation}};
-    bool inSeen = false;
-    for (size_t i = 0; i < args.size(); ++i) {
-        const std::string& arg = args[i];
-        if (arg == "-h" || arg == "--help") {
-            o.help = true;
-            continue;
-        }
-        bool matched = false;
-        for (const Valued& v : kValued) {
-            const std::string name = v.name;
-            if (arg == name) {
-                if (i + 1 >= args.size()) return name + " needs a value";
-                o.*v.field = args[++i];
-            } else if (arg.rfind(name + "=", 0) == 0) {
-                o.*v.field = arg.substr(name.size() + 1);
-            } else {
-                continue;
-            }
-            if ((o.*v.field).empty()) return name + " needs a value";
-            matched = true;
-            break;
-        }
-        if (matched) continue;
-        if (arg.size() > 1 && arg[0] == '-') return "unknown option '" + arg + "'";
-        if (inSeen) return "render takes one file";
-        if (arg.empty()) return "empty file name";
-        o.in = arg;
-        inSeen = true;
-    }
+    std::vector<std::string> files;
+    if (auto problem = parseArguments(args,
+                                      {{"--page", &o.page},
+                                       {"--out", &o.out},
+                                       {"--zoom", &o.zoom},
+                                       {"--rotation", &o.rotation}},
+                                      {{"--help", &o.help}}, files))
+        return problem;
+    if (files.size() > 1) return "render takes one file";
+    if (!files.empty() && files[0].empty()) return "empty file name";
+    const bool inSeen = !files.empty();
+    if (inSeen) o.in = files[0];
     if (o.help) return std::nullopt;
     if (!inSeen) return "render needs a file";
     if (o.page.empty()) return "render needs --page";

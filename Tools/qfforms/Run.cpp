@@ -827,48 +827,20 @@ struct Options {
 
 // Fills options from the arguments; returns the usage problem, if any.
 std::optional<std::string> parseOptions(const std::vector<std::string>& args, Options& o) {
-    struct Valued {
-        const char* name;
-        std::string Options::*field;
-    };
-    static const Valued kValued[] = {{"--in", &Options::in},
-                                     {"--out", &Options::out},
-                                     {"--lang", &Options::language},
-                                     {"--settings", &Options::settings},
-                                     {"--module", &Options::module}};
-    bool scriptSeen = false;
-    for (size_t i = 0; i < args.size(); ++i) {
-        const std::string& arg = args[i];
-        if (arg == "-h" || arg == "--help") {
-            o.help = true;
-            continue;
-        }
-        if (arg == "--keep-going") {
-            o.keepGoing = true;
-            continue;
-        }
-        bool matched = false;
-        for (const Valued& v : kValued) {
-            const std::string name = v.name;
-            if (arg == name) {
-                if (i + 1 >= args.size()) return name + " needs a value";
-                o.*v.field = args[++i];
-            } else if (arg.rfind(name + "=", 0) == 0) {
-                o.*v.field = arg.substr(name.size() + 1);
-            } else {
-                continue;
-            }
-            if ((o.*v.field).empty()) return name + " needs a value";
-            matched = true;
-            break;
-        }
-        if (matched) continue;
-        if (arg.size() > 1 && arg[0] == '-') return "unknown option '" + arg + "'";
-        if (scriptSeen) return "run takes one script";
-        if (arg.empty()) return "empty script name";
-        o.script = arg;
-        scriptSeen = true;
-    }
+    std::vector<std::string> scripts;
+    if (auto problem = parseArguments(args,
+                                      {{"--in", &o.in},
+                                       {"--out", &o.out},
+                                       {"--lang", &o.language},
+                                       {"--settings", &o.settings},
+                                       {"--module", &o.module}},
+                                      {{"--help", &o.help}, {"--keep-going", &o.keepGoing}},
+                                      scripts))
+        return problem;
+    if (scripts.size() > 1) return "run takes one script";
+    if (!scripts.empty() && scripts[0].empty()) return "empty script name";
+    const bool scriptSeen = !scripts.empty();
+    if (scriptSeen) o.script = scripts[0];
     if (o.help) return std::nullopt;
     if (!scriptSeen) return "run needs a script";
     if (o.language != "en" && o.language != "ja")
