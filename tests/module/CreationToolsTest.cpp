@@ -2,6 +2,8 @@
 // through its document view as a user drives them: presses, moves and releases in view
 // pixels, the tool's property sheet, the undo stack. What they make is read back from the
 // saved file as a fresh reader sees it.
+#include "PdReaders.h"
+
 #include "kr/KRRuntime.h"
 #include "qf/DocumentInterfaces.h"
 #include "qf/PropertyInterfaces.h"
@@ -20,6 +22,7 @@
 
 namespace {
 
+using namespace pdreaders;
 using QF::PDHandlePtr;
 using qfhost::ObjectPtr;
 using SODetails::ServiceObject;
@@ -29,56 +32,16 @@ using SODetails::ServiceObject;
 std::string utf8(const std::u16string& s) {
     return SOImpl::Utf16ToUtf8(s);
 }
-PDHandlePtr pageOf(PDDoc doc, uint32_t index) {
-    PDHandlePtr page;
-    EXPECT_EQ(PDDocGetPage(doc, index, page.put()), PD_OK);
-    return page;
-}
-uint32_t annotCount(PDDoc doc, uint32_t page) {
-    uint32_t n = 0;
-    EXPECT_EQ(PDPageGetNumAnnots(pageOf(doc, page).get(), &n), PD_OK);
-    return n;
-}
-PDHandlePtr annotAt(PDDoc doc, uint32_t page, uint32_t index) {
-    PDHandlePtr annot;
-    EXPECT_EQ(PDPageGetAnnot(pageOf(doc, page).get(), index, annot.put()), PD_OK);
-    return annot;
-}
 PDHandlePtr makeField(PDDoc doc, std::u16string_view name, PDAtom type, uint32_t flags) {
     PDHandlePtr f;
     EXPECT_EQ(PDDocCreateField(doc, name.data(), uint32_t(name.size()), type, flags, f.put()),
               PD_OK);
     return f;
 }
-PDHandlePtr parentOf(PDAnnot widget) {
-    PDHandlePtr f;
-    EXPECT_EQ(PDWidgetAnnotGetParent(widget, f.put()), PD_OK);
-    return f;
-}
-std::u16string nameOf(PDAnnot widget) {
-    const PDHandlePtr f = parentOf(widget);
-    return f ? QF::GetFieldFullName(f.get(), "test") : u"<none>";
-}
 uint32_t widgetCount(PDField f) {
     uint32_t n = 0;
     EXPECT_EQ(PDFieldGetNumWidgets(f, &n), PD_OK);
     return n;
-}
-std::vector<std::u16string> fieldNames(PDDoc doc) {
-    uint32_t n = 0;
-    EXPECT_EQ(PDDocGetNumFields(doc, &n), PD_OK);
-    std::vector<std::u16string> names;
-    for (uint32_t i = 0; i < n; ++i) {
-        PDHandlePtr f;
-        EXPECT_EQ(PDDocGetField(doc, i, f.put()), PD_OK);
-        names.push_back(QF::GetFieldFullName(f.get(), "test"));
-    }
-    return names;
-}
-PDRect rectOf(PDAnnot annot) {
-    PDRect r{};
-    EXPECT_EQ(PDAnnotGetRect(annot, &r), PD_OK);
-    return r;
 }
 int32_t rotationOf(PDAnnot widget) {
     int32_t degrees = -1;
@@ -128,16 +91,6 @@ std::string actionOf(PDAnnot w) {
     return std::string("Named: ") + named;
 }
 
-// The document as a fresh reader sees it: saved to memory and opened again.
-PDHandlePtr reopened(PDDoc doc) {
-    void* data = nullptr;
-    size_t size = 0;
-    EXPECT_EQ(PDDocSaveMem(doc, &data, &size), PD_OK);
-    PDHandlePtr copy;
-    EXPECT_EQ(PDDocOpenMem(data, size, copy.put()), PD_OK);
-    PDFreeBuffer(data);
-    return copy;
-}
 
 void expectRect(const PDRect& r, float left, float bottom, float right, float top,
                 const std::string& what) {

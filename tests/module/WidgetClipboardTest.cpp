@@ -1,6 +1,8 @@
 // Widgets copied to JSON records and pasted into other documents, with the module loaded
 // into the reference host: the module's "CopyAnnot" and "PasteAnnot", the host's paste
 // (naming, placing, undo), the edit tool's clipboard commands, and records that are wrong.
+#include "PdReaders.h"
+
 #include "kr/KRRuntime.h"
 #include "qf/Interfaces.h"
 #include "qf/internal/AnnotEditUtilities"
@@ -19,6 +21,7 @@
 
 namespace {
 
+using namespace pdreaders;
 using Json = nlohmann::json;
 using QF::PDHandlePtr;
 using qfhost::ObjectPtr;
@@ -28,51 +31,6 @@ uint32_t atom(const char* name) {
     uint32_t id = 0;
     EXPECT_EQ(KRGetAtomFromString(name, &id), 0u);
     return id;
-}
-PDHandlePtr pageOf(PDDoc doc, uint32_t index) {
-    PDHandlePtr page;
-    EXPECT_EQ(PDDocGetPage(doc, index, page.put()), PD_OK);
-    return page;
-}
-uint32_t annotCount(PDDoc doc, uint32_t page) {
-    uint32_t n = 0;
-    EXPECT_EQ(PDPageGetNumAnnots(pageOf(doc, page).get(), &n), PD_OK);
-    return n;
-}
-PDHandlePtr annotAt(PDDoc doc, uint32_t page, uint32_t index) {
-    PDHandlePtr annot;
-    EXPECT_EQ(PDPageGetAnnot(pageOf(doc, page).get(), index, annot.put()), PD_OK);
-    return annot;
-}
-PDHandlePtr findField(PDDoc doc, std::u16string_view name) {
-    PDHandlePtr f;
-    EXPECT_EQ(PDDocFindField(doc, name.data(), uint32_t(name.size()), f.put()), PD_OK);
-    return f;
-}
-PDHandlePtr parentOf(PDAnnot widget) {
-    PDHandlePtr f;
-    EXPECT_EQ(PDWidgetAnnotGetParent(widget, f.put()), PD_OK);
-    return f;
-}
-std::vector<std::u16string> fieldNames(PDDoc doc) {
-    uint32_t n = 0;
-    EXPECT_EQ(PDDocGetNumFields(doc, &n), PD_OK);
-    std::vector<std::u16string> names;
-    for (uint32_t i = 0; i < n; ++i) {
-        PDHandlePtr f;
-        EXPECT_EQ(PDDocGetField(doc, i, f.put()), PD_OK);
-        names.push_back(QF::GetFieldFullName(f.get(), "test"));
-    }
-    return names;
-}
-PDHandlePtr reopened(PDDoc doc) {
-    void* data = nullptr;
-    size_t size = 0;
-    EXPECT_EQ(PDDocSaveMem(doc, &data, &size), PD_OK);
-    PDHandlePtr copy;
-    EXPECT_EQ(PDDocOpenMem(data, size, copy.put()), PD_OK);
-    PDFreeBuffer(data);
-    return copy;
 }
 std::string corpus(const char* file) {
     return std::string(QF_CORPUS_DIR) + "/" + file;

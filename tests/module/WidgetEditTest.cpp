@@ -2,6 +2,8 @@
 // point through the module's edit-object factory, the edit tool driven through the view
 // (drags, grips, arrow keys, commands, the context menu), its property sheet, the
 // selection's answers, and undo and redo of every change as a fresh reader sees it.
+#include "PdReaders.h"
+
 #include "kr/KRRuntime.h"
 #include "qf/DocumentInterfaces.h"
 #include "qf/PropertyInterfaces.h"
@@ -19,6 +21,7 @@
 
 namespace {
 
+using namespace pdreaders;
 using QF::PDHandlePtr;
 using qfhost::ObjectPtr;
 using SODetails::ServiceObject;
@@ -27,46 +30,6 @@ uint32_t atom(const char* name) {
     uint32_t id = 0;
     EXPECT_EQ(KRGetAtomFromString(name, &id), 0u);
     return id;
-}
-PDHandlePtr pageOf(PDDoc doc, uint32_t index) {
-    PDHandlePtr page;
-    EXPECT_EQ(PDDocGetPage(doc, index, page.put()), PD_OK);
-    return page;
-}
-uint32_t annotCount(PDDoc doc, uint32_t page) {
-    uint32_t n = 0;
-    EXPECT_EQ(PDPageGetNumAnnots(pageOf(doc, page).get(), &n), PD_OK);
-    return n;
-}
-PDHandlePtr annotAt(PDDoc doc, uint32_t page, uint32_t index) {
-    PDHandlePtr annot;
-    EXPECT_EQ(PDPageGetAnnot(pageOf(doc, page).get(), index, annot.put()), PD_OK);
-    return annot;
-}
-PDRect rectOf(PDAnnot annot) {
-    PDRect r{};
-    EXPECT_EQ(PDAnnotGetRect(annot, &r), PD_OK);
-    return r;
-}
-PDHandlePtr findField(PDDoc doc, std::u16string_view name) {
-    PDHandlePtr f;
-    EXPECT_EQ(PDDocFindField(doc, name.data(), uint32_t(name.size()), f.put()), PD_OK);
-    return f;
-}
-std::u16string nameOf(PDAnnot widget) {
-    PDHandlePtr f;
-    if (PDWidgetAnnotGetParent(widget, f.put()) != PD_OK || !f) return u"<none>";
-    return QF::GetFieldFullName(f.get(), "test");
-}
-// The document as a fresh reader sees it.
-PDHandlePtr reopened(PDDoc doc) {
-    void* data = nullptr;
-    size_t size = 0;
-    EXPECT_EQ(PDDocSaveMem(doc, &data, &size), PD_OK);
-    PDHandlePtr copy;
-    EXPECT_EQ(PDDocOpenMem(data, size, copy.put()), PD_OK);
-    PDFreeBuffer(data);
-    return copy;
 }
 // Every annotation of page 0 as "name [l b r t]", as a fresh reader sees it.
 std::vector<std::string> layout(PDDoc doc) {

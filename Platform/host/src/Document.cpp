@@ -2,6 +2,7 @@
 
 #include "qfhost/Host.h"
 
+#include "HeldHandle.h"
 #include "Thunks.h"
 
 #include "kr/KRRuntime.h"
@@ -64,6 +65,7 @@ struct DocumentState {
 namespace {
 
 using detail::DocumentState;
+using detail::Held;
 using detail::PageState;
 
 uint32_t atomOf(const char* name) {
@@ -217,31 +219,6 @@ void invalidate(Document& doc, uint64_t page, const PDRect& r) {
     const float rect[4] = {r.left, r.top, r.right, r.bottom};
     doc.invalidateRect(page, rect, 0);
 }
-
-// One pdfcore reference, dropped with the holder.
-class Held {
-public:
-    Held() = default;
-    explicit Held(PDHandle h) : h_(h) {}
-    static Held share(PDHandle h) {
-        PDHandleAcquire(h);
-        return Held(h);
-    }
-    ~Held() { PDHandleRelease(h_); }
-    Held(Held&& other) noexcept : h_(std::exchange(other.h_, nullptr)) {}
-    Held& operator=(Held&& other) noexcept {
-        std::swap(h_, other.h_);
-        return *this;
-    }
-    PDHandle get() const { return h_; }
-    PDHandle* put() {
-        PDHandleRelease(std::exchange(h_, nullptr));
-        return &h_;
-    }
-
-private:
-    PDHandle h_ = nullptr;
-};
 
 // pdfcore's refusal, kept for lastPdfResult, as a host code. A handle of another kind or
 // of another document is the caller's mistake.

@@ -2,6 +2,7 @@
 
 #include "qfhost/Host.h"
 
+#include "HeldHandle.h"
 #include "Thunks.h"
 
 #include "kr/KRRuntime.h"
@@ -19,6 +20,8 @@ namespace qfhost {
 // ---- the recorder -----------------------------------------------------------------------
 
 namespace {
+
+using detail::Held;
 
 // PDF-style matrix a b c d e f, row vectors: x' = a x + c y + e, y' = b x + d y + f.
 using Matrix = std::array<double, 6>;
@@ -360,21 +363,12 @@ constexpr uint32_t kAnnotColour = 0xFFCC6600;
 constexpr double kLabelSize = 9;  // pixels
 constexpr double kGripSize = 6;   // pixels
 
-// A pdfcore reference, dropped at scope exit.
-struct Held {
-    PDHandle handle = nullptr;
-    Held() = default;
-    ~Held() { PDHandleRelease(handle); }
-    Held(const Held&) = delete;
-    Held& operator=(const Held&) = delete;
-};
-
 // The fully qualified name of a widget's field; empty when it has none or it cannot be
 // read.
 std::u16string fieldNameOf(PDAnnot widget) {
     Held field;
-    if (PDWidgetAnnotGetParent(widget, &field.handle) != PD_OK || !field.handle) return {};
-    PDField f = field.handle;
+    if (PDWidgetAnnotGetParent(widget, field.put()) != PD_OK || !field.get()) return {};
+    PDField f = field.get();
     uint32_t len = 0;
     PDResult rc = PDFieldGetFullName(f, nullptr, 0, &len);
     if ((rc != PD_OK && rc != PD_ERR_BUFFER_SMALL) || len == 0) return {};
@@ -416,8 +410,8 @@ public:
     void annotations(PDDoc doc) {
         Held page;
         uint32_t count = 0;
-        PDResult rc = PDDocGetPage(doc, page_, &page.handle);
-        if (rc == PD_OK) rc = PDPageGetNumAnnots(page.handle, &count);
+        PDResult rc = PDDocGetPage(doc, page_, page.put());
+        if (rc == PD_OK) rc = PDPageGetNumAnnots(page.get(), &count);
         if (rc != PD_OK) {
             throw HostError(codes::kPdfFailure, "cannot read the annotations of page " +
                                                     std::to_string(page_) + ": pdfcore error " +
@@ -426,8 +420,8 @@ public:
         out_ += "<g id=\"annotations\">\n";
         for (uint32_t i = 0; i < count; ++i) {
             Held annot;
-            if (PDPageGetAnnot(page.handle, i, &annot.handle) != PD_OK || !annot.handle) continue;
-            annotation(annot.handle);
+            if (PDPageGetAnnot(page.get(), i, annot.put()) != PD_OK || !annot.get()) continue;
+            annotation(annot.get());
         }
         out_ += "</g>\n";
     }

@@ -9,6 +9,7 @@
 #include "qfhost/Document.h"
 #include "qfhost/Host.h"
 
+#include "HeldHandle.h"
 #include "Thunks.h"
 
 #include "kr/KRRuntime.h"
@@ -29,6 +30,8 @@
 namespace qfhost {
 
 namespace {
+
+using detail::Held;
 
 enum : uint32_t {
     kWidgetPropertyImplId = 0x51480301,
@@ -51,32 +54,6 @@ uint32_t atomOf(const char* name) {
     if (KRGetAtomFromString(name, &id) != KR_OK) return 0;
     return id;
 }
-
-// One pdfcore reference, dropped with the holder.
-class Held {
-public:
-    Held() = default;
-    static Held share(PDHandle h) {
-        Held held;
-        PDHandleAcquire(h);
-        held.h_ = h;
-        return held;
-    }
-    ~Held() { PDHandleRelease(h_); }
-    Held(Held&& other) noexcept : h_(std::exchange(other.h_, nullptr)) {}
-    Held& operator=(Held&& other) noexcept {
-        std::swap(h_, other.h_);
-        return *this;
-    }
-    PDHandle get() const { return h_; }
-    PDHandle* put() {
-        PDHandleRelease(std::exchange(h_, nullptr));
-        return &h_;
-    }
-
-private:
-    PDHandle h_ = nullptr;
-};
 
 QF::DocumentTable& documentTable(ServiceObject* document) {
     return *SODetails::methods<QF::DocumentTable>(document);
