@@ -48,7 +48,7 @@ static_assert(at(PD_ATOM_A, "A") && at(PD_ATOM_Action, "Action") && at(PD_ATOM_B
                   at(PD_ATOM_ResetForm, "ResetForm") && at(PD_ATOM_S, "S") &&
                   at(PD_ATOM_Sig, "Sig") && at(PD_ATOM_SubmitForm, "SubmitForm") &&
                   at(PD_ATOM_T, "T") && at(PD_ATOM_Tx, "Tx") && at(PD_ATOM_Type, "Type") &&
-                  at(PD_ATOM_URI, "URI") && at(PD_ATOM_Widget, "Widget"),
+                  at(PD_ATOM_URI, "URI") && at(PD_ATOM_W, "W") && at(PD_ATOM_Widget, "Widget"),
               "AtomTable.inc must keep the PD_ATOM_* numbers of pdfcore.h");
 
 // The predefined atom of name, or 0 when name is not in the table.

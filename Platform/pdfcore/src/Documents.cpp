@@ -218,11 +218,14 @@ PDResult PDDocGetOCConfig(PDDoc doc, PDOCConfig* outConfig) {
     return guard([&] {
         Document& d = checkedDoc(doc);
         checkOut(outConfig);
-        auto config = d.qpdf->getRoot().getKey("/OCProperties").getKey("/D");
+        // Asking a null for a key makes qpdf warn: look only into dictionaries.
+        auto properties = d.qpdf->getRoot().getKey("/OCProperties");
+        if (!properties.isDictionary()) return;
+        auto config = properties.getKey("/D");
         if (!config.isDictionary()) return;
         if (!config.isIndirect()) {
             config = d.qpdf->makeIndirectObject(config);
-            d.qpdf->getRoot().getKey("/OCProperties").replaceKey("/D", config);
+            properties.replaceKey("/D", config);
         }
         *outConfig = handleFor(d, config, Kind::OCConfig);
     });

@@ -149,6 +149,29 @@ PDResult PDPageGetRotate(PDPage page, int32_t* outDegrees) {
     });
 }
 
+PDResult PDPageGetTabOrder(PDPage page, PDAtom* outOrder) {
+    return guard([&] {
+        auto& p = checked(page, Kind::Page);
+        checkOut(outOrder);
+        auto tabs = p.obj.getKey("/Tabs");
+        if (!tabs.isName()) fail(PD_ERR_NO_VALUE);
+        *outOrder = atomOf(tabs.getName().substr(1));
+    });
+}
+
+PDResult PDPageSetTabOrder(PDPage page, PDAtom order) {
+    return guard([&] {
+        auto& p = checked(page, Kind::Page);
+        if (order == 0) {
+            p.obj.removeKey("/Tabs");
+            return;
+        }
+        const std::string name = atomName(order);
+        if (name.empty()) fail(PD_ERR_BAD_ARGUMENT);
+        p.obj.replaceKey("/Tabs", QPDFObjectHandle::newName("/" + name));
+    });
+}
+
 PDResult PDPageSetRotate(PDPage page, int32_t degrees) {
     return guard([&] {
         auto& p = checked(page, Kind::Page);

@@ -149,6 +149,7 @@ enum {
     PD_ATOM_Tx = 536,
     PD_ATOM_Type = 537,
     PD_ATOM_URI = 550,
+    PD_ATOM_W = 571,
     PD_ATOM_Widget = 577
 };
 
@@ -248,6 +249,13 @@ PDFCORE_API PDResult PDPageAddAnnot(PDPage page, uint32_t index, PDAnnot annot);
 /* Takes annot out of /Annots; the annotation object and its field membership stay.
  * Not in the list: PD_ERR_NOT_ON_PAGE. */
 PDFCORE_API PDResult PDPageRemoveAnnot(PDPage page, PDAnnot annot);
+/* The page's tab order (/Tabs) as an atom: R rows, C columns, S structure, A the
+ * order of /Annots, W widgets first in the order of /Annots, or any other name the file
+ * holds. Absent (or not a name): PD_ERR_NO_VALUE. */
+PDFCORE_API PDResult PDPageGetTabOrder(PDPage page, PDAtom* outOrder);
+/* Sets the page's own /Tabs; atom 0 removes it. An atom without a name:
+ * PD_ERR_BAD_ARGUMENT. */
+PDFCORE_API PDResult PDPageSetTabOrder(PDPage page, PDAtom order);
 
 /* ---- Annotations -------------------------------------------------------- */
 
