@@ -302,7 +302,7 @@ TEST_F(ViewTest, TheViewObjectAnswersThroughItsTable) {
     ASSERT_EQ(ServiceProviderGetServiceObject(atom("QFDocumentView"), so.put(), nullptr), 0u);
     ASSERT_EQ(so.get(), view.object());
     EXPECT_EQ(SODetails::header(so.get())->interfaceId, QF::kDocumentViewId);
-    EXPECT_EQ(SODetails::header(so.get())->tableSize, 112u);
+    EXPECT_EQ(SODetails::header(so.get())->tableSize, 176u);
     ServiceObject* self = so.get();
     auto* t = viewTable(self);
 

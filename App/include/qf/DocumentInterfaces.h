@@ -14,6 +14,11 @@ using AnnotChangedProc = void (*)(void* context, uint32_t kind, uint64_t pageInd
 using AnnotsChangedProc = void (*)(void* context, uint32_t kind, uint64_t pageIndex,
                                    const PDAnnot* annots, uint64_t count);
 
+// Receivers of a view's events: the view draws page pageIndex (draw over it through the
+// host's "GraphicsService" during the call); the focus page became pageIndex.
+using DrawPageViewProc = void (*)(void* context, ServiceObject* view, uint64_t pageIndex);
+using FocusPageChangedProc = void (*)(void* context, ServiceObject* view, uint64_t pageIndex);
+
 // "QFDocument", id 0x5E1F0C01, 104 bytes: one open document.
 struct DocumentTable {
     // The document's pdfcore handle, one reference for the caller.
@@ -69,7 +74,7 @@ struct PageTable {
 };
 constexpr uint32_t kPageId = 0x5E1F0C02;
 
-// "QFDocumentView", id 0x5E1F0C03, 112 bytes: a view of a QFDocument. Pages are laid out
+// "QFDocumentView", id 0x5E1F0C03, 176 bytes: a view of a QFDocument. Pages are laid out
 // one under another; view points are integer pixels from the view's top left, y down;
 // page points are PDF user space of the page (y up). Results: 3 for null outputs, 5 for a
 // page index past the pages.
@@ -108,9 +113,30 @@ struct DocumentViewTable {
     // Shows the context menu of kind kindAtom ("Widget", "Signature") at a view point.
     uint32_t (*ShowContextMenu)(ServiceObject* self, uint32_t kindAtom, int32_t x, int32_t y,
                                 uint64_t pageIndex);
+    // The view's own drag, which moves the pages under the pointer (a hand tool): starts at
+    // a view point, then follows the pointer to each further point until the next start.
+    // Continuing without a start answers 1.
+    uint32_t (*StartViewDrag)(ServiceObject* self, int32_t x, int32_t y);
+    uint32_t (*ContinueViewDrag)(ServiceObject* self, int32_t x, int32_t y);
+    // Gives the keyboard focus to annot of page pageIndex (the view shows it); a null annot
+    // takes the focus away. 3 for an annotation that is not on the page.
+    uint32_t (*SetAnnotFocus)(ServiceObject* self, uint64_t pageIndex, PDAnnot annot);
+    // The page the person works on (the page of the last press); -1 before any.
+    uint32_t (*GetFocusPage)(ServiceObject* self, int64_t* outPage);
+    // Subscriptions to the view's events, as the document's (ConnectAnnotChanged):
+    // OnDrawPageView runs while the view draws a page, after the page and its annotations
+    // and before the selection, so that tools draw their marks over the page through the
+    // host's "GraphicsService" during the call; OnFocusPageChanged runs after the focus page
+    // changed. Disconnecting an unknown connection answers 1.
+    uint32_t (*ConnectDrawPageView)(ServiceObject* self, DrawPageViewProc proc, void* context,
+                                    uint64_t* outConnection);
+    uint32_t (*DisconnectDrawPageView)(ServiceObject* self, uint64_t connection);
+    uint32_t (*ConnectFocusPageChanged)(ServiceObject* self, FocusPageChangedProc proc,
+                                        void* context, uint64_t* outConnection);
+    uint32_t (*DisconnectFocusPageChanged)(ServiceObject* self, uint64_t connection);
 };
 constexpr uint32_t kDocumentViewId = 0x5E1F0C03;
-static_assert(sizeof(DocumentViewTable) == 112);
+static_assert(sizeof(DocumentViewTable) == 176);
 
 // The record of PerformAnnotOperation.
 struct AnnotOperationRecord {
@@ -142,6 +168,30 @@ struct GroupRadioButtonsParams {
     ServiceObject* document;
     uint64_t pageIndex;
     const WidgetList* widgets;
+};
+
+// Parameter records of the tab-order commands. Positions are indexes in the page's
+// annotation array (/Annots), from 0.
+struct TabOrderParams {
+    ServiceObject* document;
+    uint64_t pageIndex;
+    uint32_t newPosition;
+    uint32_t currentPosition;
+};
+// Each position in an 8-byte slot (the upper half unused).
+struct MoveAnnotsFocusOrderParams {
+    ServiceObject* document;
+    uint64_t pageIndex;
+    uint64_t target;  // kTargetStart: the start of the array
+    const uint64_t* positions;
+    uint64_t count;
+    static constexpr uint64_t kTargetStart = ~uint64_t{0};
+};
+struct AutoTabOrderParams {
+    ServiceObject* document;
+    const uint64_t* pages;
+    uint64_t count;
+    uint32_t orderingType;  // 1 columns (left to right, then top down); else rows
 };
 
 }  // namespace QF

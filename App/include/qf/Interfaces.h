@@ -44,6 +44,7 @@ enum : uint32_t {
     kEventMove = 4,
     kEventKeyDown = 7,    // subcode: virtual key code (37..40 arrows, 46 Delete)
     kEventKey = 8,
+    kEventCancel = 11,    // the interaction ended without a release (the pointer was lost)
 };
 enum : uint32_t { kButtonLeft = 0, kButtonRight = 1 };
 enum : uint32_t { kModifierShift = 4, kModifierControl = 8 };

@@ -13,6 +13,7 @@
 #include <cmath>
 #include <cstdio>
 #include <map>
+#include <optional>
 #include <utility>
 
 namespace qfhost {
@@ -359,6 +360,7 @@ std::string stroke(uint32_t argb, double width, uint32_t dash) {
 
 constexpr uint32_t kPageBorder = 0xFFA0A0A0;
 constexpr uint32_t kWidgetColour = 0xFF0066CC;
+constexpr uint32_t kFocusColour = 0xFF000000;
 constexpr uint32_t kAnnotColour = 0xFFCC6600;
 constexpr double kLabelSize = 9;  // pixels
 constexpr double kGripSize = 6;   // pixels
@@ -438,6 +440,15 @@ public:
         out_ += "<g id=\"frame\">\n";
         const uint32_t fill = (f.argb >> 24) ? (f.argb & 0x00FFFFFF) | 0x1A000000 : 0;
         rect("frame", box, paint("fill", fill) + stroke(f.argb, 1, 1));
+        out_ += "</g>\n";
+    }
+
+    // The keyboard focus: a dotted outline just outside the annotation.
+    void focus(const PDRect& r) {
+        Box b = outline(r);
+        b = {b.left - 2, b.top - 2, b.right + 2, b.bottom + 2};
+        out_ += "<g id=\"focus\">\n";
+        rect("focus", b, paint("fill", 0) + stroke(kFocusColour, 1, 2));
         out_ += "</g>\n";
     }
 
@@ -555,8 +566,26 @@ private:
     std::string out_;
 };
 
-// What the current selection draws over page pageIndex, recorded by the host's
-// GraphicsService; nothing when the selection is elsewhere or lacks the methods.
+// What draw() draws over page pageIndex, recorded by the host's GraphicsService (what it
+// drew before a failure still shows).
+template <typename Draw>
+std::vector<GraphicsService::Item> recorded(Host& host, View& view, uint32_t pageIndex,
+                                            Draw&& draw) {
+    GraphicsService& graphics = host.graphics();
+    const size_t before = graphics.items(pageIndex).size();
+    graphics.beginPage(pageIndex, 1.0f / view.zoom());
+    struct End {
+        GraphicsService& g;
+        ~End() { g.endPage(); }
+    } end{graphics};
+    draw();
+    std::vector<GraphicsService::Item> all = graphics.items(pageIndex);
+    all.erase(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(std::min(before, all.size())));
+    return all;
+}
+
+// What the current selection draws over page pageIndex; nothing when the selection is
+// elsewhere or lacks the methods.
 std::vector<GraphicsService::Item> selectionItems(Host& host, View& view, uint32_t pageIndex) {
     ObjectPtr selection = host.selection().selection();
     if (!selection || SODetails::header(selection.get())->interfaceId != QF::kSelectionId ||
@@ -565,18 +594,21 @@ std::vector<GraphicsService::Item> selectionItems(Host& host, View& view, uint32
     auto* ops = SODetails::methods<QF::SelectionTable>(selection.get());
     uint64_t page = 0;
     if (ops->GetPageIndex(selection.get(), &page) != codes::kOk || page != pageIndex) return {};
+    return recorded(host, view, pageIndex, [&] { ops->Draw(selection.get(), pageIndex); });
+}
 
-    GraphicsService& graphics = host.graphics();
-    const size_t before = graphics.items(pageIndex).size();
-    graphics.beginPage(pageIndex, 1.0f / view.zoom());
-    struct End {
-        GraphicsService& g;
-        ~End() { g.endPage(); }
-    } end{graphics};
-    ops->Draw(selection.get(), pageIndex);  // what it drew before a failure still shows
-    std::vector<GraphicsService::Item> all = graphics.items(pageIndex);
-    all.erase(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(std::min(before, all.size())));
-    return all;
+// The focused annotation's rectangle on page pageIndex, while it is still on the page.
+std::optional<PDRect> focusRect(View& view, PDDoc doc, uint32_t pageIndex) {
+    const auto focus = view.annotFocus();
+    if (!focus || focus->pageIndex != pageIndex) return std::nullopt;
+    Held page;
+    uint32_t at = 0;
+    PDRect r{};
+    if (PDDocGetPage(doc, pageIndex, page.put()) != PD_OK ||
+        PDPageGetAnnotIndex(page.get(), focus->annot, &at) != PD_OK ||
+        PDAnnotGetRect(focus->annot, &r) != PD_OK || !finite(r))
+        return std::nullopt;
+    return r;
 }
 
 }  // namespace
@@ -590,7 +622,9 @@ std::string renderPageSvg(Host& host, View& view, uint32_t pageIndex) {
     PageWriter writer(view, pageIndex);
     writer.begin();
     writer.annotations(doc.pdDoc());
+    writer.items("marks", recorded(host, view, pageIndex, [&] { view.drawPage(pageIndex); }));
     writer.items("selection", selectionItems(host, view, pageIndex));
+    if (auto r = focusRect(view, doc.pdDoc(), pageIndex)) writer.focus(*r);
     if (auto f = view.frame(); f && f->pageIndex == pageIndex) writer.frame(*f);
     return writer.finish();
 }

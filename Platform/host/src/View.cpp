@@ -2,6 +2,7 @@
 
 #include "qfhost/Host.h"
 
+#include "HeldHandle.h"
 #include "Thunks.h"
 
 #include "kr/KRRuntime.h"
@@ -9,6 +10,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <map>
 #include <utility>
 
 namespace qfhost {
@@ -38,12 +40,25 @@ struct ViewState {
     uint32_t focusReleases = 0;
     std::optional<View::Frame> frame;
     std::vector<View::ContextMenuRequest> menus;
+
+    // The view's own drag: the last point it followed, while one runs; the sum of its moves.
+    std::optional<std::array<int32_t, 2>> dragAt;
+    std::array<int32_t, 2> panned{0, 0};
+
+    int64_t focusPage = -1;
+    uint32_t annotFocusPage = 0;
+    Held annotFocus;
+
+    // Subscriptions made through the service object, by connection number.
+    std::map<uint64_t, boost::signals2::connection> connections;
+    uint64_t nextConnection = 1;
 };
 
 }  // namespace detail
 
 namespace {
 
+using detail::Held;
 using detail::ViewState;
 
 // The view methods' answer for a page index past the pages.
@@ -265,6 +280,28 @@ uint32_t withView(ServiceObject* self, F&& f) {
 
 bool hasPage(const ViewState& s, uint64_t index) { return index < s.doc->pageCount(); }
 
+// Drops a subscription made through the service object; 1 for an unknown one.
+uint32_t disconnect(ViewState& s, uint64_t connection) {
+    auto it = s.connections.find(connection);
+    if (it == s.connections.end()) return codes::kNegative;
+    it->second.disconnect();
+    s.connections.erase(it);
+    return codes::kOk;
+}
+
+// Connects proc(context, view, pageIndex) to one of the view's page events.
+template <typename Proc>
+uint32_t connectPageEvent(ServiceObject* self, Proc proc, void* context, uint64_t* outConnection,
+                          boost::signals2::signal<void(uint64_t)> View::*event) {
+    return withView(self, [&](ViewState& s) -> uint32_t {
+        if (!proc || !outConnection) return codes::kBadArgument;
+        *outConnection = s.nextConnection++;
+        s.connections[*outConnection] = (s.owner->*event).connect(
+            [proc, context, self](uint64_t pageIndex) { proc(context, self, pageIndex); });
+        return codes::kOk;
+    });
+}
+
 const QF::DocumentViewTable kViewTable = {
     // GetDocument
     [](ServiceObject* self, ServiceObject** out) -> uint32_t {
@@ -386,6 +423,7 @@ const QF::DocumentViewTable kViewTable = {
     [](ServiceObject* self) -> uint32_t {
         return withView(self, [&](ViewState& s) -> uint32_t {
             ++s.focusReleases;
+            s.annotFocus = Held();
             return codes::kOk;
         });
     },
@@ -401,6 +439,73 @@ const QF::DocumentViewTable kViewTable = {
             s.menus.push_back(View::ContextMenuRequest{kind, x, y, pageIndex});
             return codes::kOk;
         });
+    },
+    // StartViewDrag
+    [](ServiceObject* self, int32_t x, int32_t y) -> uint32_t {
+        return withView(self, [&](ViewState& s) -> uint32_t {
+            s.dragAt = std::array<int32_t, 2>{x, y};
+            return codes::kOk;
+        });
+    },
+    // ContinueViewDrag
+    [](ServiceObject* self, int32_t x, int32_t y) -> uint32_t {
+        return withView(self, [&](ViewState& s) -> uint32_t {
+            if (!s.dragAt) return codes::kNegative;
+            // Pixels are 32-bit; the sums saturate rather than wrap.
+            for (int i = 0; i < 2; ++i) {
+                const int64_t moved = int64_t(i ? y : x) - (*s.dragAt)[i] + s.panned[i];
+                s.panned[i] = static_cast<int32_t>(
+                    std::clamp<int64_t>(moved, std::numeric_limits<int32_t>::min(),
+                                        std::numeric_limits<int32_t>::max()));
+            }
+            s.dragAt = std::array<int32_t, 2>{x, y};
+            return codes::kOk;
+        });
+    },
+    // SetAnnotFocus
+    [](ServiceObject* self, uint64_t pageIndex, PDAnnot annot) -> uint32_t {
+        return withView(self, [&](ViewState& s) -> uint32_t {
+            if (!annot) {
+                s.annotFocus = Held();
+                return codes::kOk;
+            }
+            if (!hasPage(s, pageIndex)) return codes::kBadArgument;
+            Held page;
+            uint32_t at = 0;
+            if (PDDocGetPage(s.doc->pdDoc(), static_cast<uint32_t>(pageIndex), page.put()) !=
+                    PD_OK ||
+                PDPageGetAnnotIndex(page.get(), annot, &at) != PD_OK)
+                return codes::kBadArgument;
+            s.annotFocus = Held::share(annot);
+            s.annotFocusPage = static_cast<uint32_t>(pageIndex);
+            return codes::kOk;
+        });
+    },
+    // GetFocusPage
+    [](ServiceObject* self, int64_t* outPage) -> uint32_t {
+        return withView(self, [&](ViewState& s) -> uint32_t {
+            if (!outPage) return codes::kBadArgument;
+            *outPage = s.focusPage;
+            return codes::kOk;
+        });
+    },
+    // ConnectDrawPageView
+    [](ServiceObject* self, QF::DrawPageViewProc proc, void* context,
+       uint64_t* outConnection) -> uint32_t {
+        return connectPageEvent(self, proc, context, outConnection, &View::OnDrawPageView);
+    },
+    // DisconnectDrawPageView
+    [](ServiceObject* self, uint64_t connection) -> uint32_t {
+        return withView(self, [&](ViewState& s) { return disconnect(s, connection); });
+    },
+    // ConnectFocusPageChanged
+    [](ServiceObject* self, QF::FocusPageChangedProc proc, void* context,
+       uint64_t* outConnection) -> uint32_t {
+        return connectPageEvent(self, proc, context, outConnection, &View::OnFocusPageChanged);
+    },
+    // DisconnectFocusPageChanged
+    [](ServiceObject* self, uint64_t connection) -> uint32_t {
+        return withView(self, [&](ViewState& s) { return disconnect(s, connection); });
     },
 };
 
@@ -423,6 +528,7 @@ View::~View() {
     } catch (...) {
         // a failing repository lock: the tool is dropped with the state all the same
     }
+    for (auto& [id, connection] : state_->connections) connection.disconnect();
     viewObject(object_.get()).state = nullptr;
     state_->owner = nullptr;
 }
@@ -513,6 +619,10 @@ void View::deactivateTool() {
 
 uint32_t View::sendEvent(const QF::InputEvent& event, bool* handled) {
     if (handled) *handled = false;
+    if (event.type == QF::kEventButtonDown) {
+        const int64_t page = pageAt(event.x, event.y);
+        if (page >= 0) setFocusPage(static_cast<uint32_t>(page));
+    }
     ObjectPtr tool = state_->tool;  // alive through the call, whatever the tool does
     if (!tool) return codes::kNegative;
     if (!SODetails::hasMethod(tool.get(), 4)) return codes::kNotInitialized;
@@ -538,6 +648,25 @@ uint32_t View::refreshToolProperties() {
 
 uint32_t View::propertiesChangedCount() const { return state_->propertiesChanged; }
 
+// ---- events -----------------------------------------------------------------------------
+
+void View::drawPage(uint32_t pageIndex) {
+    if (!hasPage(*state_, pageIndex)) {
+        throw HostError(codes::kBadArgument, "no page " + std::to_string(pageIndex));
+    }
+    OnDrawPageView(pageIndex);
+}
+
+int64_t View::focusPage() const { return state_->focusPage; }
+
+void View::setFocusPage(uint32_t pageIndex) {
+    if (!hasPage(*state_, pageIndex)) {
+        throw HostError(codes::kBadArgument, "no page " + std::to_string(pageIndex));
+    }
+    if (std::exchange(state_->focusPage, int64_t{pageIndex}) == int64_t{pageIndex}) return;
+    OnFocusPageChanged(pageIndex);
+}
+
 // ---- what tools asked of the view -------------------------------------------------------
 
 uint32_t View::cursor() const { return state_->cursor; }
@@ -546,5 +675,11 @@ bool View::dragCaptured() const { return state_->dragCaptured; }
 uint32_t View::annotFocusReleases() const { return state_->focusReleases; }
 std::optional<View::Frame> View::frame() const { return state_->frame; }
 const std::vector<View::ContextMenuRequest>& View::contextMenus() const { return state_->menus; }
+std::array<int32_t, 2> View::panned() const { return state_->panned; }
+
+std::optional<View::AnnotFocus> View::annotFocus() const {
+    if (!state_->annotFocus.get()) return std::nullopt;
+    return AnnotFocus{state_->annotFocusPage, state_->annotFocus.get()};
+}
 
 }  // namespace qfhost

@@ -82,12 +82,14 @@ private:
 
 // Page pageIndex of the view's document as the view shows it, as an SVG document in view
 // pixels of the page (its top left at 0, 0; width and height those of View::pageRect):
-// the page, every visible annotation's outline (widgets with their field's name), then
-// what the current selection draws (QFSelection Draw through the host's GraphicsService,
-// whose record of it stays in items()) and the frame a tool shows. Groups by id:
-// "page", "annotations" (a <rect> per annotation, class "widget" or "annot", data-subtype
-// its subtype; <text class="label"> for field names), "selection", "frame". Numbers have
-// at most two decimals. Throws HostError: kBadArgument for a page past the pages,
+// the page, every visible annotation's outline (widgets with their field's name), what
+// the subscribers of the view's OnDrawPageView draw (a tool's marks), what the current
+// selection draws (QFSelection Draw), both through the host's GraphicsService, whose
+// record of them stays in items(), the keyboard focus and the frame a tool shows. Groups
+// by id: "page", "annotations" (a <rect> per annotation, class "widget" or "annot",
+// data-subtype its subtype; <text class="label"> for field names), "marks" (drawn items:
+// <polygon> for rects and polygons, <text class="text">), "selection", "focus" (a
+// <rect class="focus">), "frame". Numbers have at most two decimals. Throws HostError: kBadArgument for a page past the pages,
 // kDocumentClosed, kPdfFailure when the page cannot be read.
 QFHOST_API std::string renderPageSvg(Host& host, View& view, uint32_t pageIndex);
 

@@ -19,6 +19,8 @@
 
 #include "qf/Interfaces.h"
 
+#include <boost/signals2/signal.hpp>
+
 #include <array>
 #include <cstdint>
 #include <memory>
@@ -87,9 +89,10 @@ public:
     // Terminates and drops the active tool.
     void deactivateTool();
 
-    // Hands event to the active tool (HandleEvent). Returns the tool's result, 1 when no
-    // tool is active. *handled (optional) receives the tool's answer. When the tool then
-    // reports IsFinished, it is deactivated.
+    // Hands event to the active tool (HandleEvent). A press on a page first makes that page
+    // the focus page. Returns the tool's result, 1 when no tool is active. *handled
+    // (optional) receives the tool's answer. When the tool then reports IsFinished, it is
+    // deactivated.
     uint32_t sendEvent(const QF::InputEvent& event, bool* handled = nullptr);
 
     // Reads the active tool's sheet again: clears the host's properties context and calls
@@ -98,6 +101,21 @@ public:
     // How often the active tool raised its properties-changed signal (reset by
     // activateTool); the view refreshes the sheet each time.
     uint32_t propertiesChangedCount() const;
+
+    // ---- events ----
+    // Raised by drawPage, after the page and its annotations were drawn: subscribers (the
+    // active tool, through ConnectDrawPageView) draw their marks over page pageIndex
+    // through the host's GraphicsService during the call.
+    boost::signals2::signal<void(uint64_t pageIndex)> OnDrawPageView;
+    // Raised after the focus page changed.
+    boost::signals2::signal<void(uint64_t pageIndex)> OnFocusPageChanged;
+    // Raises OnDrawPageView for pageIndex (HostError(kBadArgument) past the pages).
+    void drawPage(uint32_t pageIndex);
+    // The page the person works on: the page of the last press; -1 before any.
+    int64_t focusPage() const;
+    // Makes pageIndex the focus page, raising OnFocusPageChanged when it was another
+    // (HostError(kBadArgument) past the pages).
+    void setFocusPage(uint32_t pageIndex);
 
     // ---- what tools asked of the view ----
     uint32_t cursor() const;             // last SetCursor shape, 0 before any
@@ -116,6 +134,15 @@ public:
         uint64_t pageIndex;
     };
     const std::vector<ContextMenuRequest>& contextMenus() const;
+    // How far the view's own drag (StartViewDrag, ContinueViewDrag) has moved the pages,
+    // in view pixels, summed over every drag: a front end scrolls by it.
+    std::array<int32_t, 2> panned() const;
+    // The annotation with the keyboard focus (SetAnnotFocus; borrowed), if any.
+    struct AnnotFocus {
+        uint32_t pageIndex;
+        PDAnnot annot;
+    };
+    std::optional<AnnotFocus> annotFocus() const;
 
 private:
     std::unique_ptr<detail::ViewState> state_;
