@@ -48,15 +48,16 @@ TEST_F(FormsModuleTest, InitHandsOverTheToolsAndCommands) {
     for (const char* tool :
          {"CheckBoxCreate", "ComboBoxCreate", "DigitalSignatureFieldCreate", "EmailButtonCreate",
           "ListBoxCreate", "PrintButtonCreate", "PushButtonCreate", "RadioGroupCreate",
-          "SaveButtonCreate", "SubmitButtonCreate", "TextFieldCreate", "Edit"}) {
+          "SaveButtonCreate", "SubmitButtonCreate", "TextFieldCreate", "Edit", "FormTabOrder"}) {
         EXPECT_TRUE(host.tasks().tools().contains(atom(tool))) << tool;
     }
-    EXPECT_EQ(host.tasks().tools().size(), 12u);
+    EXPECT_EQ(host.tasks().tools().size(), 13u);
     EXPECT_TRUE(host.editModules().selectionFactories().contains(atom("WidgetEdit")));
-    for (const char* command : {"AddWidget", "Widget_Rename", "GroupRadioButtons"}) {
+    for (const char* command : {"AddWidget", "Widget_Rename", "GroupRadioButtons", "TabOrderAnnot",
+                                "AutoTabOrderAnnot", "MoveAnnotsFocusOrder"}) {
         EXPECT_TRUE(host.commands().factories().contains(atom(command))) << command;
     }
-    EXPECT_EQ(host.commands().factories().size(), 3u);
+    EXPECT_EQ(host.commands().factories().size(), 6u);
 }
 
 // These checks hold for whatever the registration lists carry.

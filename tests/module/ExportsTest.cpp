@@ -195,17 +195,21 @@ TEST(InitService, InitInstallsTheWidgetObjectsAndDeInitWithdrawsThem) {
     expectCall(p[0], 0, widgetEdit, 0xB8B7CFF2, 16, QFWidgetEditObjectFactoryImpl::kClassStamp);
     expectCall(p[1], 2, widgetEdit, 0x14EC0B4A, 16,
                QFCompositeEditObjectFactoryItemAnnotImpl::kClassStamp);
-    // The command list is walked newest first: the widget commands' factories.
+    // The command list is walked newest first: the widget commands' and the tab-order
+    // commands' factories.
     const auto& c = host.commands.fake().calls;
-    ASSERT_EQ(c.size(), 3u);
+    ASSERT_EQ(c.size(), 6u);
     expectCall(c[0], 0, atomOf("GroupRadioButtons"), 0x9CF4B284, 8, 0xF7CC6245);
     expectCall(c[1], 0, atomOf("Widget_Rename"), 0x9CF4B284, 8, 0xBCF16546);
     expectCall(c[2], 0, atomOf("AddWidget"), 0x9CF4B284, 8, 0x41E9643D);
+    expectCall(c[3], 0, atomOf("MoveAnnotsFocusOrder"), 0x9CF4B284, 8, 0x6A7A71D7);
+    expectCall(c[4], 0, atomOf("AutoTabOrderAnnot"), 0x9CF4B284, 8, 0xC3743458);
+    expectCall(c[5], 0, atomOf("TabOrderAnnot"), 0x9CF4B284, 8, 0xDBA4DDCB);
     EXPECT_EQ(initOps(init).OnRibbonInitialized(init.get()), 1u);
 
     ASSERT_EQ(initOps(init).DeInit(init.get()), 0u);
-    ASSERT_EQ(c.size(), 6u);
-    for (size_t i = 3; i < 6; ++i) expectCall(c[i], 1, c[i - 3].atom);
+    ASSERT_EQ(c.size(), 12u);
+    for (size_t i = 6; i < 12; ++i) expectCall(c[i], 1, c[i - 6].atom);
     ASSERT_EQ(p.size(), 4u);
     expectCall(p[2], 3, widgetEdit);
     expectCall(p[3], 1, widgetEdit);

@@ -328,7 +328,7 @@ TEST_F(WidgetCommands, FactoriesAndCommandsCarryTheirStampsAndNames) {
     } cases[] = {{"AddWidget", &add, 0x41E9643D, 0x6636A568, "Secure"},
                  {"Widget_Rename", &rename, 0xBCF16546, 0xED1D46BD, "Forms"},
                  {"GroupRadioButtons", &group, 0xF7CC6245, 0xF5860530, "Forms"}};
-    EXPECT_EQ(host.commands().factories().size(), 3u);
+    EXPECT_EQ(host.commands().factories().size(), 6u);
     auto stampOf = [](ServiceObject* so) {
         const char* tail =
             reinterpret_cast<const char*>(so) + 56 + SODetails::header(so)->tableSize;

@@ -27,6 +27,13 @@ constexpr size_t kShowFrameSlot = 10;
 constexpr size_t kCaptureDragSlot = 11;
 constexpr size_t kReleaseAnnotFocusSlot = 12;
 constexpr size_t kShowContextMenuSlot = 13;
+constexpr size_t kStartViewDragSlot = 14;
+constexpr size_t kContinueViewDragSlot = 15;
+constexpr size_t kSetAnnotFocusSlot = 16;
+constexpr size_t kConnectDrawPageViewSlot = 18;
+constexpr size_t kDisconnectDrawPageViewSlot = 19;
+constexpr size_t kConnectFocusPageChangedSlot = 20;
+constexpr size_t kDisconnectFocusPageChangedSlot = 21;
 // Slots of QF::UserSettingsTable and QF::AnnotPropertiesFactoryTable.
 constexpr size_t kGetIntegerSlot = 0;
 constexpr size_t kGetStringSlot = 1;
@@ -276,6 +283,49 @@ void DocumentViewRef::ShowContextMenu(uint32_t kindAtom, int32_t x, int32_t y,
                                       uint64_t pageIndex) const {
     if (SODetails::hasMethod(view_.get(), kShowContextMenuSlot))
         viewOps(view_.get()).ShowContextMenu(view_.get(), kindAtom, x, y, pageIndex);
+}
+
+void DocumentViewRef::StartViewDrag(int32_t x, int32_t y) const {
+    if (SODetails::hasMethod(view_.get(), kStartViewDragSlot))
+        viewOps(view_.get()).StartViewDrag(view_.get(), x, y);
+}
+
+void DocumentViewRef::ContinueViewDrag(int32_t x, int32_t y) const {
+    if (SODetails::hasMethod(view_.get(), kContinueViewDragSlot))
+        viewOps(view_.get()).ContinueViewDrag(view_.get(), x, y);
+}
+
+void DocumentViewRef::SetAnnotFocus(uint64_t pageIndex, PDAnnot annot) const {
+    if (SODetails::hasMethod(view_.get(), kSetAnnotFocusSlot))
+        viewOps(view_.get()).SetAnnotFocus(view_.get(), pageIndex, annot);
+}
+
+uint64_t DocumentViewRef::ConnectDrawPageView(DrawPageViewProc proc, void* context) const {
+    uint64_t connection = 0;
+    if (!SODetails::hasMethod(view_.get(), kConnectDrawPageViewSlot) ||
+        viewOps(view_.get()).ConnectDrawPageView(view_.get(), proc, context, &connection) != 0)
+        return 0;
+    return connection;
+}
+
+void DocumentViewRef::DisconnectDrawPageView(uint64_t connection) const {
+    if (connection && SODetails::hasMethod(view_.get(), kDisconnectDrawPageViewSlot))
+        viewOps(view_.get()).DisconnectDrawPageView(view_.get(), connection);
+}
+
+uint64_t DocumentViewRef::ConnectFocusPageChanged(FocusPageChangedProc proc,
+                                                  void* context) const {
+    uint64_t connection = 0;
+    if (!SODetails::hasMethod(view_.get(), kConnectFocusPageChangedSlot) ||
+        viewOps(view_.get()).ConnectFocusPageChanged(view_.get(), proc, context, &connection) !=
+            0)
+        return 0;
+    return connection;
+}
+
+void DocumentViewRef::DisconnectFocusPageChanged(uint64_t connection) const {
+    if (connection && SODetails::hasMethod(view_.get(), kDisconnectFocusPageChangedSlot))
+        viewOps(view_.get()).DisconnectFocusPageChanged(view_.get(), connection);
 }
 
 // ---- QF::UserSettings ---------------------------------------------------------------------

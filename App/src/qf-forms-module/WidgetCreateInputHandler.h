@@ -69,6 +69,17 @@ class DocumentViewRef {
     void CaptureDrag(bool capture) const;
     void ReleaseAnnotFocus() const;
     void ShowContextMenu(uint32_t kindAtom, int32_t x, int32_t y, uint64_t pageIndex) const;
+    void StartViewDrag(int32_t x, int32_t y) const;
+    void ContinueViewDrag(int32_t x, int32_t y) const;
+    // annot null: no annotation has the focus.
+    void SetAnnotFocus(uint64_t pageIndex, PDAnnot annot) const;
+
+    // Subscriptions to the view's events (0 when the view offers none); Disconnect of 0
+    // does nothing.
+    uint64_t ConnectDrawPageView(DrawPageViewProc proc, void* context) const;
+    void DisconnectDrawPageView(uint64_t connection) const;
+    uint64_t ConnectFocusPageChanged(FocusPageChangedProc proc, void* context) const;
+    void DisconnectFocusPageChanged(uint64_t connection) const;
 
   private:
     SODetails::BasicServiceObjectPtr<> view_;

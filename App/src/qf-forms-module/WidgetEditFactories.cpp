@@ -54,30 +54,6 @@ QF::PDHandlePtr pageOf(ServiceObject* document, uint64_t pageIndex, const char* 
     return page;
 }
 
-// The top-most widget of the page under point (page space, edges included) that the
-// optional content shows; null when there is none.
-QF::PDHandlePtr GetWidgetAtPos(ServiceObject* document, uint64_t pageIndex, const float* point) {
-    static constexpr const char* kFunction = "`anonymous-namespace'::GetWidgetAtPos";
-    const QF::PDHandlePtr page = pageOf(document, pageIndex, kFunction);
-    uint32_t count = 0;
-    CheckPDResult(PDPageGetNumAnnots(page.get(), &count), kFunction);
-    const QF::PDHandlePtr config = ocConfig(document);
-    for (uint32_t i = count; i-- > 0;) {
-        QF::PDHandlePtr annot;
-        PDAtom subtype = 0;
-        PDRect r{};
-        if (PDPageGetAnnot(page.get(), i, annot.put()) != PD_OK ||
-            PDAnnotGetSubtype(annot.get(), &subtype) != PD_OK || subtype != PD_ATOM_Widget)
-            continue;
-        if (!shown(config.get(), annot.get())) continue;
-        if (PDAnnotGetRect(annot.get(), &r) != PD_OK) continue;
-        r = QF::Normalized(r);
-        if (point[0] >= r.left && point[0] <= r.right && point[1] >= r.bottom && point[1] <= r.top)
-            return annot;
-    }
-    return {};
-}
-
 BasicServiceObjectPtr<> editObjectFor(ServiceObject* document, uint64_t pageIndex, PDAnnot widget) {
     return QFWidgetEditObject::Create(std::make_shared<impl::QFWidgetEditObject>(
         BasicServiceObjectPtr<>::share(document), pageIndex, widget));
@@ -126,6 +102,29 @@ BasicServiceObjectPtr<> selectedOnPage(ServiceObject* document, uint64_t pageInd
 }
 
 } // namespace
+
+QF::PDHandlePtr GetWidgetAtPos(ServiceObject* document, uint64_t pageIndex, const float* point) {
+    static constexpr const char* kFunction = "GetWidgetAtPos";
+    const QF::PDHandlePtr page = pageOf(document, pageIndex, kFunction);
+    uint32_t count = 0;
+    CheckPDResult(PDPageGetNumAnnots(page.get(), &count), kFunction);
+    const QF::PDHandlePtr config = ocConfig(document);
+    for (uint32_t i = count; i-- > 0;) {
+        QF::PDHandlePtr annot;
+        PDAtom subtype = 0;
+        PDRect r{};
+        if (PDPageGetAnnot(page.get(), i, annot.put()) != PD_OK ||
+            PDAnnotGetSubtype(annot.get(), &subtype) != PD_OK || subtype != PD_ATOM_Widget)
+            continue;
+        if (!shown(config.get(), annot.get())) continue;
+        if (PDAnnotGetRect(annot.get(), &r) != PD_OK) continue;
+        r = QF::Normalized(r);
+        if (point[0] >= r.left && point[0] <= r.right && point[1] >= r.bottom && point[1] <= r.top)
+            return annot;
+    }
+    return {};
+}
+
 
 // ---- WidgetEditSelectFactory --------------------------------------------------------------
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "pdfcore/pdfcore.h"
+#include "qf/internal/AnnotEditUtilities"
 #include "qf/ServiceObject.h"
 
 #include <cstdint>
@@ -56,6 +57,12 @@ class QFCompositeEditObjectFactoryItemAnnotImpl {
     uint32_t GetSelectedObjectsOnPage(ServiceObject* document, uint64_t pageIndex,
                                       ServiceObject** out);
 };
+
+// The top-most widget of page pageIndex of document (a "QFDocument") under point (page
+// space, edges included) that the optional content shows; null when there is none. 2 "Not
+// initialized" when the document gives no such page; a failing pdfcore count throws its
+// translated result.
+QF::PDHandlePtr GetWidgetAtPos(ServiceObject* document, uint64_t pageIndex, const float* point);
 
 // New service objects of the four classes (one reference each).
 ServiceObject* CreateWidgetEditSelectFactory();
