@@ -6,6 +6,7 @@
 
 #include "qfhost/Graphics.h"
 #include "qfhost/Host.h"
+#include "qfhost/ModuleLoader.h"
 
 #include <charconv>
 #include <cmath>
@@ -20,11 +21,15 @@ namespace qfforms {
 
 const char* const kRenderUsage =
     "usage: qfforms render IN.pdf --page N --out OUT.svg [--zoom Z] [--rotation 0|90|180|270]\n"
+    "                      [--tool NAME [--module PATH]]\n"
     "\n"
     "  Writes page N (0 for the first) of IN.pdf as the editor shows it, at zoom Z (pixels\n"
     "  per point, 1 by default) and turned clockwise by the rotation, as an SVG picture:\n"
     "  the page, the outline of every visible annotation (widgets labelled with their\n"
-    "  field's name) and the selection. Prints where it wrote OUT.svg.\n";
+    "  field's name) and the selection. With --tool, the forms module is loaded (from\n"
+    "  PATH, $QF_FORMS_MODULE or beside this program) and the tool NAME is active, with\n"
+    "  what it draws over the page: --tool FormTabOrder shows every widget's place in\n"
+    "  the tab order. Prints where it wrote OUT.svg.\n";
 
 namespace {
 
@@ -36,6 +41,8 @@ struct Options {
     std::string page;
     std::string zoom;
     std::string rotation;
+    std::string tool;
+    std::string module;
     bool help = false;
 };
 
@@ -46,7 +53,9 @@ std::optional<std::string> parseOptions(const std::vector<std::string>& args, Op
                                       {{"--page", &o.page},
                                        {"--out", &o.out},
                                        {"--zoom", &o.zoom},
-                                       {"--rotation", &o.rotation}},
+                                       {"--rotation", &o.rotation},
+                                       {"--tool", &o.tool},
+                                       {"--module", &o.module}},
                                       {{"--help", &o.help}}, files))
         return problem;
     if (files.size() > 1) return "render takes one file";
@@ -57,6 +66,7 @@ std::optional<std::string> parseOptions(const std::vector<std::string>& args, Op
     if (!inSeen) return "render needs a file";
     if (o.page.empty()) return "render needs --page";
     if (o.out.empty()) return "render needs --out";
+    if (!o.module.empty() && o.tool.empty()) return "--module goes with --tool";
     return std::nullopt;
 }
 
@@ -109,7 +119,17 @@ int renderCommand(const std::vector<std::string>& args) {
 
     std::string svg;
     try {
+        // The host first, so that the loader (and the module's objects) go before it.
         qfhost::Host host;
+        qfhost::ModuleLoader loader{&host};
+        if (!o.tool.empty()) {
+            const std::string module = modulePath(o.module);
+            try {
+                loader.load(module);
+            } catch (const std::exception& e) {
+                return fail(module, std::string("cannot load the forms module: ") + e.what());
+            }
+        }
         qfhost::Document* doc = nullptr;
         try {
             doc = &host.openDocument(o.in);
@@ -128,6 +148,8 @@ int renderCommand(const std::vector<std::string>& args) {
         qfhost::View& view = host.openView(*doc);
         view.setZoom(zoom);
         view.setRotation(rotation);
+        if (!o.tool.empty() && view.activateTool(o.tool) != 0)
+            return fail(o.in, "the forms module has no tool '" + o.tool + "'");
         svg = qfhost::renderPageSvg(host, view, *page);
     } catch (const std::exception& e) {
         return fail(o.in, e.what());

@@ -50,15 +50,16 @@ inside the script are relative to the script's folder.
       activates a tool registered by the module: TextFieldCreate, CheckBoxCreate,
       RadioGroupCreate, ComboBoxCreate, ListBoxCreate, PushButtonCreate,
       PrintButtonCreate, EmailButtonCreate, SaveButtonCreate, SubmitButtonCreate,
-      DigitalSignatureFieldCreate
+      DigitalSignatureFieldCreate; FormTabOrder, whose clicks on a page's widgets give
+      them the tab order 1, 2, ... in the order clicked (the numbers show in a render)
   {"click": {"page": 0, "at": [72, 720], "button": "left", "modifiers": ["shift"]}}
       press and release at one point (button "left" or "right", default left; modifiers
       "shift", "control", optional); a creation tool makes a widget of its default size
       with its top-left corner there; a right click ends the tool
   {"drag": {"page": 0, "from": [72, 720], "to": [272, 698]}}
       press, move and release: a creation tool makes a widget filling the frame
-  {"key": {"code": 46}}
-      a key press and the key (37..40 arrows, 46 Delete) sent to the active tool
+  {"key": {"code": 46, "modifiers": ["shift"]}}
+      a key press and the key (37..40 arrows, 46 Delete, 9 Tab) sent to the active tool
   {"set": {"property": "FieldName", "value": "Customer"}}
   {"set": {"property": "ComboOptList", "value": [["English", "en"], ["Japanese", "ja"]]}}
       sets a property of the active tool's sheet: a text, or [display, export] pairs
@@ -83,6 +84,13 @@ inside the script are relative to the script's folder.
       runs a widget command on the undo stack; a widget is {"page": P, "index": K}
       (annotation K of page P) or {"field": "Name", "widget": K} (widget K, default 0,
       of a field)
+  {"command": {"name": "AutoTabOrderAnnot", "pages": [0, 1], "order": "rows"}}
+  {"command": {"name": "MoveAnnotsFocusOrder", "page": 0, "positions": [5, 6],
+               "target": 2}}
+  {"command": {"name": "TabOrderAnnot", "page": 0, "from": 4, "to": 0}}
+      tab order: sorts the widgets of pages (default all) in "rows" (default) or
+      "columns"; moves annotations (positions in /Annots, from 0) to just before the one
+      at target ("start" for the start); moves one annotation from one position to another
   {"undo": 1}   {"redo": 2}
       undoes or redoes that many commands (nothing left to undo or redo fails)
   {"save": "out.pdf"}
@@ -480,6 +488,9 @@ class Runner {
         const auto a = v.pageToView(page, from[0], from[1]);
         const auto b = v.pageToView(page, to[0], to[1]);
         const bool editing = v.activeToolName() == kEditTool;
+        // The pointer comes to the press point first, as a person's does (a tool learns
+        // there what lies under it).
+        send(v, QF::kEventMove, 0, a, mods, "pointer move");
         const bool handled = send(v, QF::kEventButtonDown, btn, a, mods, "button press");
         if (editing && !v.activeTool()) {
             // A press beside the selected widget ends editing, as in the editor.
@@ -529,11 +540,12 @@ class Runner {
     }
 
     void key(const Json& a) {
-        onlyKeys(a, {"code"}, "key");
+        onlyKeys(a, {"code", "modifiers"}, "key");
         const uint32_t code = index(member(a, "code", "key"), "key: code");
+        const uint32_t mods = modifiers(optionalMember(a, "modifiers"), "key");
         View& v = viewWithTool();
-        send(v, QF::kEventKeyDown, code, {0, 0}, 0, "key press");
-        send(v, QF::kEventKey, code, {0, 0}, 0, "key");
+        send(v, QF::kEventKeyDown, code, {0, 0}, mods, "key press");
+        send(v, QF::kEventKey, code, {0, 0}, mods, "key");
         endedEditing(v);
     }
 
@@ -690,6 +702,24 @@ class Runner {
     }
 
     // A widget named by {"page": P, "index": K} or {"field": "Name", "widget": K}.
+    // How many annotations page lists.
+    uint32_t annotCount(Document& doc, uint32_t page) {
+        Handle handle;
+        check(PDDocGetPage(doc.pdDoc(), page, handle.out()));
+        uint32_t count = 0;
+        check(PDPageGetNumAnnots(handle.get(), &count));
+        return count;
+    }
+
+    // A position in an annotation array of count annotations.
+    uint32_t position(const Json& value, uint32_t count, const std::string& where) {
+        const uint32_t p = index(value, where);
+        if (p >= count)
+            fail(where + ": position " + std::to_string(p) + " is past the last annotation (" +
+                 std::to_string(count) + " annotations)");
+        return p;
+    }
+
     WidgetRef widgetRef(const Json& w, Document& doc, const std::string& where) {
         WidgetRef ref;
         if (w.is_object() && w.contains("page")) {
@@ -774,12 +804,73 @@ class Runner {
             QF::GroupRadioButtonsParams params{doc.object(), refs.empty() ? 0 : refs.front().page,
                                                &widgets};
             execute(name, &params);
+        } else if (name == "TabOrderAnnot") {
+            onlyKeys(a, {"name", "page", "from", "to"}, "command TabOrderAnnot");
+            const uint32_t page = pageOf(a, currentView(), "command TabOrderAnnot");
+            const uint32_t count = annotCount(doc, page);
+            const uint32_t from = position(member(a, "from", "command TabOrderAnnot"), count,
+                                           "command TabOrderAnnot: from");
+            const uint32_t to = position(member(a, "to", "command TabOrderAnnot"), count,
+                                         "command TabOrderAnnot: to");
+            QF::TabOrderParams params{doc.object(), page, to, from};
+            execute(name, &params);
+        } else if (name == "MoveAnnotsFocusOrder") {
+            static const std::string where = "command MoveAnnotsFocusOrder";
+            onlyKeys(a, {"name", "page", "positions", "target"}, where);
+            const uint32_t page = pageOf(a, currentView(), where);
+            const uint32_t count = annotCount(doc, page);
+            const Json& list = member(a, "positions", where);
+            if (!list.is_array()) fail(where + ": positions must be a list");
+            std::vector<uint64_t> positions;
+            for (size_t i = 0; i < list.size(); ++i)
+                positions.push_back(
+                    position(list[i], count, where + ": positions[" + std::to_string(i) + "]"));
+            const Json& t = member(a, "target", where);
+            uint64_t target = QF::MoveAnnotsFocusOrderParams::kTargetStart;
+            if (!(t.is_string() && t.get<std::string>() == "start")) {
+                if (t.is_string()) fail(where + ": target must be a position or \"start\"");
+                target = index(t, where + ": target");
+                if (target > count)
+                    fail(where + ": target " + std::to_string(target) + " is past the end (" +
+                         std::to_string(count) + " annotations)");
+            }
+            QF::MoveAnnotsFocusOrderParams params{doc.object(), page, target, positions.data(),
+                                                  positions.size()};
+            execute(name, &params);
+        } else if (name == "AutoTabOrderAnnot") {
+            static const std::string where = "command AutoTabOrderAnnot";
+            onlyKeys(a, {"name", "pages", "order"}, where);
+            std::vector<uint64_t> pages;
+            if (const Json* list = optionalMember(a, "pages")) {
+                if (!list->is_array()) fail(where + ": pages must be a list");
+                for (size_t i = 0; i < list->size(); ++i) {
+                    const std::string item = where + ": pages[" + std::to_string(i) + "]";
+                    const uint32_t page = index((*list)[i], item);
+                    if (page >= doc.pageCount())
+                        fail(item + ": page " + std::to_string(page) + " is past the last page");
+                    if (std::find(pages.begin(), pages.end(), page) != pages.end())
+                        fail(item + ": page " + std::to_string(page) + " is listed twice");
+                    pages.push_back(page);
+                }
+            } else {
+                for (uint32_t page = 0; page < doc.pageCount(); ++page) pages.push_back(page);
+            }
+            uint32_t order = QF::AutoTabOrderParams{}.orderingType;
+            if (const Json* o = optionalMember(a, "order")) {
+                const std::string value = text(*o, where + ": order");
+                if (value == "columns")
+                    order = 1;
+                else if (value != "rows")
+                    fail(where + ": order must be \"rows\" or \"columns\"");
+            }
+            QF::AutoTabOrderParams params{doc.object(), pages.data(), pages.size(), order};
+            execute(name, &params);
         } else if (name == "AddWidget") {
             fail("AddWidget is run by the creation tools: use \"tool\" with \"click\" or "
                  "\"drag\"");
         } else {
-            fail("the runner builds the parameters of Widget_Rename and GroupRadioButtons "
-                 "only, not of " +
+            fail("the runner builds the parameters of Widget_Rename, GroupRadioButtons, "
+                 "TabOrderAnnot, MoveAnnotsFocusOrder and AutoTabOrderAnnot only, not of " +
                  quoted(name));
         }
     }
