@@ -1,0 +1,832 @@
+#include "Session.h"
+
+#include "Files.h"
+
+#include "Inspect.h"
+#include "Pd.h"
+#include "kr/KRRuntime.h"
+#include "qf/DocumentInterfaces.h"
+#include "qf/Interfaces.h"
+#include "qf/PropertyInterfaces.h"
+#include "qf/StringPairList.h"
+#include "qfhost/Host.h"
+#include "qfhost/ModuleLoader.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <optional>
+#include <random>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+#include <utility>
+
+
+namespace qfforms {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// The module's widget edit tool, active while a widget is selected.
+constexpr const char* kEditTool = "Edit";
+using qfhost::Document;
+using qfhost::HostError;
+using qfhost::View;
+
+// ---- failures ----------------------------------------------------------------------------
+
+[[noreturn]] void fail(const std::string& text) {
+    throw StepFailure(std::nullopt, text);
+}
+
+
+
+
+std::string atomText(uint32_t atom) {
+    const char* name = nullptr;
+    return KRGetStringFromAtom(atom, &name) == KR_OK && name ? name : "?";
+}
+
+uint32_t atomOf(const std::string& name) {
+    uint32_t atom = 0;
+    if (name.empty() || KRGetAtomFromString(name.c_str(), &atom) != KR_OK)
+        fail("no atom for " + quoted(name));
+    return atom;
+}
+
+// ---- reading the script -----------------------------------------------------------------
+
+
+// The value of key in a verb's object (where names the verb for messages).
+const Json& member(const Json& object, const char* key, const std::string& where) {
+    auto it = object.find(key);
+    if (it == object.end()) fail(where + " needs " + quoted(key));
+    return *it;
+}
+
+const Json* optionalMember(const Json& object, const char* key) {
+    auto it = object.find(key);
+    return it == object.end() ? nullptr : &*it;
+}
+
+// Refuses keys other than allowed, so that a misspelt key is not silently ignored.
+void onlyKeys(const Json& object, std::initializer_list<const char*> allowed,
+              const std::string& where) {
+    if (!object.is_object()) fail(where + " takes an object");
+    for (auto it = object.begin(); it != object.end(); ++it) {
+        const bool known = std::any_of(allowed.begin(), allowed.end(),
+                                       [&](const char* k) { return it.key() == k; });
+        if (!known) {
+            std::string list;
+            for (const char* k : allowed)
+                list += (list.empty() ? "" : ", ") + quoted(k);
+            fail(where + ": unknown key " + quoted(it.key()) + " (known: " + list + ")");
+        }
+    }
+}
+
+double number(const Json& value, const std::string& what) {
+    if (!value.is_number()) fail(what + " must be a number");
+    const double v = value.get<double>();
+    if (!std::isfinite(v)) fail(what + " must be a finite number");
+    return v;
+}
+
+int64_t integer(const Json& value, const std::string& what) {
+    if (value.is_number_integer()) return value.get<int64_t>();
+    if (value.is_number_float()) {
+        const double v = value.get<double>();
+        if (std::isfinite(v) && v == std::floor(v) && std::fabs(v) < 9e15)
+            return static_cast<int64_t>(v);
+    }
+    fail(what + " must be a whole number");
+}
+
+uint32_t index(const Json& value, const std::string& what) {
+    const int64_t v = integer(value, what);
+    if (v < 0 || v > int64_t(UINT32_MAX)) fail(what + " must be 0 or more");
+    return static_cast<uint32_t>(v);
+}
+
+std::string text(const Json& value, const std::string& what) {
+    if (!value.is_string()) fail(what + " must be a string");
+    return value.get<std::string>();
+}
+
+std::array<float, 2> point(const Json& value, const std::string& what) {
+    if (!value.is_array() || value.size() != 2) fail(what + " must be [x, y]");
+    return {static_cast<float>(number(value[0], what + "[0]")),
+            static_cast<float>(number(value[1], what + "[1]"))};
+}
+
+// ---- the runner --------------------------------------------------------------------------
+
+
+// A widget a command works on, and the page whose annotation list holds it.
+struct WidgetRef {
+    uint32_t page = 0;
+    Handle annot;
+};
+
+class Runner {
+  public:
+    Runner(qfhost::Host& host, qfhost::ModuleLoader& loader, fs::path scriptDir)
+        : host_(host), loader_(loader), scriptDir_(std::move(scriptDir)) {}
+
+    // Runs one step (an object with one verb). Throws StepFailure, HostError or PdError.
+    void run(const std::string& verb, const Json& args) {
+        struct Verb {
+            const char* name;
+            void (Runner::*run)(const Json&);
+        };
+        static constexpr Verb kVerbs[] = {
+            {"new", &Runner::newDocument}, {"open", &Runner::open}, {"view", &Runner::view},
+            {"tool", &Runner::tool},       {"drag", &Runner::drag}, {"click", &Runner::click},
+            {"key", &Runner::key},         {"set", &Runner::set},   {"command", &Runner::command},
+            {"undo", &Runner::undo},       {"redo", &Runner::redo}, {"save", &Runner::save},
+            {"select", &Runner::select},   {"edit", &Runner::edit}, {"get", &Runner::get},
+            {"render", &Runner::render},   {"paste", &Runner::paste},
+        };
+        for (const Verb& v : kVerbs) {
+            if (verb == v.name) return (this->*v.run)(args);
+        }
+        std::string list;
+        for (const Verb& v : kVerbs)
+            list += (list.empty() ? "" : ", ") + std::string(v.name);
+        fail("unknown verb " + quoted(verb) + " (verbs: " + list + ")");
+    }
+
+    // Opens path (as given on the command line) in a new view.
+    void openFile(const fs::path& path) {
+        std::error_code ec;
+        if (!fs::is_regular_file(path, ec)) fail("no such file");
+        host_.openView(host_.openDocument(path.string()));
+    }
+
+    // Adds an output; a later output to the same file replaces the earlier one.
+    void keep(fs::path path, std::string bytes) {
+        for (Output& o : outputs_) {
+            if (o.path == path) {
+                o.bytes = std::move(bytes);
+                return;
+            }
+        }
+        outputs_.push_back({std::move(path), std::move(bytes)});
+    }
+
+    const std::vector<Output>& outputs() const { return outputs_; }
+
+  private:
+    fs::path resolve(const std::string& path) const {
+        const fs::path p = fs::u8path(path);
+        return (p.is_absolute() ? p : scriptDir_ / p).lexically_normal();
+    }
+
+    View& currentView() {
+        View* view = host_.currentView();
+        if (!view) fail("no document is open: start with \"new\" or \"open\", or give --in");
+        return *view;
+    }
+
+    View& viewWithTool() {
+        View& view = currentView();
+        if (!view.activeTool()) fail("no tool is active: activate one with \"tool\" first");
+        return view;
+    }
+
+    // The calling thread's failure record of the module, when it is the record of code.
+    std::optional<std::string> moduleRecord(uint32_t code) const {
+        qfhost::ServiceObject* so = loader_.initService();
+        if (!so) return std::nullopt;
+        SODetails::ErrorInfo info{};
+        if (SODetails::header(so)->base.GetLastErrorInfo(so, &info, nullptr) != 0)
+            return std::nullopt;
+        if (info.code != code || !info.message) return std::nullopt;
+        return toUtf8(info.message);
+    }
+
+    // A call into the host or the module answered code: reports the module's failure
+    // text for it, or fallback when the module left no record of that code. Read the
+    // record right after the failing call, before anything else calls into the module.
+    [[noreturn]] void failed(uint32_t code, const std::string& fallback) const {
+        throw StepFailure(code, moduleRecord(code).value_or(fallback));
+    }
+
+    // ---- verbs ----
+
+    void newDocument(const Json& a) {
+        onlyKeys(a, {"pages", "size", "rotate"}, "new");
+        uint32_t pages = 1;
+        if (const Json* p = optionalMember(a, "pages")) pages = index(*p, "new: pages");
+        if (pages < 1 || pages > 100000) fail("new: pages must be 1 to 100000");
+        std::array<float, 2> size{612, 792};
+        if (const Json* s = optionalMember(a, "size")) size = point(*s, "new: size");
+        if (!(size[0] > 0 && size[1] > 0)) fail("new: size must be positive");
+        std::vector<int32_t> rotate;
+        if (const Json* r = optionalMember(a, "rotate")) {
+            if (!r->is_array() || r->size() != pages)
+                fail("new: rotate must hold one angle per page (" + std::to_string(pages) + ")");
+            for (size_t i = 0; i < r->size(); ++i) {
+                const std::string what = "new: rotate[" + std::to_string(i) + "]";
+                const int64_t degrees = integer((*r)[i], what);
+                if (degrees % 90 != 0 || std::llabs(degrees) > 3600)
+                    fail(what + " must be a multiple of 90");
+                rotate.push_back(static_cast<int32_t>(degrees));
+            }
+        }
+        Document& doc = host_.newDocument(pages, size[0], size[1]);
+        for (uint32_t i = 0; i < rotate.size(); ++i) {
+            Handle page;
+            check(PDDocGetPage(doc.pdDoc(), i, page.out()));
+            check(PDPageSetRotate(page.get(), rotate[i]));
+        }
+        host_.openView(doc);
+    }
+
+    void open(const Json& a) {
+        const fs::path path = resolve(text(a, "open: the file"));
+        std::error_code ec;
+        if (!fs::is_regular_file(path, ec)) fail("open: no such file: " + path.string());
+        host_.openView(host_.openDocument(path.string()));
+    }
+
+    void view(const Json& a) {
+        onlyKeys(a, {"zoom", "rotation"}, "view");
+        View& v = currentView();
+        if (const Json* z = optionalMember(a, "zoom")) {
+            const double zoom = number(*z, "view: zoom");
+            if (!(zoom > 0 && zoom <= 64)) fail("view: zoom must be above 0 and at most 64");
+            v.setZoom(static_cast<float>(zoom));
+        }
+        if (const Json* r = optionalMember(a, "rotation")) {
+            const int64_t degrees = integer(*r, "view: rotation");
+            if (degrees != 0 && degrees != 90 && degrees != 180 && degrees != 270)
+                fail("view: rotation must be 0, 90, 180 or 270");
+            v.setRotation(static_cast<uint32_t>(degrees));
+        }
+    }
+
+    void tool(const Json& a) {
+        const std::string name = text(a, "tool: the tool's name");
+        View& v = currentView();
+        if (!host_.tasks().tools().contains(atomOf(name))) {
+            std::vector<std::string> names;
+            for (uint32_t atom : host_.tasks().tools().atoms())
+                names.push_back(atomText(atom));
+            std::sort(names.begin(), names.end());
+            std::string list;
+            for (const std::string& n : names)
+                list += (list.empty() ? "" : ", ") + n;
+            fail("no tool is registered as " + quoted(name) + " (tools: " + list + ")");
+        }
+        host_.selection().clear(); // another tool: nothing stays selected
+        const uint32_t rc = v.activateTool(name);
+        if (rc != 0) failed(rc, "the tool " + quoted(name) + " did not start");
+    }
+
+    // Modifier bits from ["shift", "control"].
+    static uint32_t modifiers(const Json* list, const std::string& where) {
+        if (!list) return 0;
+        if (!list->is_array()) fail(where + ": modifiers must be a list");
+        uint32_t bits = 0;
+        for (const Json& m : *list) {
+            const std::string name = text(m, where + ": a modifier");
+            if (name == "shift")
+                bits |= QF::kModifierShift;
+            else if (name == "control")
+                bits |= QF::kModifierControl;
+            else
+                fail(where + ": unknown modifier " + quoted(name) + " (shift, control)");
+        }
+        return bits;
+    }
+
+    static uint32_t button(const Json* value, const std::string& where) {
+        if (!value) return QF::kButtonLeft;
+        const std::string name = text(*value, where + ": button");
+        if (name == "left") return QF::kButtonLeft;
+        if (name == "right") return QF::kButtonRight;
+        fail(where + ": button must be \"left\" or \"right\"");
+    }
+
+    // The page of a pointer step, checked against the current document.
+    uint32_t pageOf(const Json& a, View& v, const std::string& where) {
+        const uint32_t page = index(member(a, "page", where), where + ": page");
+        if (page >= v.document().pageCount())
+            fail(where + ": page " + std::to_string(page) + " is past the last page (" +
+                 std::to_string(v.document().pageCount()) + " pages)");
+        return page;
+    }
+
+    // Hands one event to the active tool; fails when the tool does.
+    bool send(View& v, uint32_t type, uint32_t subcode, std::array<int32_t, 2> at, uint32_t mods,
+              const char* what) {
+        if (!v.activeTool()) fail(std::string("no tool is active for the ") + what);
+        bool handled = false;
+        const QF::InputEvent event{type, subcode, at[0], at[1], mods};
+        const uint32_t rc = v.sendEvent(event, &handled);
+        if (rc != 0) failed(rc, std::string("the tool refused the ") + what);
+        return handled;
+    }
+
+    // Press at from, pointer moves towards to, release at to, in view pixels.
+    void press(View& v, uint32_t page, std::array<float, 2> from, std::array<float, 2> to,
+               uint32_t btn, uint32_t mods, int moves, const std::string& where) {
+        const auto a = v.pageToView(page, from[0], from[1]);
+        const auto b = v.pageToView(page, to[0], to[1]);
+        const bool editing = v.activeToolName() == kEditTool;
+        // The pointer comes to the press point first, as a person's does (a tool learns
+        // there what lies under it).
+        send(v, QF::kEventMove, 0, a, mods, "pointer move");
+        const bool handled = send(v, QF::kEventButtonDown, btn, a, mods, "button press");
+        if (editing && !v.activeTool()) {
+            // A press beside the selected widget ends editing, as in the editor.
+            host_.selection().clear();
+            return;
+        }
+        if (!handled && btn == QF::kButtonLeft && !editing) {
+            std::ostringstream out;
+            out << where << ": the tool did not take the press at (" << from[0] << ", " << from[1]
+                << ") on page " << page;
+            if (v.pageAt(a[0], a[1]) != int64_t(page)) out << ", which lies beside the page";
+            fail(out.str());
+        }
+        for (int i = 1; i <= moves; ++i) {
+            const std::array<int32_t, 2> at{a[0] + (b[0] - a[0]) * i / moves,
+                                            a[1] + (b[1] - a[1]) * i / moves};
+            send(v, QF::kEventMove, 0, at, mods, "pointer move");
+        }
+        send(v, QF::kEventButtonUp, btn, b, mods, "button release");
+        endedEditing(v);
+    }
+
+    // After the edit tool ended itself (its widget deleted, a press beside it), the
+    // selection goes too.
+    void endedEditing(View& v) {
+        if (host_.selection().selection() && v.activeToolName() != kEditTool)
+            host_.selection().clear();
+    }
+
+    void drag(const Json& a) {
+        onlyKeys(a, {"page", "from", "to", "button", "modifiers"}, "drag");
+        View& v = viewWithTool();
+        const uint32_t page = pageOf(a, v, "drag");
+        press(v, page, point(member(a, "from", "drag"), "drag: from"),
+              point(member(a, "to", "drag"), "drag: to"),
+              button(optionalMember(a, "button"), "drag"),
+              modifiers(optionalMember(a, "modifiers"), "drag"), 4, "drag");
+    }
+
+    void click(const Json& a) {
+        onlyKeys(a, {"page", "at", "button", "modifiers"}, "click");
+        View& v = viewWithTool();
+        const uint32_t page = pageOf(a, v, "click");
+        const auto at = point(member(a, "at", "click"), "click: at");
+        press(v, page, at, at, button(optionalMember(a, "button"), "click"),
+              modifiers(optionalMember(a, "modifiers"), "click"), 0, "click");
+    }
+
+    void key(const Json& a) {
+        onlyKeys(a, {"code", "modifiers"}, "key");
+        const uint32_t code = index(member(a, "code", "key"), "key: code");
+        const uint32_t mods = modifiers(optionalMember(a, "modifiers"), "key");
+        View& v = viewWithTool();
+        send(v, QF::kEventKeyDown, code, {0, 0}, mods, "key press");
+        send(v, QF::kEventKey, code, {0, 0}, mods, "key");
+        endedEditing(v);
+    }
+
+    void select(const Json& a) {
+        onlyKeys(a, {"page", "at"}, "select");
+        View& v = currentView();
+        const uint32_t page = pageOf(a, v, "select");
+        const auto at = point(member(a, "at", "select"), "select: at");
+        const uint32_t rc = host_.selection().selectAt(page, at[0], at[1]);
+        if (rc == 1) {
+            std::ostringstream out;
+            out << "select: no widget at (" << at[0] << ", " << at[1] << ") on page " << page;
+            fail(out.str());
+        }
+        if (rc != 0) failed(rc, "select: the widget could not be selected");
+    }
+
+    void edit(const Json& a) {
+        const std::string name = text(a, "edit: the command");
+        static const char* const kCommands[] = {"Copy", "Cut", "Delete", "DuplicateCopy"};
+        if (std::find(std::begin(kCommands), std::end(kCommands), name) == std::end(kCommands))
+            fail("edit: unknown command " + quoted(name) + " (Copy, Cut, Delete, DuplicateCopy)");
+        View& v = currentView();
+        if (v.activeToolName() != kEditTool || host_.selection().selected().empty())
+            fail("edit: no widget is selected: select one with \"select\" first");
+        const uint64_t page = host_.selection().selected().front().pageIndex;
+        const bool handled = send(v, QF::kEventCommand, atomOf(name), {0, 0}, 0, "edit command");
+        if (!handled) fail("edit: the edit tool did not take " + quoted(name));
+        endedEditing(v);
+        // The duplicate: what the tool copied to the private clipboard, pasted beside it.
+        if (name == "DuplicateCopy") {
+            const uint32_t rc = host_.selection().paste(
+                page, qfhost::AnnotSelection::Source::Private, true);
+            if (rc != 0) failed(rc, "edit: the duplicate could not be pasted");
+        }
+    }
+
+    // Pastes the widget on the system clipboard onto a page, at its recorded place.
+    void paste(const Json& a) {
+        onlyKeys(a, {"page"}, "paste");
+        View& v = currentView();
+        const uint32_t page = pageOf(a, v, "paste");
+        const uint32_t rc =
+            host_.selection().paste(page, qfhost::AnnotSelection::Source::System, false);
+        if (rc == 1) fail("paste: the clipboard holds no widget");
+        if (rc != 0) failed(rc, "paste: the widget could not be pasted");
+    }
+
+    // Prints {"property": NAME, "value": VALUE} on a line of stdout: a text, or the list
+    // of [display, export] pairs.
+    void get(const Json& a) {
+        onlyKeys(a, {"property"}, "get");
+        const std::string name = text(member(a, "property", "get"), "get: property");
+        View& v = viewWithTool();
+        qfhost::ObjectPtr property = sheetProperty(v, name);
+        Json value;
+        uint32_t rc = 0;
+        if (qfhost::property::type(property.get()) == QF::kPropertyStringPairList) {
+            std::vector<std::pair<std::u16string, std::u16string>> pairs;
+            rc = qfhost::property::getPairs(property.get(), &pairs);
+            value = Json::array();
+            for (const auto& [first, second] : pairs)
+                value.push_back(Json::array({toUtf8(first), toUtf8(second)}));
+        } else {
+            std::u16string text16;
+            rc = qfhost::property::getText(property.get(), &text16);
+            value = toUtf8(text16);
+        }
+        if (rc != 0) failed(rc, "get: the tool could not give " + quoted(name));
+        Json line = Json::object();
+        line["property"] = name;
+        line["value"] = value;
+        std::cout << line.dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
+    }
+
+    // Keeps the page as the view shows it now (SVG) to be written at the end.
+    void render(const Json& a) {
+        onlyKeys(a, {"page", "out"}, "render");
+        View& v = currentView();
+        const uint32_t page = pageOf(a, v, "render");
+        const fs::path path = resolve(text(member(a, "out", "render"), "render: out"));
+        keep(path, qfhost::renderPageSvg(host_, v, page));
+    }
+
+    void set(const Json& a) {
+        onlyKeys(a, {"property", "value"}, "set");
+        const std::string name = text(member(a, "property", "set"), "set: property");
+        const Json& value = member(a, "value", "set");
+        View& v = viewWithTool();
+        qfhost::ObjectPtr property = sheetProperty(v, name);
+        bool readOnly = false;
+        if (qfhost::property::isReadOnly(property.get(), &readOnly) == 0 && readOnly)
+            fail("set: " + quoted(name) + " is read-only here");
+        const uint32_t type = qfhost::property::type(property.get());
+        uint32_t rc = 0;
+        if (value.is_string()) {
+            if (type != QF::kPropertyText)
+                fail("set: " + quoted(name) + " holds [display, export] pairs, not a text");
+            rc = qfhost::property::setText(property.get(), fromUtf8(value.get<std::string>()));
+        } else if (value.is_array()) {
+            if (type != QF::kPropertyStringPairList)
+                fail("set: " + quoted(name) + " holds a text, not a list of pairs");
+            std::vector<std::pair<std::u16string, std::u16string>> pairs;
+            for (const Json& pair : value) {
+                if (!pair.is_array() || pair.size() != 2 || !pair[0].is_string() ||
+                    !pair[1].is_string())
+                    fail("set: each pair must be [\"display\", \"export\"]");
+                pairs.emplace_back(fromUtf8(pair[0].get<std::string>()),
+                                   fromUtf8(pair[1].get<std::string>()));
+            }
+            // As the property panel does: the value is checked before it is set.
+            rc = validatePairs(property.get(), pairs);
+            if (rc == 0) rc = qfhost::property::setPairs(property.get(), pairs);
+        } else {
+            fail("set: value must be a text or a list of [display, export] pairs");
+        }
+        if (rc != 0) failed(rc, "the tool refused the value of " + quoted(name));
+    }
+
+    // The property name of the active tool's sheet, read again.
+    qfhost::ObjectPtr sheetProperty(View& v, const std::string& name) {
+        const uint32_t refreshed = v.refreshToolProperties();
+        if (refreshed != 0) failed(refreshed, "the tool could not fill its property sheet");
+        const std::u16string area = u"ToolArea";
+        qfhost::ObjectPtr property = host_.properties().find(area, fromUtf8(name));
+        if (!property) {
+            std::string list;
+            for (const qfhost::ObjectPtr& p : host_.properties().properties(area))
+                list += (list.empty() ? "" : ", ") + toUtf8(qfhost::property::name(p.get()));
+            fail("the tool " + quoted(v.activeToolName()) + " has no property " + quoted(name) +
+                 " (its properties: " + (list.empty() ? "none" : list) + ")");
+        }
+        bool hidden = false;
+        if (qfhost::property::isHidden(property.get(), &hidden) == 0 && hidden)
+            fail("the tool " + quoted(v.activeToolName()) + " does not show " + quoted(name) +
+                 " here");
+        return property;
+    }
+
+    // The property's own check of a list value (ValidateValue): its result code.
+    static uint32_t validatePairs(
+        qfhost::ServiceObject* property,
+        const std::vector<std::pair<std::u16string, std::u16string>>& pairs) {
+        if (!SODetails::hasMethod(property, 10)) return 0;
+        const qfhost::ObjectPtr list = qfhost::ObjectPtr::adopt(
+            QF::MakeStringPairList<qfhost::HostTraits>(pairs));
+        const QF::PropertyValue value{nullptr, 0, list.get()};
+        uint8_t ok = 0;
+        const uint32_t rc = SODetails::methods<QF::PropertyTable>(property)->ValidateValue(
+            property, &value, 0, &ok);
+        if (rc != 0) return rc;
+        if (!ok) fail("set: the value is not acceptable");
+        return 0;
+    }
+
+    // A widget named by {"page": P, "index": K} or {"field": "Name", "widget": K}.
+    // How many annotations page lists.
+    uint32_t annotCount(Document& doc, uint32_t page) {
+        Handle handle;
+        check(PDDocGetPage(doc.pdDoc(), page, handle.out()));
+        uint32_t count = 0;
+        check(PDPageGetNumAnnots(handle.get(), &count));
+        return count;
+    }
+
+    // A position in an annotation array of count annotations.
+    uint32_t position(const Json& value, uint32_t count, const std::string& where) {
+        const uint32_t p = index(value, where);
+        if (p >= count)
+            fail(where + ": position " + std::to_string(p) + " is past the last annotation (" +
+                 std::to_string(count) + " annotations)");
+        return p;
+    }
+
+    WidgetRef widgetRef(const Json& w, Document& doc, const std::string& where) {
+        WidgetRef ref;
+        if (w.is_object() && w.contains("page")) {
+            onlyKeys(w, {"page", "index"}, where);
+            ref.page = index(member(w, "page", where), where + ": page");
+            const uint32_t k = index(member(w, "index", where), where + ": index");
+            if (ref.page >= doc.pageCount())
+                fail(where + ": page " + std::to_string(ref.page) + " is past the last page");
+            Handle page;
+            check(PDDocGetPage(doc.pdDoc(), ref.page, page.out()));
+            uint32_t count = 0;
+            check(PDPageGetNumAnnots(page.get(), &count));
+            if (k >= count)
+                fail(where + ": page " + std::to_string(ref.page) + " has " +
+                     std::to_string(count) + " annotations, no index " + std::to_string(k));
+            check(PDPageGetAnnot(page.get(), k, ref.annot.out()));
+            return ref;
+        }
+        if (!w.is_object() || !w.contains("field"))
+            fail(where + " must be {\"page\": P, \"index\": K} or {\"field\": \"Name\"}");
+        onlyKeys(w, {"field", "widget"}, where);
+        const std::string name = text(member(w, "field", where), where + ": field");
+        uint32_t k = 0;
+        if (const Json* n = optionalMember(w, "widget")) k = index(*n, where + ": widget");
+        const std::u16string name16 = fromUtf8(name);
+        Handle field;
+        check(PDDocFindField(doc.pdDoc(), name16.data(), static_cast<uint32_t>(name16.size()),
+                             field.out()));
+        if (!field) fail(where + ": no field is named " + quoted(name));
+        uint32_t count = 0;
+        check(PDFieldGetNumWidgets(field.get(), &count));
+        if (k >= count)
+            fail(where + ": the field " + quoted(name) + " has " + std::to_string(count) +
+                 " widgets, no widget " + std::to_string(k));
+        check(PDFieldGetWidget(field.get(), k, ref.annot.out()));
+        for (uint32_t p = 0; p < doc.pageCount(); ++p) {
+            Handle page;
+            check(PDDocGetPage(doc.pdDoc(), p, page.out()));
+            uint32_t at = 0;
+            const PDResult r = PDPageGetAnnotIndex(page.get(), ref.annot.get(), &at);
+            if (r == PD_OK) {
+                ref.page = p;
+                return ref;
+            }
+            if (r != PD_ERR_NOT_FOUND) check(r);
+        }
+        fail(where + ": widget " + std::to_string(k) + " of " + quoted(name) + " is on no page");
+    }
+
+    void execute(const std::string& name, void* params) {
+        const uint32_t atom = atomOf(name);
+        if (!host_.commands().factories().contains(atom))
+            fail("the module registers no command " + quoted(name));
+        const QF::CommandArgs args{++commandId_, atom, params};
+        const uint32_t rc = host_.commands().execute(&args);
+        if (rc != 0) failed(rc, "the command " + quoted(name) + " failed");
+    }
+
+    void command(const Json& a) {
+        const std::string name = text(member(a, "name", "command"), "command: name");
+        Document& doc = currentView().document();
+        if (name == "Widget_Rename") {
+            onlyKeys(a, {"name", "widget", "newName"}, "command Widget_Rename");
+            WidgetRef w = widgetRef(member(a, "widget", "command Widget_Rename"), doc,
+                                    "command Widget_Rename: widget");
+            const std::u16string newName =
+                fromUtf8(text(member(a, "newName", "command Widget_Rename"), "command: newName"));
+            QF::RenameWidgetParams params{doc.object(), w.page, w.annot.get(), newName.c_str()};
+            execute(name, &params);
+        } else if (name == "GroupRadioButtons") {
+            onlyKeys(a, {"name", "widgets"}, "command GroupRadioButtons");
+            const Json& list = member(a, "widgets", "command GroupRadioButtons");
+            if (!list.is_array()) fail("command GroupRadioButtons: widgets must be a list");
+            std::vector<WidgetRef> refs;
+            for (size_t i = 0; i < list.size(); ++i)
+                refs.push_back(widgetRef(
+                    list[i], doc, "command GroupRadioButtons: widgets[" + std::to_string(i) + "]"));
+            std::vector<PDAnnot> items;
+            for (const WidgetRef& r : refs)
+                items.push_back(r.annot.get());
+            const QF::WidgetList widgets{items.data(), items.size()};
+            QF::GroupRadioButtonsParams params{doc.object(), refs.empty() ? 0 : refs.front().page,
+                                               &widgets};
+            execute(name, &params);
+        } else if (name == "TabOrderAnnot") {
+            onlyKeys(a, {"name", "page", "from", "to"}, "command TabOrderAnnot");
+            const uint32_t page = pageOf(a, currentView(), "command TabOrderAnnot");
+            const uint32_t count = annotCount(doc, page);
+            const uint32_t from = position(member(a, "from", "command TabOrderAnnot"), count,
+                                           "command TabOrderAnnot: from");
+            const uint32_t to = position(member(a, "to", "command TabOrderAnnot"), count,
+                                         "command TabOrderAnnot: to");
+            QF::TabOrderParams params{doc.object(), page, to, from};
+            execute(name, &params);
+        } else if (name == "MoveAnnotsFocusOrder") {
+            static const std::string where = "command MoveAnnotsFocusOrder";
+            onlyKeys(a, {"name", "page", "positions", "target"}, where);
+            const uint32_t page = pageOf(a, currentView(), where);
+            const uint32_t count = annotCount(doc, page);
+            const Json& list = member(a, "positions", where);
+            if (!list.is_array()) fail(where + ": positions must be a list");
+            std::vector<uint64_t> positions;
+            for (size_t i = 0; i < list.size(); ++i)
+                positions.push_back(
+                    position(list[i], count, where + ": positions[" + std::to_string(i) + "]"));
+            const Json& t = member(a, "target", where);
+            uint64_t target = QF::MoveAnnotsFocusOrderParams::kTargetStart;
+            if (!(t.is_string() && t.get<std::string>() == "start")) {
+                if (t.is_string()) fail(where + ": target must be a position or \"start\"");
+                target = index(t, where + ": target");
+                if (target > count)
+                    fail(where + ": target " + std::to_string(target) + " is past the end (" +
+                         std::to_string(count) + " annotations)");
+            }
+            QF::MoveAnnotsFocusOrderParams params{doc.object(), page, target, positions.data(),
+                                                  positions.size()};
+            execute(name, &params);
+        } else if (name == "AutoTabOrderAnnot") {
+            static const std::string where = "command AutoTabOrderAnnot";
+            onlyKeys(a, {"name", "pages", "order"}, where);
+            std::vector<uint64_t> pages;
+            if (const Json* list = optionalMember(a, "pages")) {
+                if (!list->is_array()) fail(where + ": pages must be a list");
+                for (size_t i = 0; i < list->size(); ++i) {
+                    const std::string item = where + ": pages[" + std::to_string(i) + "]";
+                    const uint32_t page = index((*list)[i], item);
+                    if (page >= doc.pageCount())
+                        fail(item + ": page " + std::to_string(page) + " is past the last page");
+                    if (std::find(pages.begin(), pages.end(), page) != pages.end())
+                        fail(item + ": page " + std::to_string(page) + " is listed twice");
+                    pages.push_back(page);
+                }
+            } else {
+                for (uint32_t page = 0; page < doc.pageCount(); ++page) pages.push_back(page);
+            }
+            uint32_t order = QF::AutoTabOrderParams{}.orderingType;
+            if (const Json* o = optionalMember(a, "order")) {
+                const std::string value = text(*o, where + ": order");
+                if (value == "columns")
+                    order = 1;
+                else if (value != "rows")
+                    fail(where + ": order must be \"rows\" or \"columns\"");
+            }
+            QF::AutoTabOrderParams params{doc.object(), pages.data(), pages.size(), order};
+            execute(name, &params);
+        } else if (name == "AddWidget") {
+            fail("AddWidget is run by the creation tools: use \"tool\" with \"click\" or "
+                 "\"drag\"");
+        } else {
+            fail("the runner builds the parameters of Widget_Rename, GroupRadioButtons, "
+                 "TabOrderAnnot, MoveAnnotsFocusOrder and AutoTabOrderAnnot only, not of " +
+                 quoted(name));
+        }
+    }
+
+    void undoOrRedo(const Json& a, bool undo) {
+        const char* verb = undo ? "undo" : "redo";
+        const int64_t count = integer(a, std::string(verb) + ": the count");
+        if (count < 1) fail(std::string(verb) + ": the count must be 1 or more");
+        for (int64_t i = 0; i < count; ++i) {
+            const uint32_t rc = undo ? host_.commands().undo() : host_.commands().redo();
+            if (rc == 1)
+                fail(std::string("nothing left to ") + verb + " after " + std::to_string(i) +
+                     " of " + std::to_string(count));
+            if (rc != 0) failed(rc, std::string("the command refused to ") + verb);
+        }
+    }
+    void undo(const Json& a) { undoOrRedo(a, true); }
+    void redo(const Json& a) { undoOrRedo(a, false); }
+
+    void save(const Json& a) {
+        const fs::path path = resolve(text(a, "save: the file"));
+        keep(path, saveToMemory(currentView().document()));
+    }
+
+    qfhost::Host& host_;
+    qfhost::ModuleLoader& loader_;
+    fs::path scriptDir_;
+    std::vector<Output> outputs_;
+    uint32_t commandId_ = 0;
+};
+
+
+} // namespace
+
+// Parses the script. An object that holds one key twice is refused: JSON readers keep
+// only one of the values, which would silently drop the other.
+Json parseScript(const std::string& text) {
+    std::vector<std::set<std::string>> keys;
+    int step = -1;
+    auto callback = [&](int depth, Json::parse_event_t event, Json& parsed) {
+        if (depth == 1 &&
+            (event == Json::parse_event_t::object_start ||
+             event == Json::parse_event_t::array_start || event == Json::parse_event_t::value))
+            ++step;
+        if (event == Json::parse_event_t::object_start) {
+            keys.emplace_back();
+        } else if (event == Json::parse_event_t::object_end) {
+            keys.pop_back();
+        } else if (event == Json::parse_event_t::key && !keys.empty()) {
+            const std::string key = parsed.get<std::string>();
+            if (!keys.back().insert(key).second) {
+                throw std::runtime_error(
+                    (step >= 0 ? "step " + std::to_string(step) + ": " : std::string()) +
+                    "the key " + quoted(key) + " appears twice in one object");
+            }
+        }
+        return true;
+    };
+    return Json::parse(text, callback);
+}
+
+std::string quoted(const std::string& text) {
+    return Json(text).dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+std::string hex(uint32_t value) {
+    std::ostringstream out;
+    out << "0x" << std::hex << value;
+    return out.str();
+}
+
+std::string saveToMemory(qfhost::Document& doc) {
+    if (!doc.pdDoc()) fail("the document is closed");
+    void* data = nullptr;
+    size_t size = 0;
+    const PDResult r = PDDocSaveMem(doc.pdDoc(), &data, &size);
+    if (r != PD_OK) fail("cannot save the document: " + errorText(r));
+    std::string bytes(static_cast<const char*>(data), size);
+    PDFreeBuffer(data);
+    return bytes;
+}
+
+// ---- Session ------------------------------------------------------------------------------
+
+struct Session::Impl : Runner {
+    using Runner::Runner;
+};
+
+Session::Session(qfhost::Host& host, qfhost::ModuleLoader& loader,
+                 std::filesystem::path baseDir)
+    : impl_(std::make_unique<Impl>(host, loader, std::move(baseDir))) {}
+
+Session::~Session() = default;
+
+void Session::run(const std::string& verb, const Json& args) { impl_->run(verb, args); }
+
+void Session::openFile(const std::filesystem::path& path) { impl_->openFile(path); }
+
+void Session::keep(std::filesystem::path path, std::string bytes) {
+    impl_->keep(std::move(path), std::move(bytes));
+}
+
+const std::vector<Output>& Session::outputs() const { return impl_->outputs(); }
+
+} // namespace qfforms

@@ -1,0 +1,79 @@
+// Steps of an authoring session carried out on a host with the forms module loaded: the
+// verbs of `qfforms run` scripts (docs/scripting.md), which the editor's server also runs.
+// Single-threaded: every call comes on the thread that owns the host.
+#pragma once
+
+#include "qfhost/Host.h"
+#include "qfhost/ModuleLoader.h"
+
+#include <nlohmann/json.hpp>
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace qfforms {
+
+using Json = nlohmann::ordered_json;
+
+// A step that could not be carried out. code: the result the host or the module answered
+// (the text is then the module's own, when it left one); none for problems of the step
+// itself.
+class StepFailure : public std::runtime_error {
+  public:
+    StepFailure(std::optional<uint32_t> code, const std::string& text)
+        : std::runtime_error(text), code_(code) {}
+    const std::optional<uint32_t>& code() const { return code_; }
+
+  private:
+    std::optional<uint32_t> code_;
+};
+
+// A file a session keeps, written when the session is over.
+struct Output {
+    std::filesystem::path path;
+    std::string bytes;
+};
+
+class Session {
+  public:
+    // host and loader (with the module loaded) must outlive the session. Relative paths of
+    // steps are taken from baseDir.
+    Session(qfhost::Host& host, qfhost::ModuleLoader& loader, std::filesystem::path baseDir);
+    ~Session();
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    // Carries out one step: verb with its arguments. Throws StepFailure, qfhost::HostError
+    // or PdError.
+    void run(const std::string& verb, const Json& args);
+    // Opens path in a new view (StepFailure when it is no file).
+    void openFile(const std::filesystem::path& path);
+    // Keeps a file to be written when the session is over; a later output to the same
+    // path replaces the earlier one.
+    void keep(std::filesystem::path path, std::string bytes);
+    // The files that "save" and "render" steps kept, in the order first kept.
+    const std::vector<Output>& outputs() const;
+
+  private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+// The document as it is now (PDDocSaveMem); StepFailure when it cannot be written.
+std::string saveToMemory(qfhost::Document& doc);
+
+// Parses a script. An object that holds one key twice is refused (std::runtime_error):
+// JSON readers keep only one of the values, which would silently drop the other.
+Json parseScript(const std::string& text);
+
+// text as a JSON string, for messages.
+std::string quoted(const std::string& text);
+// "0x..." of value.
+std::string hex(uint32_t value);
+
+} // namespace qfforms
