@@ -5,11 +5,13 @@
 //   qfforms render IN.pdf ...    draws a page as the editor's view shows it, as SVG
 //   qfforms copy IN.pdf ...      prints a widget's clipboard record
 //   qfforms paste IN.pdf ...     makes a widget from a record read on standard input
+//   qfforms edit [IN.pdf] ...    the form editor in the browser, served on 127.0.0.1
 //
 // Exit status: 0 success; 1 the file could not be inspected or rendered, or a step of the
 // script failed or the run could not start or write its outputs; 2 wrong usage.
 
 #include "Clip.h"
+#include "Edit.h"
 #include "Inspect.h"
 #include "Pd.h"
 #include "Render.h"
@@ -32,6 +34,7 @@ constexpr const char* kUsage =
     "                      [--rotation 0|90|180|270]\n"
     "       qfforms copy IN.pdf --field NAME [--widget K] [--module PATH]\n"
     "       qfforms paste IN.pdf --page N --out OUT.pdf [--module PATH] < RECORD.json\n"
+    "       qfforms edit [IN.pdf] [--port N] [--lang en|ja] [--module PATH] [--web DIR]\n"
     "\n"
     "  inspect   print the pages, annotations and form fields of FILE.pdf as JSON\n"
     "  run       replay an authoring session written as a JSON script through the forms\n"
@@ -89,6 +92,7 @@ int main(int argc, char** argv) {
     if (command == "render") return qfforms::renderCommand(rest);
     if (command == "copy") return qfforms::copyCommand(rest);
     if (command == "paste") return qfforms::pasteCommand(rest);
+    if (command == "edit") return qfforms::editCommand(rest);
     if (command != "inspect") return usageError("unknown command '" + std::string(command) + "'");
     if (argc != 3) return usageError("inspect takes one file");
     const std::string path = argv[2];

@@ -2,6 +2,8 @@
 
 #include "Thunks.h"
 
+#include "kr/KRRuntime.h"
+
 #include <utility>
 
 namespace qfhost {
@@ -130,6 +132,35 @@ uint32_t CommandsManager::redo() {
 CommandsManager::Depths CommandsManager::depths() const {
     std::lock_guard lock(mutex_);
     return {static_cast<uint32_t>(undo_.size()), static_cast<uint32_t>(redo_.size())};
+}
+
+namespace {
+
+std::vector<std::string> namesOf(const std::vector<ObjectPtr>& stack) {
+    std::vector<std::string> names;
+    names.reserve(stack.size());
+    for (const ObjectPtr& command : stack) {
+        uint32_t atom = 0;
+        const char* name = nullptr;
+        const bool named = SODetails::hasMethod(command.get(), 0) &&
+                           SODetails::methods<QF::CommandTable>(command.get())
+                                   ->GetCommandName(command.get(), &atom) == 0 &&
+                           KRGetStringFromAtom(atom, &name) == KR_OK && name;
+        names.emplace_back(named ? name : "?");
+    }
+    return names;
+}
+
+}  // namespace
+
+std::vector<std::string> CommandsManager::undoNames() const {
+    std::lock_guard lock(mutex_);
+    return namesOf(undo_);
+}
+
+std::vector<std::string> CommandsManager::redoNames() const {
+    std::lock_guard lock(mutex_);
+    return namesOf(redo_);
 }
 
 void CommandsManager::clear() {

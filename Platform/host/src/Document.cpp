@@ -821,7 +821,11 @@ void Document::save(const std::string& path) {
         s.lastPdfResult = rc;
         throw HostError(codes::kPdfFailure, "cannot save " + path);
     }
-    for (ObjectPtr& p : s.pages) {
+    markSaved();
+}
+
+void Document::markSaved() {
+    for (ObjectPtr& p : state().pages) {
         if (p) pageState(p.get()).changed = false;
     }
 }

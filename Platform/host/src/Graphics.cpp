@@ -382,6 +382,17 @@ std::u16string fieldNameOf(PDAnnot widget) {
     return name;
 }
 
+// The name of the type (/FT) of a widget's field; null when it has none.
+const char* fieldTypeOf(PDAnnot widget) {
+    Held field;
+    PDAtom type = 0;
+    const char* name = nullptr;
+    if (PDWidgetAnnotGetParent(widget, field.put()) != PD_OK || !field.get() ||
+        PDFieldGetType(field.get(), &type) != PD_OK || PDAtomGetString(type, &name) != PD_OK)
+        return nullptr;
+    return name;
+}
+
 // Writes one page of a view.
 class PageWriter {
 public:
@@ -399,11 +410,12 @@ public:
         return {double(p[0]) - left_, double(p[1]) - top_};
     }
 
-    void begin() {
+    void begin(bool withPage) {
         const std::string w = std::to_string(width_), h = std::to_string(height_);
         out_ += "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
                 "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" + w + "\" height=\"" + h +
                 "\" viewBox=\"0 0 " + w + " " + h + "\">\n";
+        if (!withPage) return;
         out_ += "<g id=\"page\"><rect x=\"0.5\" y=\"0.5\" width=\"" +
                 num(std::max(0, width_ - 1)) + "\" height=\"" + num(std::max(0, height_ - 1)) +
                 "\"" + paint("fill", 0xFFFFFFFF) + stroke(kPageBorder, 1, 0) + "/></g>\n";
@@ -423,7 +435,7 @@ public:
         for (uint32_t i = 0; i < count; ++i) {
             Held annot;
             if (PDPageGetAnnot(page.get(), i, annot.put()) != PD_OK || !annot.get()) continue;
-            annotation(annot.get());
+            annotation(annot.get(), i);
         }
         out_ += "</g>\n";
     }
@@ -474,7 +486,7 @@ private:
                 num(b.bottom - b.top) + "\"" + attributes + "/>\n";
     }
 
-    void annotation(PDAnnot annot) {
+    void annotation(PDAnnot annot, uint32_t index) {
         PDBool visible = 1;
         PDRect r{};
         PDAtom subtype = 0;
@@ -487,11 +499,13 @@ private:
         const bool widget = subtype == PD_ATOM_Widget;
         const uint32_t colour = widget ? kWidgetColour : kAnnotColour;
         const Box box = outline(r);
+        std::string data = " data-index=\"" + std::to_string(index) + "\" data-subtype=\"" +
+                           xmlName(subtypeName) + "\"";
+        const std::u16string name = widget ? fieldNameOf(annot) : std::u16string();
+        if (widget) data += " data-field=\"" + xmlText(name) + "\" data-kind=\"" +
+                            xmlName(fieldTypeOf(annot)) + "\"";
         rect(widget ? "widget" : "annot", box,
-             paint("fill", (colour & 0x00FFFFFF) | 0x10000000) + stroke(colour, 1, 0),
-             " data-subtype=\"" + xmlName(subtypeName) + "\"");
-        if (!widget) return;
-        const std::u16string name = fieldNameOf(annot);
+             paint("fill", (colour & 0x00FFFFFF) | 0x10000000) + stroke(colour, 1, 0), data);
         if (name.empty()) return;
         out_ += "<text class=\"label\" x=\"" + num(box.left + 2) + "\" y=\"" +
                 num(box.top + kLabelSize) + "\" font-family=\"sans-serif\" font-size=\"" +
@@ -613,14 +627,14 @@ std::optional<PDRect> focusRect(View& view, PDDoc doc, uint32_t pageIndex) {
 
 }  // namespace
 
-std::string renderPageSvg(Host& host, View& view, uint32_t pageIndex) {
+std::string renderPageSvg(Host& host, View& view, uint32_t pageIndex, bool withPage) {
     Document& doc = view.document();
     if (!doc.isOpen()) throw HostError(codes::kDocumentClosed, "the document is closed");
     if (pageIndex >= doc.pageCount()) {
         throw HostError(codes::kBadArgument, "no page " + std::to_string(pageIndex));
     }
     PageWriter writer(view, pageIndex);
-    writer.begin();
+    writer.begin(withPage);
     writer.annotations(doc.pdDoc());
     writer.items("marks", recorded(host, view, pageIndex, [&] { view.drawPage(pageIndex); }));
     writer.items("selection", selectionItems(host, view, pageIndex));

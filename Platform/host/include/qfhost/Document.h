@@ -72,6 +72,9 @@ public:
     // Writes the document (PDDocSave); throws HostError(kPdfFailure) or (kDocumentClosed).
     // Clears every page's changed flag.
     void save(const std::string& path);
+    // Clears every page's changed flag: the document as it is was written elsewhere (the
+    // caller saved its bytes).
+    void markSaved();
     // Marks the service objects invalid and drops the pdfcore handles. Idempotent.
     void close();
     bool isOpen() const;

@@ -91,6 +91,11 @@ private:
 // <polygon> for rects and polygons, <text class="text">), "selection", "focus" (a
 // <rect class="focus">), "frame". Numbers have at most two decimals. Throws HostError: kBadArgument for a page past the pages,
 // kDocumentClosed, kPdfFailure when the page cannot be read.
-QFHOST_API std::string renderPageSvg(Host& host, View& view, uint32_t pageIndex);
+// With withPage false the page itself (group "page") is left out: the picture is
+// transparent but for what lies over the page, to be laid over a rendering of the page.
+// Widget rectangles carry data-field (the field's full name) and data-kind (its type:
+// Tx, Btn, Ch, Sig).
+QFHOST_API std::string renderPageSvg(Host& host, View& view, uint32_t pageIndex,
+                                     bool withPage = true);
 
 }  // namespace qfhost

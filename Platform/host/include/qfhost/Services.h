@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <string>
 #include <vector>
 
 namespace qfhost {
@@ -81,6 +82,10 @@ public:
         uint32_t redo;
     };
     Depths depths() const;
+    // The names (GetCommandName atoms as text; "?" for a command that gives none) of the
+    // commands on the undo or the redo stack, the next to undo or redo last.
+    std::vector<std::string> undoNames() const;
+    std::vector<std::string> redoNames() const;
     // Drops both stacks.
     void clear();
 

@@ -1,0 +1,745 @@
+#include "Edit.h"
+
+#include "Files.h"
+#include "HttpServer.h"
+#include "Pd.h"
+#include "Session.h"
+
+#include "kr/KRRuntime.h"
+#include "qf/Interfaces.h"
+#include "qf/PropertyInterfaces.h"
+#include "qfhost/Graphics.h"
+#include "qfhost/Host.h"
+#include "qfhost/ModuleLoader.h"
+#include "qfhost/UiServices.h"
+#include "qfhost/View.h"
+
+#include <algorithm>
+#include <atomic>
+#include <charconv>
+#include <chrono>
+#include <csignal>
+#include <condition_variable>
+#include <deque>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <future>
+#include <iostream>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <sstream>
+
+namespace qfforms {
+
+const char* const kEditUsage =
+    "usage: qfforms edit [IN.pdf] [--port N] [--lang en|ja] [--module PATH] [--web DIR]\n"
+    "\n"
+    "  Opens IN.pdf (without it, the built-in sample) in the form editor: a local server\n"
+    "  on 127.0.0.1 (port N, else a free one) that hosts the forms module and serves the\n"
+    "  editor's page, whose address (with its session token) it prints. Open it in a\n"
+    "  browser; Ctrl+C stops the server. The page saves over IN.pdf or, with Save as, to\n"
+    "  a new file in IN.pdf's folder. --web names the folder of the page (default: the\n"
+    "  Web folder of the source tree). See docs/editor.md.\n";
+
+namespace {
+
+namespace fs = std::filesystem;
+using qfhost::Document;
+using qfhost::HostError;
+using qfhost::View;
+
+constexpr const char* kEditTool = "Edit";
+
+std::atomic<bool> gStop{false};
+
+extern "C" void onSignal(int) { gStop = true; }
+
+// ---- the main thread's queue --------------------------------------------------------------
+
+// Jobs that network threads hand to the thread that owns the host.
+class MainQueue {
+  public:
+    // Runs f on the main thread and waits for its answer; nothing once the queue is closed.
+    std::optional<HttpResponse> call(std::function<HttpResponse()> f) {
+        auto task = std::make_shared<std::packaged_task<HttpResponse()>>(std::move(f));
+        std::future<HttpResponse> answer = task->get_future();
+        {
+            std::lock_guard lock(mutex_);
+            if (closed_) return std::nullopt;
+            jobs_.push_back([task] { (*task)(); });
+        }
+        ready_.notify_one();
+        try {
+            return answer.get();
+        } catch (const std::future_error&) {
+            return std::nullopt; // dropped when the queue closed
+        }
+    }
+
+    // Runs jobs on the calling thread until stop is set.
+    void serve(const std::atomic<bool>& stop) {
+        while (!stop) {
+            std::function<void()> job;
+            {
+                std::unique_lock lock(mutex_);
+                ready_.wait_for(lock, std::chrono::milliseconds(100),
+                                [this] { return !jobs_.empty(); });
+                if (jobs_.empty()) continue;
+                job = std::move(jobs_.front());
+                jobs_.pop_front();
+            }
+            job();
+        }
+    }
+
+    // Refuses further jobs and drops those waiting: their callers get nothing.
+    void close() {
+        std::deque<std::function<void()>> dropped;
+        {
+            std::lock_guard lock(mutex_);
+            closed_ = true;
+            dropped.swap(jobs_);
+        }
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable ready_;
+    std::deque<std::function<void()>> jobs_;
+    bool closed_ = false;
+};
+
+// ---- small helpers ------------------------------------------------------------------------
+
+std::string randomToken() {
+    std::random_device device;
+    std::ostringstream out;
+    for (int i = 0; i < 4; ++i) {
+        char word[9];
+        std::snprintf(word, sizeof word, "%08x", static_cast<unsigned>(device()));
+        out << word;
+    }
+    return out.str();
+}
+
+// Compares without stopping at the first difference.
+bool sameSecret(const std::string& a, const std::string& b) {
+    if (a.size() != b.size()) return false;
+    unsigned char diff = 0;
+    for (size_t i = 0; i < a.size(); ++i) diff |= static_cast<unsigned char>(a[i] ^ b[i]);
+    return diff == 0;
+}
+
+std::string contentTypeOf(const fs::path& file) {
+    const std::string ext = file.extension().string();
+    if (ext == ".html") return "text/html; charset=utf-8";
+    if (ext == ".js" || ext == ".mjs") return "text/javascript; charset=utf-8";
+    if (ext == ".css") return "text/css; charset=utf-8";
+    if (ext == ".svg") return "image/svg+xml";
+    if (ext == ".png") return "image/png";
+    if (ext == ".json" || ext == ".map") return "application/json";
+    if (ext == ".wasm") return "application/wasm";
+    return "application/octet-stream";
+}
+
+// The file under root named by the relative URL path rest; nothing for a path that leaves
+// root or names no file.
+std::optional<fs::path> fileUnder(const fs::path& root, const std::string& rest) {
+    fs::path path = root;
+    size_t at = 0;
+    while (at <= rest.size()) {
+        const size_t slash = std::min(rest.find('/', at), rest.size());
+        const std::string part = rest.substr(at, slash - at);
+        if (part.empty() || part == "." || part == ".." || part.find('\\') != std::string::npos ||
+            part.find('\0') != std::string::npos)
+            return std::nullopt;
+        path /= fs::u8path(part);
+        at = slash + 1;
+    }
+    std::error_code ec;
+    if (!fs::is_regular_file(path, ec)) return std::nullopt;
+    return path;
+}
+
+std::optional<std::string> readFile(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return std::nullopt;
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+std::string dump(const Json& j) { return j.dump(-1, ' ', false, Json::error_handler_t::replace); }
+
+HttpResponse jsonAnswer(int status, const Json& body) {
+    return HttpResponse::json(status, dump(body));
+}
+
+// A whole number member of an event, within 32 bits.
+int64_t integerOf(const Json& body, const char* key, int64_t fallback) {
+    auto it = body.find(key);
+    if (it == body.end()) return fallback;
+    if (!it->is_number_integer())
+        throw StepFailure(std::nullopt, std::string("event: ") + key + " must be a whole number");
+    const int64_t v = it->get<int64_t>();
+    if (v < INT32_MIN || v > UINT32_MAX)
+        throw StepFailure(std::nullopt, std::string("event: ") + key + " is out of range");
+    return v;
+}
+
+// A name for Save as: a bare file name ending in .pdf.
+bool acceptableName(const std::string& name) {
+    if (name.empty() || name.size() > 255 || name == "." || name == "..") return false;
+    for (unsigned char c : name)
+        if (c < 0x20 || c == '/' || c == '\\' || c == ':') return false;
+    if (name.size() < 5) return false;
+    std::string ext = name.substr(name.size() - 4);
+    std::transform(ext.begin(), ext.end(), ext.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return ext == ".pdf" && name[0] != '.';
+}
+
+// ---- the editor ---------------------------------------------------------------------------
+
+// What the page asks of the host, answered on the main thread.
+class Editor {
+  public:
+    Editor(qfhost::Host& host, qfhost::ModuleLoader& loader, Session& session, fs::path document,
+           bool sample)
+        : host_(host), loader_(loader), session_(session), path_(std::move(document)),
+          sample_(sample) {}
+
+    HttpResponse handle(const HttpRequest& request) {
+        const std::string& p = request.path;
+        const bool get = request.method == "GET", post = request.method == "POST";
+        try {
+            if (p == "/api/state") return get ? answer(Json::object()) : notAllowed();
+            if (p == "/api/document.pdf") {
+                if (!get) return notAllowed();
+                HttpResponse r;
+                r.contentType = "application/pdf";
+                r.body = saveToMemory(view().document());
+                return r;
+            }
+            if (p.rfind("/api/overlay/", 0) == 0) return get ? overlay(p) : notAllowed();
+            if (!post) return p.rfind("/api/", 0) == 0 ? notAllowed() : notFound();
+
+            Json body;
+            try {
+                body = Json::parse(request.body.empty() ? "{}" : request.body);
+            } catch (const Json::exception& e) {
+                return jsonAnswer(400, {{"error", std::string("the body is no JSON: ") + e.what()}});
+            }
+            if (!body.is_object()) return jsonAnswer(400, {{"error", "the body must be an object"}});
+            ++revision_;
+            if (p == "/api/event") return event(body);
+            if (p == "/api/step") return step(body);
+            if (p == "/api/save") return save(body);
+            if (p == "/api/language") return language(body);
+            return notFound();
+        } catch (const StepFailure& e) {
+            return failure(e.what());
+        } catch (const HostError& e) {
+            return failure(e.what());
+        } catch (const PdError& e) {
+            return failure(std::string("pdfcore: ") + e.what());
+        }
+    }
+
+  private:
+    static HttpResponse notAllowed() {
+        return jsonAnswer(405, {{"error", "not allowed for this address"}});
+    }
+    static HttpResponse notFound() { return jsonAnswer(404, {{"error", "no such address"}}); }
+
+    HttpResponse failure(const std::string& text) {
+        Json body;
+        body["error"] = text;
+        try {
+            body["state"] = state();
+        } catch (const std::exception&) {
+            // the error says what matters
+        }
+        return jsonAnswer(422, body);
+    }
+
+    HttpResponse answer(Json body, int status = 200) {
+        body["state"] = state();
+        return jsonAnswer(status, body);
+    }
+
+    View& view() {
+        View* v = host_.currentView();
+        if (!v) throw StepFailure(std::nullopt, "no document is open");
+        return *v;
+    }
+
+    HttpResponse overlay(const std::string& path) {
+        const std::string name = path.substr(std::string("/api/overlay/").size());
+        uint32_t page = 0;
+        const auto [end, ec] = std::from_chars(name.data(), name.data() + name.size(), page);
+        if (ec != std::errc() || std::string(end) != ".svg")
+            return jsonAnswer(404, {{"error", "no such page"}});
+        View& v = view();
+        if (page >= v.document().pageCount()) return jsonAnswer(404, {{"error", "no such page"}});
+        HttpResponse r;
+        r.contentType = "image/svg+xml";
+        r.body = qfhost::renderPageSvg(host_, v, page, false);
+        return r;
+    }
+
+    // ---- events ----
+
+    bool send(View& v, const QF::InputEvent& e) {
+        bool handled = false;
+        const uint32_t rc = v.sendEvent(e, &handled);
+        if (rc != 0 && rc != 1) throw StepFailure(rc, moduleText(rc));
+        return handled;
+    }
+
+    // The module's own text for a failure it just reported, when it left one.
+    std::string moduleText(uint32_t code) {
+        SODetails::ErrorInfo info{};
+        qfhost::ServiceObject* so = loader_.initService();
+        if (so && SODetails::header(so)->base.GetLastErrorInfo(so, &info, nullptr) == 0 &&
+            info.code == code && info.message)
+            return toUtf8(info.message);
+        return "the tool failed with code " + std::to_string(code) + " (" + hex(code) + ")";
+    }
+
+    HttpResponse event(const Json& body) {
+        QF::InputEvent e{};
+        e.type = static_cast<uint32_t>(integerOf(body, "type", -1));
+        e.subcode = static_cast<uint32_t>(integerOf(body, "code", 0));
+        e.x = static_cast<int32_t>(integerOf(body, "x", 0));
+        e.y = static_cast<int32_t>(integerOf(body, "y", 0));
+        e.modifiers = static_cast<uint32_t>(integerOf(body, "modifiers", 0));
+        static constexpr uint32_t kTypes[] = {QF::kEventButtonDown, QF::kEventButtonUp,
+                                              QF::kEventMove, QF::kEventKeyDown, QF::kEventKey,
+                                              QF::kEventCancel};
+        if (std::find(std::begin(kTypes), std::end(kTypes), e.type) == std::end(kTypes))
+            throw StepFailure(std::nullopt, "event: unknown type");
+        View& v = view();
+        bool handled = false;
+        const bool editing = v.activeToolName() == kEditTool;
+        if (e.type == QF::kEventButtonDown && e.subcode == QF::kButtonLeft &&
+            (editing || !v.activeTool())) {
+            if (editing) {
+                handled = send(v, e);
+                if (v.activeTool()) return answer({{"handled", handled}});
+                host_.selection().clear(); // a press beside the widget ends editing
+            }
+            handled = selectAt(v, e) || handled;
+        } else if (v.activeTool()) {
+            handled = send(v, e);
+            if (editing && v.activeToolName() != kEditTool) host_.selection().clear();
+        }
+        return answer({{"handled", handled}});
+    }
+
+    // Select mode: selects the top-most widget under the press and hands the press to the
+    // edit tool, so that the same drag moves the widget.
+    bool selectAt(View& v, const QF::InputEvent& e) {
+        const int64_t page = v.pageAt(e.x, e.y);
+        if (page < 0) {
+            host_.selection().clear();
+            return false;
+        }
+        const auto at = v.viewToPage(static_cast<uint32_t>(page), e.x, e.y);
+        const uint32_t rc = host_.selection().selectAt(static_cast<uint64_t>(page), at[0], at[1]);
+        if (rc == 1) return false; // nothing there
+        if (rc != 0) throw StepFailure(rc, "the widget could not be selected");
+        return v.activeToolName() == kEditTool ? send(v, e) : true;
+    }
+
+    // ---- steps ----
+
+    HttpResponse step(const Json& body) {
+        if (body.size() != 1)
+            throw StepFailure(std::nullopt, "a step is an object with exactly one verb");
+        const std::string verb = body.begin().key();
+        const Json& args = body.begin().value();
+        static const char* const kVerbs[] = {"tool", "view", "set", "command", "undo",
+                                             "redo", "edit", "paste", "key"};
+        if (std::none_of(std::begin(kVerbs), std::end(kVerbs),
+                         [&](const char* v) { return verb == v; }))
+            throw StepFailure(std::nullopt, "the editor does not take the step " + quoted(verb));
+        if (verb == "tool" && args.is_string() && args.get<std::string>().empty()) {
+            host_.selection().clear();
+            view().deactivateTool();
+        } else if (verb == "set" && args.is_object() && args.contains("area")) {
+            setWidgetProperty(args);
+        } else {
+            session_.run(verb, args);
+        }
+        return answer(Json::object());
+    }
+
+    // A row of the selected widget's annotation sheet.
+    void setWidgetProperty(const Json& args) {
+        if (args.value("area", Json()) != "AnnotArea" || !args.contains("property") ||
+            !args["property"].is_string() || !args.contains("value") ||
+            !args["value"].is_string() || args.size() != 3)
+            throw StepFailure(std::nullopt, "set: an \"AnnotArea\" row takes a property name "
+                                            "and a text value");
+        fillSheets();
+        const qfhost::ObjectPtr property =
+            host_.properties().find(u"AnnotArea", fromUtf8(args["property"].get<std::string>()));
+        if (!property) throw StepFailure(std::nullopt, "set: the widget has no such row");
+        const uint32_t rc = qfhost::property::setText(
+            property.get(), fromUtf8(args["value"].get<std::string>()));
+        if (rc != 0) throw StepFailure(rc, "the widget refused the value");
+    }
+
+    // ---- saving ----
+
+    HttpResponse save(const Json& body) {
+        fs::path target = path_;
+        if (body.contains("as")) {
+            if (!body["as"].is_string() || !acceptableName(body["as"].get<std::string>()))
+                return jsonAnswer(403, {{"error", "Save as takes a file name ending in .pdf, "
+                                                  "without folders; the file goes beside the "
+                                                  "document"}});
+            target = folder() / fs::u8path(body["as"].get<std::string>());
+            std::error_code ec;
+            if (target != path_ && fs::exists(target, ec) && !body.value("replace", false))
+                return jsonAnswer(409, {{"error", target.filename().string() +
+                                                      " exists already: choose another name"}});
+        } else if (sample_) {
+            return jsonAnswer(403, {{"error", "the built-in sample is not saved over: choose a "
+                                              "name with Save as"}});
+        }
+        Document& doc = view().document();
+        if (auto problem = writeAtomically(target, saveToMemory(doc)))
+            throw StepFailure(std::nullopt, "cannot save " + target.string() + ": " + *problem);
+        doc.markSaved();
+        path_ = target;
+        sample_ = false;
+        return answer({{"saved", target.string()}});
+    }
+
+    fs::path folder() const {
+        std::error_code ec;
+        return sample_ ? fs::current_path(ec) : path_.parent_path();
+    }
+
+    HttpResponse language(const Json& body) {
+        const std::string lang = body.value("lang", std::string());
+        if (lang != "en" && lang != "ja")
+            throw StepFailure(std::nullopt, "the languages are \"en\" and \"ja\"");
+        host_.strings().setLanguage(lang);
+        lang_ = lang;
+        return answer(Json::object());
+    }
+
+    // ---- the state ----
+
+    // The active tool's sheet in "ToolArea" and the selected widget's in "AnnotArea".
+    void fillSheets() {
+        View& v = view();
+        host_.properties().clear();
+        if (v.activeTool()) v.refreshToolProperties();
+        const auto& selected = host_.selection().selected();
+        if (selected.empty()) return;
+        PDRect rect{};
+        PDAnnotGetRect(selected.front().annot, &rect);
+        host_.annotProperties().addAnnotProperties(
+            u"Widget", v.document().object(), selected.front().pageIndex, selected.front().annot,
+            rect, host_.object(qfhost::HostService::QFPropertiesContext));
+    }
+
+    Json sheet(const std::u16string& area) {
+        Json rows = Json::array();
+        for (const qfhost::ObjectPtr& p : host_.properties().properties(area)) {
+            Json row;
+            row["name"] = toUtf8(qfhost::property::name(p.get()));
+            bool readOnly = false, hidden = false;
+            qfhost::property::isReadOnly(p.get(), &readOnly);
+            qfhost::property::isHidden(p.get(), &hidden);
+            if (qfhost::property::type(p.get()) == QF::kPropertyStringPairList) {
+                std::vector<std::pair<std::u16string, std::u16string>> pairs;
+                qfhost::property::getPairs(p.get(), &pairs);
+                row["kind"] = "pairs";
+                row["value"] = Json::array();
+                for (const auto& [d, x] : pairs)
+                    row["value"].push_back(Json::array({toUtf8(d), toUtf8(x)}));
+            } else {
+                std::u16string text;
+                qfhost::property::getText(p.get(), &text);
+                row["kind"] = "text";
+                row["value"] = toUtf8(text);
+            }
+            row["readOnly"] = readOnly;
+            row["hidden"] = hidden;
+            rows.push_back(row);
+        }
+        return rows;
+    }
+
+    Json selection(Document& doc) {
+        const auto& selected = host_.selection().selected();
+        if (selected.empty()) return nullptr;
+        const auto& s = selected.front();
+        Json out;
+        out["page"] = s.pageIndex;
+        Handle page;
+        uint32_t index = 0;
+        if (PDDocGetPage(doc.pdDoc(), static_cast<uint32_t>(s.pageIndex), page.out()) == PD_OK &&
+            PDPageGetAnnotIndex(page.get(), s.annot, &index) == PD_OK)
+            out["index"] = index;
+        Handle field;
+        PDAtom type = 0;
+        const char* typeName = nullptr;
+        if (PDWidgetAnnotGetParent(s.annot, field.out()) == PD_OK && field.get()) {
+            PDField f = field.get();
+            if (auto name = readText([&](char16_t* b, uint32_t n, uint32_t* len) {
+                    return PDFieldGetFullName(f, b, n, len);
+                }))
+                out["field"] = toUtf8(*name);
+            if (PDFieldGetType(field.get(), &type) == PD_OK &&
+                PDAtomGetString(type, &typeName) == PD_OK && typeName)
+                out["type"] = typeName;
+        }
+        return out;
+    }
+
+    Json state() {
+        View& v = view();
+        Document& doc = v.document();
+        Json s;
+        s["document"] = {{"name", sample_ ? "sample.pdf" : path_.filename().string()},
+                         {"folder", folder().string()},
+                         {"modified", doc.modified()}};
+        s["revision"] = revision_;
+        Json pages = Json::array();
+        int32_t width = 0, height = 0;
+        for (uint32_t i = 0; i < doc.pageCount(); ++i) {
+            const View::PixelRect r = v.pageRect(i);
+            Handle page;
+            PDRect box{};
+            check(PDDocGetPage(doc.pdDoc(), i, page.out()));
+            check(PDPageGetBox(page.get(), PD_BOX_CROP, &box));
+            pages.push_back({{"left", r.left},
+                             {"top", r.top},
+                             {"right", r.right},
+                             {"bottom", r.bottom},
+                             {"width", std::abs(box.right - box.left)},
+                             {"height", std::abs(box.top - box.bottom)},
+                             {"rotation", v.pageRotation(i)}});
+            width = std::max(width, r.right + View::kMargin);
+            height = std::max(height, r.bottom + View::kMargin);
+        }
+        s["layout"] = {{"zoom", v.zoom()},   {"rotation", v.rotation()}, {"width", width},
+                       {"height", height}, {"pages", pages}};
+        s["tool"] = v.activeToolName();
+        std::vector<std::string> tools;
+        for (uint32_t atom : host_.tasks().tools().atoms()) {
+            const char* name = nullptr;
+            if (KRGetStringFromAtom(atom, &name) == KR_OK && name) tools.emplace_back(name);
+        }
+        std::sort(tools.begin(), tools.end());
+        s["tools"] = tools;
+        s["selection"] = selection(doc);
+        s["undo"] = host_.commands().undoNames();
+        s["redo"] = host_.commands().redoNames();
+        fillSheets();
+        s["sheet"] = sheet(u"ToolArea");
+        s["widgetSheet"] = sheet(u"AnnotArea");
+        s["lang"] = lang_;
+        return s;
+    }
+
+    qfhost::Host& host_;
+    qfhost::ModuleLoader& loader_;
+    Session& session_;
+    fs::path path_;
+    bool sample_;
+    uint64_t revision_ = 0;
+    std::string lang_ = "en";
+
+  public:
+    void setLanguage(const std::string& lang) { lang_ = lang; }
+};
+
+// ---- the network side ---------------------------------------------------------------------
+
+struct Options {
+    std::string in;
+    std::string port;
+    std::string language = "en";
+    std::string module;
+    std::string web;
+    bool help = false;
+};
+
+std::optional<std::string> parseOptions(const std::vector<std::string>& args, Options& o) {
+    std::vector<std::string> files;
+    if (auto problem = parseArguments(args,
+                                      {{"--port", &o.port},
+                                       {"--lang", &o.language},
+                                       {"--module", &o.module},
+                                       {"--web", &o.web}},
+                                      {{"--help", &o.help}}, files))
+        return problem;
+    if (files.size() > 1) return "edit takes one file";
+    if (!files.empty()) o.in = files[0];
+    if (o.help) return std::nullopt;
+    if (!files.empty() && files[0].empty()) return "empty file name";
+    if (o.language != "en" && o.language != "ja")
+        return "unknown language '" + o.language + "' (en, ja)";
+    return std::nullopt;
+}
+
+int usageError(const std::string& message) {
+    std::cerr << "qfforms: " << message << "\n" << kEditUsage;
+    return 2;
+}
+
+// Answers what needs no host (the page and its files) and hands the rest to the queue.
+class Gate {
+  public:
+    Gate(std::string token, fs::path web, MainQueue& queue, Editor& editor)
+        : token_(std::move(token)), web_(std::move(web)), queue_(queue), editor_(editor) {}
+
+    void setPort(uint16_t port) { port_ = port; }
+
+    HttpResponse operator()(const HttpRequest& request) {
+        const std::string host = request.header("host");
+        const std::string port = std::to_string(port_);
+        if (host != "127.0.0.1:" + port && host != "localhost:" + port)
+            return HttpResponse::text(403, "this server answers to 127.0.0.1:" + port + " only\n");
+        const auto q = request.query.find("token");
+        const std::string given = request.header("x-qf-token").empty()
+                                      ? (q != request.query.end() ? q->second
+                                                                  : request.cookie("qf_token"))
+                                      : request.header("x-qf-token");
+        if (!sameSecret(given, token_))
+            return HttpResponse::text(403, "this editor needs its session token: open the "
+                                           "address that `qfforms edit` printed\n");
+
+        const std::string& path = request.path;
+        if (path.rfind("/api/", 0) == 0) {
+            auto answer = queue_.call([&] { return editor_.handle(request); });
+            return answer ? *answer : HttpResponse::text(503, "the editor is stopping\n");
+        }
+        if (request.method != "GET") return HttpResponse::text(405, "not allowed\n");
+        std::optional<fs::path> file;
+        if (path == "/" || path == "/index.html") {
+            file = fileUnder(web_, "index.html");
+        } else if (path.rfind("/app/", 0) == 0) {
+            file = fileUnder(web_ / "app", path.substr(5));
+        } else if (path.rfind("/vendor/pdfjs/", 0) == 0) {
+            const fs::path pdfjs = web_ / "node_modules" / "pdfjs-dist";
+            file = fileUnder(pdfjs / "build", path.substr(14));
+            if (!file) file = fileUnder(pdfjs, path.substr(14));
+        }
+        if (!file) return HttpResponse::text(404, "no such file\n");
+        auto bytes = readFile(*file);
+        if (!bytes) return HttpResponse::text(404, "cannot read the file\n");
+        HttpResponse r;
+        r.contentType = contentTypeOf(*file);
+        r.body = std::move(*bytes);
+        if (path == "/" || path == "/index.html")
+            r.headers.emplace_back("Set-Cookie", "qf_token=" + token_ +
+                                                     "; Path=/; HttpOnly; SameSite=Strict");
+        return r;
+    }
+
+  private:
+    std::string token_;
+    fs::path web_;
+    MainQueue& queue_;
+    Editor& editor_;
+    uint16_t port_ = 0;
+};
+
+} // namespace
+
+int editCommand(const std::vector<std::string>& args) {
+    Options o;
+    if (auto problem = parseOptions(args, o)) return usageError(*problem);
+    if (o.help) {
+        std::cout << kEditUsage;
+        return 0;
+    }
+    uint16_t port = 0;
+    if (!o.port.empty()) {
+        unsigned value = 0;
+        const auto [end, ec] = std::from_chars(o.port.data(), o.port.data() + o.port.size(), value);
+        if (ec != std::errc() || end != o.port.data() + o.port.size() || value > 65535)
+            return usageError("--port takes a port number, not '" + o.port + "'");
+        port = static_cast<uint16_t>(value);
+    }
+    const bool sample = o.in.empty();
+    const fs::path document = fs::absolute(fs::u8path(sample ? QF_SAMPLE_PDF : o.in));
+    std::error_code ec;
+    if (!fs::is_regular_file(document, ec)) {
+        std::cerr << "qfforms: " << document.string() << ": no such file\n";
+        return 1;
+    }
+    const fs::path web = o.web.empty() ? fs::path(QF_WEB_DIR) : fs::u8path(o.web);
+    if (!fs::is_regular_file(web / "index.html", ec)) {
+        std::cerr << "qfforms: " << web.string() << ": the editor's page is not there\n";
+        return 1;
+    }
+    if (!fs::is_directory(web / "node_modules" / "pdfjs-dist", ec))
+        std::cerr << "qfforms: warning: " << (web / "node_modules").string()
+                  << " has no pdfjs-dist (run npm ci there): pages will not be drawn\n";
+
+    // The host first, so that the loader (and the module's objects) go before it.
+    std::optional<qfhost::Host> host;
+    std::optional<qfhost::ModuleLoader> loader;
+    try {
+        host.emplace();
+        loader.emplace(&*host);
+        loader->load(modulePath(o.module));
+    } catch (const std::exception& e) {
+        std::cerr << "qfforms: cannot start the host: " << e.what() << "\n";
+        return 1;
+    }
+    host->strings().setLanguage(o.language);
+    Session session(*host, *loader, document.parent_path());
+    try {
+        session.openFile(document);
+    } catch (const std::exception& e) {
+        std::cerr << "qfforms: " << document.string() << ": " << e.what() << "\n";
+        return 1;
+    }
+
+    MainQueue queue;
+    Editor editor(*host, *loader, session, document, sample);
+    editor.setLanguage(o.language);
+    const std::string secret = randomToken();
+    Gate gate(secret, web, queue, editor);
+    std::optional<HttpServer> server;
+    try {
+        server.emplace(port, [&](const HttpRequest& r) { return gate(r); });
+    } catch (const std::exception& e) {
+        std::cerr << "qfforms: " << e.what() << "\n";
+        return 1;
+    }
+    gate.setPort(server->port());
+
+    struct sigaction action {};
+    action.sa_handler = onSignal;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+
+    server->start();
+    std::cout << "qfforms edit: " << document.filename().string() << " at http://127.0.0.1:"
+              << server->port() << "/?token=" << secret << "\n"
+              << "Ctrl+C stops the editor." << std::endl;
+    queue.serve(gStop);
+
+    queue.close();
+    server->stop();
+    host->releaseModuleObjects();
+    std::cout << "qfforms edit: stopped" << std::endl;
+    return 0;
+}
+
+} // namespace qfforms
