@@ -13,7 +13,12 @@ packages=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   python3 python3-pypdf python3-pycryptodome poppler-utils
   clang libclang-rt-14-dev
+  chromium
 )
+# Node.js and npm for the editor's page: the machine's own when it has them.
+if ! command -v npm >/dev/null; then
+  packages+=(nodejs npm)
+fi
 
 missing=()
 for p in "${packages[@]}"; do
@@ -37,6 +42,14 @@ if ((${#missing[@]})); then
   export DEBIAN_FRONTEND=noninteractive
   "${sudo[@]}" apt-get update
   "${sudo[@]}" apt-get install -y --no-install-recommends "${missing[@]}" </dev/null
+fi
+
+# The editor's page takes pdf.js and, for its browser tests, playwright-core from npm, as
+# the lock file pins them; after this nothing needs the network.
+if [[ ! -f Web/node_modules/.package-lock.json ||
+      Web/package-lock.json -nt Web/node_modules/.package-lock.json ]]; then
+  echo "setup: installing the editor's npm packages"
+  npm ci --prefix Web --no-audit --no-fund </dev/null
 fi
 
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
