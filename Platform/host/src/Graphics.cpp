@@ -402,12 +402,20 @@ public:
         top_ = r.top;
         width_ = r.right - r.left;
         height_ = r.bottom - r.top;
+        // The view's mapping of a page is affine (quarter turns, a scale, a shift): read it
+        // once at three points rather than asking the view for every point drawn.
+        const auto o = view.pageToViewPrecise(pageIndex, 0, 0);
+        const auto ex = view.pageToViewPrecise(pageIndex, 1, 0);
+        const auto ey = view.pageToViewPrecise(pageIndex, 0, 1);
+        origin_ = {double(o[0]) - left_, double(o[1]) - top_};
+        xAxis_ = {double(ex[0]) - o[0], double(ex[1]) - o[1]};
+        yAxis_ = {double(ey[0]) - o[0], double(ey[1]) - o[1]};
     }
 
     // Page point to pixels of the page.
     std::array<double, 2> map(double x, double y) const {
-        auto p = view_.pageToViewPrecise(page_, static_cast<float>(x), static_cast<float>(y));
-        return {double(p[0]) - left_, double(p[1]) - top_};
+        return {origin_[0] + x * xAxis_[0] + y * yAxis_[0],
+                origin_[1] + x * xAxis_[1] + y * yAxis_[1]};
     }
 
     void begin(bool withPage) {
@@ -577,6 +585,7 @@ private:
     View& view_;
     uint32_t page_;
     int32_t left_ = 0, top_ = 0, width_ = 0, height_ = 0;
+    std::array<double, 2> origin_{}, xAxis_{}, yAxis_{};
     std::string out_;
 };
 

@@ -96,6 +96,9 @@ struct Document {
     std::set<QPDFObjGen> emptiedFields;
 
     std::vector<Listener> listeners;
+    // Pages whose /Annots holds only indirect dictionaries, with its length when that was
+    // last checked or kept so: a list of that length needs no new pass.
+    std::map<QPDFObjGen, int> cleanAnnots;
     uint32_t nextCookie = 1;
 };
 

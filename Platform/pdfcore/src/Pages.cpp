@@ -31,6 +31,10 @@ QPDFObjectHandle annotsOf(Document& doc, QPDFObjectHandle page, bool create) {
         page.replaceKey("/Annots", annots);
         return annots;
     }
+    // Only pdfcore changes a page's /Annots once the document is open, and it keeps the
+    // list clean: a length seen before needs no pass over every item.
+    const auto clean = doc.cleanAnnots.find(page.getObjGen());
+    if (clean != doc.cleanAnnots.end() && clean->second == annots.getArrayNItems()) return annots;
     for (int i = annots.getArrayNItems() - 1; i >= 0; --i) {
         auto item = annots.getArrayItem(i);
         if (!item.isDictionary()) {
@@ -39,7 +43,13 @@ QPDFObjectHandle annotsOf(Document& doc, QPDFObjectHandle page, bool create) {
             annots.setArrayItem(i, doc.qpdf->makeIndirectObject(item));
         }
     }
+    doc.cleanAnnots[page.getObjGen()] = annots.getArrayNItems();
     return annots;
+}
+
+// After an insertion or removal of an indirect annotation the list stays clean.
+void keptClean(Document& doc, QPDFObjectHandle page, QPDFObjectHandle annots) {
+    doc.cleanAnnots[page.getObjGen()] = annots.getArrayNItems();
 }
 
 int indexIn(QPDFObjectHandle annots, QPDFObjGen og) {
@@ -225,6 +235,7 @@ PDResult PDPageAddAnnot(PDPage page, uint32_t index, PDAnnot annot) {
         if (index > static_cast<uint32_t>(annots.getArrayNItems())) fail(PD_ERR_RANGE);
         a.obj.replaceKey("/P", p.obj);
         annots.insertItem(static_cast<int>(index), a.obj);
+        keptClean(*p.doc, p.obj, annots);
     });
 }
 
@@ -237,6 +248,7 @@ PDResult PDPageRemoveAnnot(PDPage page, PDAnnot annot) {
         int i = indexIn(annots, a.obj.getObjGen());
         if (i < 0) fail(PD_ERR_NOT_ON_PAGE);
         annots.eraseItem(i);
+        keptClean(*p.doc, p.obj, annots);
     });
 }
 
