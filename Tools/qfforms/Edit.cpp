@@ -224,7 +224,7 @@ class Editor {
                 r.body = saveToMemory(view().document());
                 return r;
             }
-            if (p.rfind("/api/overlay/", 0) == 0) return get ? overlay(p) : notAllowed();
+            if (p.rfind("/api/overlay/", 0) == 0) return get ? overlay(request) : notAllowed();
             if (!post) return p.rfind("/api/", 0) == 0 ? notAllowed() : notFound();
 
             Json body;
@@ -234,8 +234,8 @@ class Editor {
                 return jsonAnswer(400, {{"error", std::string("the body is no JSON: ") + e.what()}});
             }
             if (!body.is_object()) return jsonAnswer(400, {{"error", "the body must be an object"}});
-            ++revision_;
             if (p == "/api/event") return event(body);
+            ++revision_;
             if (p == "/api/step") return step(body);
             if (p == "/api/save") return save(body);
             if (p == "/api/language") return language(body);
@@ -256,6 +256,7 @@ class Editor {
     static HttpResponse notFound() { return jsonAnswer(404, {{"error", "no such address"}}); }
 
     HttpResponse failure(const std::string& text) {
+        ++revision_; // what failed may have changed something before it did
         Json body;
         body["error"] = text;
         try {
@@ -277,8 +278,19 @@ class Editor {
         return *v;
     }
 
-    HttpResponse overlay(const std::string& path) {
-        const std::string name = path.substr(std::string("/api/overlay/").size());
+    // Page N's overlay: ?part=annotations (what the document holds), ?part=live (what the
+    // tools draw), both without a part.
+    HttpResponse overlay(const HttpRequest& request) {
+        uint32_t parts = qfhost::kSvgAnnotations | qfhost::kSvgLive;
+        if (auto part = request.query.find("part"); part != request.query.end()) {
+            if (part->second == "annotations")
+                parts = qfhost::kSvgAnnotations;
+            else if (part->second == "live")
+                parts = qfhost::kSvgLive;
+            else
+                return jsonAnswer(404, {{"error", "no such part"}});
+        }
+        const std::string name = request.path.substr(std::string("/api/overlay/").size());
         uint32_t page = 0;
         const auto [end, ec] = std::from_chars(name.data(), name.data() + name.size(), page);
         if (ec != std::errc() || std::string(end) != ".svg")
@@ -287,7 +299,7 @@ class Editor {
         if (page >= v.document().pageCount()) return jsonAnswer(404, {{"error", "no such page"}});
         HttpResponse r;
         r.contentType = "image/svg+xml";
-        r.body = qfhost::renderPageSvg(host_, v, page, false);
+        r.body = qfhost::renderPageSvg(host_, v, page, parts);
         return r;
     }
 
@@ -322,22 +334,28 @@ class Editor {
                                               QF::kEventCancel};
         if (std::find(std::begin(kTypes), std::end(kTypes), e.type) == std::end(kTypes))
             throw StepFailure(std::nullopt, "event: unknown type");
-        View& v = view();
-        bool handled = false;
+        const bool handled = dispatch(view(), e);
+        // What the overlays show changes with anything but a pointer move no tool took.
+        if (e.type != QF::kEventMove || handled) ++revision_;
+        return answer({{"handled", handled}});
+    }
+
+    bool dispatch(View& v, const QF::InputEvent& e) {
         const bool editing = v.activeToolName() == kEditTool;
         if (e.type == QF::kEventButtonDown && e.subcode == QF::kButtonLeft &&
             (editing || !v.activeTool())) {
+            bool handled = false;
             if (editing) {
                 handled = send(v, e);
-                if (v.activeTool()) return answer({{"handled", handled}});
+                if (v.activeTool()) return handled;
                 host_.selection().clear(); // a press beside the widget ends editing
             }
-            handled = selectAt(v, e) || handled;
-        } else if (v.activeTool()) {
-            handled = send(v, e);
-            if (editing && v.activeToolName() != kEditTool) host_.selection().clear();
+            return selectAt(v, e) || handled;
         }
-        return answer({{"handled", handled}});
+        if (!v.activeTool()) return false;
+        const bool handled = send(v, e);
+        if (editing && v.activeToolName() != kEditTool) host_.selection().clear();
+        return handled;
     }
 
     // Select mode: selects the top-most widget under the press and hands the press to the
@@ -374,6 +392,7 @@ class Editor {
             setWidgetProperty(args);
         } else {
             session_.run(verb, args);
+            if (verb == "view") ++annotationsRevision_; // the outlines moved on the screen
         }
         return answer(Json::object());
     }
@@ -506,6 +525,21 @@ class Editor {
         return out;
     }
 
+    // The document's annotations changed since the last state: its change events, or a
+    // command done or undone (moving one annotation in /Annots notifies nothing).
+    uint64_t annotationsRevision(Document& doc) {
+        if (!annotChanged_.connected()) {
+            annotChanged_ = doc.OnAnnotChanged.connect(
+                [this](uint32_t, uint64_t, PDAnnot) { ++annotationsRevision_; });
+            annotsChanged_ = doc.OnAnnotsChanged.connect(
+                [this](uint32_t, uint64_t, const std::vector<PDAnnot>&) { ++annotationsRevision_; });
+        }
+        const auto depths = host_.commands().depths();
+        if (depths.undo != depths_.undo || depths.redo != depths_.redo) ++annotationsRevision_;
+        depths_ = depths;
+        return annotationsRevision_;
+    }
+
     Json state() {
         View& v = view();
         Document& doc = v.document();
@@ -514,6 +548,7 @@ class Editor {
                          {"folder", folder().string()},
                          {"modified", doc.modified()}};
         s["revision"] = revision_;
+        s["annotationsRevision"] = annotationsRevision(doc);
         Json pages = Json::array();
         int32_t width = 0, height = 0;
         for (uint32_t i = 0; i < doc.pageCount(); ++i) {
@@ -558,6 +593,9 @@ class Editor {
     fs::path path_;
     bool sample_;
     uint64_t revision_ = 0;
+    uint64_t annotationsRevision_ = 0;
+    boost::signals2::scoped_connection annotChanged_, annotsChanged_;
+    qfhost::CommandsManager::Depths depths_{};
     std::string lang_ = "en";
 
   public:

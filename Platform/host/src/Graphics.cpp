@@ -636,19 +636,22 @@ std::optional<PDRect> focusRect(View& view, PDDoc doc, uint32_t pageIndex) {
 
 }  // namespace
 
-std::string renderPageSvg(Host& host, View& view, uint32_t pageIndex, bool withPage) {
+std::string renderPageSvg(Host& host, View& view, uint32_t pageIndex, uint32_t parts) {
     Document& doc = view.document();
     if (!doc.isOpen()) throw HostError(codes::kDocumentClosed, "the document is closed");
     if (pageIndex >= doc.pageCount()) {
         throw HostError(codes::kBadArgument, "no page " + std::to_string(pageIndex));
     }
     PageWriter writer(view, pageIndex);
-    writer.begin(withPage);
-    writer.annotations(doc.pdDoc());
-    writer.items("marks", recorded(host, view, pageIndex, [&] { view.drawPage(pageIndex); }));
-    writer.items("selection", selectionItems(host, view, pageIndex));
-    if (auto r = focusRect(view, doc.pdDoc(), pageIndex)) writer.focus(*r);
-    if (auto f = view.frame(); f && f->pageIndex == pageIndex) writer.frame(*f);
+    writer.begin((parts & kSvgPage) != 0);
+    if (parts & kSvgAnnotations) writer.annotations(doc.pdDoc());
+    if (parts & kSvgLive) {
+        writer.items("marks",
+                     recorded(host, view, pageIndex, [&] { view.drawPage(pageIndex); }));
+        writer.items("selection", selectionItems(host, view, pageIndex));
+        if (auto r = focusRect(view, doc.pdDoc(), pageIndex)) writer.focus(*r);
+        if (auto f = view.frame(); f && f->pageIndex == pageIndex) writer.frame(*f);
+    }
     return writer.finish();
 }
 

@@ -91,11 +91,20 @@ private:
 // <polygon> for rects and polygons, <text class="text">), "selection", "focus" (a
 // <rect class="focus">), "frame". Numbers have at most two decimals. Throws HostError: kBadArgument for a page past the pages,
 // kDocumentClosed, kPdfFailure when the page cannot be read.
-// With withPage false the page itself (group "page") is left out: the picture is
-// transparent but for what lies over the page, to be laid over a rendering of the page.
-// Widget rectangles carry data-field (the field's full name) and data-kind (its type:
-// Tx, Btn, Ch, Sig).
+// parts chooses the groups written: the page itself ("page"), the annotations
+// ("annotations"), and what changes while a tool works ("marks", "selection", "focus",
+// "frame"). Without the page the picture is transparent, to be laid over a rendering of
+// the page; an editor fetches the annotations when the document changed and the rest
+// after every event. Annotation rectangles carry data-index (the position in /Annots);
+// widgets also data-field (the field's full name) and data-kind (its type: Tx, Btn, Ch,
+// Sig).
+enum SvgParts : uint32_t {
+    kSvgPage = 1,
+    kSvgAnnotations = 2,
+    kSvgLive = 4,
+    kSvgAll = kSvgPage | kSvgAnnotations | kSvgLive,
+};
 QFHOST_API std::string renderPageSvg(Host& host, View& view, uint32_t pageIndex,
-                                     bool withPage = true);
+                                     uint32_t parts = kSvgAll);
 
 }  // namespace qfhost
