@@ -1,0 +1,444 @@
+// The form editor's page: the document's pages drawn by pdf.js without their widgets, the
+// host's overlay of each page over them, and the person's pointer and keys sent to the
+// host in the view pixels of its layout.
+
+import * as pdfjs from '/vendor/pdfjs/pdf.mjs';
+import {getBytes, getText, onBusyChange, post, setAnswerHandler, tracked} from './api.js';
+import {renderPanel} from './panel.js';
+import {setLanguage, t, translate} from './texts.js';
+
+pdfjs.GlobalWorkerOptions.workerSrc = '/vendor/pdfjs/pdf.worker.mjs';
+
+const tools = [
+  'TextFieldCreate', 'CheckBoxCreate', 'RadioGroupCreate', 'ComboBoxCreate', 'ListBoxCreate',
+  'PushButtonCreate', 'PrintButtonCreate', 'EmailButtonCreate', 'SaveButtonCreate',
+  'SubmitButtonCreate', 'DigitalSignatureFieldCreate', 'FormTabOrder',
+];
+const zooms = [0.25, 0.5, 0.75, 1, 1.25, 1.5, 2, 3, 4];
+const hostKeys = {Tab: 9, ArrowLeft: 37, ArrowUp: 38, ArrowRight: 39, ArrowDown: 40, Delete: 46};
+
+const $ = (selector) => document.querySelector(selector);
+const view = $('#view');
+
+let state = null;
+let preview = false;
+let focusPage = 0; // the page under the last press: where Paste puts the widget
+let marking = false; // a Shift+press in select mode: it and its release stay in the page
+let lastMove = '';
+const marked = new Map(); // widgets marked for grouping, by "page:index"
+const pages = []; // per page: {element, canvas, overlay, annotations, live, loading, again}
+let drawnKey = '';
+let drawing = 0; // the latest drawing of the canvases; older ones give up
+
+onBusyChange((busy) => document.body.toggleAttribute('data-busy', busy));
+
+// ---- state ----
+
+setAnswerHandler((answer) => {
+  if (answer.body.state) show(answer.body.state);
+  if (!answer.ok) say(answer.body.error ?? `${answer.status}`);
+});
+
+function show(s) {
+  const languageChanged = state?.lang !== s.lang;
+  state = s;
+  if (languageChanged) {
+    setLanguage(s.lang);
+    $('#lang').value = s.lang;
+    translate();
+  }
+  placePages(s.layout);
+  view.dataset.revision = s.revision;
+  pages.forEach((p, i) => {
+    const stale = p.overlay.dataset.revision !== String(s.revision);
+    if (stale && p.element.hasAttribute('data-visible')) loadOverlay(i);
+  });
+  drawPages();
+  updateToolbar();
+  renderPanel(s, step);
+}
+
+function say(text) {
+  $('#message').textContent = text;
+}
+
+function notice(text) {
+  $('#notice').textContent = text;
+}
+
+// Sends a step the person asked for; resolves with its answer.
+function step(body) {
+  say('');
+  return post('/api/step', body);
+}
+
+// ---- pages ----
+
+// Only the overlays of pages in sight (or nearly) follow every change; the others are
+// fetched when they come into sight.
+const visibility = new IntersectionObserver((entries) => {
+  for (const {target, isIntersecting} of entries) {
+    target.toggleAttribute('data-visible', isIntersecting);
+    const i = Number(target.dataset.page);
+    const stale = target.querySelector('.overlay').dataset.revision !== String(state?.revision);
+    if (isIntersecting && stale && pages[i]?.element === target) loadOverlay(i);
+  }
+}, {root: $('#scroller'), rootMargin: '200px'});
+
+function placePages(layout) {
+  view.style.width = `${layout.width}px`;
+  view.style.height = `${layout.height}px`;
+  while (pages.length > layout.pages.length) {
+    const {element} = pages.pop();
+    visibility.unobserve(element);
+    element.remove();
+  }
+  while (pages.length < layout.pages.length) {
+    const element = document.createElement('div');
+    element.className = 'page';
+    element.dataset.page = pages.length;
+    const canvas = document.createElement('canvas');
+    // The overlay in two layers: the annotations, fetched when the document changed, and
+    // what the tools draw, fetched after every change.
+    const overlay = document.createElement('div');
+    overlay.className = 'overlay';
+    const annotations = document.createElement('div');
+    const live = document.createElement('div');
+    overlay.append(annotations, live);
+    element.append(canvas, overlay);
+    view.append(element);
+    visibility.observe(element);
+    pages.push({element, canvas, overlay, annotations, live, loading: false, again: false});
+  }
+  layout.pages.forEach((r, i) => {
+    Object.assign(pages[i].element.style, {
+      left: `${r.left}px`, top: `${r.top}px`,
+      width: `${r.right - r.left}px`, height: `${r.bottom - r.top}px`,
+    });
+  });
+}
+
+// Draws the canvases again when what they show changed: the zoom, a turn, the pages; while
+// previewing, every change of the form too, since the widgets are drawn then.
+function drawPages() {
+  const {zoom, pages: rects} = state.layout;
+  const sizes = rects.map((r) => [r.right - r.left, r.bottom - r.top, r.rotation]);
+  const key = JSON.stringify([zoom, sizes, preview && state.revision]);
+  if (key === drawnKey) return;
+  drawnKey = key;
+  const mine = ++drawing;
+  const mode = preview ? pdfjs.AnnotationMode.ENABLE : pdfjs.AnnotationMode.DISABLE;
+  tracked(async () => {
+    let task;
+    try {
+      task = pdfjs.getDocument({
+        data: await getBytes('/api/document.pdf'),
+        wasmUrl: '/vendor/pdfjs/wasm/',
+        standardFontDataUrl: '/vendor/pdfjs/standard_fonts/',
+        cMapUrl: '/vendor/pdfjs/cmaps/',
+      });
+      const pdf = await task.promise;
+      const scale = zoom * devicePixelRatio;
+      for (let i = 0; i < rects.length && i < pdf.numPages && mine === drawing; ++i) {
+        const page = await pdf.getPage(i + 1);
+        const rotation = (((rects[i].rotation ?? 0) % 360) + 360) % 360;
+        const viewport = page.getViewport({scale, rotation});
+        const canvas = document.createElement('canvas');
+        canvas.width = Math.round(viewport.width);
+        canvas.height = Math.round(viewport.height);
+        await page.render({canvas, viewport, annotationMode: mode}).promise;
+        if (mine !== drawing || !pages[i]) break;
+        pages[i].canvas.replaceWith(canvas);
+        pages[i].canvas = canvas;
+      }
+    } catch (e) {
+      if (mine === drawing) say(t('drawFailed', e.message ?? e));
+    } finally {
+      await task?.destroy();
+    }
+  });
+}
+
+// Fetches page i's overlay layers, again while the state moved on during the fetch.
+function loadOverlay(i) {
+  const p = pages[i];
+  if (p.loading) {
+    p.again = true;
+    return;
+  }
+  p.loading = true;
+  tracked(async () => {
+    do {
+      p.again = false;
+      const {revision, annotationsRevision} = state;
+      try {
+        const layers = [['live', p.live]];
+        if (p.overlay.dataset.annotations !== String(annotationsRevision)) {
+          layers.push(['annotations', p.annotations]);
+        }
+        const texts = await Promise.all(
+            layers.map(([part]) => getText(`/api/overlay/${i}.svg?part=${part}`)));
+        layers.forEach(([, layer], k) => placeSvg(layer, texts[k]));
+        p.overlay.dataset.annotations = annotationsRevision;
+        p.overlay.dataset.revision = revision;
+        markWidgets(i);
+      } catch (e) {
+        say(t('pageFailed', i + 1, e.message ?? e));
+      }
+    } while (p.again && pages[i] === p);
+    p.loading = false;
+  });
+}
+
+function placeSvg(layer, text) {
+  const svg = new DOMParser().parseFromString(text, 'image/svg+xml').documentElement;
+  if (svg.localName !== 'svg') throw new Error('the overlay is no SVG');
+  // The overlay names fields of an untrusted document: nothing in it may run.
+  svg.querySelectorAll('script, foreignObject').forEach((e) => e.remove());
+  for (const e of [svg, ...svg.querySelectorAll('*')]) {
+    for (const a of [...e.attributes]) if (/^on|href$/i.test(a.name)) e.removeAttribute(a.name);
+  }
+  // Each page has groups of the same names: classes, not ids, in one HTML document.
+  for (const g of svg.querySelectorAll('g[id]')) {
+    g.classList.add(g.id);
+    g.removeAttribute('id');
+  }
+  layer.replaceChildren(document.importNode(svg, true));
+}
+
+// ---- marks for grouping ----
+
+function markWidgets(i) {
+  for (const [key, w] of marked) {
+    const rect = pages[i].overlay.querySelector(`rect.widget[data-index="${w.index}"]`);
+    if (w.page === i && rect?.dataset.field !== w.field) {
+      marked.delete(key); // deleted, undone or moved in the page's list
+    }
+  }
+  for (const r of pages[i].overlay.querySelectorAll('rect[data-index]')) {
+    r.classList.toggle('marked', marked.has(`${i}:${r.dataset.index}`));
+  }
+  $('#marked-count').textContent = marked.size ? t('marked', marked.size) : '';
+  $('#group-radio').disabled = marked.size === 0;
+}
+
+// Marks or unmarks the top-most widget under view pixel (x, y).
+function toggleMark(x, y) {
+  const i = pageAt(x, y);
+  if (i < 0) return;
+  const r = state.layout.pages[i];
+  const px = x - r.left, py = y - r.top;
+  const widgets = [...pages[i].overlay.querySelectorAll('g.annotations rect.widget')];
+  const hit = widgets.reverse().find((e) => {
+    const [left, top, w, h] = ['x', 'y', 'width', 'height'].map((a) => Number(e.getAttribute(a)));
+    return px >= left && px <= left + w && py >= top && py <= top + h;
+  });
+  if (!hit) return;
+  const key = `${i}:${hit.dataset.index}`;
+  if (marked.has(key)) marked.delete(key);
+  else marked.set(key, {page: i, index: Number(hit.dataset.index), field: hit.dataset.field});
+  markWidgets(i);
+}
+
+async function groupMarked() {
+  const widgets = [...marked.values()].sort((a, b) => a.page - b.page || a.index - b.index)
+    .map(({page, index}) => ({page, index}));
+  const answer = await step({command: {name: 'GroupRadioButtons', widgets}});
+  if (answer.ok) {
+    marked.clear();
+    pages.forEach((_, i) => markWidgets(i));
+  }
+}
+
+// ---- pointer and keys ----
+
+function pageAt(x, y) {
+  return state.layout.pages.findIndex(
+    (r) => x >= r.left && x < r.right && y >= r.top && y < r.bottom);
+}
+
+function modifiers(ev) {
+  return (ev.shiftKey ? 4 : 0) | (ev.ctrlKey || ev.metaKey ? 8 : 0);
+}
+
+function event(type, ev, code = 0, replace = false) {
+  const box = view.getBoundingClientRect();
+  const x = Math.floor(ev.clientX - box.left), y = Math.floor(ev.clientY - box.top);
+  return post('/api/event', {type, code, x, y, modifiers: modifiers(ev)}, {replace});
+}
+
+const selectMode = () => state.tool === '' || state.tool === 'Edit';
+
+view.addEventListener('pointerdown', (ev) => {
+  if (!state || preview || (ev.button !== 0 && ev.button !== 2)) return;
+  ev.preventDefault();
+  view.focus({preventScroll: true});
+  const box = view.getBoundingClientRect();
+  const x = Math.floor(ev.clientX - box.left), y = Math.floor(ev.clientY - box.top);
+  const page = pageAt(x, y);
+  if (page >= 0) focusPage = page;
+  view.setPointerCapture(ev.pointerId);
+  if (ev.shiftKey && ev.button === 0 && selectMode()) {
+    marking = true;
+    toggleMark(x, y);
+    return;
+  }
+  say('');
+  event(2, ev, ev.button === 2 ? 1 : 0);
+});
+
+view.addEventListener('pointermove', (ev) => {
+  // With no tool active the host has no use for a move unless a press started a drag.
+  if (!state || preview || marking || (state.tool === '' && ev.buttons === 0)) return;
+  const box = view.getBoundingClientRect();
+  const at = `${Math.floor(ev.clientX - box.left)},${Math.floor(ev.clientY - box.top)}`;
+  if (at === lastMove) return;
+  lastMove = at;
+  event(4, ev, 0, true);
+});
+
+view.addEventListener('pointerup', (ev) => {
+  if (marking) {
+    marking = false;
+    return;
+  }
+  if (!state || preview || (ev.button !== 0 && ev.button !== 2)) return;
+  event(3, ev, ev.button === 2 ? 1 : 0);
+});
+
+view.addEventListener('pointercancel', (ev) => {
+  marking = false;
+  if (state && !preview) event(11, ev);
+});
+
+view.addEventListener('contextmenu', (ev) => ev.preventDefault());
+
+const shortcuts = {
+  z: () => step({undo: 1}),
+  y: () => step({redo: 1}),
+  c: () => step({edit: 'Copy'}),
+  x: () => step({edit: 'Cut'}),
+  v: () => step({paste: {page: focusPage}}),
+  d: () => step({edit: 'DuplicateCopy'}),
+};
+
+function key(type, ev) {
+  if (!state || preview || ev.target.closest?.('input, select, textarea')) return;
+  if ((ev.ctrlKey || ev.metaKey) && !ev.altKey) {
+    const name = ev.shiftKey && ev.key.toLowerCase() === 'z' ? 'y' : ev.key.toLowerCase();
+    if (!shortcuts[name]) return;
+    ev.preventDefault();
+    if (type === 7) shortcuts[name]();
+    return;
+  }
+  const code = hostKeys[ev.key];
+  if (code === undefined || (ev.target !== view && ev.target !== document.body)) return;
+  ev.preventDefault();
+  post('/api/event', {type, code, x: 0, y: 0, modifiers: modifiers(ev)}).then((a) => {
+    // Delete the tool left alone deletes the selected widget.
+    if (type === 7 && code === 46 && a.ok && !a.body.handled && a.body.state.selection) {
+      step({edit: 'Delete'});
+    }
+  });
+}
+
+document.addEventListener('keydown', (ev) => key(7, ev));
+document.addEventListener('keyup', (ev) => key(8, ev));
+
+// ---- toolbar ----
+
+for (const name of tools) {
+  const b = document.createElement('button');
+  b.type = 'button';
+  b.dataset.tool = name;
+  b.dataset.text = name;
+  $('#tools').append(b);
+}
+
+function zoomTo(direction) {
+  const now = state.layout.zoom;
+  const next = direction > 0 ? zooms.find((z) => z > now + 1e-6)
+    : zooms.findLast((z) => z < now - 1e-6);
+  if (next) step({view: {zoom: next}});
+}
+
+// Orders every page's widgets, then shows the order with the tab-order tool's numbers.
+async function autoTabOrder(order) {
+  const answer = await step({command: {name: 'AutoTabOrderAnnot', order}});
+  if (answer.ok && state.tool !== 'FormTabOrder') step({tool: 'FormTabOrder'});
+}
+
+async function save(body) {
+  say('');
+  notice('');
+  const answer = await post('/api/save', body);
+  if (answer.ok) notice(t('saved', answer.body.saved));
+}
+
+$('#toolbar').addEventListener('click', (ev) => {
+  const b = ev.target.closest('button');
+  if (!b || !state) return;
+  if (b.dataset.tool !== undefined) step({tool: b.dataset.tool});
+  else if (b.dataset.edit) step({edit: b.dataset.edit});
+  else {
+    ({
+      'tab-rows': () => autoTabOrder('rows'),
+      'tab-columns': () => autoTabOrder('columns'),
+      'group-radio': groupMarked,
+      'undo': () => step({undo: 1}),
+      'redo': () => step({redo: 1}),
+      'paste': () => step({paste: {page: focusPage}}),
+      'zoom-in': () => zoomTo(1),
+      'zoom-out': () => zoomTo(-1),
+      'rotate': () => step({view: {rotation: (state.layout.rotation + 90) % 360}}),
+      'preview': togglePreview,
+      'save': () => save({}),
+      'save-as': () => save({as: $('#save-as-name').value.trim()}),
+    })[b.id]?.();
+  }
+});
+
+$('#save-as-name').addEventListener('keydown', (ev) => {
+  if (ev.key === 'Enter') save({as: ev.target.value.trim()});
+});
+
+$('#lang').addEventListener('change', (ev) => post('/api/language', {lang: ev.target.value}));
+
+function togglePreview() {
+  preview = !preview;
+  document.body.classList.toggle('preview', preview);
+  $('#preview').setAttribute('aria-pressed', String(preview));
+  updateToolbar();
+  drawPages();
+}
+
+function updateToolbar() {
+  const s = state;
+  for (const b of document.querySelectorAll('[data-tool]')) {
+    const active = b.dataset.tool === s.tool || (b.dataset.tool === '' && s.tool === 'Edit');
+    b.classList.toggle('active', active);
+    b.setAttribute('aria-pressed', String(active));
+    b.disabled = preview || (b.dataset.tool !== '' && !s.tools.includes(b.dataset.tool));
+  }
+  const undo = $('#undo'), redo = $('#redo');
+  undo.disabled = !s.undo.length;
+  redo.disabled = !s.redo.length;
+  undo.title = s.undo.length ? t('undoWhat', s.undo.at(-1)) : '';
+  redo.title = s.redo.length ? t('redoWhat', s.redo.at(-1)) : '';
+  const editing = s.tool === 'Edit' && s.selection !== null;
+  for (const b of document.querySelectorAll('[data-edit]')) b.disabled = preview || !editing;
+  $('#zoom').textContent = `${Math.round(s.layout.zoom * 100)}%`;
+  $('#save-folder').textContent = t('saveAsIn', s.document.folder);
+  $('#save-folder').title = s.document.folder;
+  $('#doc-name').textContent = s.document.name;
+  $('#doc-modified').textContent = s.document.modified ? ' *' : '';
+  document.title = `${s.document.name}${s.document.modified ? ' *' : ''} — qfforms edit`;
+  $('#group-radio').disabled = marked.size === 0;
+}
+
+// ---- start ----
+
+translate();
+getText('/api/state').then(
+  (text) => show(JSON.parse(text).state),
+  (e) => say(String(e.message ?? e)));

@@ -1,0 +1,126 @@
+// The page's own words in English and Japanese. What the module says comes from the server
+// already in the editor's language.
+
+const table = {
+  en: {
+    Select: 'Select',
+    TextFieldCreate: 'Text field',
+    CheckBoxCreate: 'Check box',
+    RadioGroupCreate: 'Radio buttons',
+    ComboBoxCreate: 'Combo box',
+    ListBoxCreate: 'List box',
+    PushButtonCreate: 'Button',
+    PrintButtonCreate: 'Print button',
+    EmailButtonCreate: 'Email button',
+    SaveButtonCreate: 'Save button',
+    SubmitButtonCreate: 'Submit button',
+    DigitalSignatureFieldCreate: 'Signature',
+    FormTabOrder: 'Tab order',
+    tabRows: 'Tab order: rows',
+    tabColumns: 'Tab order: columns',
+    group: 'Group as radio buttons',
+    groupHint: 'Shift+click widgets in select mode to mark them',
+    undo: 'Undo',
+    redo: 'Redo',
+    undoWhat: 'Undo {0}',
+    redoWhat: 'Redo {0}',
+    copy: 'Copy',
+    cut: 'Cut',
+    paste: 'Paste',
+    duplicate: 'Duplicate',
+    delete: 'Delete',
+    zoomIn: 'Zoom in',
+    zoomOut: 'Zoom out',
+    rotate: 'Rotate view',
+    preview: 'Preview',
+    save: 'Save',
+    saveAs: 'Save as',
+    saveAsIn: 'in {0}',
+    saved: 'Saved {0}',
+    language: 'Language',
+    properties: 'Properties',
+    toolSheet: 'Tool',
+    widgetSheet: 'Widget',
+    nothing: 'Nothing to show: pick a tool or select a widget.',
+    display: 'Display',
+    export: 'Export',
+    addRow: 'Add row',
+    removeRow: 'Remove',
+    apply: 'Apply',
+    marked: '{0} marked',
+    pageFailed: 'Page {0} could not be drawn: {1}',
+    drawFailed: 'The pages could not be drawn: {0}',
+  },
+  ja: {
+    Select: '選択',
+    TextFieldCreate: 'テキストフィールド',
+    CheckBoxCreate: 'チェックボックス',
+    RadioGroupCreate: 'ラジオボタン',
+    ComboBoxCreate: 'コンボボックス',
+    ListBoxCreate: 'リストボックス',
+    PushButtonCreate: 'ボタン',
+    PrintButtonCreate: '印刷ボタン',
+    EmailButtonCreate: 'メール送信ボタン',
+    SaveButtonCreate: '保存ボタン',
+    SubmitButtonCreate: '送信ボタン',
+    DigitalSignatureFieldCreate: '電子署名',
+    FormTabOrder: 'タブ順序',
+    tabRows: 'タブ順序: 行ごと',
+    tabColumns: 'タブ順序: 列ごと',
+    group: 'ラジオボタンにまとめる',
+    groupHint: '選択モードで Shift+クリックしてウィジェットに印を付けます',
+    undo: '元に戻す',
+    redo: 'やり直し',
+    undoWhat: '元に戻す: {0}',
+    redoWhat: 'やり直し: {0}',
+    copy: 'コピー',
+    cut: '切り取り',
+    paste: '貼り付け',
+    duplicate: '複製',
+    delete: '削除',
+    zoomIn: '拡大',
+    zoomOut: '縮小',
+    rotate: '表示を回転',
+    preview: 'プレビュー',
+    save: '保存',
+    saveAs: '名前を付けて保存',
+    saveAsIn: '保存先: {0}',
+    saved: '{0} に保存しました',
+    language: '言語',
+    properties: 'プロパティ',
+    toolSheet: 'ツール',
+    widgetSheet: 'ウィジェット',
+    nothing: 'ツールを選ぶかウィジェットを選択してください。',
+    display: '表示名',
+    export: '書き出し値',
+    addRow: '行を追加',
+    removeRow: '削除',
+    apply: '適用',
+    marked: '{0} 個に印',
+    pageFailed: '{0} ページ目を描けません: {1}',
+    drawFailed: 'ページを描けません: {0}',
+  },
+};
+
+let lang = 'en';
+
+export function setLanguage(l) {
+  lang = table[l] ? l : 'en';
+  document.documentElement.lang = lang;
+}
+
+// The text for key with {0}, {1}... filled in; the key itself when there is none.
+export function t(key, ...args) {
+  const text = table[lang][key] ?? table.en[key] ?? key;
+  return text.replace(/\{(\d)\}/g, (_, i) => String(args[i] ?? ''));
+}
+
+// Fills the elements under root that name their words: data-text for the content,
+// data-title for the title (and the accessible name of icon buttons).
+export function translate(root = document) {
+  for (const e of root.querySelectorAll('[data-text]')) e.textContent = t(e.dataset.text);
+  for (const e of root.querySelectorAll('[data-title]')) {
+    e.title = t(e.dataset.title);
+    e.setAttribute('aria-label', e.title);
+  }
+}

@@ -1,0 +1,411 @@
+// The form editor's page in a real browser against a real `qfforms edit`:
+//
+//   node tests/web/editor.test.mjs --qfforms BIN --sample BLANK.pdf --artifacts DIR
+//
+// BLANK.pdf is a document whose first page has no annotations; a copy of it in a temporary
+// folder is edited as a person would with the mouse and the keyboard: fields drawn, one
+// moved and the move undone, one renamed in the panel, a combo box's options typed into
+// its table, the tab order set, the form previewed and saved as a new file that pypdf
+// then reads. DIR receives a screenshot of every stage and the server's log.
+
+import assert from 'node:assert/strict';
+import {execFileSync, spawn} from 'node:child_process';
+import fs from 'node:fs';
+import {createRequire} from 'node:module';
+import os from 'node:os';
+import path from 'node:path';
+import {after, before, describe, test} from 'node:test';
+import {fileURLToPath} from 'node:url';
+import {parseArgs} from 'node:util';
+
+const root = path.resolve(path.dirname(fileURLToPath(import.meta.url)), '../..');
+const {chromium} = createRequire(path.join(root, 'Web', 'package.json'))('playwright-core');
+
+const {values: args} = parseArgs({
+  options: {qfforms: {type: 'string'}, sample: {type: 'string'}, artifacts: {type: 'string'}},
+});
+for (const name of ['qfforms', 'sample', 'artifacts']) {
+  if (!args[name]) throw new Error(`--${name} is needed`);
+}
+const artifacts = path.resolve(args.artifacts);
+fs.mkdirSync(artifacts, {recursive: true});
+const folder = fs.mkdtempSync(path.join(os.tmpdir(), 'qf-web-'));
+const original = path.join(folder, 'form.pdf');
+fs.copyFileSync(args.sample, original);
+
+let editor; // {proc, exited, url, port, token}
+let browser;
+let page;
+let page0; // page 0's rectangle in the view at zoom 1
+const pageErrors = [];
+
+// ---- the server ----
+
+async function startEditor() {
+  const log = fs.createWriteStream(path.join(artifacts, 'server.log'));
+  const proc = spawn(path.resolve(args.qfforms), ['edit', original, '--port', '0'], {
+    cwd: folder, stdio: ['ignore', 'pipe', 'pipe'],
+    // Settings and clipboard of its own, so that nothing is there to paste.
+    env: {...process.env, XDG_CONFIG_HOME: `${folder}/config`, XDG_STATE_HOME: `${folder}/state`},
+  });
+  proc.stderr.pipe(log);
+  const exited = new Promise((resolve) => proc.on('exit', (code, signal) =>
+    resolve({code, signal})));
+  let out = '';
+  const address = await new Promise((resolve, reject) => {
+    setTimeout(() => reject(new Error(`no address within 30 s: ${out}`)), 30000).unref();
+    exited.then(({code}) => reject(new Error(`qfforms edit exited with ${code}: ${out}`)));
+    proc.stdout.on('data', (d) => {
+      log.write(d);
+      const m = /http:\/\/127\.0\.0\.1:(\d+)\/\?token=([0-9a-f]+)/.exec(out += d);
+      if (m) resolve({url: m[0], port: Number(m[1]), token: m[2]});
+    });
+  });
+  return {...address, proc, exited};
+}
+
+function api(route, {body, token = editor.token} = {}) {
+  return fetch(`http://127.0.0.1:${editor.port}${route}`, {
+    method: body === undefined ? 'GET' : 'POST',
+    headers: token ? {'X-QF-Token': token} : {},
+    body: body === undefined ? undefined : JSON.stringify(body),
+  });
+}
+
+async function serverState() {
+  return (await (await api('/api/state')).json()).state;
+}
+
+// ---- the page ----
+
+// Waits until the page has no request or drawing under way and every page in sight shows
+// the overlay of the host's latest revision.
+function settled() {
+  return page.waitForFunction(() => {
+    const view = document.getElementById('view');
+    const shown = [...document.querySelectorAll('.page[data-visible] .overlay')];
+    return view.dataset.revision !== undefined && !document.body.hasAttribute('data-busy') &&
+      shown.length > 0 && shown.every((o) => o.dataset.revision === view.dataset.revision);
+  }, null, {timeout: 15000});
+}
+
+const shot = (name) => page.screenshot({path: path.join(artifacts, name)});
+
+// Mouse positions in the browser window for view pixels.
+async function inWindow(...points) {
+  const box = await page.locator('#view').boundingBox();
+  return points.map(([x, y]) => [box.x + x, box.y + y]);
+}
+
+async function drag(from, to) {
+  const [a, b] = await inWindow(from, to);
+  await page.mouse.move(...a);
+  await page.mouse.down();
+  await page.mouse.move(...b, {steps: 8});
+  await page.mouse.up();
+  await settled();
+}
+
+async function click(at, modifier) {
+  const [a] = await inWindow(at);
+  if (modifier) await page.keyboard.down(modifier);
+  await page.mouse.click(...a);
+  if (modifier) await page.keyboard.up(modifier);
+  await settled();
+}
+
+async function press(selector) {
+  await page.click(selector);
+  await settled();
+}
+
+// The widgets page 0's overlay shows, in /Annots order, in the page's pixels.
+function overlayWidgets() {
+  const widgets = '.page[data-page="0"] g.annotations rect.widget';
+  return page.$$eval(widgets, (rects) => rects.map((r) => ({
+    field: r.dataset.field, kind: r.dataset.kind, marked: r.classList.contains('marked'),
+    ...Object.fromEntries(['x', 'y', 'width', 'height'].map((a) => [a, Number(r.getAttribute(a))])),
+  })));
+}
+
+async function widget(field) {
+  const w = (await overlayWidgets()).find((r) => r.field === field);
+  assert.ok(w, `the overlay shows ${field}`);
+  return w;
+}
+
+// View pixels of page 0's pixel (x, y) at zoom 1, and of (dx, dy) into widget w.
+const at = ([x, y]) => [page0.left + x, page0.top + y];
+const on = (w, dx, dy) => at([w.x + dx, w.y + dy]);
+
+// Steps of one session run in order; a failing one leaves its picture.
+function stage(name, f) {
+  test(name, async () => {
+    try {
+      await f();
+    } catch (e) {
+      await page.screenshot({path: path.join(artifacts, `failed-${name.replace(/\W+/g, '-')}.png`)})
+        .catch(() => {});
+      throw e;
+    }
+  });
+}
+
+// What pypdf reads of page 0's annotations: subtype, full name, field type (inherited),
+// normalized rectangle and options.
+function readAnnots(file) {
+  const script = `
+import json, sys
+from pypdf import PdfReader
+def up(n):
+    while n is not None:
+        yield n
+        n = n["/Parent"].get_object() if "/Parent" in n else None
+def inherited(a, key):
+    return next((n[key] for n in up(a) if key in n), None)
+out = []
+for a in [ref.get_object() for ref in PdfReader(sys.argv[1]).pages[0].get("/Annots", [])]:
+    r, opt = [float(v) for v in a["/Rect"]], inherited(a, "/Opt")
+    out.append({"subtype": a["/Subtype"], "type": inherited(a, "/FT"),
+                "name": ".".join(reversed([str(n["/T"]) for n in up(a) if "/T" in n])),
+                "rect": [min(r[0], r[2]), min(r[1], r[3]), max(r[0], r[2]), max(r[1], r[3])],
+                "opt": opt and [[str(v) for v in o] if isinstance(o, list) else str(o)
+                                for o in opt]})
+print(json.dumps(out))
+`;
+  return JSON.parse(execFileSync('/usr/bin/python3', ['-c', script, file], {encoding: 'utf8'}));
+}
+
+// ---- the session ----
+
+// Fields drawn on page 0 at zoom 1, in pixels from its top left: none in row order.
+const drawn = {
+  TextFieldCreate: {from: [100, 600], to: [300, 624]},
+  CheckBoxCreate: {from: [100, 100], to: [118, 118]},
+  ComboBoxCreate: {from: [100, 300], to: [250, 322]},
+};
+const names = {}; // tool → the name of the field it drew
+
+before(async () => {
+  editor = await startEditor();
+  browser = await chromium.launch(
+    {executablePath: '/usr/bin/chromium', headless: true, args: ['--no-sandbox']});
+  page = await browser.newPage({viewport: {width: 1280, height: 1000}});
+  page.on('pageerror', (e) => pageErrors.push(e.message));
+  await page.goto(editor.url);
+  await page.waitForSelector('.page[data-page="0"] .overlay svg >> nth=0');
+  await settled();
+});
+
+after(async () => {
+  await browser?.close();
+  if (editor?.proc.exitCode === null) editor.proc.kill('SIGKILL');
+  fs.rmSync(folder, {recursive: true, force: true});
+});
+
+describe('the server refuses what the page never asks', () => {
+  test('a request without the session token', async () => {
+    assert.equal((await api('/api/state', {token: null})).status, 403);
+    assert.equal((await api('/api/state', {token: '0'.repeat(32)})).status, 403);
+    assert.equal((await api('/api/state')).status, 200);
+  });
+
+  test('Save as outside the document folder', async () => {
+    for (const name of ['../x.pdf', '/tmp/x.pdf']) {
+      assert.equal((await api('/api/save', {body: {as: name}})).status, 403, name);
+    }
+    assert.ok(!fs.existsSync(path.join(path.dirname(folder), 'x.pdf')));
+  });
+});
+
+describe('an editing session in the browser', () => {
+  stage('canvas and overlay lie on the host\'s page rectangle, zoomed and turned', async () => {
+    const fits = async () => {
+      const {layout} = await serverState();
+      const r = layout.pages[0];
+      const boxes = ['#view', '.page[data-page="0"]', '[data-page="0"] svg >> nth=0'];
+      const [view, p, svg] = await Promise.all(boxes.map((s) => page.locator(s).boundingBox()));
+      const canvas = await page.locator('[data-page="0"] canvas')
+        .evaluate((c) => [c.width, c.height]);
+      assert.deepEqual([p.x - view.x, p.y - view.y, p.width, p.height],
+        [r.left, r.top, r.right - r.left, r.bottom - r.top]);
+      assert.deepEqual([svg.x, svg.y, svg.width, svg.height], [p.x, p.y, p.width, p.height]);
+      assert.ok(Math.abs(canvas[0] - p.width) <= 1 && Math.abs(canvas[1] - p.height) <= 1);
+      return [layout.zoom, layout.rotation, p.width > p.height];
+    };
+    assert.deepEqual(await fits(), [1, 0, false]);
+    page0 = (await serverState()).layout.pages[0];
+    await shot('01-open.png');
+    await press('#zoom-in');
+    await press('#rotate');
+    assert.deepEqual(await fits(), [1.25, 90, true]);
+    for (let i = 0; i < 3; ++i) await press('#rotate');
+    await press('#zoom-out');
+    assert.deepEqual(await fits(), [1, 0, false]);
+  });
+
+  stage('dragging with a creation tool draws a field under the pointer', async () => {
+    for (const [tool, {from, to}] of Object.entries(drawn)) {
+      await press(`[data-tool="${tool}"]`);
+      assert.equal(await page.getAttribute(`[data-tool="${tool}"]`, 'aria-pressed'), 'true');
+      const before = await overlayWidgets();
+      await drag(at(from), at(to));
+      const widgets = await overlayWidgets();
+      assert.equal(widgets.length, before.length + 1, `${tool} drew one widget`);
+      const w = widgets.find((r) => !before.some((b) => b.field === r.field));
+      names[tool] = w.field;
+      assert.ok([[w.x, from[0]], [w.y, from[1]], [w.x + w.width, to[0]], [w.y + w.height, to[1]]]
+        .every(([got, want]) => Math.abs(got - want) <= 1), `${tool}: ${JSON.stringify(w)}`);
+    }
+    assert.deepEqual((await overlayWidgets()).map((w) => w.kind), ['Tx', 'Btn', 'Ch']);
+    await shot('02-fields.png');
+  });
+
+  stage('a drag in select mode moves the widget, arrows nudge it, Ctrl+Z undoes', async () => {
+    await press('[data-tool=""]');
+    const text = await widget(names.TextFieldCreate);
+    await drag(on(text, 50, 10), on(text, 90, 40));
+    const moved = await widget(names.TextFieldCreate);
+    assert.deepEqual([moved.x - text.x, moved.y - text.y, moved.width], [40, 30, text.width]);
+    assert.match(await page.getAttribute('#undo', 'title'), /Annot_SetRect/);
+    await shot('03-moved.png');
+    await page.keyboard.press('Control+z');
+    await settled();
+    const back = await widget(names.TextFieldCreate);
+    assert.deepEqual([back.x, back.y], [text.x, text.y]);
+    await shot('04-undone.png');
+    // Keys go to the host from the view, not from the panel.
+    await page.keyboard.press('ArrowRight');
+    await settled();
+    const nudged = await widget(names.TextFieldCreate);
+    assert.ok(nudged.x > text.x && nudged.y === text.y);
+    await page.locator('#tool-sheet [data-property="FieldName"] input').press('ArrowLeft');
+    await settled();
+    assert.equal((await widget(names.TextFieldCreate)).x, nudged.x);
+    await press('#undo');
+  });
+
+  stage('the panel renames the selected field', async () => {
+    await click(on(await widget(names.TextFieldCreate), 20, 5));
+    const steps = [];
+    const count = (r) => r.url().endsWith('/api/step') && steps.push(r.postDataJSON());
+    page.on('request', count);
+    const input = page.locator('#tool-sheet [data-property="FieldName"] input');
+    assert.equal(await input.inputValue(), names.TextFieldCreate);
+    await input.fill('Customer');
+    await input.press('Enter');
+    await settled();
+    names.TextFieldCreate = 'Customer';
+    await widget('Customer');
+    page.off('request', count);
+    assert.deepEqual(steps, [{set: {property: 'FieldName', value: 'Customer'}}]);
+    assert.equal(await page.textContent('#doc-modified'), ' *');
+    await shot('05-renamed.png');
+  });
+
+  stage('the combo box takes its options from the table', async () => {
+    await click(on(await widget(names.ComboBoxCreate), 20, 5));
+    const row = page.locator('#tool-sheet [data-property="ComboOptList"]');
+    for (let i = 0; i < 3; ++i) await row.locator('.add-row').click();
+    const cells = row.locator('tbody input');
+    const options = [['English', 'en'], ['Japanese', 'ja'], ['French', 'fr']];
+    for (let i = 0; i < 6; ++i) await cells.nth(i).fill(options[i >> 1][i & 1]);
+    await row.locator('tbody tr').nth(2).locator('.remove-row').click(); // a change of mind
+    await row.locator('.apply').click();
+    await settled();
+    const sheet = (await serverState()).sheet.find((r) => r.name === 'ComboOptList');
+    assert.deepEqual(sheet.value, options.slice(0, 2));
+    const shown = await cells.evaluateAll((c) => c.map((i) => i.value));
+    assert.deepEqual(shown, options.slice(0, 2).flat());
+    await shot('06-options.png');
+  });
+
+  stage('Shift+click marks a widget in the page only', async () => {
+    const before = await serverState();
+    const box = on(await widget(names.CheckBoxCreate), 9, 9);
+    await click(box, 'Shift');
+    assert.ok((await widget(names.CheckBoxCreate)).marked && await page.isEnabled('#group-radio'));
+    const after = await serverState(); // a press would have selected the check box
+    assert.deepEqual([after.selection, after.undo], [before.selection, before.undo]);
+    await click(box, 'Shift');
+    assert.ok(!(await widget(names.CheckBoxCreate)).marked);
+  });
+
+  stage('a refused step shows the server\'s reason until the next step', async () => {
+    await press('#paste'); // nothing was copied
+    assert.match(await page.textContent('#message'), /clipboard/);
+    await press('[data-tool=""]');
+    assert.equal(await page.textContent('#message'), '');
+  });
+
+  stage('the tab order by rows numbers the widgets top to bottom', async () => {
+    await press('#tab-rows');
+    assert.equal(await page.getAttribute('[data-tool="FormTabOrder"]', 'aria-pressed'), 'true');
+    const widgets = await overlayWidgets();
+    assert.deepEqual(widgets.map((w) => w.field),
+      [names.CheckBoxCreate, names.ComboBoxCreate, 'Customer']);
+    const numbers = await page.$$eval('.page[data-page="0"] g.marks text.text', (texts) =>
+      texts.map((e) => [e.textContent, e.getAttribute('x'), e.getAttribute('y')].map(Number)));
+    assert.deepEqual(numbers.map(([n]) => n).sort(), [1, 2, 3]);
+    for (const [n, x, y] of numbers) {
+      const w = widgets[n - 1];
+      assert.ok(x >= w.x - 1 && x <= w.x + w.width && y >= w.y && y <= w.y + w.height + 1,
+        `number ${n} at ${x},${y} lies on ${w.field}`);
+    }
+    await shot('07-tab-order.png');
+  });
+
+  stage('the preview hides the overlays and ignores the pointer', async () => {
+    await press('[data-tool=""]');
+    const text = await widget('Customer');
+    const before = (await serverState()).revision;
+    await press('#preview');
+    assert.ok(!(await page.isVisible('.page[data-page="0"] .overlay svg >> nth=0')));
+    await shot('08-preview.png');
+    await drag(on(text, 20, 5), on(text, 80, 65));
+    assert.equal((await serverState()).revision, before);
+    await press('#preview');
+    assert.ok(await page.isVisible('.page[data-page="0"] .overlay svg >> nth=0'));
+  });
+
+  stage('Save as writes the new file beside the document', async () => {
+    assert.ok((await page.textContent('#save-folder')).includes(folder));
+    await page.fill('#save-as-name', 'edited.pdf');
+    await press('#save-as');
+    assert.match(await page.textContent('#notice'), /edited\.pdf/);
+    assert.equal(await page.textContent('#doc-modified'), '');
+    assert.equal(await page.textContent('#doc-name'), 'edited.pdf');
+    await shot('09-saved.png');
+  });
+
+  stage('the page raised no script errors', () => assert.deepEqual(pageErrors, []));
+});
+
+describe('the end of the session', () => {
+  test('SIGINT stops the server cleanly', async () => {
+    await browser.close();
+    browser = null;
+    editor.proc.kill('SIGINT');
+    assert.deepEqual(await editor.exited, {code: 0, signal: null});
+  });
+
+  test('pypdf reads the saved fields, their places and options in tab order', () => {
+    const saved = path.join(folder, 'edited.pdf');
+    fs.copyFileSync(saved, path.join(artifacts, 'edited.pdf'));
+    // Page pixels at zoom 1 are points, with y running up from the page's bottom.
+    const h = page0.bottom - page0.top;
+    const rect = ({from, to}) => [from[0], h - to[1], to[0], h - from[1]];
+    const expected = [
+      ['/Widget', '/Btn', names.CheckBoxCreate, null, rect(drawn.CheckBoxCreate)],
+      ['/Widget', '/Ch', names.ComboBoxCreate, [['en', 'English'], ['ja', 'Japanese']],
+        rect(drawn.ComboBoxCreate)],
+      ['/Widget', '/Tx', 'Customer', null, rect(drawn.TextFieldCreate)],
+    ];
+    const annots = readAnnots(saved);
+    assert.deepEqual(annots.map((a) => [a.subtype, a.type, a.name, a.opt]),
+      expected.map((e) => e.slice(0, 4)));
+    annots.forEach((a, i) => assert.ok(a.rect.every((v, k) => Math.abs(v - expected[i][4][k]) <= 1),
+      `${a.name}: ${a.rect} is ${expected[i][4]}`));
+    assert.deepEqual(readAnnots(original), [], 'the original is untouched');
+  });
+});
