@@ -98,15 +98,23 @@ async function withBrowser(editor) {
     const x0 = view.x + p.left + 32, y0 = view.y + p.top + 792 - 764;
     await page.mouse.move(x0, y0);
     await page.mouse.down();
-    const revision = () => page.evaluate(() => Number(document.querySelector('#view').dataset.revision || 0));
-    const times = [];
+    // Timed inside the page: from the moment the browser took the pointer move (the
+    // event's time stamp) to the moment the page's overlay shows the answer to it.
+    await page.evaluate(() => {
+      const view = document.querySelector('#view');
+      window.__moves = [];
+      view.addEventListener('pointermove', (e) => window.__moves.push({ at: e.timeStamp, shown: 0 }), true);
+      new MutationObserver(() => {
+        const pending = window.__moves.filter((m) => !m.shown);
+        for (const m of pending) m.shown = performance.now();
+      }).observe(view, { subtree: true, childList: true });
+    });
     for (let i = 1; i <= moves; i++) {
-      const before = await revision();
-      const t0 = performance.now();
       await page.mouse.move(x0 + (i % 200), y0 + (i % 150));
-      await page.waitForFunction((r) => Number(document.querySelector('#view').dataset.revision || 0) > r, before, { polling: 'raf' });
-      times.push(performance.now() - t0);
+      await page.waitForFunction((n) => window.__moves.length >= n && window.__moves[n - 1].shown > 0, i,
+                                 { polling: 5 });
     }
+    const times = await page.evaluate(() => window.__moves.map((m) => m.shown - m.at));
     await page.mouse.up();
     return summary(times);
   } finally {
