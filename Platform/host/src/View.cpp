@@ -17,6 +17,12 @@ namespace qfhost {
 
 namespace detail {
 
+// A page's crop box (normalised) and its own /Rotate, as the layout reads them.
+struct PageGeometry {
+    double left, bottom, width, height;
+    uint32_t rotation;
+};
+
 // What a View knows. The View owns it; its "QFDocumentView" block points here until the
 // View is destroyed.
 struct ViewState {
@@ -48,6 +54,14 @@ struct ViewState {
     int64_t focusPage = -1;
     uint32_t annotFocusPage = 0;
     Held annotFocus;
+
+    // The layout, read once: the pages' geometry (read again when the page count
+    // changes; the host does not change boxes or turns of a viewed document), and the top
+    // of every page for the zoom and rotation it was worked out for.
+    mutable std::vector<PageGeometry> geometry;
+    mutable std::vector<int64_t> tops;
+    mutable float topsZoom = 0;
+    mutable uint32_t topsRotation = 0;
 
     // Subscriptions made through the service object, by connection number.
     std::map<uint64_t, boost::signals2::connection> connections;
@@ -97,32 +111,43 @@ struct PageHandle {
     PageHandle& operator=(const PageHandle&) = delete;
 };
 
-// Reads page index from the document. Throws HostError: kDocumentClosed, kBadArgument past
+// The geometry of every page of the document, read when the view has none for its page
+// count. Throws HostError(kPdfFailure) when pdfcore refuses.
+const std::vector<detail::PageGeometry>& geometryOf(const ViewState& s) {
+    const uint32_t count = s.doc->pageCount();
+    if (s.geometry.size() == count) return s.geometry;
+    std::vector<detail::PageGeometry> read;
+    read.reserve(count);
+    for (uint32_t index = 0; index < count; ++index) {
+        PageHandle page;
+        PDRect box{};
+        int32_t degrees = 0;
+        PDResult rc = PDDocGetPage(s.doc->pdDoc(), index, &page.page);
+        if (rc == PD_OK) rc = PDPageGetBox(page.page, PD_BOX_CROP, &box);
+        if (rc == PD_OK) rc = PDPageGetRotate(page.page, &degrees);
+        if (rc != PD_OK) {
+            throw HostError(codes::kPdfFailure, "cannot read page " + std::to_string(index) +
+                                                    ": pdfcore error " + std::to_string(rc));
+        }
+        read.push_back({std::min(box.left, box.right), std::min(box.bottom, box.top),
+                        std::abs(double(box.right) - box.left),
+                        std::abs(double(box.top) - box.bottom),
+                        static_cast<uint32_t>(((degrees % 360) + 360) % 360)});
+    }
+    s.geometry = std::move(read);
+    s.tops.clear();
+    return s.geometry;
+}
+
+// Page index as the view shows it. Throws HostError: kDocumentClosed, kBadArgument past
 // the pages, kPdfFailure when pdfcore refuses.
 PageBox pageBox(const ViewState& s, uint32_t index) {
-    PDDoc doc = s.doc->pdDoc();
-    if (!doc) throw HostError(codes::kDocumentClosed, "the document is closed");
+    if (!s.doc->pdDoc()) throw HostError(codes::kDocumentClosed, "the document is closed");
     if (index >= s.doc->pageCount()) {
         throw HostError(codes::kBadArgument, "no page " + std::to_string(index));
     }
-    PageHandle page;
-    PDRect box{};
-    int32_t degrees = 0;
-    PDResult rc = PDDocGetPage(doc, index, &page.page);
-    if (rc == PD_OK) rc = PDPageGetBox(page.page, PD_BOX_CROP, &box);
-    if (rc == PD_OK) rc = PDPageGetRotate(page.page, &degrees);
-    if (rc != PD_OK) {
-        throw HostError(codes::kPdfFailure, "cannot read page " + std::to_string(index) +
-                                                ": pdfcore error " + std::to_string(rc));
-    }
-    PageBox b{};
-    b.left = std::min(box.left, box.right);
-    b.bottom = std::min(box.bottom, box.top);
-    b.width = std::abs(double(box.right) - box.left);
-    b.height = std::abs(double(box.top) - box.bottom);
-    uint32_t own = static_cast<uint32_t>(((degrees % 360) + 360) % 360);
-    b.rotation = (own + s.rotation) % 360;
-    return b;
+    const detail::PageGeometry& g = geometryOf(s)[index];
+    return PageBox{g.left, g.bottom, g.width, g.height, (g.rotation + s.rotation) % 360};
 }
 
 int32_t narrow(double pixels) {
@@ -149,30 +174,43 @@ View::PixelRect rectAt(int64_t top, const Extent& e) {
                            narrow(double(top + e.height))};
 }
 
-// Where page index is drawn; box (optional) receives the page as read.
-View::PixelRect placeOf(const ViewState& s, uint32_t index, PageBox* box = nullptr) {
-    PageBox b = pageBox(s, index);  // checks the index before walking the pages above it
+// The top of every page, pages one under another, for the view's zoom and rotation.
+const std::vector<int64_t>& topsOf(const ViewState& s) {
+    const uint32_t count = s.doc->pageCount();
+    geometryOf(s);
+    if (s.tops.size() == count && s.topsZoom == s.zoom && s.topsRotation == s.rotation)
+        return s.tops;
+    std::vector<int64_t> tops;
+    tops.reserve(count);
     int64_t top = View::kMargin;
-    for (uint32_t i = 0; i < index; ++i) {
+    for (uint32_t i = 0; i < count; ++i) {
+        tops.push_back(top);
         top += extent(pageBox(s, i), s.zoom).height + View::kPageGap;
     }
+    s.tops = std::move(tops);
+    s.topsZoom = s.zoom;
+    s.topsRotation = s.rotation;
+    return s.tops;
+}
+
+// Where page index is drawn; box (optional) receives the page as read.
+View::PixelRect placeOf(const ViewState& s, uint32_t index, PageBox* box = nullptr) {
+    PageBox b = pageBox(s, index);  // checks the index
     if (box) *box = b;
-    return rectAt(top, extent(b, s.zoom));
+    return rectAt(topsOf(s)[index], extent(b, s.zoom));
 }
 
 int64_t pageAtPoint(const ViewState& s, int32_t x, int32_t y) {
-    int64_t top = View::kMargin;
-    const uint32_t count = s.doc->pageCount();
-    for (uint32_t i = 0; i < count; ++i) {
-        if (y < top) return -1;  // above this page, below the previous one
-        Extent e = extent(pageBox(s, i), s.zoom);
-        if (y <= top + e.height) {
-            bool inside = x >= View::kMargin && x <= View::kMargin + e.width;
-            return inside ? static_cast<int64_t>(i) : -1;
-        }
-        top += e.height + View::kPageGap;
-    }
-    return -1;
+    if (s.doc->pageCount() == 0) return -1;
+    const std::vector<int64_t>& tops = topsOf(s);
+    // The last page starting at or above y; y may lie in the gap below it.
+    const auto after = std::upper_bound(tops.begin(), tops.end(), int64_t{y});
+    if (after == tops.begin()) return -1;
+    const uint32_t i = static_cast<uint32_t>(after - tops.begin() - 1);
+    const Extent e = extent(pageBox(s, i), s.zoom);
+    if (y > tops[i] + e.height) return -1;
+    const bool inside = x >= View::kMargin && x <= View::kMargin + e.width;
+    return inside ? static_cast<int64_t>(i) : -1;
 }
 
 std::array<float, 2> viewToPagePoint(const ViewState& s, uint32_t index, int32_t x,
