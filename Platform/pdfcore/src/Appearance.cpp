@@ -1017,7 +1017,9 @@ Colour pressed(const Colour& bg) {
 
 } // namespace
 
-void regenerateAppearance(Document& doc, QPDFObjectHandle widget) {
+namespace {
+
+void drawAppearance(Document& doc, QPDFObjectHandle widget) {
     if (!widget.isDictionary()) return;
     QPDFObjectHandle field = holderOf(widget);
     std::string type = nameOf(inherited(field, "/FT"));
@@ -1122,6 +1124,28 @@ void regenerateAppearance(Document& doc, QPDFObjectHandle widget) {
         ap.replaceKey("/N", form({}, c.s));
     }
     widget.replaceKey("/AP", ap);
+}
+
+} // namespace
+
+void regenerateAppearance(Document& doc, QPDFObjectHandle widget) {
+    if (!widget.isDictionary()) return;
+    if (!widget.isIndirect()) return drawAppearance(doc, widget);
+    doc.staleAppearances.insert(widget.getObjGen());
+}
+
+void flushAppearance(Document& doc, QPDFObjectHandle widget) {
+    if (widget.isIndirect() && doc.staleAppearances.erase(widget.getObjGen()))
+        drawAppearance(doc, widget);
+}
+
+void flushAppearances(Document& doc) {
+    // In object order, so that the same edits always give the same file.
+    while (!doc.staleAppearances.empty()) {
+        const QPDFObjGen og = *doc.staleAppearances.begin();
+        doc.staleAppearances.erase(doc.staleAppearances.begin());
+        drawAppearance(doc, doc.qpdf->getObject(og));
+    }
 }
 
 void regenerateField(Document& doc, QPDFObjectHandle field) {

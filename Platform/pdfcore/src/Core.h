@@ -99,6 +99,10 @@ struct Document {
     // Pages whose /Annots holds only indirect dictionaries, with its length when that was
     // last checked or kept so: a list of that length needs no new pass.
     std::map<QPDFObjGen, int> cleanAnnots;
+    // Widgets whose appearance is out of date, drawn when something reads or writes their
+    // /AP or /AS, or when the document is written: a widget styled by several calls in a
+    // row is drawn once, not once per call.
+    std::set<QPDFObjGen> staleAppearances;
     uint32_t nextCookie = 1;
 };
 
@@ -199,12 +203,18 @@ private:
 
 // ---- appearances (Appearance.cpp) -------------------------------------------------
 
-// Writes /AP for one widget from its field's type, flags, value and options and from the
-// widget's /MK, /BS, /DA, /Q and /Rect. Buttons: /N and /D with an on and an Off state
-// for check boxes and radio buttons, and /AS kept consistent with the field value.
+// Marks one widget's /AP out of date: it is written (from its field's type, flags, value
+// and options and from the widget's /MK, /BS, /DA, /Q and /Rect; buttons: /N and /D with
+// an on and an Off state for check boxes and radio buttons, and /AS kept consistent with
+// the field value) by flushAppearance or flushAppearances. A direct widget is drawn at
+// once.
 void regenerateAppearance(Document& doc, QPDFObjectHandle widget);
 // Regenerates every widget of a terminal field.
 void regenerateField(Document& doc, QPDFObjectHandle field);
+// Draws widget's appearance now when it is out of date: before /AP or /AS is read or set.
+void flushAppearance(Document& doc, QPDFObjectHandle widget);
+// Draws every out-of-date appearance: before the document is written.
+void flushAppearances(Document& doc);
 
 // ---- implementation of guard --------------------------------------------------------
 

@@ -57,6 +57,7 @@ bool writeFileChecked(const std::filesystem::path& path, const unsigned char* da
 }
 
 void writeTo(Document& doc, QPDFWriter& w) {
+    flushAppearances(doc);
     const UnusedFieldsDetached unused(doc);
     w.setPreserveEncryption(false);
     w.setDeterministicID(true);

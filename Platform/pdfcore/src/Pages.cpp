@@ -386,6 +386,7 @@ PDResult PDAnnotGetAppearanceState(PDAnnot annot, PDAtom* outState) {
     return guard([&] {
         auto& a = checked(annot, Kind::Annot);
         checkOut(outState);
+        flushAppearance(*a.doc, a.obj);
         auto as = a.obj.getKey("/AS");
         if (!as.isName()) fail(PD_ERR_NO_VALUE);
         *outState = atomOf(as.getName().substr(1));
@@ -395,6 +396,7 @@ PDResult PDAnnotGetAppearanceState(PDAnnot annot, PDAtom* outState) {
 PDResult PDAnnotSetAppearanceState(PDAnnot annot, PDAtom state) {
     return guard([&] {
         auto& a = checked(annot, Kind::Annot);
+        flushAppearance(*a.doc, a.obj); // a later drawing must not undo this state
         if (state == 0) {
             a.obj.removeKey("/AS");
             return;

@@ -510,6 +510,7 @@ PDResult PDWidgetAnnotSetHighlight(PDAnnot widget, int32_t mode) {
 
 PDResult PDWidgetAnnotGetFontInfo(PDAnnot widget, PDFontInfo* outInfo) {
     return getWith(widget, outInfo, [](PDHandleRec& h) {
+        flushAppearance(*h.doc, h.obj); // the drawing may add the font to its resources
         DefaultAppearance da = parseDA(effectiveDA(*h.doc, h.obj));
         if (da.font.empty()) fail(PD_ERR_NO_VALUE);
         QPDFObjectHandle font = findFontResource(*h.doc, h.obj, da.font);
@@ -636,6 +637,7 @@ PDResult PDButtonWidgetAnnotGetChoice(PDAnnot widget, char16_t* buf, uint32_t bu
                                       uint32_t* outLen) {
     return getTextWith(widget, buf, bufLen, outLen, [](PDHandleRec& h) {
         requireType(h.obj, "/Btn");
+        flushAppearance(*h.doc, h.obj);
         std::string on = onStateOf(h.obj);
         if (on.empty() || (flagsOf(h.obj) & PD_FIELD_PUSHBUTTON)) fail(PD_ERR_NO_VALUE);
         return toU16(on.substr(1));
@@ -650,6 +652,7 @@ PDResult PDButtonWidgetAnnotSetChoice(PDAnnot widget, const char16_t* text, uint
         requireCheckOrRadio(h.obj);
         QPDFObjectHandle w = h.obj;
         QPDFObjectHandle field = holderOf(w);
+        flushAppearance(*h.doc, w);
         std::string oldState = onStateOf(w);
         std::string newState = "/" + toUtf8(value);
 
