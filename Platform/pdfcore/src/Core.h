@@ -86,8 +86,12 @@ struct Document {
     // form, then kept up to date by every call that creates or renames fields.
     bool nameIndexBuilt = false;
     std::unordered_map<std::u16string, QPDFObjGen> nameIndex;
-    // Terminal fields in tree order; rebuilt when formChanged is set.
+    // Terminal fields in tree order; rebuilt when formChanged is set. The first
+    // listedTerminals of them lie under the roots in /AcroForm /Fields, the rest under
+    // fields that only the pages' widgets lead to: a new root field appended to /Fields
+    // goes in between, without a new walk of the form.
     std::vector<QPDFObjectHandle> terminalFields;
+    size_t listedTerminals = 0;
     bool formChanged = true;
     uint32_t freshNameCounter = 0;
     // Fields whose last widget PDFieldRemoveWidget took out in this session (the new
@@ -170,7 +174,9 @@ QPDFObjectHandle pageOf(Document& doc, uint32_t index);  // fails PD_ERR_RANGE
 
 // The root fields of the form: /AcroForm /Fields, then the roots of page widgets that
 // /Fields misses (files with widgets but without /AcroForm, or with fields left out).
-std::vector<QPDFObjectHandle> formRoots(Document& doc);
+// The roots of the field tree: the fields in /AcroForm /Fields (their number in *listed
+// when given), then the fields reached only from the pages' widgets.
+std::vector<QPDFObjectHandle> formRoots(Document& doc, size_t* listed = nullptr);
 // The field of a widget: the merged widget itself, its /Parent, or null.
 QPDFObjectHandle fieldOfWidget(QPDFObjectHandle widget);
 // Widgets of a terminal field (kids that are widgets, or itself when merged).
@@ -192,12 +198,11 @@ public:
 
 private:
     struct Detached {
-        QPDFObjectHandle list;  // the /Kids, /Fields or /CO array that held the field
-        int index;
-        QPDFObjectHandle field;
+        QPDFObjectHandle list;  // a /Kids, /Fields or /CO array that held some of them
+        std::vector<QPDFObjectHandle> items;  // what it held before
     };
-    // Takes field out of list (every occurrence); whether it was there.
-    bool detach(QPDFObjectHandle list, QPDFObjectHandle field);
+    // Takes the fields out of list (every occurrence) in one pass; those that were there.
+    std::set<QPDFObjGen> detach(QPDFObjectHandle list, const std::set<QPDFObjGen>& fields);
     std::vector<Detached> detached_;
 };
 

@@ -103,7 +103,7 @@ void walkFields(QPDFObjectHandle node, const std::u16string& name, std::set<QPDF
 
 }  // namespace
 
-std::vector<QPDFObjectHandle> formRoots(Document& doc) {
+std::vector<QPDFObjectHandle> formRoots(Document& doc, size_t* listed) {
     std::vector<QPDFObjectHandle> roots;
     std::set<QPDFObjGen> known;
     auto form = acroForm(doc, false);
@@ -117,6 +117,7 @@ std::vector<QPDFObjectHandle> formRoots(Document& doc) {
             }
         }
     }
+    if (listed) *listed = roots.size();
     for (auto page : doc.qpdf->getAllPages()) {
         auto annots = page.getKey("/Annots");
         if (!annots.isArray()) continue;
@@ -150,9 +151,14 @@ void walkForm(Document& doc, bool names, bool terminals) {
         if (names && !name.empty()) doc.nameIndex.emplace(name, node.getObjGen());
         if (terminals && terminal) doc.terminalFields.push_back(node);
     };
-    for (auto& root : formRoots(doc)) {
-        walkFields(root, hasName(root) ? textOf(root.getKey("/T")) : u"", seen, 0, visit);
+    size_t listed = 0;
+    auto roots = formRoots(doc, &listed);
+    for (size_t i = 0; i < roots.size(); ++i) {
+        if (i == listed && terminals) doc.listedTerminals = doc.terminalFields.size();
+        walkFields(roots[i], hasName(roots[i]) ? textOf(roots[i].getKey("/T")) : u"", seen, 0,
+                   visit);
     }
+    if (listed == roots.size() && terminals) doc.listedTerminals = doc.terminalFields.size();
     if (names) doc.nameIndexBuilt = true;
     if (terminals) doc.formChanged = false;
 }
@@ -333,7 +339,12 @@ PDResult createField(PDDoc doc, std::u16string name, bool freshIfEmpty, PDAtom t
         field = d.qpdf->makeIndirectObject(field);
         containerOf(d, field).appendItem(field);
         d.nameIndex.emplace(name, field.getObjGen());
-        d.formChanged = true;
+        if (parent.isDictionary() || d.formChanged) {
+            d.formChanged = true;
+        } else {
+            // The last of the listed roots: after their terminals, before the others'.
+            d.terminalFields.insert(d.terminalFields.begin() + d.listedTerminals++, field);
+        }
         *outField = handleFor(d, field, Kind::Field);
     });
 }
@@ -440,45 +451,64 @@ std::u16string fullNameOf(QPDFObjectHandle field) {
 
 UnusedFieldsDetached::UnusedFieldsDetached(Document& doc) {
     auto form = acroForm(doc, false);
+    auto fields = form.isDictionary() ? form.getKey("/Fields") : QPDFObjectHandle::newNull();
     auto order = form.isDictionary() ? form.getKey("/CO") : QPDFObjectHandle::newNull();
-    std::vector<QPDFObjectHandle> pending;
-    for (const auto& og : doc.emptiedFields) pending.push_back(doc.qpdf->getObject(og));
-    // A parent is looked at again once a kid of it went: it goes too when that was its
-    // last kid, and so on up the tree.
+    std::vector<QPDFObjectHandle> round;
+    for (const auto& og : doc.emptiedFields) round.push_back(doc.qpdf->getObject(og));
+    // Rounds up the tree: the fields of a round that hold no kids leave the arrays that
+    // list them, each array rewritten once; their parents are looked at in the next
+    // round, and go too when that left them without kids.
     std::set<QPDFObjGen> gone;
-    while (!pending.empty()) {
-        auto field = pending.back();
-        pending.pop_back();
-        if (!field.isDictionary() || !field.isIndirect() || isMerged(field)) continue;
-        if (gone.count(field.getObjGen())) continue;
-        auto kids = field.getKey("/Kids");
-        if (kids.isArray() && kids.getArrayNItems() > 0) continue;
-        auto parent = fieldParent(field);
-        auto list = parent.isDictionary() ? parent.getKey("/Kids")
-                    : form.isDictionary() ? form.getKey("/Fields")
-                                          : QPDFObjectHandle::newNull();
-        if (!detach(list, field)) continue;
-        gone.insert(field.getObjGen());
-        detach(order, field);
-        if (parent.isIndirect()) pending.push_back(parent);
+    while (!round.empty()) {
+        // The array listing each field, by the object of its parent (none: /Fields).
+        std::map<QPDFObjGen, std::pair<QPDFObjectHandle, std::set<QPDFObjGen>>> lists;
+        for (auto& field : round) {
+            if (!field.isDictionary() || !field.isIndirect() || isMerged(field)) continue;
+            if (gone.count(field.getObjGen())) continue;
+            auto kids = field.getKey("/Kids");
+            if (kids.isArray() && kids.getArrayNItems() > 0) continue;
+            auto parent = fieldParent(field);
+            if (parent.isDictionary() && !parent.isIndirect()) continue;
+            auto& entry = lists[parent.isDictionary() ? parent.getObjGen() : QPDFObjGen()];
+            entry.first = parent.isDictionary() ? parent.getKey("/Kids") : fields;
+            entry.second.insert(field.getObjGen());
+        }
+        round.clear();
+        for (auto& [parentOg, entry] : lists) {
+            const auto taken = detach(entry.first, entry.second);
+            gone.insert(taken.begin(), taken.end());
+            if (!taken.empty() && parentOg.isIndirect()) {
+                round.push_back(doc.qpdf->getObject(parentOg));
+            }
+        }
     }
+    if (!gone.empty()) detach(order, gone);
 }
 
-bool UnusedFieldsDetached::detach(QPDFObjectHandle list, QPDFObjectHandle field) {
-    if (!list.isArray()) return false;
-    bool found = false;
-    for (int i = list.getArrayNItems() - 1; i >= 0; --i) {
-        if (list.getArrayItem(i).getObjGen() != field.getObjGen()) continue;
-        detached_.push_back({list, i, field});
-        list.eraseItem(i);
-        found = true;
+std::set<QPDFObjGen> UnusedFieldsDetached::detach(QPDFObjectHandle list,
+                                                   const std::set<QPDFObjGen>& fields) {
+    std::set<QPDFObjGen> taken;
+    if (!list.isArray()) return taken;
+    auto items = list.getArrayAsVector();
+    std::vector<QPDFObjectHandle> kept;
+    kept.reserve(items.size());
+    for (auto& item : items) {
+        if (item.isIndirect() && fields.count(item.getObjGen())) {
+            taken.insert(item.getObjGen());
+        } else {
+            kept.push_back(item);
+        }
     }
-    return found;
+    if (!taken.empty()) {
+        list.setArrayFromVector(kept);
+        detached_.push_back({list, std::move(items)});
+    }
+    return taken;
 }
 
 UnusedFieldsDetached::~UnusedFieldsDetached() {
     for (auto it = detached_.rbegin(); it != detached_.rend(); ++it) {
-        it->list.insertItem(it->index, it->field);
+        it->list.setArrayFromVector(it->items);
     }
 }
 
