@@ -359,8 +359,10 @@ class Runner {
             fail(out.str());
         }
         for (int i = 1; i <= moves; ++i) {
-            const std::array<int32_t, 2> at{a[0] + (b[0] - a[0]) * i / moves,
-                                            a[1] + (b[1] - a[1]) * i / moves};
+            const auto along = [&](int k) {
+                return static_cast<int32_t>(a[k] + (int64_t(b[k]) - a[k]) * i / moves);
+            };
+            const std::array<int32_t, 2> at{along(0), along(1)};
             send(v, QF::kEventMove, 0, at, mods, "pointer move");
         }
         send(v, QF::kEventButtonUp, btn, b, mods, "button release");
@@ -375,13 +377,16 @@ class Runner {
     }
 
     void drag(const Json& a) {
-        onlyKeys(a, {"page", "from", "to", "button", "modifiers"}, "drag");
+        onlyKeys(a, {"page", "from", "to", "button", "modifiers", "moves"}, "drag");
         View& v = viewWithTool();
         const uint32_t page = pageOf(a, v, "drag");
+        uint32_t moves = 4;
+        if (const Json* m = optionalMember(a, "moves")) moves = index(*m, "drag: moves");
+        if (moves < 1 || moves > 100000) fail("drag: moves must be 1 to 100000");
         press(v, page, point(member(a, "from", "drag"), "drag: from"),
               point(member(a, "to", "drag"), "drag: to"),
               button(optionalMember(a, "button"), "drag"),
-              modifiers(optionalMember(a, "modifiers"), "drag"), 4, "drag");
+              modifiers(optionalMember(a, "modifiers"), "drag"), static_cast<int>(moves), "drag");
     }
 
     void click(const Json& a) {
@@ -609,18 +614,13 @@ class Runner {
             fail(where + ": the field " + quoted(name) + " has " + std::to_string(count) +
                  " widgets, no widget " + std::to_string(k));
         check(PDFieldGetWidget(field.get(), k, ref.annot.out()));
-        for (uint32_t p = 0; p < doc.pageCount(); ++p) {
-            Handle page;
-            check(PDDocGetPage(doc.pdDoc(), p, page.out()));
-            uint32_t at = 0;
-            const PDResult r = PDPageGetAnnotIndex(page.get(), ref.annot.get(), &at);
-            if (r == PD_OK) {
-                ref.page = p;
-                return ref;
-            }
-            if (r != PD_ERR_NOT_FOUND) check(r);
-        }
-        fail(where + ": widget " + std::to_string(k) + " of " + quoted(name) + " is on no page");
+        Handle page;
+        const PDResult r = PDAnnotGetPage(ref.annot.get(), page.out());
+        if (r == PD_ERR_NOT_ON_PAGE)
+            fail(where + ": widget " + std::to_string(k) + " of " + quoted(name) + " is on no page");
+        check(r);
+        check(PDPageGetIndex(page.get(), &ref.page));
+        return ref;
     }
 
     void execute(const std::string& name, void* params) {

@@ -328,6 +328,62 @@ TEST(Fields, CheckBoxValueDrivesTheAppearanceState) {
     }
 }
 
+// The list of terminal fields is kept up to date when a root field is made, not walked
+// again: it must come out as a fresh walk of the form would give it, also in files whose
+// widgets lead to fields that /AcroForm /Fields does not list (or no /AcroForm at all).
+TEST(Fields, NewRootFieldsTakeTheirPlaceInTheFieldList) {
+    for (const char* file : {"qpdf-field-types.pdf", "qpdf-broken-button-set.pdf",
+                             "pdfium-tab-order-annotiter.pdf",
+                             "pypdf-widgets-without-acroform-launch-named-reset.pdf"}) {
+        SCOPED_TRACE(file);
+        auto names = [](PDDoc doc) {
+            std::vector<std::u16string> out;
+            for (auto& f : fieldsOf(doc)) out.push_back(fieldName(f.get()));
+            return out;
+        };
+        auto listedFirst = openDoc(corpus(file));
+        auto walkedAfter = openDoc(corpus(file));
+        const size_t before = names(listedFirst.get()).size();
+        for (auto* doc : {listedFirst.get(), walkedAfter.get()}) {
+            createField(doc, "added1", PD_ATOM_Tx);
+            createField(doc, "added2", PD_ATOM_Ch);
+        }
+        const auto kept = names(listedFirst.get());
+        EXPECT_EQ(kept, names(walkedAfter.get()));
+        EXPECT_EQ(kept.size(), before + 2);
+    }
+}
+
+// The page of an annotation: from its /P when that page lists it, else by a search.
+TEST(Pages, PageOfAnAnnotation) {
+    auto doc = createDoc(3);
+    auto p1 = page(doc.get(), 1), p2 = page(doc.get(), 2);
+    auto [f, w] = addField(doc.get(), p2.get(), "f", PD_ATOM_Tx, rect(0, 0, 10, 10));
+    auto pageIndexOf = [](PDAnnot a) {
+        PDPage raw = nullptr;
+        const PDResult r = PDAnnotGetPage(a, &raw);
+        Owned pg(raw);
+        uint32_t index = UINT32_MAX;
+        if (r == PD_OK) {
+            EXPECT_EQ(PDPageGetIndex(pg.get(), &index), PD_OK);
+        }
+        return r == PD_OK ? int64_t(index) : -int64_t(r);
+    };
+    EXPECT_EQ(pageIndexOf(w.get()), 2);
+    // Listed on page 1 as well, /P now names page 1: the hint is right.
+    ASSERT_EQ(PDPageAddAnnot(p1.get(), 0, w.get()), PD_OK);
+    EXPECT_EQ(pageIndexOf(w.get()), 1);
+    // Off page 1 again while /P still names it: found on page 2 by the search.
+    ASSERT_EQ(PDPageRemoveAnnot(p1.get(), w.get()), PD_OK);
+    EXPECT_EQ(pageIndexOf(w.get()), 2);
+    ASSERT_EQ(PDPageRemoveAnnot(p2.get(), w.get()), PD_OK);
+    EXPECT_EQ(pageIndexOf(w.get()), -int64_t(PD_ERR_NOT_ON_PAGE));
+    PDPage out = reinterpret_cast<PDPage>(1);
+    EXPECT_EQ(PDAnnotGetPage(nullptr, &out), PD_ERR_MISSING_OBJECT);
+    EXPECT_EQ(out, nullptr);
+    EXPECT_EQ(PDAnnotGetPage(w.get(), nullptr), PD_ERR_BAD_ARGUMENT);
+}
+
 TEST(Pages, AnnotationListEditing) {
     auto doc = createDoc();
     auto pg = page(doc.get(), 0);

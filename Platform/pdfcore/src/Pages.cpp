@@ -200,6 +200,39 @@ PDResult PDPageGetNumAnnots(PDPage page, uint32_t* outCount) {
     });
 }
 
+PDResult PDAnnotGetPage(PDAnnot annot, PDPage* outPage) {
+    if (outPage) *outPage = nullptr;
+    return guard([&] {
+        auto& a = checked(annot, Kind::Annot);
+        checkOut(outPage);
+        Document& doc = *a.doc;
+        const auto og = a.obj.getObjGen();
+        auto lists = [&](QPDFObjectHandle page) {
+            return indexIn(annotsOf(doc, page, false), og) >= 0;
+        };
+        auto hint = a.obj.getKey("/P");
+        bool hintIsPage = false;
+        if (hint.isIndirect() && hint.isDictionary()) {
+            try {
+                hintIsPage = doc.qpdf->findPage(hint.getObjGen()) >= 0;
+            } catch (const std::exception&) {
+                // qpdf throws for an object that is not in the page tree
+            }
+        }
+        if (hintIsPage && lists(hint)) {
+            *outPage = handleFor(doc, hint, Kind::Page);
+            return;
+        }
+        for (auto& page : doc.qpdf->getAllPages()) {
+            if (lists(page)) {
+                *outPage = handleFor(doc, page, Kind::Page);
+                return;
+            }
+        }
+        fail(PD_ERR_NOT_ON_PAGE);
+    });
+}
+
 PDResult PDPageGetAnnot(PDPage page, uint32_t index, PDAnnot* outAnnot) {
     if (outAnnot) *outAnnot = nullptr;
     return guard([&] {

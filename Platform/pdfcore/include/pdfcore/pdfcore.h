@@ -249,6 +249,9 @@ PDFCORE_API PDResult PDPageAddAnnot(PDPage page, uint32_t index, PDAnnot annot);
 /* Takes annot out of /Annots; the annotation object and its field membership stay.
  * Not in the list: PD_ERR_NOT_ON_PAGE. */
 PDFCORE_API PDResult PDPageRemoveAnnot(PDPage page, PDAnnot annot);
+/* The page whose /Annots lists annot: the page its /P names when that is so (a look at
+ * one page), else the first such page in page order. On no page: PD_ERR_NOT_ON_PAGE. */
+PDFCORE_API PDResult PDAnnotGetPage(PDAnnot annot, PDPage* outPage);
 /* The page's tab order (/Tabs) as an atom: R rows, C columns, S structure, A the
  * order of /Annots, W widgets first in the order of /Annots, or any other name the file
  * holds. Absent (or not a name): PD_ERR_NO_VALUE. */
