@@ -63,6 +63,50 @@ struct PDHandleRec {
 
 namespace pdfcore {
 
+struct ObjGenHash {
+    size_t operator()(QPDFObjGen og) const noexcept {
+        return std::hash<uint64_t>()((uint64_t(uint32_t(og.getObj())) << 32) |
+                                     uint32_t(og.getGen()));
+    }
+};
+
+// A page's /Annots as pdfcore reads and edits it. The annotations sit in slots with
+// free slots between them, and a Fenwick tree counts the taken slots, so that finding an
+// annotation's position, taking it out and putting one in at a position cost a logarithm
+// of the list's length instead of a walk or a shift of it: reordering a page of thousands
+// of annotations one remove and one insert at a time stays fast. The page's own array is
+// rewritten from it (flush) before anything else reads that array.
+class AnnotList {
+public:
+    explicit AnnotList(std::vector<QPDFObjectHandle> items);
+
+    size_t size() const { return live_; }
+    // The annotation at position index (< size()).
+    QPDFObjectHandle at(size_t index) const;
+    // The position of the annotation, or -1.
+    int64_t indexOf(QPDFObjGen og) const;
+    // Puts annot in at position index (<= size()); it must not be listed yet.
+    void insert(size_t index, QPDFObjectHandle annot);
+    // Takes the annotation out; false when it is not listed.
+    bool remove(QPDFObjGen og);
+    // Writes the list to the page's /Annots when it changed since the last write.
+    void flush(QPDFObjectHandle page);
+    bool dirty() const { return dirty_; }
+
+private:
+    void lay(std::vector<QPDFObjectHandle> items);  // one free slot after each annotation
+    void add(size_t slot, int delta);
+    size_t before(size_t slot) const;               // taken slots before slot
+    size_t slotOf(size_t index) const;              // the slot of position index
+    void take(size_t slot, QPDFObjectHandle annot);
+
+    std::vector<QPDFObjectHandle> slots_;  // null in a free slot
+    std::vector<int32_t> tree_;            // Fenwick tree over the slots, 1-based
+    std::unordered_map<QPDFObjGen, size_t, ObjGenHash> slotByObject_;
+    size_t live_ = 0;
+    bool dirty_ = false;
+};
+
 struct Listener {
     uint32_t cookie;
     PDAnnotChangedProc proc;
@@ -103,6 +147,20 @@ struct Document {
     // Pages whose /Annots holds only indirect dictionaries, with its length when that was
     // last checked or kept so: a list of that length needs no new pass.
     std::map<QPDFObjGen, int> cleanAnnots;
+    // What was read of annotations, by annotation object, so that a walk over a page of
+    // thousands of annotations does not look each key up in each dictionary again.
+    // pdfcore is the only writer once the document is open: PDAnnotSetRect forgets the
+    // rectangle, PDPageAddAnnot records the page it points /P at, and nothing changes a
+    // /Subtype.
+    struct AnnotFacts {
+        PDRect rect{};
+        bool hasRect = false;
+        PDAtom subtype = 0;   // 0: not read yet
+        QPDFObjGen page;      // the page /P is known to name; (0, 0): not known
+    };
+    std::unordered_map<QPDFObjGen, AnnotFacts, ObjGenHash> annotFacts;
+    // The pages' annotation lists as pdfcore edits them (AnnotList), by page object.
+    std::map<QPDFObjGen, AnnotList> annotLists;
     // Widgets whose appearance is out of date, drawn when something reads or writes their
     // /AP or /AS, or when the document is written: a widget styled by several calls in a
     // row is drawn once, not once per call.
@@ -205,6 +263,12 @@ private:
     std::set<QPDFObjGen> detach(QPDFObjectHandle list, const std::set<QPDFObjGen>& fields);
     std::vector<Detached> detached_;
 };
+
+// ---- pages (Pages.cpp) ------------------------------------------------------------
+
+// Writes every page's edited annotation list to its /Annots; before the pages' arrays
+// are read directly (walks of the form, writing the file).
+void flushAnnotLists(Document& doc);
 
 // ---- appearances (Appearance.cpp) -------------------------------------------------
 

@@ -57,6 +57,7 @@ bool writeFileChecked(const std::filesystem::path& path, const unsigned char* da
 }
 
 void writeTo(Document& doc, QPDFWriter& w) {
+    flushAnnotLists(doc);
     flushAppearances(doc);
     const UnusedFieldsDetached unused(doc);
     w.setPreserveEncryption(false);

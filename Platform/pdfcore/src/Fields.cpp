@@ -118,6 +118,7 @@ std::vector<QPDFObjectHandle> formRoots(Document& doc, size_t* listed) {
         }
     }
     if (listed) *listed = roots.size();
+    flushAnnotLists(doc);
     for (auto page : doc.qpdf->getAllPages()) {
         auto annots = page.getKey("/Annots");
         if (!annots.isArray()) continue;

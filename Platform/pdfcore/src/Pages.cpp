@@ -47,19 +47,145 @@ QPDFObjectHandle annotsOf(Document& doc, QPDFObjectHandle page, bool create) {
     return annots;
 }
 
-// After an insertion or removal of an indirect annotation the list stays clean.
-void keptClean(Document& doc, QPDFObjectHandle page, QPDFObjectHandle annots) {
-    doc.cleanAnnots[page.getObjGen()] = annots.getArrayNItems();
+// The page's annotation list, read from its (cleaned) /Annots the first time.
+AnnotList& listOf(Document& doc, QPDFObjectHandle page) {
+    auto it = doc.annotLists.find(page.getObjGen());
+    if (it == doc.annotLists.end()) {
+        auto annots = annotsOf(doc, page, false);
+        it = doc.annotLists
+                 .emplace(page.getObjGen(), AnnotList(annots.isArray()
+                                                          ? annots.getArrayAsVector()
+                                                          : std::vector<QPDFObjectHandle>()))
+                 .first;
+    }
+    return it->second;
 }
 
-int indexIn(QPDFObjectHandle annots, QPDFObjGen og) {
-    if (!annots.isArray()) return -1;
-    int n = annots.getArrayNItems();
-    for (int i = 0; i < n; ++i) {
-        if (annots.getArrayItem(i).getObjGen() == og) return i;
+}  // namespace
+
+AnnotList::AnnotList(std::vector<QPDFObjectHandle> items) {
+    slots_ = std::move(items);
+    tree_.assign(slots_.size() + 1, 0);
+    for (size_t i = 0; i < slots_.size(); ++i) {
+        slotByObject_[slots_[i].getObjGen()] = i;
+        // Fenwick tree of all ones, built in one pass.
+        tree_[i + 1] += 1;
+        const size_t up = (i + 1) + ((i + 1) & -(i + 1));
+        if (up < tree_.size()) tree_[up] += tree_[i + 1];
     }
-    return -1;
+    live_ = slots_.size();
 }
+
+void AnnotList::lay(std::vector<QPDFObjectHandle> items) {
+    slots_.assign(items.size() * 2, QPDFObjectHandle());
+    tree_.assign(slots_.size() + 1, 0);
+    slotByObject_.clear();
+    live_ = 0;
+    for (size_t i = 0; i < items.size(); ++i) take(2 * i, items[i]);
+}
+
+void AnnotList::add(size_t slot, int delta) {
+    for (size_t i = slot + 1; i < tree_.size(); i += i & -i) tree_[i] += delta;
+}
+
+size_t AnnotList::before(size_t slot) const {
+    size_t sum = 0;
+    for (size_t i = slot; i > 0; i -= i & -i) sum += tree_[i];
+    return sum;
+}
+
+size_t AnnotList::slotOf(size_t index) const {
+    // The Fenwick descent: the slot with exactly index taken slots before it, taken.
+    size_t pos = 0, rest = index, step = 1;
+    while (step * 2 < tree_.size()) step *= 2;
+    for (; step > 0; step /= 2) {
+        if (pos + step < tree_.size() && size_t(tree_[pos + step]) <= rest) {
+            pos += step;
+            rest -= tree_[pos];
+        }
+    }
+    return pos;
+}
+
+void AnnotList::take(size_t slot, QPDFObjectHandle annot) {
+    slots_[slot] = annot;
+    slotByObject_[annot.getObjGen()] = slot;
+    add(slot, 1);
+    ++live_;
+}
+
+QPDFObjectHandle AnnotList::at(size_t index) const { return slots_[slotOf(index)]; }
+
+int64_t AnnotList::indexOf(QPDFObjGen og) const {
+    auto it = slotByObject_.find(og);
+    return it == slotByObject_.end() ? -1 : int64_t(before(it->second));
+}
+
+void AnnotList::insert(size_t index, QPDFObjectHandle annot) {
+    dirty_ = true;
+    // Free slots between the annotations at index - 1 and index take it; the first of
+    // them, so that annotations put in at rising positions find room after it.
+    const size_t low = index == 0 ? 0 : slotOf(index - 1) + 1;
+    const size_t high = index == live_ ? slots_.size() : slotOf(index);
+    if (low < high) {
+        take(low, annot);
+        return;
+    }
+    if (index == live_) {  // at the end, with no free slot left there: one more slot
+        slots_.push_back(QPDFObjectHandle());
+        const size_t i = slots_.size();  // its 1-based node covers (i - lowbit, i]
+        tree_.push_back(int32_t(before(i - 1) - before(i - (i & -i))));
+        take(slots_.size() - 1, annot);
+        return;
+    }
+    std::vector<QPDFObjectHandle> items;
+    items.reserve(live_ + 1);
+    for (auto& slot : slots_) {
+        if (items.size() == index) items.push_back(annot);
+        if (!slot.isInitialized()) continue;
+        items.push_back(slot);
+    }
+    lay(std::move(items));
+}
+
+bool AnnotList::remove(QPDFObjGen og) {
+    auto it = slotByObject_.find(og);
+    if (it == slotByObject_.end()) return false;
+    const size_t slot = it->second;
+    slotByObject_.erase(it);
+    slots_[slot] = QPDFObjectHandle();
+    add(slot, -1);
+    --live_;
+    dirty_ = true;
+    return true;
+}
+
+void AnnotList::flush(QPDFObjectHandle page) {
+    if (!dirty_) return;
+    std::vector<QPDFObjectHandle> items;
+    items.reserve(live_);
+    for (auto& slot : slots_) {
+        if (slot.isInitialized()) items.push_back(slot);
+    }
+    auto annots = page.getKey("/Annots");
+    if (annots.isArray()) {
+        annots.setArrayFromVector(items);
+    } else if (!items.empty()) {
+        page.replaceKey("/Annots", QPDFObjectHandle::newArray(items));
+    }
+    dirty_ = false;
+}
+
+void flushAnnotLists(Document& doc) {
+    for (auto& [og, list] : doc.annotLists) {
+        if (!list.dirty()) continue;
+        auto page = doc.qpdf->getObject(og);
+        list.flush(page);
+        doc.cleanAnnots[og] = static_cast<int>(list.size());
+    }
+}
+
+namespace {
 
 bool isMarkupSubtype(const std::string& st) {
     static const std::set<std::string> markup = {
@@ -195,8 +321,7 @@ PDResult PDPageGetNumAnnots(PDPage page, uint32_t* outCount) {
     return guard([&] {
         auto& p = checked(page, Kind::Page);
         checkOut(outCount);
-        auto annots = annotsOf(*p.doc, p.obj, false);
-        *outCount = annots.isArray() ? static_cast<uint32_t>(annots.getArrayNItems()) : 0;
+        *outCount = static_cast<uint32_t>(listOf(*p.doc, p.obj).size());
     });
 }
 
@@ -207,9 +332,7 @@ PDResult PDAnnotGetPage(PDAnnot annot, PDPage* outPage) {
         checkOut(outPage);
         Document& doc = *a.doc;
         const auto og = a.obj.getObjGen();
-        auto lists = [&](QPDFObjectHandle page) {
-            return indexIn(annotsOf(doc, page, false), og) >= 0;
-        };
+        auto lists = [&](QPDFObjectHandle page) { return listOf(doc, page).indexOf(og) >= 0; };
         auto hint = a.obj.getKey("/P");
         bool hintIsPage = false;
         if (hint.isIndirect() && hint.isDictionary()) {
@@ -238,11 +361,9 @@ PDResult PDPageGetAnnot(PDPage page, uint32_t index, PDAnnot* outAnnot) {
     return guard([&] {
         auto& p = checked(page, Kind::Page);
         checkOut(outAnnot);
-        auto annots = annotsOf(*p.doc, p.obj, false);
-        if (!annots.isArray() || index >= static_cast<uint32_t>(annots.getArrayNItems())) {
-            fail(PD_ERR_RANGE);
-        }
-        *outAnnot = handleFor(*p.doc, annots.getArrayItem(static_cast<int>(index)), Kind::Annot);
+        const AnnotList& list = listOf(*p.doc, p.obj);
+        if (index >= list.size()) fail(PD_ERR_RANGE);
+        *outAnnot = handleFor(*p.doc, list.at(index), Kind::Annot);
     });
 }
 
@@ -252,7 +373,7 @@ PDResult PDPageGetAnnotIndex(PDPage page, PDAnnot annot, uint32_t* outIndex) {
         auto& a = checked(annot, Kind::Annot);
         sameDoc(p, a);
         checkOut(outIndex);
-        int i = indexIn(annotsOf(*p.doc, p.obj, false), a.obj.getObjGen());
+        const int64_t i = listOf(*p.doc, p.obj).indexOf(a.obj.getObjGen());
         if (i < 0) fail(PD_ERR_NOT_FOUND);
         *outIndex = static_cast<uint32_t>(i);
     });
@@ -263,12 +384,17 @@ PDResult PDPageAddAnnot(PDPage page, uint32_t index, PDAnnot annot) {
         auto& p = checked(page, Kind::Page);
         auto& a = checked(annot, Kind::Annot);
         sameDoc(p, a);
-        auto annots = annotsOf(*p.doc, p.obj, true);
-        if (indexIn(annots, a.obj.getObjGen()) >= 0) fail(PD_ERR_ALREADY);
-        if (index > static_cast<uint32_t>(annots.getArrayNItems())) fail(PD_ERR_RANGE);
-        a.obj.replaceKey("/P", p.obj);
-        annots.insertItem(static_cast<int>(index), a.obj);
-        keptClean(*p.doc, p.obj, annots);
+        AnnotList& list = listOf(*p.doc, p.obj);
+        if (list.indexOf(a.obj.getObjGen()) >= 0) fail(PD_ERR_ALREADY);
+        if (index > list.size()) fail(PD_ERR_RANGE);
+        auto& facts = p.doc->annotFacts[a.obj.getObjGen()];
+        if (facts.page != p.obj.getObjGen()) {
+            if (a.obj.getKey("/P").getObjGen() != p.obj.getObjGen()) {
+                a.obj.replaceKey("/P", p.obj);
+            }
+            facts.page = p.obj.getObjGen();
+        }
+        list.insert(index, a.obj);
     });
 }
 
@@ -277,11 +403,7 @@ PDResult PDPageRemoveAnnot(PDPage page, PDAnnot annot) {
         auto& p = checked(page, Kind::Page);
         auto& a = checked(annot, Kind::Annot);
         sameDoc(p, a);
-        auto annots = annotsOf(*p.doc, p.obj, false);
-        int i = indexIn(annots, a.obj.getObjGen());
-        if (i < 0) fail(PD_ERR_NOT_ON_PAGE);
-        annots.eraseItem(i);
-        keptClean(*p.doc, p.obj, annots);
+        if (!listOf(*p.doc, p.obj).remove(a.obj.getObjGen())) fail(PD_ERR_NOT_ON_PAGE);
     });
 }
 
@@ -289,9 +411,16 @@ PDResult PDAnnotGetSubtype(PDAnnot annot, PDAtom* outSubtype) {
     return guard([&] {
         auto& a = checked(annot, Kind::Annot);
         checkOut(outSubtype);
+        Document::AnnotFacts* facts =
+            a.obj.isIndirect() ? &a.doc->annotFacts[a.obj.getObjGen()] : nullptr;
+        if (facts && facts->subtype) {
+            *outSubtype = facts->subtype;
+            return;
+        }
         auto st = a.obj.getKey("/Subtype");
         if (!st.isName()) fail(PD_ERR_NO_VALUE);
         *outSubtype = atomOf(st.getName().substr(1));
+        if (facts) facts->subtype = *outSubtype;
     });
 }
 
@@ -299,7 +428,16 @@ PDResult PDAnnotGetRect(PDAnnot annot, PDRect* outRect) {
     return guard([&] {
         auto& a = checked(annot, Kind::Annot);
         checkOut(outRect);
-        *outRect = rectOf(a.obj.getKey("/Rect"));
+        if (!a.obj.isIndirect()) {
+            *outRect = rectOf(a.obj.getKey("/Rect"));
+            return;
+        }
+        auto& facts = a.doc->annotFacts[a.obj.getObjGen()];
+        if (!facts.hasRect) {
+            facts.rect = rectOf(a.obj.getKey("/Rect"));
+            facts.hasRect = true;
+        }
+        *outRect = facts.rect;
     });
 }
 
@@ -315,6 +453,8 @@ PDResult PDAnnotSetRect(PDAnnot annot, const PDRect* rect) {
                                       std::max(rect->left, rect->right),
                                       std::max(rect->top, rect->bottom));
         a.obj.replaceKey("/Rect", QPDFObjectHandle::newArray(r));
+        auto facts = a.doc->annotFacts.find(a.obj.getObjGen());
+        if (facts != a.doc->annotFacts.end()) facts->second.hasRect = false;
         if (isWidget(a.obj)) regenerateAppearance(*a.doc, a.obj);
     });
 }
