@@ -603,6 +603,43 @@ TEST(WidgetAppearance, RotatedWidgetsReadUprightOnARotatedPage) {
                            "side /N - bbox=0 0 50 200 matrix=-"});
 }
 
+// A widget drawn again writes over the streams of its last drawing: what the new drawing
+// does not set (a /Matrix after the turn is undone, the check mark's font after the style
+// changes) must not survive in them, and every state keeps a stream of its own.
+TEST(WidgetAppearance, DrawingAgainLeavesNothingOfTheLastDrawing) {
+    ScratchDir dir;
+    auto doc = createDoc();
+    auto pg = page(doc.get(), 0);
+    auto [text, textW] = addField(doc.get(), pg.get(), "text", PD_ATOM_Tx, rect(50, 50, 250, 80));
+    auto [box, boxW] = addField(doc.get(), pg.get(), "box", PD_ATOM_Btn, rect(300, 50, 320, 70));
+    ASSERT_EQ(put(PDButtonWidgetAnnotSetChoice, boxW.get(), u"Yes"), PD_OK);
+    ASSERT_EQ(PDWidgetAnnotSetRotate(textW.get(), 90), PD_OK);
+    ASSERT_EQ(setValue(text.get(), u"Turned"), PD_OK);
+    const std::string first = dir.file("first.pdf");
+    ASSERT_EQ(PDDocSave(doc.get(), first.c_str()), PD_OK);
+    expectDescribed(first, {"text /N - bbox=0 0 30 200 matrix=0 1 -1 0 200 0"});
+    ASSERT_EQ(PDWidgetAnnotSetRotate(textW.get(), 0), PD_OK);
+    ASSERT_EQ(setValue(text.get(), u"Upright"), PD_OK);
+    ASSERT_EQ(put(PDButtonWidgetAnnotSetChoice, boxW.get(), u"On"), PD_OK);
+    const std::string again = dir.file("again.pdf");
+    ASSERT_EQ(PDDocSave(doc.get(), again.c_str()), PD_OK);
+    const std::string out = expectDescribed(
+        again, {"text /N - bbox=0 0 200 30 matrix=- fonts=/Helv tx=True tj=Upright",
+                "box /N /On bbox=0 0 20 20", "box /N /Off bbox=0 0 20 20",
+                "box /D /On bbox=0 0 20 20", "box /D /Off bbox=0 0 20 20"});
+    EXPECT_EQ(out.find("Yes"), std::string::npos) << out;
+    // Four states, four streams.
+    EXPECT_EQ(python("ids = set()\n"
+                     "for a in pdf.pages[0]['/Annots']:\n"
+                     "    for ap in a.get_object()['/AP'].values():\n"
+                     "        ap = ap.get_object()\n"
+                     "        if not hasattr(ap, 'get_data'):\n"
+                     "            ids.update(v.idnum for v in ap.values())\n"
+                     "print(len(ids))",
+                     "'" + again + "'"),
+              "4\n");
+}
+
 TEST(WidgetAppearance, ButtonIconFollowsTheIconFit) {
     ScratchDir dir;
     auto doc = createDoc(1, 200, 200);

@@ -706,10 +706,20 @@ Frame frameOf(QPDFObjectHandle widget, double w, double h) {
     return f;
 }
 
+// A form XObject of the content: written into reuse when that is a stream (its dictionary
+// emptied first), else a new stream.
 QPDFObjectHandle makeForm(Document& doc, const Frame& f, int rotation, double rectW, double rectH,
                           const std::vector<const Font*>& fonts, const std::string& content,
-                          QPDFObjectHandle icon) {
-    QPDFObjectHandle stream = doc.qpdf->newStream(content);
+                          QPDFObjectHandle icon, QPDFObjectHandle reuse) {
+    QPDFObjectHandle stream = reuse;
+    if (stream.isStream()) {
+        for (const auto& key : stream.getDict().getKeys())
+            stream.getDict().removeKey(key);
+        stream.replaceStreamData(content, QPDFObjectHandle::newNull(),
+                                 QPDFObjectHandle::newNull());
+    } else {
+        stream = doc.qpdf->newStream(content);
+    }
     QPDFObjectHandle d = stream.getDict();
     d.replaceKey("/Type", QPDFObjectHandle::newName("/XObject"));
     d.replaceKey("/Subtype", QPDFObjectHandle::newName("/Form"));
@@ -1050,10 +1060,27 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget) {
     cx.flags = static_cast<uint32_t>(intOf(inherited(field, "/Ff"), 0));
     cx.quadding = static_cast<int>(std::clamp<int64_t>(intOf(quaddingEntry(doc, widget), 0), 0, 2));
 
+    // The streams this widget's last drawing made are written again rather than left
+    // behind in the document: a widget styled, turned on and grouped in a row is drawn
+    // several times, and the document should not keep every earlier drawing in memory.
+    std::vector<QPDFObjectHandle> spare, drawn;
+    if (widget.isIndirect()) {
+        auto it = doc.drawnStreams.find(widget.getObjGen());
+        if (it != doc.drawnStreams.end()) {
+            spare = std::move(it->second);
+            doc.drawnStreams.erase(it);
+        }
+    }
     auto form = [&](const std::vector<const Font*>& fonts, const std::string& content,
                     QPDFObjectHandle icon = QPDFObjectHandle::newNull()) {
-        return makeForm(doc, cx.frame, static_cast<int>(rotation), rectW, rectH, fonts, content,
-                        icon);
+        QPDFObjectHandle reuse = QPDFObjectHandle::newNull();
+        if (!spare.empty()) {
+            reuse = spare.back();
+            spare.pop_back();
+        }
+        drawn.push_back(makeForm(doc, cx.frame, static_cast<int>(rotation), rectW, rectH, fonts,
+                                 content, icon, reuse));
+        return drawn.back();
     };
     auto ap = QPDFObjectHandle::newDictionary();
     const Frame& f = cx.frame;
@@ -1124,6 +1151,7 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget) {
         ap.replaceKey("/N", form({}, c.s));
     }
     widget.replaceKey("/AP", ap);
+    if (widget.isIndirect()) doc.drawnStreams[widget.getObjGen()] = std::move(drawn);
 }
 
 } // namespace

@@ -165,6 +165,9 @@ struct Document {
     // /AP or /AS, or when the document is written: a widget styled by several calls in a
     // row is drawn once, not once per call.
     std::set<QPDFObjGen> staleAppearances;
+    // The appearance streams of each widget's last drawing here, written again by its next
+    // drawing. Only pdfcore's own drawings are listed: streams of the file are never reused.
+    std::unordered_map<QPDFObjGen, std::vector<QPDFObjectHandle>, ObjGenHash> drawnStreams;
     uint32_t nextCookie = 1;
 };
 
