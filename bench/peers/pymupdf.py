@@ -9,9 +9,11 @@ change, and a plain Document.save (no garbage collection, no deflate options).
 What PyMuPDF cannot do, and what is done instead by editing the objects directly
 (xref_set_key):
 - every widget it adds is a field of its own: the three radio buttons of a group are
-  joined under a new parent field, and W2 renames that parent (Widget.update would give
-  the button a name of its own). The buttons keep the look MuPDF drew for them, a check
+  joined under a new parent field. The buttons keep the look MuPDF drew for them, a check
   mark, and all have the on-state "Yes" (no API chooses it).
+- Widget.update renames only a widget's own /T: on a widget with a parent field (radio
+  buttons, and every field of a file whose fields keep their widgets apart) it would make
+  a new field under the old one. W2 renames such a parent at its /T.
 - Widget.update writes /Ff 0 whatever field_flags says (fixed in PyMuPDF 1.22), which
   makes a push button a check box: W1 sets the button's /Ff and caption (/MK /CA) and has
   MuPDF draw it again with Annot.update; W2 renames push buttons through /T only.
@@ -114,7 +116,7 @@ def w2(path, out):
             keep.append(widget)
             name = workloads.RENAME_PREFIX + widget.field_name
             kind, value = doc.xref_get_key(widget.xref, "Parent")
-            if kind == "xref":  # a radio button: its parent field carries the name
+            if kind == "xref":  # the parent field carries the name
                 parent = int(value.split()[0])
                 if parent not in renamed:
                     renamed.add(parent)
