@@ -387,6 +387,50 @@ def check_failures(args, folder):
         check(result.returncode == 1 and text in result.stderr,
               "%s: exit %d, %r" % (what, result.returncode, result.stderr))
 
+    # Wrong JSON types: one line naming the step and what is wrong.
+    typed = [
+        ([{"new": {"pages": "two"}}], "step 0 (new): new: pages must be a whole number"),
+        ([{"new": {}}, {"undo": "one"}], "step 1 (undo): undo: the count must be a whole number"),
+        ([{"new": {}}, {"tool": 7}], "step 1 (tool): tool: the tool's name must be a string"),
+        ([{"new": {}}, {"tool": "TextFieldCreate"}, {"click": {"page": 0, "at": [1]}}],
+         "step 2 (click): click: at must be [x, y]"),
+        ([{"new": {}}, {"tool": "TextFieldCreate"},
+          {"drag": {"page": 0.5, "from": [1, 1], "to": [9, 9]}}],
+         "step 2 (drag): drag: page must be a whole number"),
+        ([{"new": {}}, {"tool": "TextFieldCreate"},
+          {"drag": {"page": 0, "from": [1, 1], "to": [9, 9], "moves": 0}}],
+         "step 2 (drag): drag: moves must be 1 to 100000"),
+        ([{"new": {}}, {"command": {"name": "GroupRadioButtons", "widgets": "all"}}],
+         "step 1 (command): command GroupRadioButtons: widgets must be a list"),
+        ({"new": {}}, "the script must be a JSON array of steps"),
+    ]
+    for steps, text in typed:
+        result = qfforms(args.qfforms, "run", write_script(folder, "typed.json", steps))
+        check(result.returncode == 1 and text in result.stderr and
+              result.stderr.count("\n") == 1, "types: %r, %r" % (text, result.stderr))
+
+    # Files that cannot be opened: one line that says why, and nothing written.
+    not_pdf = os.path.join(folder, "text.pdf")
+    with open(not_pdf, "w") as f:
+        f.write("hello, this is not a PDF\n")
+    locked = os.path.join(folder, "locked.pdf")
+    run(["qpdf", "--encrypt", "user", "owner", "256", "--",
+         os.path.join(args.corpus, "qpdf-field-types.pdf"), locked])
+    inputs = [
+        (os.path.join(folder, "missing.pdf"), "no such file"),
+        (not_pdf, "The file is damaged or is not a PDF file"),
+        (locked, "The file is encrypted and needs a password"),
+        (os.path.join(args.corpus, "pdfjs-damaged-unrecoverable-fuzzed.pdf"),
+         "The file is damaged or is not a PDF file"),
+    ]
+    script = write_script(folder, "any.json", [{"tool": "TextFieldCreate"}])
+    for path, text in inputs:
+        result = qfforms(args.qfforms, "run", script, "--in", path, "--out", out)
+        check(result.returncode == 1 and text in result.stderr and
+              result.stderr.count("\n") == 1 and not os.path.exists(out),
+              "input %s: exit %d, %r" % (os.path.basename(path), result.returncode,
+                                         result.stderr))
+
     with open(os.path.join(folder, "broken.json"), "w") as f:
         f.write('[{"new": {}}, {"tool": "TextFieldCreate", "tool": "CheckBoxCreate"}]')
     result = qfforms(args.qfforms, "run", os.path.join(folder, "broken.json"))

@@ -3,6 +3,7 @@
 #include "qfhost/Host.h"
 
 #include "HeldHandle.h"
+#include "PdfcoreText.h"
 #include "Thunks.h"
 
 #include "kr/KRRuntime.h"
@@ -720,8 +721,7 @@ const QF::DocumentTable kDocumentTable = {
 
 PDDoc checked(PDResult rc, PDDoc doc, const std::string& what) {
     if (rc != PD_OK) {
-        throw HostError(codes::kPdfFailure,
-                        what + ": pdfcore error " + std::to_string(rc));
+        throw HostError(codes::kPdfFailure, detail::pdfcoreFailure(what, rc));
     }
     return doc;
 }

@@ -3,6 +3,7 @@
 #include "qfhost/Host.h"
 
 #include "HeldHandle.h"
+#include "PdfcoreText.h"
 #include "Thunks.h"
 
 #include "kr/KRRuntime.h"
@@ -435,9 +436,9 @@ public:
         PDResult rc = PDDocGetPage(doc, page_, page.put());
         if (rc == PD_OK) rc = PDPageGetNumAnnots(page.get(), &count);
         if (rc != PD_OK) {
-            throw HostError(codes::kPdfFailure, "cannot read the annotations of page " +
-                                                    std::to_string(page_) + ": pdfcore error " +
-                                                    std::to_string(rc));
+            throw HostError(codes::kPdfFailure,
+                            detail::pdfcoreFailure(
+                                "cannot read the annotations of page " + std::to_string(page_), rc));
         }
         out_ += "<g id=\"annotations\">\n";
         for (uint32_t i = 0; i < count; ++i) {

@@ -3,6 +3,7 @@
 #include "qfhost/Host.h"
 
 #include "HeldHandle.h"
+#include "PdfcoreText.h"
 #include "Thunks.h"
 
 #include "kr/KRRuntime.h"
@@ -126,8 +127,8 @@ const std::vector<detail::PageGeometry>& geometryOf(const ViewState& s) {
         if (rc == PD_OK) rc = PDPageGetBox(page.page, PD_BOX_CROP, &box);
         if (rc == PD_OK) rc = PDPageGetRotate(page.page, &degrees);
         if (rc != PD_OK) {
-            throw HostError(codes::kPdfFailure, "cannot read page " + std::to_string(index) +
-                                                    ": pdfcore error " + std::to_string(rc));
+            throw HostError(codes::kPdfFailure,
+                            detail::pdfcoreFailure("cannot read page " + std::to_string(index), rc));
         }
         read.push_back({std::min(box.left, box.right), std::min(box.bottom, box.top),
                         std::abs(double(box.right) - box.left),
