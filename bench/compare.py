@@ -115,7 +115,7 @@ def w3_script():
         steps.append({"paste": {"page": 0}})
         commands += 1
     steps.append({"undo": commands})
-    return steps
+    return steps, commands
 
 
 def layout_of(path):
@@ -248,11 +248,15 @@ def main():
             write_json(path("w3-in.json"), w3_input_script())
             timed(qf + [path("w3-in.json"), "--out", source], env)
             before = layout_of(source)
-            write_json(path("w3.json"), w3_script())
+            steps, commands = w3_script()
+            write_json(path("w3.json"), steps)
+            # Undoing all of it needs an undo stack deeper than the default 1,000 levels.
+            write_json(path("w3-settings.json"), {"Editing": {"Undo levels": commands}})
             w3 = {"ours": Measure()}
             for _ in range(args.runs):
                 out = path("w3-out.pdf")
-                w3["ours"].run(qf + [path("w3.json"), "--in", source, "--out", out], env)
+                w3["ours"].run(qf + [path("w3.json"), "--in", source, "--out", out,
+                                     "--settings", path("w3-settings.json")], env)
                 workloads.check_file(out)
                 if layout_of(out) != before:
                     raise AssertionError("W3: undoing everything did not give the page back")

@@ -104,6 +104,33 @@ TEST_F(CommandsManagerTest, AFailingUndoLeavesTheCommandInPlace) {
     EXPECT_EQ(journal, (Journal{"do:stuck", "undo:stuck"}));
 }
 
+// The undo stack keeps the user setting's number of commands, releasing the oldest, also
+// when a redo fills it again or the setting is lowered between commands.
+TEST_F(CommandsManagerTest, TheUndoStackKeepsTheSettingsLevels) {
+    EXPECT_EQ(host.commands().undoLevels(), 1000u);
+    ASSERT_EQ(host.settings().set(u"Editing/Undo levels", int64_t{2}), 0u);
+    auto a = script("a"), b = script("b"), c = script("c"), d = script("d");
+    run(a);
+    run(b);
+    run(c);
+    EXPECT_EQ(depths(), std::make_pair(2u, 0u));
+    EXPECT_EQ(journal, (Journal{"do:a", "do:b", "do:c", "gone:a"}));
+
+    table->Undo(manager.get());
+    table->Undo(manager.get());
+    EXPECT_EQ(table->Undo(manager.get()), 1u);
+    ASSERT_EQ(host.settings().set(u"Editing/Undo levels", int64_t{1}), 0u);
+    EXPECT_EQ(table->Redo(manager.get()), 0u);
+    EXPECT_EQ(table->Redo(manager.get()), 0u);
+    EXPECT_EQ(depths(), std::make_pair(1u, 0u));
+    EXPECT_EQ(journal.back(), "gone:b");
+    run(d);
+    EXPECT_EQ(journal.back(), "gone:c");
+
+    EXPECT_EQ(host.settings().set(u"Editing/Undo levels", int64_t{0}), 3u);
+    EXPECT_EQ(host.settings().set(u"Editing/Undo levels", int64_t{100001}), 3u);
+}
+
 TEST_F(CommandsManagerTest, ExecuteRefusesWhatItCannotRun) {
     EXPECT_EQ(table->ExecuteCommand(manager.get(), nullptr), 3u);
     auto a = script("a");

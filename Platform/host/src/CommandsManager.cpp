@@ -1,9 +1,11 @@
 #include "qfhost/Services.h"
+#include "qfhost/UiServices.h"
 
 #include "Thunks.h"
 
 #include "kr/KRRuntime.h"
 
+#include <iterator>
 #include <utility>
 
 namespace qfhost {
@@ -90,11 +92,37 @@ uint32_t CommandsManager::runOwned(ObjectPtr command) {
     if (rc != codes::kOk) return rc;  // the command is dropped with `command`
 
     std::vector<ObjectPtr> dropped;  // released after the lock is gone
+    const size_t levels = undoLevels();
     std::lock_guard lock(mutex_);
-    undo_.reserve(undo_.size() + 1);
     dropped.swap(redo_);
-    undo_.push_back(std::move(command));
+    pushUndo(std::move(command), levels, dropped);
     return codes::kOk;
+}
+
+void CommandsManager::pushUndo(ObjectPtr command, size_t levels, std::vector<ObjectPtr>& dropped) {
+    undo_.push_back(std::move(command));
+    if (levels == 0 || undo_.size() <= levels) return;
+    const auto past = undo_.begin() + static_cast<std::ptrdiff_t>(undo_.size() - levels);
+    std::move(undo_.begin(), past, std::back_inserter(dropped));
+    undo_.erase(undo_.begin(), past);
+}
+
+void CommandsManager::followSettings(ServiceObject* settings) {
+    ObjectPtr kept = ObjectPtr::share(settings);  // the old one is released after the lock
+    std::lock_guard lock(mutex_);
+    std::swap(settings_, kept);
+}
+
+size_t CommandsManager::undoLevels() const {
+    ObjectPtr settings;
+    {
+        std::lock_guard lock(mutex_);
+        settings = settings_;
+    }
+    if (!settings) return 0;
+    const auto value = UserSettings::of(settings.get()).get(u"Editing/Undo levels");
+    const auto* levels = value ? std::get_if<int64_t>(&*value) : nullptr;
+    return levels && *levels > 0 ? static_cast<size_t>(*levels) : 0;
 }
 
 uint32_t CommandsManager::undo() {
@@ -124,8 +152,14 @@ uint32_t CommandsManager::redo() {
     uint32_t rc = SODetails::hasMethod(command.get(), kDoSlot)
                       ? commandTable(command)->DO(command.get())
                       : codes::kNotInitialized;
+    std::vector<ObjectPtr> dropped;
+    const size_t levels = undoLevels();
     std::lock_guard lock(mutex_);
-    (rc == codes::kOk ? undo_ : redo_).push_back(std::move(command));
+    if (rc == codes::kOk) {
+        pushUndo(std::move(command), levels, dropped);
+    } else {
+        redo_.push_back(std::move(command));
+    }
     return rc;
 }
 

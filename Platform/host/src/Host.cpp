@@ -66,6 +66,7 @@ Host::Host() {
     if (KRGetAtomFromString(View::kName, &viewAtom_) != KR_OK) {
         throw HostError(codes::kHostFailure, std::string("no atom for ") + View::kName);
     }
+    commands().followSettings(object(HostService::QFUserSettings));
     for (size_t i = 0; i < kHostServiceCount; ++i) {
         uint32_t rc = ServiceProviderRegisterService(atoms_[i], &provide, objects_[i].get());
         if (rc != codes::kOk) {

@@ -289,6 +289,7 @@ constexpr Range kArgb{0, 0xFFFFFFFF};
 constexpr Range kSize{1, 14400};
 constexpr Range kFontSize{0, 14400};  // 0: automatic
 constexpr Range kHighlight{0, 4};     // none, invert, outline, push, toggle
+constexpr Range kUndoLevels{1, 100000};
 
 constexpr std::u16string_view kSubmitFormats[] = {u"FDF", u"HTML", u"XFDF", u"PDF"};
 
@@ -349,6 +350,7 @@ constexpr Setting kSettings[] = {
     text(u"Forms/SubmitButton/Format", u"PDF", kSubmitFormats),
     integer(u"Forms/DigitalSignatureField/Width", 150, kSize),
     integer(u"Forms/DigitalSignatureField/Height", 44, kSize),
+    integer(u"Editing/Undo levels", 1000, kUndoLevels),
 };
 
 const Setting* findSetting(std::u16string_view path) {

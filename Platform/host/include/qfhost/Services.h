@@ -52,7 +52,10 @@ private:
 };
 
 // "CommandsManager": command factories by command name atom, and the undo and redo
-// stacks. Each stack entry holds one reference to its command.
+// stacks. Each stack entry holds one reference to its command. The undo stack keeps at
+// most the user setting "Editing/Undo levels" commands when the manager follows a settings
+// object (the host's does); past it the oldest are released: their changes stay made and
+// can no longer be undone.
 class QFHOST_API CommandsManager {
 public:
     static constexpr const char* kName = "CommandsManager";
@@ -89,10 +92,20 @@ public:
     // Drops both stacks.
     void clear();
 
+    // Takes the undo levels from settings (a "QFUserSettings" object, one reference kept)
+    // from the next command on; null: no limit, as a manager starts.
+    void followSettings(ServiceObject* settings);
+    // The most commands the undo stack keeps; 0 for no limit.
+    size_t undoLevels() const;
+
 private:
     uint32_t runOwned(ObjectPtr command);
+    // Pushes command on the undo stack and moves the commands past the levels into
+    // dropped, for the caller to release once the lock is gone. Called with mutex_ held.
+    void pushUndo(ObjectPtr command, size_t levels, std::vector<ObjectPtr>& dropped);
 
     ObjectRegistry factories_;
+    ObjectPtr settings_;
     mutable std::mutex mutex_;
     std::vector<ObjectPtr> undo_;
     std::vector<ObjectPtr> redo_;

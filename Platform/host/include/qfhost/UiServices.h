@@ -132,7 +132,9 @@ private:
 // default; only values that differ from their defaults are written to the settings file
 // (JSON: nested objects by group, e.g. {"Forms": {"CheckBox": {"Width": 16}}}).
 //
-// The tree, with defaults (every value under "Forms"):
+// The tree, with defaults ("Editing/Undo levels", then every value under "Forms"):
+//   "Editing/Undo levels"                  integer 1000 (1 to 100000): the commands the
+//                                          undo stack keeps (CommandsManager)
 //   "Widget creation frame color"          integer 0xFF0078D7 (ARGB)
 //   <kind>/"Width", <kind>/"Height"        integers, points, per kind group:
 //       TextField 150x22, CheckBox 14x14, RadioGroup 14x14, ComboBox 150x22,
