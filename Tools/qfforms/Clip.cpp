@@ -18,7 +18,8 @@ namespace qfforms {
 
 const char* const kClipUsage =
     "       qfforms copy IN.pdf --field NAME [--widget K] [--module PATH]\n"
-    "       qfforms paste IN.pdf --page N --out OUT.pdf [--module PATH] < RECORD.json\n";
+    "       qfforms paste IN.pdf --page N --out OUT.pdf [--break-signatures] [--module PATH]\n"
+    "                     < RECORD.json\n";
 
 namespace {
 
@@ -27,6 +28,7 @@ namespace fs = std::filesystem;
 struct Options {
     std::string in, field, out, module, widget, page;
     bool help = false;
+    bool breakSignatures = false;
 };
 
 // The whole of text as a number from 0, or nothing.
@@ -46,7 +48,8 @@ std::optional<std::string> parse(const std::vector<std::string>& args, Options& 
                               {{"--help", &o.help}}, files)
              : parseArguments(args,
                               {{"--page", &o.page}, {"--out", &o.out}, {"--module", &o.module}},
-                              {{"--help", &o.help}}, files);
+                              {{"--help", &o.help}, {"--break-signatures", &o.breakSignatures}},
+                              files);
     if (problem || o.help) return problem;
     if (files.size() > 1) return "one input file";
     if (files.empty() || files[0].empty()) return "an input file is needed";
@@ -153,6 +156,9 @@ int pasteCommand(const std::vector<std::string>& args) {
         Handle pasted(widget);
         if (rc == 1) return fail("the record", "it holds no widget (no \"field-type\" of one)");
         if (rc != 0) return fail("the record", moduleText(s.loader, rc));
+        if (!o.breakSignatures && holdsSignatures(doc.pdDoc()))
+            return fail(o.out, std::string(kSignedDocument) +
+                                   " (pass --break-signatures to save anyway)");
         void* data = nullptr;
         size_t size = 0;
         check(PDDocSaveMem(doc.pdDoc(), &data, &size));

@@ -432,6 +432,15 @@ class Editor {
                                               "name with Save as"}});
         }
         Document& doc = view().document();
+        // Asked once: after the first save the signatures no longer hold anyway.
+        if (!signaturesBroken_ && holdsSignatures(doc.pdDoc())) {
+            if (!body.value("breakSignatures", false))
+                return jsonAnswer(409, {{"error", "The document is signed: saving rewrites the "
+                                                  "whole file, and its signatures will no "
+                                                  "longer hold. Save anyway?"},
+                                        {"signed", true}});
+            signaturesBroken_ = true;
+        }
         if (auto problem = writeAtomically(target, saveToMemory(doc)))
             throw StepFailure(std::nullopt, "cannot save " + target.string() + ": " + *problem);
         doc.markSaved();
@@ -592,6 +601,7 @@ class Editor {
     Session& session_;
     fs::path path_;
     bool sample_;
+    bool signaturesBroken_ = false;  // the person chose to save a signed document
     uint64_t revision_ = 0;
     uint64_t annotationsRevision_ = 0;
     boost::signals2::scoped_connection annotChanged_, annotsChanged_;

@@ -71,6 +71,15 @@ std::string errorText(PDResult r) {
     return toUtf8(std::u16string_view(message));
 }
 
+const char* const kSignedDocument =
+    "the document is signed: saving rewrites the whole file, and its signatures will no "
+    "longer hold";
+
+bool holdsSignatures(PDDoc doc) {
+    PDBool isSigned = 0;
+    return doc && PDDocIsSigned(doc, &isSigned) == PD_OK && isSigned;
+}
+
 std::string atomName(PDAtom atom) {
     const char* name = nullptr;
     check(PDAtomGetString(atom, &name));

@@ -103,6 +103,12 @@ template <typename Getter> std::optional<std::string> readUtf8(Getter&& getter) 
     return toUtf8(*text);
 }
 
+// Whether doc (null: no) holds a signature. A save writes the whole file anew, so the byte
+// ranges of its signatures no longer cover what was signed: readers show them as broken.
+bool holdsSignatures(PDDoc doc);
+// Why a document holding signatures is not saved unless the person says so.
+extern const char* const kSignedDocument;
+
 // The name of an atom; an atom without a name gives PdError.
 std::string atomName(PDAtom atom);
 

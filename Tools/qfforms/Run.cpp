@@ -19,7 +19,8 @@ namespace qfforms {
 
 const char* const kRunHelp =
     R"(usage: qfforms run SCRIPT.json [--in IN.pdf] [--out OUT.pdf] [--lang en|ja]
-                      [--settings FILE] [--keep-going] [--module PATH]
+                      [--settings FILE] [--keep-going] [--break-signatures]
+                      [--module PATH]
 
 Replays an authoring session through the reference host and the forms module, as the
 editor drives them. SCRIPT.json is an array of steps; each step is an object with exactly
@@ -89,6 +90,8 @@ Options:
   --lang en|ja       the language of names and messages (default en)
   --settings FILE    user settings to use (default: the user's settings file, if any)
   --keep-going       report a failing step and go on; the outputs are still written
+  --break-signatures save a document that holds signatures (--out and "save" steps):
+                     the file is written anew, and its signatures no longer hold
   --module PATH      the forms module to load (default: $QF_FORMS_MODULE, else the one
                      built with this program)
 
@@ -118,6 +121,7 @@ struct Options {
     std::string module;
     std::string language = "en";
     bool keepGoing = false;
+    bool breakSignatures = false;
     bool help = false;
 };
 
@@ -143,7 +147,9 @@ std::optional<std::string> parseOptions(const std::vector<std::string>& args, Op
                                        {"--lang", &o.language},
                                        {"--settings", &o.settings},
                                        {"--module", &o.module}},
-                                      {{"--help", &o.help}, {"--keep-going", &o.keepGoing}},
+                                      {{"--help", &o.help},
+                                       {"--keep-going", &o.keepGoing},
+                                       {"--break-signatures", &o.breakSignatures}},
                                       scripts))
         return problem;
     if (scripts.size() > 1) return "run takes one script";
@@ -274,6 +280,7 @@ int runCommand(const std::vector<std::string>& args) {
     }
 
     Session runner(*host, *loader, scriptPath.parent_path());
+    runner.allowBreakingSignatures(options.breakSignatures);
     if (!options.in.empty()) {
         try {
             runner.openFile(fs::u8path(options.in));
@@ -290,6 +297,11 @@ int runCommand(const std::vector<std::string>& args) {
         Document* doc = host->currentDocument();
         if (!doc) {
             std::cerr << "qfforms: --out: the script opened no document\n";
+            return 1;
+        }
+        if (!options.breakSignatures && holdsSignatures(doc->pdDoc())) {
+            std::cerr << "qfforms: " << options.out << ": " << kSignedDocument
+                      << " (pass --break-signatures to save anyway)\n";
             return 1;
         }
         try {

@@ -182,6 +182,7 @@ class Runner {
     }
 
     const std::vector<Output>& outputs() const { return outputs_; }
+    void allowBreakingSignatures(bool allowed) { breakSignatures_ = allowed; }
 
   private:
     fs::path resolve(const std::string& path) const {
@@ -746,7 +747,11 @@ class Runner {
 
     void save(const Json& a) {
         const fs::path path = resolve(text(a, "save: the file"));
-        keep(path, saveToMemory(currentView().document()));
+        qfhost::Document& doc = currentView().document();
+        if (!breakSignatures_ && holdsSignatures(doc.pdDoc()))
+            throw StepFailure(std::nullopt, std::string(kSignedDocument) +
+                                                " (pass --break-signatures to save anyway)");
+        keep(path, saveToMemory(doc));
     }
 
     qfhost::Host& host_;
@@ -754,6 +759,7 @@ class Runner {
     fs::path scriptDir_;
     std::vector<Output> outputs_;
     uint32_t commandId_ = 0;
+    bool breakSignatures_ = false;
 };
 
 
@@ -828,5 +834,7 @@ void Session::keep(std::filesystem::path path, std::string bytes) {
 }
 
 const std::vector<Output>& Session::outputs() const { return impl_->outputs(); }
+
+void Session::allowBreakingSignatures(bool allowed) { impl_->allowBreakingSignatures(allowed); }
 
 } // namespace qfforms

@@ -58,6 +58,9 @@ class Session {
     void keep(std::filesystem::path path, std::string bytes);
     // The files that "save" and "render" steps kept, in the order first kept.
     const std::vector<Output>& outputs() const;
+    // Whether "save" steps may write a document that holds signatures (see
+    // holdsSignatures); without it they fail. Off at first.
+    void allowBreakingSignatures(bool allowed);
 
   private:
     struct Impl;

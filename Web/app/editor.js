@@ -373,6 +373,10 @@ async function save(body) {
   notice('');
   const answer = await post('/api/save', body);
   if (answer.ok) notice(t('saved', answer.body.saved));
+  // A signed document is saved only when the person agrees to break its signatures.
+  else if (answer.status === 409 && answer.body.signed && window.confirm(answer.body.error)) {
+    save({...body, breakSignatures: true});
+  }
 }
 
 $('#toolbar').addEventListener('click', (ev) => {

@@ -431,6 +431,30 @@ def check_failures(args, folder):
               "input %s: exit %d, %r" % (os.path.basename(path), result.returncode,
                                          result.stderr))
 
+    # A signed file is written only with --break-signatures: the whole file is written
+    # anew, so its signatures stop holding. An empty signature field is no signature.
+    signed = os.path.join(args.corpus, "pyhanko-two-fields-signed-twice.pdf")
+    saving = write_script(folder, "saving.json", [{"save": out}])
+    empty = write_script(folder, "empty.json", [])
+    refusal = "the document is signed: saving rewrites the whole file"
+    for what, command in (("--out", [empty, "--out", out]), ("save", [saving])):
+        result = qfforms(args.qfforms, "run", *command, "--in", signed)
+        check(result.returncode == 1 and refusal in result.stderr and
+              "--break-signatures" in result.stderr and result.stderr.count("\n") == 1 and
+              not os.path.exists(out), "signed, %s: %r" % (what, result.stderr))
+        result = qfforms(args.qfforms, "run", *command, "--in", signed, "--break-signatures")
+        if check(result.returncode == 0 and os.path.exists(out),
+                 "signed, %s, --break-signatures: %r" % (what, result.stderr)):
+            values = [f.get("/V") for f in (PdfReader(out).get_fields() or {}).values()
+                      if f.get("/FT") == "/Sig"]
+            check(len(values) == 2 and all(values), "signed: the signatures were not kept")
+            os.remove(out)
+    unsigned = os.path.join(args.corpus, "pyhanko-textfield-group-unsigned-sig.pdf")
+    result = qfforms(args.qfforms, "run", empty, "--in", unsigned, "--out", out)
+    check(result.returncode == 0, "unsigned signature field: %r" % result.stderr)
+    if os.path.exists(out):
+        os.remove(out)
+
     with open(os.path.join(folder, "broken.json"), "w") as f:
         f.write('[{"new": {}}, {"tool": "TextFieldCreate", "tool": "CheckBoxCreate"}]')
     result = qfforms(args.qfforms, "run", os.path.join(folder, "broken.json"))
