@@ -1,5 +1,4 @@
 #include "qfhost/Services.h"
-#include "qfhost/UiServices.h"
 
 #include "Thunks.h"
 
@@ -107,22 +106,18 @@ void CommandsManager::pushUndo(ObjectPtr command, size_t levels, std::vector<Obj
     undo_.erase(undo_.begin(), past);
 }
 
-void CommandsManager::followSettings(ServiceObject* settings) {
-    ObjectPtr kept = ObjectPtr::share(settings);  // the old one is released after the lock
+void CommandsManager::setUndoLevels(std::function<size_t()> levels) {
     std::lock_guard lock(mutex_);
-    std::swap(settings_, kept);
+    levels_ = std::move(levels);
 }
 
 size_t CommandsManager::undoLevels() const {
-    ObjectPtr settings;
+    std::function<size_t()> levels;
     {
         std::lock_guard lock(mutex_);
-        settings = settings_;
+        levels = levels_;
     }
-    if (!settings) return 0;
-    const auto value = UserSettings::of(settings.get()).get(u"Editing/Undo levels");
-    const auto* levels = value ? std::get_if<int64_t>(&*value) : nullptr;
-    return levels && *levels > 0 ? static_cast<size_t>(*levels) : 0;
+    return levels ? levels() : 0;
 }
 
 uint32_t CommandsManager::undo() {

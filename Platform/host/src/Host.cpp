@@ -66,7 +66,11 @@ Host::Host() {
     if (KRGetAtomFromString(View::kName, &viewAtom_) != KR_OK) {
         throw HostError(codes::kHostFailure, std::string("no atom for ") + View::kName);
     }
-    commands().followSettings(object(HostService::QFUserSettings));
+    commands().setUndoLevels([this] {
+        const auto value = settings().get(u"Editing/Undo levels");
+        const auto* levels = value ? std::get_if<int64_t>(&*value) : nullptr;
+        return levels && *levels > 0 ? static_cast<size_t>(*levels) : size_t{0};
+    });
     for (size_t i = 0; i < kHostServiceCount; ++i) {
         uint32_t rc = ServiceProviderRegisterService(atoms_[i], &provide, objects_[i].get());
         if (rc != codes::kOk) {
@@ -77,6 +81,7 @@ Host::Host() {
 }
 
 Host::~Host() {
+    commands().setUndoLevels(nullptr);  // a module may hold the manager longer
     for (size_t i = 0; i < kHostServiceCount; ++i) {
         ServiceProviderRegisterService(atoms_[i], nullptr, nullptr);
     }

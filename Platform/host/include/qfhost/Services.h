@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -53,9 +54,8 @@ private:
 
 // "CommandsManager": command factories by command name atom, and the undo and redo
 // stacks. Each stack entry holds one reference to its command. The undo stack keeps at
-// most the user setting "Editing/Undo levels" commands when the manager follows a settings
-// object (the host's does); past it the oldest are released: their changes stay made and
-// can no longer be undone.
+// most the levels a source gives (the host's: its user setting "Editing/Undo levels");
+// past them the oldest are released: their changes stay made and can no longer be undone.
 class QFHOST_API CommandsManager {
 public:
     static constexpr const char* kName = "CommandsManager";
@@ -92,10 +92,10 @@ public:
     // Drops both stacks.
     void clear();
 
-    // Takes the undo levels from settings (a "QFUserSettings" object, one reference kept)
-    // from the next command on; null: no limit, as a manager starts.
-    void followSettings(ServiceObject* settings);
-    // The most commands the undo stack keeps; 0 for no limit.
+    // Where the undo levels come from, asked at every new command; empty (as a manager
+    // starts) or an answer of 0: no limit.
+    void setUndoLevels(std::function<size_t()> levels);
+    // The most commands the undo stack keeps now; 0 for no limit.
     size_t undoLevels() const;
 
 private:
@@ -105,7 +105,7 @@ private:
     void pushUndo(ObjectPtr command, size_t levels, std::vector<ObjectPtr>& dropped);
 
     ObjectRegistry factories_;
-    ObjectPtr settings_;
+    std::function<size_t()> levels_;
     mutable std::mutex mutex_;
     std::vector<ObjectPtr> undo_;
     std::vector<ObjectPtr> redo_;
