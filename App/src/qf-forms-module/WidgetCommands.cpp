@@ -123,6 +123,8 @@ AddWidgetCommand::AddWidgetCommand(const QF::CommandArgs& args) : CommandBase(ar
     if (!field_) throwNotInitialized(kFunction);
 
     page_ = getPage(document_, pageIndex_);
+    // No document, a page past its pages or a closed document: nothing to add the widget to.
+    if (!page_) ThrowServiceObjectException(SOImpl::kBadArgument, u"Bad param", kFunction);
     uint8_t changed = 0;
     if (SODetails::hasMethod(page_.get(), kGetChangedSlot) &&
         pageOps(page_).GetChanged(page_.get(), &changed) == 0)
@@ -192,9 +194,10 @@ RenameWidgetCommand::RenameWidgetCommand(const QF::CommandArgs& args) : CommandB
         ThrowServiceObjectException(SOImpl::kBadArgument,
                                     QF::Translate(u"The name cannot be empty."), kFunction);
 
-    const PDHandlePtr parent = parentOf(widget_.get(), kFunction, u"Unspecified Error!");
+    PDHandlePtr parent = parentOf(widget_.get(), kFunction, u"Unspecified Error!");
     if (!parent) throwNotInitialized(kFunction);
     oldName_ = QF::GetFieldFullName(parent.get(), kFunction);
+    formerField_ = std::move(parent);
 
     CheckExistingField();
 }

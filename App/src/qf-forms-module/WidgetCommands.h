@@ -59,6 +59,9 @@ class RenameWidgetCommand : public QF::CommandBase {
     SODetails::BasicServiceObjectPtr<> document_;
     uint64_t pageIndex_ = 0;
     QF::PDHandlePtr widget_;
+    // The field the widget had: UNDO finds it by name, and this reference keeps pdfcore
+    // from taking it back while it is left without widgets.
+    QF::PDHandlePtr formerField_;
     std::u16string oldName_;
     std::u16string newName_;
 };

@@ -368,7 +368,7 @@ PDResult PDActionCreate(PDDoc doc, PDAtom type, const PDActionArg* arg, PDAction
         } else if (s == "Named") {
             action.replaceKey("/N", QPDFObjectHandle::newName("/" + toUtf8(text(true))));
         }
-        *outAction = handleFor(d, d.qpdf->makeIndirectObject(action), Kind::Action);
+        *outAction = handleFor(d, makeIndirect(d, action), Kind::Action);
     });
 }
 

@@ -718,7 +718,7 @@ QPDFObjectHandle makeForm(Document& doc, const Frame& f, int rotation, double re
         stream.replaceStreamData(content, QPDFObjectHandle::newNull(),
                                  QPDFObjectHandle::newNull());
     } else {
-        stream = doc.qpdf->newStream(content);
+        stream = makeStream(doc, content);
     }
     QPDFObjectHandle d = stream.getDict();
     d.replaceKey("/Type", QPDFObjectHandle::newName("/XObject"));

@@ -61,6 +61,8 @@ PDHandle anyHandle(Document& doc, QPDFObjectHandle obj, Kind kind) {
     rec->doc = &doc;
     rec->obj = obj;
     doc.self.refs.fetch_add(1);
+    std::lock_guard lock(doc.registryMutex);
+    doc.directHandles.insert(rec);
     return rec;
 }
 
@@ -80,6 +82,11 @@ static void freeObjectHandle(PDHandleRec* rec) {
         std::lock_guard lock(doc->registryMutex);
         auto it = doc->handles.find({rec->obj.getObjGen(), rec->kind});
         if (it != doc->handles.end() && it->second == rec) doc->handles.erase(it);
+        if (rec->obj.getObjectID() >= doc->firstSessionObject)
+            doc->releasedSinceCollect.fetch_add(1, std::memory_order_relaxed);
+    } else {
+        std::lock_guard lock(doc->registryMutex);
+        doc->directHandles.erase(rec);
     }
     rec->magic = 0;
     delete rec;
@@ -313,15 +320,15 @@ QPDFObjectHandle acroForm(Document& doc, bool create) {
         "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica /Encoding /WinAnsiEncoding >>");
     auto zadb = QPDFObjectHandle::parse("<< /Type /Font /Subtype /Type1 /BaseFont /ZapfDingbats >>");
     auto fonts = QPDFObjectHandle::newDictionary();
-    fonts.replaceKey("/Helv", doc.qpdf->makeIndirectObject(helv));
-    fonts.replaceKey("/ZaDb", doc.qpdf->makeIndirectObject(zadb));
+    fonts.replaceKey("/Helv", makeIndirect(doc, helv));
+    fonts.replaceKey("/ZaDb", makeIndirect(doc, zadb));
     auto dr = QPDFObjectHandle::newDictionary();
     dr.replaceKey("/Font", fonts);
     form = QPDFObjectHandle::newDictionary();
     form.replaceKey("/Fields", QPDFObjectHandle::newArray());
     form.replaceKey("/DR", dr);
     form.replaceKey("/DA", QPDFObjectHandle::newString("/Helv 0 Tf 0 g"));
-    form = doc.qpdf->makeIndirectObject(form);
+    form = makeIndirect(doc, form);
     root.replaceKey("/AcroForm", form);
     // Widgets already on the pages keep belonging to the form that is made now.
     auto fields = form.getKey("/Fields");

@@ -15,6 +15,8 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
+#include <limits>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -125,6 +127,20 @@ struct Document {
     // handles may be released from any thread.
     std::mutex registryMutex;
     std::map<std::pair<QPDFObjGen, Kind>, PDHandleRec*> handles;
+    // Live handles of direct objects (anyHandle), which may lead to indirect ones.
+    std::set<const PDHandleRec*> directHandles;
+
+    // Objects numbered from here on were made in this session (collectGarbage): the number
+    // of the first object makeIndirect or makeStream made, as qpdf numbers new objects
+    // past the file's. Handles of them freed since the last collection (any thread), and
+    // what that collection left marked.
+    int firstSessionObject = std::numeric_limits<int>::max();
+    std::atomic<size_t> releasedSinceCollect{0};
+    size_t liveAtCollect = 0;
+    // What collections freed, for the next objects made here: object numbers (null now;
+    // qpdf keeps every number it gave out) and streams, emptied.
+    std::vector<int> spareNumbers;
+    std::vector<QPDFObjectHandle> spareStreams;
 
     // Fully qualified field name -> field object. Built on first use by a walk of the
     // form, then kept up to date by every call that creates or renames fields.
@@ -238,6 +254,8 @@ QPDFObjectHandle pageOf(Document& doc, uint32_t index);  // fails PD_ERR_RANGE
 // The roots of the field tree: the fields in /AcroForm /Fields (their number in *listed
 // when given), then the fields reached only from the pages' widgets.
 std::vector<QPDFObjectHandle> formRoots(Document& doc, size_t* listed = nullptr);
+// Whether a signature field of the form holds a signature (/V).
+bool anySignedField(Document& doc);
 // The field of a widget: the merged widget itself, its /Parent, or null.
 QPDFObjectHandle fieldOfWidget(QPDFObjectHandle widget);
 // Widgets of a terminal field (kids that are widgets, or itself when merged).
@@ -262,10 +280,33 @@ private:
         QPDFObjectHandle list;  // a /Kids, /Fields or /CO array that held some of them
         std::vector<QPDFObjectHandle> items;  // what it held before
     };
+  public:
+    // The fields for which dead answers true stay out: the destructor leaves them out.
+    void forget(const std::function<bool(QPDFObjGen)>& dead);
+
+  private:
     // Takes the fields out of list (every occurrence) in one pass; those that were there.
     std::set<QPDFObjGen> detach(QPDFObjectHandle list, const std::set<QPDFObjGen>& fields);
     std::vector<Detached> detached_;
 };
+
+// ---- collection (Collect.cpp) -------------------------------------------------------
+
+// Frees the objects made in this session that neither the trailer nor a live handle (nor
+// a widget's last drawing) leads to, taking the emptied fields among them out of the form
+// for good, and forgets them in the caches. Returns how many were freed. On the
+// document's thread, at the start of a call: pdfcore must hold no object of its own then.
+size_t collectGarbage(Document& doc);
+// collectGarbage once kCollectAfterReleases handles of session objects, and a quarter of
+// the objects the last collection kept, were freed since; so that garbage stays a share
+// of the document and collections cost a constant per freed handle.
+inline constexpr size_t kCollectAfterReleases = 1024;
+void collectWhenDue(Document& doc);
+// Makes direct an indirect object of the document, under a number a collection freed when
+// there is one: every object pdfcore makes goes through here.
+QPDFObjectHandle makeIndirect(Document& doc, QPDFObjectHandle direct);
+// A new stream of data, or a spare one filled with it (its dictionary empty).
+QPDFObjectHandle makeStream(Document& doc, const std::string& data);
 
 // ---- pages (Pages.cpp) ------------------------------------------------------------
 

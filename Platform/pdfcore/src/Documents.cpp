@@ -65,19 +65,6 @@ void writeTo(Document& doc, QPDFWriter& w) {
     w.write();
 }
 
-// Every terminal field of the form, for document-wide questions.
-bool anySignedField(Document& doc) {
-    uint32_t n = 0;
-    if (PDDocGetNumFields(&doc.self, &n) != PD_OK) return false;
-    for (const auto& f : doc.terminalFields) {
-        auto ft = inherited(f, "/FT");
-        if (ft.isName() && ft.getName() == "/Sig" && inherited(f, "/V").isDictionary()) {
-            return true;
-        }
-    }
-    return false;
-}
-
 // qpdf sets up some process-wide state of its own the first time a document is closed.
 // Doing that while pdfcore loads keeps it alive longer than any document a host may still
 // close from its own static destructors.
@@ -121,6 +108,7 @@ PDResult PDDocCreate(uint32_t pageCount, float width, float height, PDDoc* outDo
         doc->self.doc = doc.get();
         doc->qpdf = std::make_unique<QPDF>();
         doc->qpdf->emptyPDF();
+        doc->firstSessionObject = 1;
         QPDFPageDocumentHelper pages(*doc->qpdf);
         auto box = QPDFObjectHandle::newArray(QPDFObjectHandle::Rectangle(0, 0, width, height));
         for (uint32_t i = 0; i < pageCount; ++i) {
@@ -128,7 +116,7 @@ PDResult PDDocCreate(uint32_t pageCount, float width, float height, PDDoc* outDo
             page.replaceKey("/Type", QPDFObjectHandle::newName("/Page"));
             page.replaceKey("/MediaBox", box.shallowCopy());
             page.replaceKey("/Resources", QPDFObjectHandle::newDictionary());
-            pages.addPage(doc->qpdf->makeIndirectObject(page), false);
+            pages.addPage(makeIndirect(*doc, page), false);
         }
         *outDoc = &doc.release()->self;
     });
@@ -226,7 +214,7 @@ PDResult PDDocGetOCConfig(PDDoc doc, PDOCConfig* outConfig) {
         auto config = properties.getKey("/D");
         if (!config.isDictionary()) return;
         if (!config.isIndirect()) {
-            config = d.qpdf->makeIndirectObject(config);
+            config = makeIndirect(d, config);
             properties.replaceKey("/D", config);
         }
         *outConfig = handleFor(d, config, Kind::OCConfig);

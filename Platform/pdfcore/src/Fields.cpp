@@ -3,6 +3,7 @@
 // values and options.
 #include "Core.h"
 
+#include <algorithm>
 #include <cmath>
 #include <set>
 
@@ -102,6 +103,30 @@ void walkFields(QPDFObjectHandle node, const std::u16string& name, std::set<QPDF
 }
 
 }  // namespace
+
+// Read only: unlike the walks that index the form, it repairs nothing, so that asking
+// leaves the document as it was.
+bool anySignedField(Document& doc) {
+    std::set<QPDFObjGen> seen;
+    // ft and v: the values the node inherits, down the /Kids it was reached through.
+    std::function<bool(QPDFObjectHandle, QPDFObjectHandle, QPDFObjectHandle, int)> signedBelow =
+        [&](QPDFObjectHandle node, QPDFObjectHandle ft, QPDFObjectHandle v, int depth) {
+            if (depth > kMaxDepth || !node.isDictionary()) return false;
+            if (node.isIndirect() && !seen.insert(node.getObjGen()).second) return false;
+            if (node.hasKey("/FT")) ft = node.getKey("/FT");
+            if (node.hasKey("/V")) v = node.getKey("/V");
+            if (isTerminal(node)) return ft.isName() && ft.getName() == "/Sig" && v.isDictionary();
+            for (auto& kid : node.getKey("/Kids").aitems()) {
+                if (kid.isDictionary() && isFieldKid(kid) && signedBelow(kid, ft, v, depth + 1))
+                    return true;
+            }
+            return false;
+        };
+    for (auto& root : formRoots(doc)) {
+        if (signedBelow(root, inherited(root, "/FT"), inherited(root, "/V"), 0)) return true;
+    }
+    return false;
+}
 
 std::vector<QPDFObjectHandle> formRoots(Document& doc, size_t* listed) {
     std::vector<QPDFObjectHandle> roots;
@@ -234,7 +259,7 @@ QPDFObjectHandle splitMerged(Document& doc, QPDFObjectHandle widget) {
     auto parent = fieldParent(widget);
     if (parent.isDictionary()) field.replaceKey("/Parent", parent);
     field.replaceKey("/Kids", QPDFObjectHandle::newArray());
-    field = doc.qpdf->makeIndirectObject(field);
+    field = makeIndirect(doc, field);
     field.getKey("/Kids").appendItem(widget);
 
     QPDFObjGen old = widget.getObjGen();
@@ -306,7 +331,7 @@ QPDFObjectHandle parentFor(Document& doc, const std::vector<std::u16string>& par
         made.replaceKey("/T", textString(parts[i - 1]));
         made.replaceKey("/Kids", QPDFObjectHandle::newArray());
         if (parent.isDictionary()) made.replaceKey("/Parent", parent);
-        made = doc.qpdf->makeIndirectObject(made);
+        made = makeIndirect(doc, made);
         containerOf(doc, made).appendItem(made);
         doc.nameIndex.emplace(name, made.getObjGen());
         parent = made;
@@ -319,6 +344,7 @@ PDResult createField(PDDoc doc, std::u16string name, bool freshIfEmpty, PDAtom t
     if (outField) *outField = nullptr;
     return guard([&] {
         Document& d = checkedDoc(doc);
+        collectWhenDue(d);
         checkOut(outField);
         const char* ft = typeName(type);
         if (!ft) fail(PD_ERR_BAD_ARGUMENT);
@@ -337,7 +363,7 @@ PDResult createField(PDDoc doc, std::u16string name, bool freshIfEmpty, PDAtom t
             field.replaceKey("/DA", QPDFObjectHandle::newString("/Helv 0 Tf 0 g"));
         }
         if (parent.isDictionary()) field.replaceKey("/Parent", parent);
-        field = d.qpdf->makeIndirectObject(field);
+        field = makeIndirect(d, field);
         containerOf(d, field).appendItem(field);
         d.nameIndex.emplace(name, field.getObjGen());
         if (parent.isDictionary() || d.formChanged) {
@@ -505,6 +531,15 @@ std::set<QPDFObjGen> UnusedFieldsDetached::detach(QPDFObjectHandle list,
         detached_.push_back({list, std::move(items)});
     }
     return taken;
+}
+
+void UnusedFieldsDetached::forget(const std::function<bool(QPDFObjGen)>& dead) {
+    for (auto& d : detached_) {
+        auto end = std::remove_if(d.items.begin(), d.items.end(), [&](const QPDFObjectHandle& item) {
+            return item.isIndirect() && dead(item.getObjGen());
+        });
+        d.items.erase(end, d.items.end());
+    }
 }
 
 UnusedFieldsDetached::~UnusedFieldsDetached() {
@@ -960,6 +995,7 @@ static PDResult createWidget(PDDoc doc, PDField field, PDPage page, const PDRect
     if (outWidget) *outWidget = nullptr;
     return guard([&] {
         Document& d = checkedDoc(doc);
+        collectWhenDue(d);
         auto& f = checkedTyped(field, ft);
         sameDoc(d.self, f);
         PDHandleRec* p = page ? &checked(page, Kind::Page) : nullptr;
@@ -994,7 +1030,7 @@ static PDResult createWidget(PDDoc doc, PDField field, PDPage page, const PDRect
             mk.replaceKey("/BG", QPDFObjectHandle::parse("[0.75 0.75 0.75]"));
         }
         w.replaceKey("/MK", mk);
-        w = d.qpdf->makeIndirectObject(w);
+        w = makeIndirect(d, w);
         attachWidget(d, f, w);
         regenerateAppearance(d, w);
         *outWidget = handleFor(d, w, Kind::Annot);

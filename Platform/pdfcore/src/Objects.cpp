@@ -252,7 +252,7 @@ PDResult PDDestCreate(PDDoc doc, PDAtom type, uint32_t pageIndex, float param1, 
         for (int i = 0; i < fit->stored; ++i) {
             dest.appendItem(QPDFObjectHandle::newReal(params[i], 4, true));
         }
-        *outDest = handleFor(d, d.qpdf->makeIndirectObject(dest), Kind::Dest);
+        *outDest = handleFor(d, makeIndirect(d, dest), Kind::Dest);
     });
 }
 

@@ -40,7 +40,7 @@ QPDFObjectHandle annotsOf(Document& doc, QPDFObjectHandle page, bool create) {
         if (!item.isDictionary()) {
             annots.eraseItem(i);
         } else if (!item.isIndirect()) {
-            annots.setArrayItem(i, doc.qpdf->makeIndirectObject(item));
+            annots.setArrayItem(i, makeIndirect(doc, item));
         }
     }
     doc.cleanAnnots[page.getObjGen()] = annots.getArrayNItems();
@@ -551,7 +551,7 @@ PDResult PDDocCreateAnnot(PDDoc doc, PDAtom subtype, const PDRect* rect, PDAnnot
                                   std::max(rect->left, rect->right),
                                   std::max(rect->top, rect->bottom))));
         a.replaceKey("/F", QPDFObjectHandle::newInteger(PD_ANNOT_PRINT));
-        *outAnnot = handleFor(d, d.qpdf->makeIndirectObject(a), Kind::Annot);
+        *outAnnot = handleFor(d, makeIndirect(d, a), Kind::Annot);
     });
 }
 

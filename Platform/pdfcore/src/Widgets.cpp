@@ -241,7 +241,7 @@ std::string fontResource(Document& doc, const std::string& family, int style) {
 
     QPDFObjectHandle font = simpleFontDict(subtype, base, winAnsi);
     if (subtype == "TrueType") describeTrueType(font, family, base, style);
-    fonts.replaceKey("/" + resource, doc.qpdf->makeIndirectObject(font));
+    fonts.replaceKey("/" + resource, makeIndirect(doc, font));
     return resource;
 }
 

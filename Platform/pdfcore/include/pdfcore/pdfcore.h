@@ -197,6 +197,11 @@ PDFCORE_API PDResult PDDocClose(PDDoc doc);
 PDFCORE_API PDResult PDDocGetNumPages(PDDoc doc, uint32_t* outCount);
 /* The page at index (0-based). */
 PDFCORE_API PDResult PDDocGetPage(PDDoc doc, uint32_t index, PDPage* outPage);
+/* Frees the objects this session made that the document and the live handles no longer
+ * lead to (deleted widgets and emptied fields whose commands are gone, their drawings);
+ * outFreed (may be NULL) receives how many. pdfcore also does this by itself, now and
+ * then, when it makes fields and widgets. The written file is the same either way. */
+PDFCORE_API PDResult PDDocCollectGarbage(PDDoc doc, uint32_t* outFreed);
 /* True when a signature field of the document holds a signature (/V). */
 PDFCORE_API PDResult PDDocIsSigned(PDDoc doc, PDBool* outSigned);
 /* The document's default optional-content configuration (/OCProperties /D); NULL
