@@ -101,7 +101,8 @@ inline const ClipboardTable kMemoryClipboardTable{
         });
     },
     [](ServiceObject* self, uint32_t format, const void* data, uint64_t length) -> uint32_t {
-        if (!data && length) return 3;
+        // Atoms 0 and 0xFFFFFFFF name no format (a backing could not store them).
+        if ((!data && length) || format == 0 || format == 0xFFFFFFFF) return 3;
         return withOpen(self, [&](MemoryClipboard& c) -> uint32_t {
             put(c, format, std::string(static_cast<const char*>(data), length));
             return 0;

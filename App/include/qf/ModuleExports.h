@@ -22,8 +22,8 @@ static_assert(sizeof(ServiceObjectInfoEntry) == 16);
 extern "C" {
 
 // A new public service object whose name has atom serviceId: 0 and one reference in *out;
-// 3 for a zero id or a null out, 0x10005 when the module has no such object, 0x10006 when
-// its factory fails.
+// 3 for a zero or 0xFFFFFFFF id or a null out, 0x10005 when the module has no such object,
+// 0x10006 when its factory fails.
 QF_MODULE_EXPORT uint32_t CreateServiceObject(uint32_t serviceId, SODetails::ServiceObject** out);
 
 // The module's public service objects: a table built on the first call and kept for the

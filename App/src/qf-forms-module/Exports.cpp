@@ -56,7 +56,9 @@ uint32_t moduleHook() {
 extern "C" {
 
 uint32_t CreateServiceObject(uint32_t serviceId, SODetails::ServiceObject** out) {
-    if (serviceId == 0 || !out) return SOImpl::kBadArgument;
+    // 0xFFFFFFFF is what a record holds until its name is resolved: never a service's id.
+    if (serviceId == 0 || serviceId == SOImpl::kUnresolvedAtom || !out)
+        return SOImpl::kBadArgument;
     ExportedServiceRecord* record = SOImpl::PublicServices().first;
     while (record && resolvedId(*record) != serviceId)
         record = record->next;

@@ -38,6 +38,7 @@ uint32_t ObjectRegistry::put(uint32_t atom, ServiceObject* object) {
 }
 
 uint32_t ObjectRegistry::remove(uint32_t atom) {
+    if (atom == 0 || atom == KR_ATOM_NONE) return codes::kBadArgument;
     ObjectPtr withdrawn;
     {
         std::lock_guard lock(mutex_);

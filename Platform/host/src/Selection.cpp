@@ -2,6 +2,7 @@
 
 #include "qfhost/Host.h"
 
+#include "HeldHandle.h"
 #include "Thunks.h"
 
 #include "kr/KRRuntime.h"
@@ -170,6 +171,12 @@ uint32_t AnnotSelection::select(uint32_t typeAtom, uint64_t pageIndex, PDAnnot a
     Document* doc = host_->currentDocument();
     View* view = host_->currentView();
     if (!annot || !doc || !view || pageIndex >= doc->pageCount()) return codes::kBadArgument;
+    // Only an annotation of that page of the current document (not one of another document).
+    detail::Held page;
+    uint32_t position = 0;
+    if (PDDocGetPage(doc->pdDoc(), static_cast<uint32_t>(pageIndex), page.put()) != PD_OK ||
+        PDPageGetAnnotIndex(page.get(), annot, &position) != PD_OK)
+        return codes::kBadArgument;
     ObjectPtr factory = host_->annotEdit().editSelectFactories().find(subtypeOf(annot));
     if (!factory) return codes::kNotRegistered;
     clear();

@@ -35,7 +35,7 @@ public:
 
     // 0; 3 for a null object, atom 0 or KR_ATOM_NONE.
     uint32_t put(uint32_t atom, ServiceObject* object);
-    // 0; 1 when nothing is registered under atom.
+    // 0; 1 when nothing is registered under atom; 3 for atom 0 or KR_ATOM_NONE.
     uint32_t remove(uint32_t atom);
     // Drops every entry (the counters stay).
     void clear();
