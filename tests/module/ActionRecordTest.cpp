@@ -165,6 +165,39 @@ TEST_F(ActionRecords, ChainsKeepOneSuccessorPerAction) {
                     {"is-hiding", false}}));
 }
 
+// A file whose /Next leads back into the chain (found by the open fuzzer: the record
+// recursed until the stack ran out): the chain ends before the action repeats, on every
+// trigger that starts it.
+TEST_F(ActionRecords, ALoopOfNextActionsEndsTheChain) {
+    const char kLoop[] =
+        "%PDF-1.7\n1 0 obj << /Type /Catalog /Pages 2 0 R /AcroForm << /Fields [4 0 R] >> >>"
+        " endobj\n"
+        "2 0 obj << /Type /Pages /Kids [3 0 R] /Count 1 >> endobj\n"
+        "3 0 obj << /Type /Page /Parent 2 0 R /MediaBox [0 0 200 200] /Annots [4 0 R] >>"
+        " endobj\n"
+        "4 0 obj << /Type /Annot /Subtype /Widget /FT /Btn /Ff 65536 /T (go)"
+        " /Rect [10 10 90 40] /P 3 0 R /A 5 0 R /AA << /E 7 0 R >> >> endobj\n"
+        "5 0 obj << /S /JavaScript /JS (start) /Next [6 0 R] >> endobj\n"
+        "6 0 obj << /S /JavaScript /JS (left) /Next 5 0 R >> endobj\n"
+        "7 0 obj << /S /JavaScript /JS (self) /Next 7 0 R >> endobj\n"
+        "trailer << /Root 1 0 R >>\n%%EOF\n";
+    PDHandlePtr raw, field, widget, click, enter;
+    ASSERT_EQ(PDDocOpenMem(kLoop, sizeof kLoop - 1, raw.put()), PD_OK);
+    ASSERT_EQ(PDDocFindField(raw.get(), u"go", 2, field.put()), PD_OK);
+    ASSERT_EQ(PDFieldGetWidget(field.get(), 0, widget.put()), PD_OK);
+    ASSERT_EQ(PDButtonWidgetAnnotGetAction(widget.get(), click.put()), PD_OK);
+    EXPECT_EQ(pdActionToJson(raw.get(), click.get()),
+              (Json{{"action-type", PD_ATOM_JavaScript},
+                    {"script", "start"},
+                    {"next-action", {{"action-type", PD_ATOM_JavaScript}, {"script", "left"}}}}));
+    ASSERT_EQ(PDWidgetAnnotGetMouseEnterAction(widget.get(), enter.put()), PD_OK);
+    EXPECT_EQ(pdActionToJson(raw.get(), enter.get()),
+              (Json{{"action-type", PD_ATOM_JavaScript}, {"script", "self"}}));
+    // The record makes a chain without the loop.
+    const PDHandlePtr made = jsonToPDAction(b.get(), pdActionToJson(raw.get(), click.get()));
+    EXPECT_EQ(pdActionToJson(b.get(), made.get()), pdActionToJson(raw.get(), click.get()));
+}
+
 TEST_F(ActionRecords, RecordsThatMakeNothingAndRecordsThatFail) {
     EXPECT_EQ(pdActionToJson(a.get(), nullptr), Json::object());
     EXPECT_FALSE(jsonToPDAction(a.get(), Json{{"action-type", kGoTo}}));

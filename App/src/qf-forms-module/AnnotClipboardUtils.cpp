@@ -3,6 +3,7 @@
 #include "qf/internal/ServiceObjectException.h"
 #include "qf/internal/TextConversion.h"
 
+#include <algorithm>
 #include <functional>
 #include <stdexcept>
 #include <vector>
@@ -71,6 +72,9 @@ const std::function<Json(PDObject)> kTargetToJson = [](PDObject target) {
 const std::function<PDHandlePtr(PDDoc, const Json&)> kJsonToTarget =
     [](PDDoc doc, const Json& record) { return jsonToGoToETarget(doc, record); };
 
+// The record of action, whose predecessors in its chain are path (alive while it runs).
+Json actionToJson(PDDoc doc, PDAction action, std::vector<PDAction>& path);
+
 } // namespace
 
 // ---- read helpers ---------------------------------------------------------------------
@@ -121,6 +125,13 @@ std::u16string getWideStringOr(const Json& record, const char* key,
 // ---- actions --------------------------------------------------------------------------
 
 Json pdActionToJson(PDDoc doc, PDAction action) {
+    std::vector<PDAction> path;
+    return actionToJson(doc, action, path);
+}
+
+namespace {
+
+Json actionToJson(PDDoc doc, PDAction action, std::vector<PDAction>& path) {
     Json out = Json::object();
     if (!action) return out;
     PDAtom type = 0;
@@ -211,15 +222,22 @@ Json pdActionToJson(PDDoc doc, PDAction action) {
     }
 
     // One successor per record: each next action in turn takes the key, the last one stays.
+    // A file's /Next may lead back to an action of the chain (actions in files are indirect
+    // objects, whose handles are the same while alive): the chain ends before it repeats.
     uint32_t next = 0;
     check(PDActionGetNextLength(action, &next), kToJson);
+    path.push_back(action);
     for (uint32_t i = 0; i < next; ++i) {
         PDHandlePtr successor;
         check(PDActionGetNext(action, i, successor.put()), kToJson);
-        if (successor) out["next-action"] = pdActionToJson(doc, successor.get());
+        if (successor && std::find(path.begin(), path.end(), successor.get()) == path.end())
+            out["next-action"] = actionToJson(doc, successor.get(), path);
     }
+    path.pop_back();
     return out;
 }
+
+} // namespace
 
 PDHandlePtr jsonToPDAction(PDDoc doc, const Json& record) {
     const int64_t type = getIntOr(record, "action-type", -1);
