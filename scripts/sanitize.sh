@@ -16,7 +16,7 @@ if [[ $stage == all || $stage == asan ]]; then
     -DQF_BUILD_BENCH=OFF >/dev/null
   cmake --build build-asan
   # The fuzzing test builds its own instrumented tree; the main stage runs it.
-  ctest --test-dir build-asan --output-on-failure --parallel 2 -E '^paste_fuzz$'
+  ctest --test-dir build-asan --output-on-failure --parallel 2 -E '^fuzz$'
 fi
 
 if [[ $stage == all || $stage == tsan ]]; then
