@@ -887,6 +887,15 @@ private:
                            ") on pages";
         for (uint64_t p : pages) text += " " + std::to_string(p);
         record(text);
+        // The names the session's groups bear now, read where the model has their widgets.
+        std::map<int, std::u16string> groupNames;
+        for (uint64_t p : pages) {
+            const auto& list = model().pages[p];
+            const std::vector<Annot> live = readLivePage(uint32_t(p));
+            for (size_t k = 0; k < list.size() && k < live.size(); ++k)
+                if (list[k].group >= 0 && list[k].name.empty())
+                    groupNames.emplace(list[k].group, live[k].name);
+        }
         QF::AutoTabOrderParams params{doc_->object(), pages.data(), pages.size(),
                                       columns ? 1u : 0u};
         if (!execute("AutoTabOrderAnnot", &params)) return fail();
@@ -901,7 +910,7 @@ private:
             });
             sorted.insert(sorted.end(), others.begin(), others.end());
             list = std::move(sorted);
-            adoptTies(uint32_t(p), list);
+            adoptTies(uint32_t(p), list, groupNames);
         }
         push(std::move(next));
         return true;
@@ -910,23 +919,38 @@ private:
     // Widgets with the same lower-left corner may come in either order: the model takes the
     // order the document chose among them, after checking that each run of ties holds the
     // same widgets.
-    void adoptTies(uint32_t p, std::vector<Annot>& list) {
+    void adoptTies(uint32_t p, std::vector<Annot>& list,
+                   const std::map<int, std::u16string>& groupNames) {
         const std::vector<Annot> live = readLivePage(p);
         if (live.size() != list.size()) return;  // verify() reports it
+        const auto tied = [&](size_t a, size_t b) {
+            return list[a].subtype == "Widget" && list[b].subtype == "Widget" &&
+                   std::fabs(list[a].rect.l - list[b].rect.l) < 0.01f &&
+                   std::fabs(list[a].rect.b - list[b].rect.b) < 0.01f;
+        };
         for (size_t i = 0; i < list.size();) {
             size_t j = i + 1;
-            while (j < list.size() && list[j].subtype == "Widget" && list[i].subtype == "Widget" &&
-                   std::fabs(list[j].rect.l - list[i].rect.l) < 0.01f &&
-                   std::fabs(list[j].rect.b - list[i].rect.b) < 0.01f)
-                ++j;
+            while (j < list.size() && tied(i, j)) ++j;
             if (j - i > 1) {
                 std::vector<Annot> run(list.begin() + long(i), list.begin() + long(j));
                 for (size_t m = i; m < j; ++m) {
-                    auto same = std::find_if(run.begin(), run.end(), [&](const Annot& a) {
-                        return a.kind == live[m].kind && (a.name == live[m].name || a.name.empty()) &&
-                               std::fabs(a.rect.r - live[m].rect.r) < 0.05f &&
-                               std::fabs(a.rect.t - live[m].rect.t) < 0.05f;
-                    });
+                    // A widget of that name first, else one of a group of that name (or of a
+                    // group whose name is not known).
+                    const auto like = [&](bool unnamedGroup) {
+                        return std::find_if(run.begin(), run.end(), [&](const Annot& a) {
+                            bool named = a.name == live[m].name;
+                            if (unnamedGroup) {
+                                const auto known = groupNames.find(a.group);
+                                named = a.name.empty() && (known == groupNames.end() ||
+                                                           known->second == live[m].name);
+                            }
+                            return a.kind == live[m].kind && named &&
+                                   std::fabs(a.rect.r - live[m].rect.r) < 0.05f &&
+                                   std::fabs(a.rect.t - live[m].rect.t) < 0.05f;
+                        });
+                    };
+                    auto same = like(false);
+                    if (same == run.end()) same = like(true);
                     if (same == run.end()) return;  // verify() reports it
                     list[m] = *same;
                     run.erase(same);
