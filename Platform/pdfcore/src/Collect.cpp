@@ -22,6 +22,7 @@ void eraseIf(Container& c, Pred pred) {
 class Marker {
 public:
     explicit Marker(Document& doc) : marked_(doc.qpdf->getObjectCount() + 1, false) {}
+    size_t count() const { return count_; }
 
     // Marks obj and everything it leads to.
     void mark(QPDFObjectHandle obj) {
@@ -34,6 +35,7 @@ public:
                 if (id < marked_.size()) {
                     if (marked_[id]) continue;
                     marked_[id] = true;
+                    ++count_;
                 }
             }
             if (h.isArray()) {
@@ -54,12 +56,14 @@ public:
 
 private:
     std::vector<bool> marked_;  // by object number
+    size_t count_ = 0;
     std::vector<QPDFObjectHandle> stack_;
 };
 
 }  // namespace
 
 size_t collectGarbage(Document& doc) {
+    doc.garbageOutlook = 0;
     if (doc.firstSessionObject == std::numeric_limits<int>::max()) return 0;  // none made
     flushAnnotLists(doc);
     std::vector<QPDFObjectHandle> held;
@@ -117,12 +121,12 @@ size_t collectGarbage(Document& doc) {
         doc.nameIndexBuilt = false;
         doc.formChanged = true;
     }
-    doc.liveAtCollect = marker.size() - freed;
-    doc.releasedSinceCollect.store(0);
+    doc.liveAtCollect = marker.count();
     return freed;
 }
 
 QPDFObjectHandle makeIndirect(Document& doc, QPDFObjectHandle direct) {
+    ++doc.garbageOutlook;
     if (doc.spareNumbers.empty()) {
         QPDFObjectHandle made = doc.qpdf->makeIndirectObject(direct);
         doc.firstSessionObject = std::min(doc.firstSessionObject, made.getObjectID());
@@ -135,6 +139,7 @@ QPDFObjectHandle makeIndirect(Document& doc, QPDFObjectHandle direct) {
 }
 
 QPDFObjectHandle makeStream(Document& doc, const std::string& data) {
+    ++doc.garbageOutlook;
     if (doc.spareStreams.empty()) {
         QPDFObjectHandle made = doc.qpdf->newStream(data);
         doc.firstSessionObject = std::min(doc.firstSessionObject, made.getObjectID());
@@ -147,8 +152,8 @@ QPDFObjectHandle makeStream(Document& doc, const std::string& data) {
 }
 
 void collectWhenDue(Document& doc) {
-    const size_t due = std::max<size_t>(kCollectAfterReleases, doc.liveAtCollect / 4);
-    if (doc.releasedSinceCollect.load(std::memory_order_relaxed) >= due) collectGarbage(doc);
+    const size_t due = std::max(kCollectAfterObjects, doc.liveAtCollect / 2);
+    if (doc.garbageOutlook >= due * kOutlookPerObject) collectGarbage(doc);
 }
 
 }  // namespace pdfcore

@@ -82,8 +82,6 @@ static void freeObjectHandle(PDHandleRec* rec) {
         std::lock_guard lock(doc->registryMutex);
         auto it = doc->handles.find({rec->obj.getObjGen(), rec->kind});
         if (it != doc->handles.end() && it->second == rec) doc->handles.erase(it);
-        if (rec->obj.getObjectID() >= doc->firstSessionObject)
-            doc->releasedSinceCollect.fetch_add(1, std::memory_order_relaxed);
     } else {
         std::lock_guard lock(doc->registryMutex);
         doc->directHandles.erase(rec);

@@ -132,10 +132,10 @@ struct Document {
 
     // Objects numbered from here on were made in this session (collectGarbage): the number
     // of the first object makeIndirect or makeStream made, as qpdf numbers new objects
-    // past the file's. Handles of them freed since the last collection (any thread), and
-    // what that collection left marked.
+    // past the file's. How much garbage may have come since the last collection (see
+    // collectWhenDue), and how many objects that collection found in use.
     int firstSessionObject = std::numeric_limits<int>::max();
-    std::atomic<size_t> releasedSinceCollect{0};
+    size_t garbageOutlook = 0;
     size_t liveAtCollect = 0;
     // What collections freed, for the next objects made here: object numbers (null now;
     // qpdf keeps every number it gave out) and streams, emptied.
@@ -297,10 +297,14 @@ private:
 // for good, and forgets them in the caches. Returns how many were freed. On the
 // document's thread, at the start of a call: pdfcore must hold no object of its own then.
 size_t collectGarbage(Document& doc);
-// collectGarbage once kCollectAfterReleases handles of session objects, and a quarter of
-// the objects the last collection kept, were freed since; so that garbage stays a share
-// of the document and collections cost a constant per freed handle.
-inline constexpr size_t kCollectAfterReleases = 1024;
+// collectGarbage once the outlook for garbage, in sixteenths of an object, reaches 1,024
+// objects and half of what the last collection found in use. Garbage comes of what is
+// taken off a page or out of a field (a widget and its drawings: 4 objects) and, seldom,
+// of objects replaced (a sixteenth for each object made): so garbage stays a share of the
+// document, and a session that only adds (a form drawn from scratch) is seldom walked.
+inline constexpr size_t kDetachedWeight = 4 * 16;
+inline constexpr size_t kOutlookPerObject = 16;
+inline constexpr size_t kCollectAfterObjects = 1024;
 void collectWhenDue(Document& doc);
 // Makes direct an indirect object of the document, under a number a collection freed when
 // there is one: every object pdfcore makes goes through here.

@@ -892,6 +892,7 @@ PDResult PDFieldRemoveWidget(PDField field, PDAnnot widget) {
         // widget a field of its own, and of the wrong type for a field it joins later.
         w.obj.removeKey("/FT");
         if (widgetsOf(fieldObj).empty()) f.doc->emptiedFields.insert(fieldObj.getObjGen());
+        f.doc->garbageOutlook += kDetachedWeight;
     });
 }
 

@@ -404,6 +404,7 @@ PDResult PDPageRemoveAnnot(PDPage page, PDAnnot annot) {
         auto& a = checked(annot, Kind::Annot);
         sameDoc(p, a);
         if (!listOf(*p.doc, p.obj).remove(a.obj.getObjGen())) fail(PD_ERR_NOT_ON_PAGE);
+        p.doc->garbageOutlook += kDetachedWeight;
     });
 }
 
