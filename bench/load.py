@@ -108,9 +108,8 @@ def main():
             json.dump({"Editing": {"Undo levels": args.levels}}, f)
 
         start = time.monotonic()
-        # Line-buffered, so that each marker's line arrives as it is printed.
         process = subprocess.Popen(
-            ["stdbuf", "-oL", os.path.abspath(args.qfforms), "run", script_path, "--out", out_path,
+            [os.path.abspath(args.qfforms), "run", script_path, "--out", out_path,
              "--settings", settings_path, "--keep-going"],
             stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         peak = [0.0]

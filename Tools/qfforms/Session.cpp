@@ -478,7 +478,8 @@ class Runner {
         Json line = Json::object();
         line["property"] = name;
         line["value"] = value;
-        std::cout << line.dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
+        // Flushed, so that a program reading the run's output sees each line as it comes.
+        std::cout << line.dump(-1, ' ', false, Json::error_handler_t::replace) << std::endl;
     }
 
     // Keeps the page as the view shows it now (SVG) to be written at the end.
