@@ -139,6 +139,31 @@ std::pair<int, int> darkExtent(const Raster& r, int x0, int y0, int x1, int y1) 
     return {std::max(0, maxX - minX + 1), std::max(0, maxY - minY + 1)};
 }
 
+// A one-page PDF (page 3 0 R, 200 x 200) whose only annotation and field is the dictionary
+// widget (object 4), with an empty stream as object 5 for its appearances.
+std::string minimalPdf(const std::string& widget) {
+    const std::string objects[] = {
+        "<< /Type /Catalog /Pages 2 0 R /AcroForm << /Fields [4 0 R] >> >>",
+        "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
+        "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 200 200] /Annots [4 0 R] >>", widget,
+        "<< /Length 0 >>\nstream\n\nendstream"};
+    std::string pdf = "%PDF-1.7\n";
+    std::vector<size_t> offsets;
+    for (size_t i = 0; i < std::size(objects); ++i) {
+        offsets.push_back(pdf.size());
+        pdf += std::to_string(i + 1) + " 0 obj\n" + objects[i] + "\nendobj\n";
+    }
+    const size_t xref = pdf.size();
+    pdf += "xref\n0 " + std::to_string(offsets.size() + 1) + "\n0000000000 65535 f \n";
+    for (size_t at : offsets) {
+        char line[32];
+        std::snprintf(line, sizeof line, "%010zu 00000 n \n", at);
+        pdf += line;
+    }
+    return pdf + "trailer\n<< /Size " + std::to_string(offsets.size() + 1) +
+           " /Root 1 0 R >>\nstartxref\n" + std::to_string(xref) + "\n%%EOF\n";
+}
+
 // A new one-page document, its page and a scratch folder.
 class Widgets : public ::testing::Test {
   protected:
@@ -379,6 +404,87 @@ TEST_F(Widgets, RenamingTheOnStateKeepsTheButtonOn) {
                                "radio /N /west bbox=0 0 20 20 matrix=- fonts=/ZaDb tx=False tj=l",
                                "as radio /Off", "as radio /right"});
     EXPECT_EQ(out.find("/Yes"), std::string::npos) << "no trace of the old name\n" << out;
+}
+
+// Names with '#' (also one that reads like an escape, as some writers leave them), spaces
+// and non-ASCII letters, as field names, on-states and values: the same bytes after a save,
+// for pdfcore, pypdf and qpdf.
+TEST_F(Widgets, NamesComeBackByteExact) {
+    const std::u16string states[] = {u"A#1", u"A#20B", u"a b", u"\u65e5\u672c\u8a9e",
+                                     u"\u00e9t\u00e9", u"#e5#a5#b3"};
+    const std::u16string radioName = u"Choice #1 \u65e5\u672c", boxName = u"\u00e9t\u00e9#20";
+    PDField made = nullptr;
+    ASSERT_EQ(PDDocCreateField(doc.get(), radioName.data(), uint32_t(radioName.size()), PD_ATOM_Btn,
+                               PD_FIELD_RADIO, &made),
+              PD_OK);
+    Owned radio(made);
+    std::vector<Owned> widgets;
+    for (size_t i = 0; i < std::size(states); ++i) {
+        const float x = 20 + 30 * static_cast<float>(i);
+        widgets.push_back(addWidget(doc.get(), radio.get(), pg.get(), rect(x, 50, x + 20, 70)));
+        ASSERT_EQ(put(PDButtonWidgetAnnotSetChoice, widgets.back().get(), states[i]), PD_OK);
+    }
+    ASSERT_EQ(setValue(radio.get(), states[1]), PD_OK);
+    ASSERT_EQ(PDDocCreateField(doc.get(), boxName.data(), uint32_t(boxName.size()), PD_ATOM_Btn, 0,
+                               &made),
+              PD_OK);
+    Owned box(made);
+    auto bw = addWidget(doc.get(), box.get(), pg.get(), rect(20, 100, 40, 120));
+    ASSERT_EQ(put(PDButtonWidgetAnnotSetChoice, bw.get(), states[2]), PD_OK);
+    ASSERT_EQ(setValue(box.get(), states[2]), PD_OK);
+
+    const std::string path = dir.file("names.pdf");
+    auto copy = reopen(doc.get(), path);
+    auto radio2 = findField(copy.get(), radioName), box2 = findField(copy.get(), boxName);
+    ASSERT_TRUE(radio2 && box2);
+    EXPECT_EQ(fieldValue(radio2.get()), states[1]);
+    EXPECT_EQ(fieldValue(box2.get()), states[2]);
+    for (size_t i = 0; i < std::size(states); ++i) {
+        auto w = annotAt(copy.get(), static_cast<uint32_t>(i));
+        EXPECT_EQ(get(PDButtonWidgetAnnotGetChoice, w.get()), states[i]) << i;
+        EXPECT_EQ(atomText(get(PDAnnotGetAppearanceState, w.get())), i == 1 ? utf8(states[1]) : "Off")
+            << i;
+    }
+    EXPECT_EQ(atomText(get(PDAnnotGetAppearanceState, annotAt(copy.get(), 6).get())), "a b");
+
+    // Another reader sees the same names, and qpdf finds no stray '#'.
+    const std::string seen = python(R"(
+for a in pdf.pages[0]['/Annots']:
+    a = a.get_object()
+    f = a['/Parent'].get_object() if '/Parent' in a else a
+    print(f['/T'], '|', f.get('/V'), '|', a['/AS'], '|', ' '.join(sorted(a['/AP']['/N'])))
+)",
+                                    path);
+    std::string expected;
+    for (size_t i = 0; i < std::size(states); ++i) {
+        const std::string on = "/" + utf8(states[i]);
+        expected += utf8(radioName) + " | /A#20B | " + (i == 1 ? on : "/Off") + " | " +
+                    std::min(on, std::string("/Off")) + " " + std::max(on, std::string("/Off")) +
+                    "\n";
+    }
+    expected += utf8(boxName) + " | /a b | /a b | /Off /a b\n";
+    EXPECT_EQ(seen, expected);
+    const std::string check = run("qpdf --check '" + path + "' 2>&1");
+    EXPECT_EQ(check.find("WARNING"), std::string::npos) << check;
+
+    // A state named in another encoding than UTF-8 (Latin-1 here) keeps its bytes when its
+    // text is set as the value.
+    const std::string latin = dir.file("latin.pdf");
+    {
+        std::ofstream(latin, std::ios::binary) << minimalPdf(
+            "<< /Type /Annot /Subtype /Widget /FT /Btn /T (ok) /Rect [10 10 30 30] /P 3 0 R "
+            "/V /Off /AS /Off /AP << /N << /Oui#E9 5 0 R /Off 5 0 R >> >> >>");
+    }
+    auto old = openDoc(latin);
+    auto ok = findField(old.get(), "ok");
+    ASSERT_TRUE(ok);
+    ASSERT_EQ(setValue(ok.get(), u"Oui\u00e9"), PD_OK);
+    const std::string saved = dir.file("latin-saved.pdf");
+    auto back = reopen(old.get(), saved);
+    EXPECT_EQ(atomText(get(PDAnnotGetAppearanceState, annotAt(back.get(), 0).get())), "Oui\xe9");
+    const std::string plain =
+        run("qpdf --qdf --object-streams=disable '" + saved + "' - | grep -a -o '/[A-Z]* */Oui[^ ]*'");
+    EXPECT_EQ(plain, "/AS /Oui#e9\n/V /Oui#e9\n") << "the value, the state and its key agree";
 }
 
 TEST_F(Widgets, QuaddingAndChoiceSelection) {

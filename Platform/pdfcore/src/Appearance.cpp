@@ -668,15 +668,11 @@ std::vector<std::u16string> valuesOf(QPDFObjectHandle v) {
     return out;
 }
 
-// The name object for a state or value text, with its slash.
-std::string toName(const std::u16string& s) {
-    return "/" + toUtf8(s);
-}
-
-// The widget's on-state, without the slash; Yes when it has none.
-std::u16string onStateText(QPDFObjectHandle widget) {
+// The widget's on-state name, with its slash and its bytes as they are; /Yes when it has
+// none.
+std::string onStateName(QPDFObjectHandle widget) {
     std::string on = onStateOf(widget);
-    return on.empty() ? u"Yes" : toU16(on.substr(1));
+    return on.empty() ? "/Yes" : on;
 }
 
 Frame frameOf(QPDFObjectHandle widget, double w, double h) {
@@ -1090,22 +1086,22 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget) {
         cx.frame.round = radio;
         Font zadb = dingbats(doc);
         Codes glyph = boxGlyph(widget, radio);
-        std::u16string on = onStateText(widget);
+        std::string on = onStateName(widget);
         auto states = [&](const Colour& bg) {
             Content offC, onC;
             drawFrame(offC, f, bg);
             drawFrame(onC, f, bg);
             glyphContent(cx, onC, zadb, glyph);
             auto dict = QPDFObjectHandle::newDictionary();
-            dict.replaceKey(toName(on), form({&zadb}, onC.s));
+            dict.replaceKey(on, form({&zadb}, onC.s));
             dict.replaceKey("/Off", form({}, offC.s));
             return dict;
         };
         ap.replaceKey("/N", states(f.bg));
         ap.replaceKey("/D", states(pressed(f.bg)));
         std::vector<std::u16string> values = valuesOf(inherited(field, "/V"));
-        bool isOn = !values.empty() && values[0] == on;
-        widget.replaceKey("/AS", QPDFObjectHandle::newName(isOn ? toName(on) : "/Off"));
+        bool isOn = !values.empty() && values[0] == toU16(on.substr(1));
+        widget.replaceKey("/AS", QPDFObjectHandle::newName(isOn ? on : "/Off"));
     } else if (type == "/Btn") {
         QPDFObjectHandle mk = widget.getKeyIfDict("/MK");
         std::u16string caption = textOf(mk.getKeyIfDict("/CA"));

@@ -232,6 +232,40 @@ std::u16string textOf(QPDFObjectHandle obj);
 // A PDF text string for s: PDFDocEncoding when it fits, else UTF-16BE.
 QPDFObjectHandle textString(const std::u16string& s);
 
+// ---- names (Names.cpp) -------------------------------------------------------------
+
+// The state name (with its slash) that text stands for as a value of the button field: the
+// name of a state of its widgets whose text it is, so that a state written in another
+// encoding than UTF-8 keeps its bytes; else text in UTF-8.
+std::string buttonStateName(QPDFObjectHandle field, const std::u16string& text);
+// Whether a button value (a name, or a text string as older files have it) is state.
+bool isStateOf(QPDFObjectHandle value, const std::string& state);
+
+// While it lives, every name of the document that holds a '#' is written "#23" in its
+// place, when qpdf's writer would write the '#' as it is (which reads back as the start of
+// an escape); the destructor puts the names back. Made around writing the file, after
+// everything else that changes objects.
+class NamesEscapedForWriting {
+public:
+    explicit NamesEscapedForWriting(Document& doc);
+    ~NamesEscapedForWriting();
+    NamesEscapedForWriting(const NamesEscapedForWriting&) = delete;
+    NamesEscapedForWriting& operator=(const NamesEscapedForWriting&) = delete;
+
+private:
+    struct Change {
+        enum Kind { Object, Key, Value, Item } kind;
+        QPDFObjectHandle container;  // the dictionary, the array, or the indirect name
+        std::string key;             // Key: the name as it was; Value: the key holding it
+        std::string written;         // Key: the name as it is written
+        int index;                   // Item: the position in the array
+        QPDFObjectHandle original;   // Object, Value, Item: the name as it was
+    };
+    void escapeIn(QPDFObjectHandle container, int depth);
+    Document& doc_;
+    std::vector<Change> changes_;
+};
+
 // ---- atoms -----------------------------------------------------------------------
 
 PDAtom atomOf(const std::string& nameWithoutSlash);

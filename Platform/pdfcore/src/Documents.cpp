@@ -60,6 +60,7 @@ void writeTo(Document& doc, QPDFWriter& w) {
     flushAnnotLists(doc);
     flushAppearances(doc);
     const UnusedFieldsDetached unused(doc);
+    const NamesEscapedForWriting names(doc);
     w.setPreserveEncryption(false);
     w.setDeterministicID(true);
     w.write();

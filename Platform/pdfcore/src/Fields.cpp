@@ -409,7 +409,7 @@ void addSubtreeNames(Document& doc, QPDFObjectHandle node, const std::u16string&
 QPDFObjectHandle valueObject(QPDFObjectHandle field, const std::u16string& text) {
     auto ft = inherited(field, "/FT");
     if (ft.isName() && ft.getName() == "/Btn") {
-        return QPDFObjectHandle::newName("/" + toUtf8(text));
+        return QPDFObjectHandle::newName(buttonStateName(field, text));
     }
     return textString(text);
 }

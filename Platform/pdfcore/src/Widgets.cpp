@@ -343,13 +343,6 @@ void changeDA(PDHandleRec& h, const std::function<void(DefaultAppearance&)>& cha
 
 // ---- buttons --------------------------------------------------------------------------------
 
-// The state name a button value stands for: a name, or a string as older files have it.
-std::string stateOfValue(QPDFObjectHandle v) {
-    if (v.isName()) return v.getName();
-    if (v.isString()) return "/" + toUtf8(textOf(v));
-    return {};
-}
-
 void requireCheckOrRadio(QPDFObjectHandle widget) {
     requireType(widget, "/Btn");
     if (flagsOf(widget) & PD_FIELD_PUSHBUTTON) fail(PD_ERR_FIELD_KIND);
@@ -654,7 +647,10 @@ PDResult PDButtonWidgetAnnotSetChoice(PDAnnot widget, const char16_t* text, uint
         QPDFObjectHandle field = holderOf(w);
         flushAppearance(*h.doc, w);
         std::string oldState = onStateOf(w);
-        std::string newState = "/" + toUtf8(value);
+        // The same text keeps the state's bytes (a state of a file in another encoding).
+        std::string newState = !oldState.empty() && toU16(oldState.substr(1)) == value
+                                   ? oldState
+                                   : "/" + toUtf8(value);
 
         // Rename the state in copies of /AP /N and /D, which other widgets may share.
         QPDFObjectHandle ap = w.getKey("/AP");
@@ -676,12 +672,12 @@ PDResult PDButtonWidgetAnnotSetChoice(PDAnnot widget, const char16_t* text, uint
         w.replaceKey("/AP", newAp);
 
         bool wasOn = !oldState.empty() && (nameOf(w.getKey("/AS")) == oldState ||
-                                           stateOfValue(inherited(field, "/V")) == oldState);
+                                           isStateOf(inherited(field, "/V"), oldState));
         if (wasOn) {
             w.replaceKey("/AS", QPDFObjectHandle::newName(newState));
             field.replaceKey("/V", QPDFObjectHandle::newName(newState));
         }
-        if (!oldState.empty() && stateOfValue(inherited(field, "/DV")) == oldState)
+        if (!oldState.empty() && isStateOf(inherited(field, "/DV"), oldState))
             field.replaceKey("/DV", QPDFObjectHandle::newName(newState));
         refreshField(h);
     });

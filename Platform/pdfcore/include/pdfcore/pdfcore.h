@@ -185,7 +185,9 @@ PDFCORE_API PDResult PDDocCreate(uint32_t pageCount, float width, float height,
  * undoing a widget's creation or deletion), and so is every parent left without kids by
  * that, up the tree; in memory they stay, and are written again once they hold a widget.
  * Fields that never lost a widget this way (a file's field that had none to begin with,
- * a made field that never got one) are always written. The same holds for
+ * a made field that never got one) are always written. Every name is written so that a
+ * reader reads back its bytes as they are: a '#' inside a name (an on state "A#1", or
+ * "#e5#a5" as some writers leave escaped UTF-8) as #23. The same holds for
  * PDDocSaveMem. */
 PDFCORE_API PDResult PDDocSave(PDDoc doc, const char* path);
 /* Writes the document into a buffer allocated with malloc; the caller frees it with
@@ -374,7 +376,9 @@ PDFCORE_API PDResult PDFieldSetUIName(PDField field, const char16_t* text, uint3
  * on-state), a multi-select choice gives its first value. PD_ERR_NO_VALUE when absent.
  * Setting /V regenerates the appearances of all widgets of the field; for buttons it
  * also sets each widget's /AS to the value when that is its on-state, else to Off.
- * An empty text removes the entry. */
+ * A button's value is written as the name of the state of the field's widgets whose text
+ * it is, with that name's bytes (a state named in Latin-1 stays so), else as a name in
+ * UTF-8. An empty text removes the entry. */
 PDFCORE_API PDResult PDFieldGetValue(PDField field, char16_t* buf, uint32_t bufLen,
                                      uint32_t* outLen);
 PDFCORE_API PDResult PDFieldSetValue(PDField field, const char16_t* text, uint32_t len);
@@ -533,9 +537,10 @@ PDFCORE_API PDResult PDButtonWidgetAnnotGetIconFit(PDAnnot widget, PDIconFit* ou
 PDFCORE_API PDResult PDButtonWidgetAnnotSetIconFit(PDAnnot widget, const PDIconFit* fit);
 
 /* The on-state name of a check box or radio widget: the appearance state other than
- * Off. PD_ERR_NO_VALUE for a widget without one (push buttons). Setting renames the
- * on state (an empty name or "Off": PD_ERR_BAD_ARGUMENT) and keeps the widget on
- * when it was on. */
+ * Off, as text (the name's bytes as UTF-8, or as Latin-1 when they are not UTF-8).
+ * PD_ERR_NO_VALUE for a widget without one (push buttons). Setting renames the on state
+ * (an empty name or "Off": PD_ERR_BAD_ARGUMENT; the state's own text keeps its bytes)
+ * and keeps the widget on when it was on. */
 PDFCORE_API PDResult PDButtonWidgetAnnotGetChoice(PDAnnot widget, char16_t* buf,
                                                   uint32_t bufLen, uint32_t* outLen);
 PDFCORE_API PDResult PDButtonWidgetAnnotSetChoice(PDAnnot widget, const char16_t* name,
