@@ -143,8 +143,13 @@ class ButtonWidgetSerializer : public BaseWidgetSeializer {
         if (!choice.empty())
             check(PDButtonWidgetAnnotSetChoice(widget, choice.data(),
                                                static_cast<uint32_t>(choice.size())));
-        readValue(&PDFieldSetDefaultValue, field, wide(record, "default-field-value"));
-        readValue(&PDFieldSetValue, field, wide(record, "field-value"));
+        // The copied field's value may be the state of another of its widgets (a radio
+        // button that was off): the new field, whose only widget this is, is then off.
+        auto ownValue = [&](std::u16string value) {
+            return choice.empty() || value == choice || value == u"Off" ? value : u"";
+        };
+        readValue(&PDFieldSetDefaultValue, field, ownValue(wide(record, "default-field-value")));
+        readValue(&PDFieldSetValue, field, ownValue(wide(record, "field-value")));
     }
 
     void WriteTypeSpecific(PDDoc, Json& record, PDAnnot widget, PDField field) override {
@@ -399,11 +404,12 @@ PDHandlePtr BaseWidgetSeializer::Deserialize(ServiceObject* documentService, con
         if (parent)
             check(PDFieldSetUIName(parent.get(), tooltip.data(), static_cast<uint32_t>(tooltip.size())));
     }
-    // A family this process has no atom for (-1, or the number of another process's
-    // name) keeps the widget's default font.
+    // No family (-1 when missing, 0 when the copied /DA named no font), or one this
+    // process has no atom for (the number of another process's name), keeps the
+    // widget's default font.
     const int64_t family = AS::getIntOr(record, "font-family", -1);
     const char* familyName = nullptr;
-    if (family >= 0 && family <= std::numeric_limits<PDAtom>::max() &&
+    if (family > 0 && family <= std::numeric_limits<PDAtom>::max() &&
         PDAtomGetString(static_cast<PDAtom>(family), &familyName) == PD_OK) {
         const PDFontInfo font{static_cast<PDAtom>(family),
                               static_cast<int32_t>(AS::getIntOr(record, "font-format", 0)),
