@@ -492,7 +492,8 @@ void BM_PasteRecord(benchmark::State& state) {
     show(*target);
     for (auto _ : state) {
         PDAnnot widget = nullptr;
-        const uint32_t rc = host.selection().pasteText(0, text, false, &widget);
+        const uint32_t rc = host.selection().pasteText(
+            0, text, qfhost::AnnotSelection::Naming::NewField, &widget);
         benchmark::DoNotOptimize(widget);
         state.PauseTiming();
         const bool placed = rc == 0 && isWidgetOf(widget, kind) &&

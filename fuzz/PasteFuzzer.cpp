@@ -49,7 +49,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     host.openView(doc);
     PDAnnot widget = nullptr;
     const std::string text(reinterpret_cast<const char*>(data), size);
-    const uint32_t rc = host.selection().pasteText(0, text, size % 2 == 1, &widget);
+    const uint32_t rc = host.selection().pasteText(
+        0, text,
+        size % 2 == 1 ? qfhost::AnnotSelection::Naming::Join
+                      : qfhost::AnnotSelection::Naming::NewField,
+        &widget);
     if ((rc == 0) != (widget != nullptr)) std::abort();
     PDHandleRelease(widget);
     host.commands().clear();

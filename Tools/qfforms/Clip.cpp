@@ -8,6 +8,8 @@
 #include "qfhost/Host.h"
 #include "qfhost/ModuleLoader.h"
 
+#include <nlohmann/json.hpp>
+
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
@@ -18,8 +20,8 @@ namespace qfforms {
 
 const char* const kClipUsage =
     "       qfforms copy IN.pdf --field NAME [--widget K] [--module PATH]\n"
-    "       qfforms paste IN.pdf --page N --out OUT.pdf [--break-signatures] [--module PATH]\n"
-    "                     < RECORD.json\n";
+    "       qfforms paste IN.pdf --page N --out OUT.pdf [--join] [--break-signatures]\n"
+    "                     [--module PATH] < RECORD.json\n";
 
 namespace {
 
@@ -29,6 +31,7 @@ struct Options {
     std::string in, field, out, module, widget, page;
     bool help = false;
     bool breakSignatures = false;
+    bool join = false;
 };
 
 // The whole of text as a number from 0, or nothing.
@@ -48,7 +51,9 @@ std::optional<std::string> parse(const std::vector<std::string>& args, Options& 
                               {{"--help", &o.help}}, files)
              : parseArguments(args,
                               {{"--page", &o.page}, {"--out", &o.out}, {"--module", &o.module}},
-                              {{"--help", &o.help}, {"--break-signatures", &o.breakSignatures}},
+                              {{"--help", &o.help},
+                               {"--break-signatures", &o.breakSignatures},
+                               {"--join", &o.join}},
                               files);
     if (problem || o.help) return problem;
     if (files.size() > 1) return "one input file";
@@ -81,6 +86,14 @@ std::string moduleText(qfhost::ModuleLoader& loader, uint32_t code) {
         info.code == code && info.message)
         return toUtf8(info.message);
     return "code " + std::to_string(code);
+}
+
+// The "name" of a widget record, quoted, for messages.
+std::string recordName(const std::string& text) {
+    const auto record = nlohmann::json::parse(text, nullptr, false);
+    const auto it = record.is_object() ? record.find("name") : record.end();
+    return nlohmann::json(it != record.end() && it->is_string() ? it->get<std::string>() : "")
+        .dump();
 }
 
 // A host with the module loaded and in.pdf open in a view.
@@ -152,9 +165,19 @@ int pasteCommand(const std::vector<std::string>& args) {
             return fail(o.in, "no page " + std::to_string(page) + " (" +
                                   std::to_string(doc.pageCount()) + " pages)");
         PDAnnot widget = nullptr;
-        const uint32_t rc = s.host.selection().pasteText(page, text, false, &widget);
+        const uint32_t rc = s.host.selection().pasteText(
+            page, text,
+            o.join ? qfhost::AnnotSelection::Naming::Join : qfhost::AnnotSelection::Naming::NewField,
+            &widget);
         Handle pasted(widget);
         if (rc == 1) return fail("the record", "it holds no widget (no \"field-type\" of one)");
+        if (rc == qfhost::codes::kNoFieldToJoin)
+            return fail(o.in, "no field is named " + recordName(text) +
+                                  " to join (without --join the widget makes a new field)");
+        if (rc == qfhost::codes::kCannotJoin)
+            return fail(o.in, "the field " + recordName(text) +
+                                  " is of another kind than the copied widget, or holds fields "
+                                  "rather than widgets: the widget cannot join it");
         if (rc != 0) return fail("the record", moduleText(s.loader, rc));
         if (!o.breakSignatures && holdsSignatures(doc.pdDoc()))
             return fail(o.out, std::string(kSignedDocument) +

@@ -435,22 +435,38 @@ class Runner {
         const bool handled = send(v, QF::kEventCommand, atomOf(name), {0, 0}, 0, "edit command");
         if (!handled) fail("edit: the edit tool did not take " + quoted(name));
         endedEditing(v);
-        // The duplicate: what the tool copied to the private clipboard, pasted beside it.
+        // The duplicate: what the tool copied to the private clipboard, pasted beside it as
+        // a field of its own.
         if (name == "DuplicateCopy") {
             const uint32_t rc = host_.selection().paste(
-                page, qfhost::AnnotSelection::Source::Private, true);
+                page, qfhost::AnnotSelection::Source::Private,
+                qfhost::AnnotSelection::Naming::NewField);
             if (rc != 0) failed(rc, "edit: the duplicate could not be pasted");
         }
     }
 
-    // Pastes the widget on the system clipboard onto a page, at its recorded place.
+    // Pastes the widget on the system clipboard onto a page, at its recorded place (moved
+    // aside from a widget lying there), as a new field or, with "join", into the copied
+    // field; the pasted widget is selected.
     void paste(const Json& a) {
-        onlyKeys(a, {"page"}, "paste");
+        onlyKeys(a, {"page", "join"}, "paste");
         View& v = currentView();
         const uint32_t page = pageOf(a, v, "paste");
-        const uint32_t rc =
-            host_.selection().paste(page, qfhost::AnnotSelection::Source::System, false);
+        bool join = false;
+        if (const Json* j = optionalMember(a, "join")) {
+            if (!j->is_boolean()) fail("paste: join must be true or false");
+            join = j->get<bool>();
+        }
+        const uint32_t rc = host_.selection().paste(
+            page, qfhost::AnnotSelection::Source::System,
+            join ? qfhost::AnnotSelection::Naming::Join : qfhost::AnnotSelection::Naming::NewField);
         if (rc == 1) fail("paste: the clipboard holds no widget");
+        if (rc == qfhost::codes::kNoFieldToJoin)
+            failed(rc, "paste: the document has no field of the copied widget's name to join "
+                       "(a paste without \"join\" makes a new field)");
+        if (rc == qfhost::codes::kCannotJoin)
+            failed(rc, "paste: the field of the copied widget's name is of another kind, or "
+                       "holds fields rather than widgets: the widget cannot join it");
         if (rc != 0) failed(rc, "paste: the widget could not be pasted");
     }
 

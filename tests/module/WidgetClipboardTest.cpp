@@ -26,6 +26,7 @@ using Json = nlohmann::json;
 using QF::PDHandlePtr;
 using qfhost::ObjectPtr;
 using SODetails::ServiceObject;
+using Naming = qfhost::AnnotSelection::Naming;
 
 uint32_t atom(const char* name) {
     uint32_t id = 0;
@@ -76,10 +77,11 @@ class WidgetClipboard : public ::testing::Test {
         return text;
     }
     // Pastes text onto page 0 of doc (shown in a view): the host's result.
-    uint32_t paste(qfhost::Document& doc, const std::string& text, PDHandlePtr* out = nullptr) {
+    uint32_t paste(qfhost::Document& doc, const std::string& text, PDHandlePtr* out = nullptr,
+                   Naming naming = Naming::NewField) {
         host.openView(doc);
         PDAnnot widget = nullptr;
-        const uint32_t rc = host.selection().pasteText(0, text, false, &widget);
+        const uint32_t rc = host.selection().pasteText(0, text, naming, &widget);
         if (out) *out = PDHandlePtr::adopt(widget);
         else PDHandleRelease(widget);
         return rc;
@@ -178,6 +180,79 @@ TEST_F(WidgetClipboard, EveryFieldTypeTravelsIntoAnotherDocument) {
     EXPECT_EQ(options, 4u);
 }
 
+// A radio button keeps its on state and its look: alone in a group of its own, it is on when
+// the copied group had it on, and off otherwise. Pasted back into its own page it lands
+// beside the original (and beside the last paste), becomes the selection, and joins the
+// copied group only when asked.
+TEST_F(WidgetClipboard, RadioButtonsKeepTheirStatesAndLandBesideTheOriginal) {
+    qfhost::Document& form = host.openDocument(corpus("qpdf-field-types.pdf"));
+    const std::string on = copy(form, u"r1", 0), off = copy(form, u"r1", 1);
+    auto choiceOf = [](PDAnnot w) {
+        uint32_t n = 0;
+        EXPECT_EQ(PDButtonWidgetAnnotGetChoice(w, nullptr, 0, &n), PD_OK);
+        std::u16string text(n, u'\0');
+        EXPECT_EQ(PDButtonWidgetAnnotGetChoice(w, text.data(), n, &n), PD_OK);
+        return text;
+    };
+    auto stateOf = [](PDAnnot w) {
+        PDAtom state = 0;
+        const char* name = "";
+        EXPECT_EQ(PDAnnotGetAppearanceState(w, &state), PD_OK);
+        EXPECT_EQ(PDAtomGetString(state, &name), PD_OK);
+        return std::string(name);
+    };
+
+    qfhost::Document& target = host.newDocument(1, 612, 792);
+    PDHandlePtr first, second;
+    ASSERT_EQ(paste(target, off, &first), 0u);
+    ASSERT_EQ(paste(target, on, &second), 0u);
+    EXPECT_EQ(nameOf(first.get()), u"r1");
+    EXPECT_EQ(nameOf(second.get()), u"r1_2");
+    const PDHandlePtr fresh = reopened(target.pdDoc());
+    const PDHandlePtr a = annotAt(fresh.get(), 0, 0), b = annotAt(fresh.get(), 0, 1);
+    EXPECT_EQ(choiceOf(a.get()), u"2");
+    EXPECT_EQ(stateOf(a.get()), "Off");
+    EXPECT_EQ(choiceOf(b.get()), u"1");
+    EXPECT_EQ(stateOf(b.get()), "1");
+    uint32_t flags = 0;
+    EXPECT_EQ(PDFieldGetFlags(parentOf(a.get()).get(), &flags), PD_OK);
+    EXPECT_EQ(flags & (PD_FIELD_RADIO | PD_FIELD_PUSHBUTTON), PD_FIELD_RADIO);
+    // The look travels whole: a copy of the paste is the copied record, but for the name
+    // and the value of the group it left.
+    Json again = Json::parse(copy(target, u"r1")), want = Json::parse(off);
+    for (const char* key : {"name", "field-value", "default-field-value"}) {
+        again.erase(key);
+        want.erase(key);
+    }
+    EXPECT_EQ(again, want);
+
+    const PDRect original = rectOf(annotAt(form.pdDoc(), 0, 1).get());
+    PDHandlePtr pasted;
+    for (int k = 1; k <= 2; ++k) {
+        SCOPED_TRACE(k);
+        ASSERT_EQ(paste(form, on, &pasted), 0u);
+        EXPECT_EQ(nameOf(pasted.get()), k == 1 ? u"r1_2" : u"r1_3");
+        const PDRect r = rectOf(pasted.get());
+        EXPECT_FLOAT_EQ(r.left, original.left + 10.0f * float(k));
+        EXPECT_FLOAT_EQ(r.top, original.top - 10.0f * float(k));
+        const auto& selected = host.selection().selected();
+        ASSERT_EQ(selected.size(), 1u);
+        EXPECT_EQ(selected[0].annot, pasted.get());
+        EXPECT_EQ(host.currentView()->activeToolName(), "Edit");
+    }
+    ASSERT_EQ(paste(form, off, &pasted, Naming::Join), 0u);
+    EXPECT_EQ(nameOf(pasted.get()), u"r1");
+    EXPECT_EQ(choiceOf(pasted.get()), u"2");
+    uint32_t widgets = 0;
+    EXPECT_EQ(PDFieldGetNumWidgets(findField(form.pdDoc(), u"r1").get(), &widgets), PD_OK);
+    EXPECT_EQ(widgets, 4u);
+    EXPECT_EQ(stateOf(annotAt(form.pdDoc(), 0, 1).get()), "1") << "the group keeps its value";
+    // A check box record cannot join a radio group.
+    Json box = Json::parse(copy(form, u"checkbox1"));
+    box["name"] = "r1";
+    EXPECT_EQ(paste(form, box.dump(), nullptr, Naming::Join), qfhost::codes::kCannotJoin);
+}
+
 // Push buttons with a chain of actions, and a signature field; names already taken.
 TEST_F(WidgetClipboard, ActionsChainsAndNamesOnPaste) {
     qfhost::Document& doc = host.newDocument(1, 612, 792);
@@ -203,16 +278,23 @@ TEST_F(WidgetClipboard, ActionsChainsAndNamesOnPaste) {
     EXPECT_EQ(record["button-action"]["next-action"]["url"], "https://example.org/");
     EXPECT_EQ(record["mouse-enter"]["action-type"], 550);
 
-    // Pasted into the same document: the name is taken by a field of the same kind, which
-    // the new widget joins; a text field of that name sends it to "Go_2".
-    ASSERT_EQ(paste(doc, text), 0u);
+    // Pasted into the same document: a field of its own under the next free name, or, when
+    // asked, a widget of the copied field; a text field of that name cannot be joined and
+    // sends a new field to "Go_2" too.
+    PDHandlePtr pasted;
+    ASSERT_EQ(paste(doc, text, &pasted), 0u);
+    EXPECT_EQ(nameOf(pasted.get()), u"Go_2");
+    ASSERT_EQ(paste(doc, text, &pasted, Naming::Join), 0u);
+    EXPECT_EQ(nameOf(pasted.get()), u"Go");
     uint32_t widgets = 0;
     EXPECT_EQ(PDFieldGetNumWidgets(findField(doc.pdDoc(), u"Go").get(), &widgets), PD_OK);
     EXPECT_EQ(widgets, 2u);
     qfhost::Document& other = host.newDocument(1, 612, 792);
+    EXPECT_EQ(paste(other, text, nullptr, Naming::Join), qfhost::codes::kNoFieldToJoin);
     PDHandlePtr clash;
     ASSERT_EQ(PDDocCreateField(other.pdDoc(), u"Go", 2, PD_ATOM_Tx, 0, clash.put()), PD_OK);
-    PDHandlePtr pasted;
+    EXPECT_EQ(paste(other, text, nullptr, Naming::Join), qfhost::codes::kCannotJoin);
+    EXPECT_EQ(annotCount(other.pdDoc(), 0), 0u) << "a refused join leaves nothing";
     ASSERT_EQ(paste(other, text, &pasted), 0u);
     EXPECT_EQ(QF::GetFieldFullName(parentOf(pasted.get()).get(), "test"), u"Go_2");
     EXPECT_EQ(Json::parse(copy(other, u"Go_2"))["button-action"], record["button-action"]);
@@ -309,12 +391,15 @@ TEST_F(WidgetClipboard, TheEditToolsClipboardCommands) {
     command("DuplicateCopy");
     EXPECT_EQ(systemClipboardText(), copied); // the system clipboard is left alone
     EXPECT_EQ(annotCount(doc.pdDoc(), 0), 1u); // and the document too
-    ASSERT_EQ(host.selection().paste(0, qfhost::AnnotSelection::Source::Private, true), 0u);
+    ASSERT_EQ(host.selection().paste(0, qfhost::AnnotSelection::Source::Private,
+                                     Naming::NewField),
+              0u);
     ASSERT_EQ(annotCount(doc.pdDoc(), 0), 2u);
     PDRect r{};
     EXPECT_EQ(PDAnnotGetRect(annotAt(doc.pdDoc(), 0, 1).get(), &r), PD_OK);
     EXPECT_EQ(r.left, 110.0f); // beside the original: 10 right, 10 down
     EXPECT_EQ(r.top, 690.0f);
+    EXPECT_EQ(nameOf(annotAt(doc.pdDoc(), 0, 1).get()), u"Text1_2");
 
     const PDHandlePtr first = annotAt(doc.pdDoc(), 0, 0);
     ASSERT_EQ(PDAnnotSetFlags(first.get(), PD_ANNOT_PRINT | PD_ANNOT_LOCKED), PD_OK);
@@ -324,7 +409,9 @@ TEST_F(WidgetClipboard, TheEditToolsClipboardCommands) {
     ASSERT_EQ(PDAnnotSetFlags(first.get(), PD_ANNOT_PRINT), PD_OK);
     command("Cut");
     EXPECT_EQ(annotCount(doc.pdDoc(), 0), 1u);
-    EXPECT_EQ(host.selection().paste(0, qfhost::AnnotSelection::Source::System, false), 0u);
+    EXPECT_EQ(host.selection().paste(0, qfhost::AnnotSelection::Source::System,
+                                     Naming::NewField),
+              0u);
     EXPECT_EQ(annotCount(doc.pdDoc(), 0), 2u);
 }
 

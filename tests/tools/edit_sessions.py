@@ -8,6 +8,8 @@ CHECK is one of:
              page at zoom 2), undo and redo them; the editing example of the docs runs
   clipboard  copy a widget of every field type into another document and compare what
              pypdf reads; clipboard file across runs, duplicates, naming, Cut
+  corpus     every widget of every corpus form copies and pastes into a new document and
+             back into its own page, buttons with their on states
   records    bad records fail cleanly and leave nothing behind
 
 Run with Debian's /usr/bin/python3 (python3-pypdf). Exit status 0 when every check passed.
@@ -25,7 +27,7 @@ from pypdf import PdfReader, PdfWriter
 from pypdf.generic import DictionaryObject, NameObject, TextStringObject
 
 from run_sessions import (check, dark_pixels, failures, field_of, form_of, full_name, qfforms,
-                          render_gray, resolved, run, to_pixels, write_script)
+                          render_gray, resolved, run, to_pixels, widgets_of, write_script)
 
 
 def run_script(args, folder, name, steps, *options, env=None):
@@ -317,11 +319,20 @@ def check_copy_paste(args, folder, source, name, target, expected_loss=()):
     result = run([args.qfforms, "paste", target, "--page", "0", "--out", out], input=result.stdout)
     if not check(result.returncode == 0, where + ": paste: " + result.stderr):
         return None
-    # Pasted into the form it came from, the widget joins its field as the last widget.
-    pasted = widget_of(out, name, -1)
+    # Pasted into the form it came from, the widget is a new field's under the next free
+    # name, beside the original.
+    own = os.path.samefile(source, target)
+    made = pasted_name(result)
+    check(made == (name + "_2" if own else name), where + ": pasted as %r" % made)
+    pasted = widget_of(out, made)
     if not check(pasted is not None, where + ": pasted as %r" % result.stdout):
         return None
     want, got = look(widget_of(source, name), False), look(pasted, False)
+    if own:
+        rect, start = got.pop("/Rect"), want.pop("/Rect")
+        check(got.pop("/T", None) == made and close(rect, shifted(start, 10, -10)),
+              where + ": the paste is not beside the original: %r, %r" % (start, rect))
+        want.pop("/T", None)
     for key in expected_loss:
         check(key in want and key not in got, where + ": %s was expected to be lost" % key)
         want.pop(key, None)
@@ -399,8 +410,9 @@ def check_clipboard(args, folder):
         for name in names:
             check_copy_paste(args, folder, corpus(source), name, target)
 
-    # Within one run the font travels too; a record taken to a document where its name
-    # belongs to another kind gets a fresh name; the same kind joins the field.
+    # Within one run the font travels too. A paste makes a field of its own under the next
+    # free name, or joins the copied field when asked, and each lands beside the widget it
+    # would cover and becomes the selection; a field of another kind, or none, is not joined.
     clipboard = out("clipboard.json")
     env = dict(os.environ, QF_CLIPBOARD=clipboard)
     steps = [
@@ -410,6 +422,10 @@ def check_clipboard(args, folder):
         {"open": "blank.pdf"},
         {"paste": {"page": 0}},
         {"paste": {"page": 0}},
+        {"get": {"property": "FieldName"}},
+        {"paste": {"page": 0, "join": True}},
+        {"get": {"property": "FieldName"}},
+        {"key": {"code": 39}},
         {"tool": "CheckBoxCreate"},
         {"set": {"property": "FieldName", "value": "Other"}},
         {"click": {"page": 0, "at": [300, 300]}},
@@ -417,11 +433,21 @@ def check_clipboard(args, folder):
     ]
     result = run_script(args, folder, "same-run.json", steps, env=env)
     if check(result.returncode == 0, "same run: " + result.stderr):
+        check(result.stdout.startswith('{"property":"FieldName","value":"Text1_2"}\n'
+                                       '{"property":"FieldName","value":"Text1"}\n'),
+              "same run: the pastes were not selected: %r" % result.stdout)
         want = look(widget_of(made, "Text1"), True)
-        for index in (0, 1):
-            got = widget_of(out("joined.pdf"), "Text1", index)
-            if check(got is not None, "same run: paste %d missing" % index):
-                same_look(dict(want), look(got, True), "same run: paste %d" % index)
+        start = want.pop("/Rect")
+        # The joined paste moved twice aside, and once more by the arrow key: it was selected.
+        for name, index, dx, dy in (("Text1", 0, 0, 0), ("Text1_2", 0, 10, -10),
+                                    ("Text1", 1, 30, -20)):
+            got = widget_of(out("joined.pdf"), name, index)
+            where = "same run: %s widget %d" % (name, index)
+            if check(got is not None, where + " missing"):
+                got = look(got, True)
+                check(close(got.pop("/Rect"), shifted(start, dx, dy)), where + " misplaced")
+                got["/T"] = want["/T"]
+                same_look(dict(want), got, where)
     record = json.loads(read_clipboard(clipboard))
     record["name"] = "Other"
     write_clipboard(clipboard, json.dumps(record))
@@ -432,6 +458,18 @@ def check_clipboard(args, folder):
         check(fields.get("Other_2", {}).get("type") == "/Tx" and
               fields.get("Other", {}).get("type") == "/Btn",
               "renamed: fields %s" % sorted(fields))
+    for name, text, cli in (("Other", "is of another kind", 'field "Other" is of another kind'),
+                            ("Nowhere", "has no field", 'no field is named "Nowhere" to join')):
+        record["name"] = name
+        write_clipboard(clipboard, json.dumps(record))
+        steps = [{"open": "joined.pdf"}, {"paste": {"page": 0, "join": True}}]
+        result = run_script(args, folder, "join.json", steps, "--out", out("never.pdf"), env=env)
+        check(result.returncode == 1 and text in result.stderr and
+              not os.path.exists(out("never.pdf")), "join %s: %r" % (name, result.stderr))
+        result = run([args.qfforms, "paste", out("joined.pdf"), "--page", "0", "--join", "--out",
+                      out("never.pdf")], input=json.dumps(record))
+        check(result.returncode == 1 and cli in result.stderr and
+              not os.path.exists(out("never.pdf")), "paste --join %s: %r" % (name, result.stderr))
 
     # Cut in one run, paste in the next; a duplicate leaves the clipboard as it was.
     steps = [{"open": "all-kinds.pdf"},
@@ -445,11 +483,156 @@ def check_clipboard(args, folder):
              {"select": {"page": 0, "at": [100, 600]}}, {"edit": "DuplicateCopy"}]
     result = run_script(args, folder, "paste.json", steps, "--out", out("pasted-cut.pdf"), env=env)
     if check(result.returncode == 0, "paste after cut: " + result.stderr):
-        rects = rect_of(out("pasted-cut.pdf"), 0, "ComboBox1")
-        check(rects == [[72, 588, 250, 610], [82, 578, 260, 600]],
+        rects = [rect_of(out("pasted-cut.pdf"), 0, name) for name in ("ComboBox1", "ComboBox1_2")]
+        check(rects == [[[72, 588, 250, 610]], [[82, 578, 260, 600]]],
               "paste after cut: widgets at %s" % rects)
         with open(clipboard, "rb") as f:
             check(f.read() == cut, "DuplicateCopy changed the system clipboard")
+    check_names(args, folder, env)
+
+
+def names_seen(path):
+    """(field name, /V, /AS, the normal appearance's states) of each widget, as pypdf reads
+    them."""
+    seen = []
+    for _, widget, _ in widgets_of(path):
+        field = field_of(widget)
+        normal = resolved(resolved(widget["/AP"])["/N"])
+        states = sorted(normal.keys()) if "/AS" in widget else None
+        seen.append((full_name(field), field.get("/V"), widget.get("/AS"), states))
+    return seen
+
+
+def check_names(args, folder, env):
+    """Field names and on states with '#' (one that reads as an escape too), spaces and
+    non-ASCII letters come back the same after a save, a second save, and a paste."""
+    radio, choices, text = "Größe #1 日本", ["A#20B", "日本 語#1"], "a#20b c"
+    steps = [{"new": {}}, {"tool": "RadioGroupCreate"}]
+    for y in (700, 650):
+        steps += [{"set": {"property": "FieldName", "value": radio}},
+                  {"click": {"page": 0, "at": [100, y]}}]
+    steps += [{"tool": "TextFieldCreate"}, {"set": {"property": "FieldName", "value": text}},
+              {"click": {"page": 0, "at": [200, 700]}}]
+    for y, choice in zip((695, 645), choices):
+        steps += [{"select": {"page": 0, "at": [105, y]}},
+                  {"set": {"property": "RadioChoice", "value": choice}}]
+    steps += [{"edit": "Copy"}, {"save": "names.pdf"}, {"new": {}}, {"paste": {"page": 0}},
+              {"save": "names-pasted.pdf"}]
+    result = run_script(args, folder, "names.json", steps, env=env)
+    if not check(result.returncode == 0, "names: " + result.stderr):
+        return
+    path = lambda name: os.path.join(folder, name)
+    want = [(radio, None, "/Off", sorted(["/Off", "/" + choice])) for choice in choices]
+    want.append((text, None, None, None))
+    check(names_seen(path("names.pdf")) == want, "names: %r" % names_seen(path("names.pdf")))
+    result = run_script(args, folder, "names-again.json", [{"open": "names.pdf"}], "--out",
+                        path("names-again.pdf"))
+    if check(result.returncode == 0, "names again: " + result.stderr):
+        check(names_seen(path("names-again.pdf")) == want,
+              "names again: %r" % names_seen(path("names-again.pdf")))
+    check(names_seen(path("names-pasted.pdf")) == want[1:2],
+          "names pasted: %r" % names_seen(path("names-pasted.pdf")))
+    qpdf = run(["qpdf", "--check", path("names-again.pdf")])
+    check(qpdf.returncode == 0 and "WARNING" not in qpdf.stdout, "names: " + qpdf.stdout)
+
+
+# ---- corpus ---------------------------------------------------------------------------------
+
+
+def corpus_widgets(args):
+    """(file, field, k, page) of every widget of every corpus form that lies on a page, and
+    the number of widgets on no page (which no reader shows, and which cannot be copied)."""
+    found, nowhere = [], 0
+    for name in sorted(os.listdir(args.corpus)):
+        if not name.endswith(".pdf"):
+            continue
+        result = qfforms(args.qfforms, "inspect", os.path.join(args.corpus, name))
+        if result.returncode != 0:
+            continue  # damaged beyond repair: inspect_corpus.py covers those
+        seen = set()
+        for field in json.loads(result.stdout)["fields"]:
+            if field["name"] in seen:
+                continue  # a second field of that name is not reachable by name
+            seen.add(field["name"])
+            for k, widget in enumerate(field["widgets"]):
+                if widget["page"] is None:
+                    nowhere += 1
+                else:
+                    found.append((name, field["name"], k, widget["page"]))
+    return found, nowhere
+
+
+def pasted_name(result):
+    match = re.search(r'^pasted the field "(.*)"$', result.stdout, re.M)
+    return match.group(1) if match else None
+
+
+def check_corpus(args, folder):
+    """Every widget of every corpus form copies, and pastes into a new document and back into
+    its own page; buttons keep their on state and both appearances of it."""
+    blank = os.path.join(folder, "blank.pdf")
+    result = run_script(args, folder, "blank.json", [{"new": {}}], "--out", blank)
+    if not check(result.returncode == 0, "blank: " + result.stderr):
+        return
+    widgets, nowhere = corpus_widgets(args)
+
+    def one(item):
+        name, field, k, page = item
+        source = os.path.join(args.corpus, name)
+        where = "%s of %s, widget %d" % (field, name, k)
+        copied = qfforms(args.qfforms, "copy", source, "--field", field, "--widget", k)
+        if copied.returncode != 0:
+            return [where + ": copy: " + copied.stderr.strip()], 0
+        record = json.loads(copied.stdout)
+        problems, pastes = [], 0
+        tag = "%s-%s-%d" % (name, abs(hash(field)), k)
+        for target, on_page, into in ((blank, 0, "new"), (source, page, "own")):
+            out = os.path.join(folder, "%s-%s.pdf" % (tag, into))
+            result = run([args.qfforms, "paste", target, "--page", str(on_page), "--out", out,
+                          "--break-signatures"], input=copied.stdout)
+            pastes += 1
+            if result.returncode != 0:
+                problems.append("%s: paste into %s document: %s" % (where, into,
+                                                                   result.stderr.strip()))
+                continue
+            # A new field: the copied name where no field bears it, else the next free one.
+            got = pasted_name(result)
+            if into == "new" and record["name"] and got != record["name"]:
+                problems.append("%s: pasted into a new document as %r" % (where, got))
+            if into == "own" and not (got or "").startswith(record["name"] + "_"):
+                problems.append("%s: pasted into its own document as %r" % (where, got))
+            if into == "new" and record["field-type"] == 74 and record.get("option-value"):
+                problems += button_states(out, record, where)
+            os.remove(out)
+        return problems, pastes
+
+    from concurrent.futures import ThreadPoolExecutor
+    with ThreadPoolExecutor(max_workers=2) as pool:
+        results = list(pool.map(one, widgets))
+    pastes = sum(n for _, n in results)
+    for problems, _ in results:
+        for problem in problems:
+            check(False, problem)
+    check(len(widgets) > 900 and pastes == 2 * len(widgets),
+          "corpus: %d widgets, %d pastes" % (len(widgets), pastes))
+    print("corpus: %d widgets copied, %d pastes, %d failed; %d widgets on no page left out" %
+          (len(widgets), pastes, sum(len(p) for p, _ in results), nowhere))
+
+
+def button_states(path, record, where):
+    """The pasted check box or radio button has the record's on state, drawn on and off in
+    its normal and down appearances, and is on when the record's value is that state."""
+    widget = widgets_of(path)[0][1]
+    on = "/" + record["option-value"]
+    problems = []
+    for which in ("/N", "/D"):
+        states = sorted(resolved(resolved(widget["/AP"])[which]).keys())
+        if states != sorted([on, "/Off"]):
+            problems.append("%s: %s states %s, not %s and /Off" % (where, which, states, on))
+    want = on if record["field-value"] == record["option-value"] else "/Off"
+    if widget.get("/AS") != want:
+        problems.append("%s: /AS %s, not %s" % (where, widget.get("/AS"), want))
+    return problems
 
 
 # ---- records --------------------------------------------------------------------------------
@@ -517,7 +700,7 @@ def main():
     parser.add_argument("--example", required=True)
     parser.add_argument("--docs", required=True)
     parser.add_argument("--corpus", required=True)
-    parser.add_argument("check", choices=["edit", "clipboard", "records"])
+    parser.add_argument("check", choices=["edit", "clipboard", "corpus", "records"])
     args = parser.parse_args()
     with tempfile.TemporaryDirectory() as folder:
         os.environ["XDG_CONFIG_HOME"] = os.path.join(folder, "config")
@@ -525,8 +708,8 @@ def main():
         os.environ["QF_CLIPBOARD"] = os.path.join(folder, "default-clipboard.json")
         for name in ("WAYLAND_DISPLAY", "DISPLAY"):
             os.environ.pop(name, None)
-        {"edit": check_edit, "clipboard": check_clipboard, "records": check_records}[args.check](
-            args, folder)
+        {"edit": check_edit, "clipboard": check_clipboard, "corpus": check_corpus,
+         "records": check_records}[args.check](args, folder)
     for f in failures:
         print("FAIL:", f)
     print("%s: %s" % (args.check, "ok" if not failures else "%d failures" % len(failures)))

@@ -219,6 +219,7 @@ View& Host::openView(Document& doc) {
 }
 
 void Host::closeView(View& view) {
+    if (selection().view() == &view) selection().clear();
     if (currentView_ == &view) setCurrentView(nullptr);
     for (auto it = views_.begin(); it != views_.end(); ++it) {
         if (it->get() == &view) {

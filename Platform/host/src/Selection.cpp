@@ -10,6 +10,8 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <array>
+#include <cmath>
 #include <cstring>
 #include <string>
 #include <utility>
@@ -193,6 +195,7 @@ uint32_t AnnotSelection::select(uint32_t typeAtom, uint64_t pageIndex, PDAnnot a
     PDHandleAcquire(annot);
     selected_.push_back({pageIndex, annot});
     type_ = typeAtom;
+    view_ = view;
     selection_ = std::move(made);
     removals_ = doc->OnAnnotChanged.connect([this](uint32_t kind, uint64_t page, PDAnnot gone) {
         if (kind == 1) deselect(page, gone);
@@ -213,16 +216,39 @@ uint32_t AnnotSelection::selectAt(uint64_t pageIndex, float x, float y) {
         return codes::kNotRegistered;
     const float point[2] = {x, y};
     ObjectPtr object;
-    uint32_t rc = SODetails::methods<QF::EditObjectFactoryTable>(factory.get())
-                      ->CreateEditObjectByPagePoint(factory.get(), doc->object(), pageIndex, 0,
-                                                    point, object.put());
+    const uint32_t rc = SODetails::methods<QF::EditObjectFactoryTable>(factory.get())
+                            ->CreateEditObjectByPagePoint(factory.get(), doc->object(),
+                                                          pageIndex, 0, point, object.put());
     if (rc != codes::kOk) return rc;
+    return selectEditObject(service.get(), object.get());
+}
+
+uint32_t AnnotSelection::selectWidget(uint64_t pageIndex, PDAnnot widget) {
+    Document* doc = host_->currentDocument();
+    View* view = host_->currentView();
+    if (!widget || !doc || !view || pageIndex >= doc->pageCount()) return codes::kBadArgument;
+    uint32_t type = 0;
+    if (KRGetAtomFromString("WidgetEdit", &type) != KR_OK) return codes::kHostFailure;
+    clear();
+    ObjectPtr factory = host_->picker().editObjectFactories().find(type);
+    ObjectPtr service = host_->edit().selectEditObjectServices().find(type);
+    if (!SODetails::hasMethod(factory.get(), 0) || !SODetails::hasMethod(service.get(), 0))
+        return codes::kNotRegistered;
+    ObjectPtr object;
+    const uint32_t rc = SODetails::methods<QF::EditObjectFactoryTable>(factory.get())
+                            ->CreateEditObject(factory.get(), doc->object(), pageIndex, 0,
+                                               object.put(), widget);
+    if (rc != codes::kOk) return rc;
+    return selectEditObject(service.get(), object.get());
+}
+
+uint32_t AnnotSelection::selectEditObject(ServiceObject* service, ServiceObject* object) {
     if (!object) return codes::kNegative;
-    rc = SODetails::methods<QF::SelectEditObjectServiceTable>(service.get())
-             ->SelectObject(service.get(), object.get());
+    uint32_t rc = SODetails::methods<QF::SelectEditObjectServiceTable>(service)
+                      ->SelectObject(service, object);
     if (rc != codes::kOk) return rc;
     if (!selection_) return codes::kNegative;
-    rc = view->activateTool("Edit", selection_.get());
+    rc = host_->currentView()->activateTool("Edit", selection_.get());
     if (rc != codes::kOk) clear();
     return rc;
 }
@@ -239,6 +265,9 @@ uint32_t AnnotSelection::deselect(uint64_t pageIndex, PDAnnot annot) {
 }
 
 namespace {
+
+// How far a paste that would cover an annotation moves, right and down, in points.
+constexpr float kPasteOffset = 10;
 
 // The terminal fields of doc, each with one reference (identity: handles are stable).
 std::vector<PDField> fieldsOf(PDDoc doc) {
@@ -295,44 +324,104 @@ bool sameKind(PDField a, PDField b) {
     return (fa & mask) == (fb & mask);
 }
 
-// Names the pasted widget's field after the record (see pasteText). 0 or pdfcore's failure.
-PDResult nameAfterRecord(PDDoc doc, PDAnnot widget, const std::u16string& recorded) {
-    PDField made = nullptr;
-    PDResult rc = PDWidgetAnnotGetParent(widget, &made);
-    if (rc != PD_OK || !made || recorded.empty()) {
-        PDHandleRelease(made);
-        return rc;
-    }
-    if (PDField existing = findField(doc, recorded)) {
-        // The module may have given the new field the recorded name already.
-        const bool named = existing == made;
-        const bool join = !named && sameKind(made, existing);
-        if (join) {
-            rc = PDFieldRemoveWidget(made, widget);
-            if (rc == PD_OK) rc = PDFieldAppendWidget(existing, widget);
-        }
+// Moves the pasted widget from the field the paste made into the field named recorded.
+uint32_t joinField(PDDoc doc, PDAnnot widget, PDField made, const std::u16string& recorded) {
+    PDField existing = findField(doc, recorded);
+    // pdfcore may have given the new field that very name: then no other field bears it.
+    if (!existing || existing == made) {
         PDHandleRelease(existing);
-        if (named || join || rc != PD_OK) {
-            PDHandleRelease(made);
-            return rc;
-        }
-        for (uint32_t n = 2;; ++n) {
-            std::string digits = std::to_string(n);
-            const std::u16string candidate = recorded + u"_" + std::u16string(digits.begin(), digits.end());
-            PDField taken = findField(doc, candidate);
-            PDHandleRelease(taken);
-            if (taken) continue;
-            rc = PDDocRenameField(doc, made, candidate.data(), uint32_t(candidate.size()));
-            break;
-        }
+        return codes::kNoFieldToJoin;
+    }
+    uint32_t rc = codes::kOk;
+    if (!sameKind(made, existing)) {
+        rc = codes::kCannotJoin;
+    } else if (PDFieldRemoveWidget(made, widget) != PD_OK) {
+        rc = codes::kPdfFailure;
     } else {
-        rc = PDDocRenameField(doc, made, recorded.data(), uint32_t(recorded.size()));
-        // A name pdfcore cannot take (an empty part, a terminal field on its way) leaves
-        // the field the name pdfcore gave it.
-        if (rc == PD_ERR_BAD_NAME || rc == PD_ERR_NAME_IN_USE) rc = PD_OK;
+        const PDResult appended = PDFieldAppendWidget(existing, widget);
+        if (appended != PD_OK) {
+            // A field with fields under it takes no widget: back where it was.
+            PDFieldAppendWidget(made, widget);
+            rc = appended == PD_ERR_FIELD_KIND ? codes::kCannotJoin : codes::kPdfFailure;
+        }
+    }
+    PDHandleRelease(existing);
+    return rc;
+}
+
+// Gives the field the paste made the record's name, or the first free "<name>_2", ... A
+// name pdfcore cannot take (an empty part, a terminal field on its way) leaves the field the
+// name pdfcore gave it.
+uint32_t nameNewField(PDDoc doc, PDField made, const std::u16string& recorded) {
+    for (uint32_t n = 1;; ++n) {
+        std::u16string candidate = recorded;
+        if (n > 1) {
+            const std::string digits = "_" + std::to_string(n);
+            candidate.append(digits.begin(), digits.end());
+        }
+        PDField taken = findField(doc, candidate);
+        PDHandleRelease(taken);
+        if (taken == made) return codes::kOk;  // pdfcore chose this very name
+        if (taken) continue;
+        const PDResult rc = PDDocRenameField(doc, made, candidate.data(), uint32_t(candidate.size()));
+        if (rc == PD_OK || rc == PD_ERR_BAD_NAME || rc == PD_ERR_NAME_IN_USE) return codes::kOk;
+        return codes::kPdfFailure;
+    }
+}
+
+// Names the pasted widget's field as naming says (see pasteText).
+uint32_t nameAfterRecord(PDDoc doc, PDAnnot widget, const std::u16string& recorded,
+                         AnnotSelection::Naming naming) {
+    PDField made = nullptr;
+    if (PDWidgetAnnotGetParent(widget, &made) != PD_OK || !made) {
+        PDHandleRelease(made);
+        return codes::kPdfFailure;
+    }
+    uint32_t rc = codes::kOk;
+    if (naming == AnnotSelection::Naming::Join) {
+        rc = recorded.empty() ? codes::kNoFieldToJoin : joinField(doc, widget, made, recorded);
+    } else if (!recorded.empty()) {
+        rc = nameNewField(doc, made, recorded);
     }
     PDHandleRelease(made);
     return rc;
+}
+
+// Where a pasted widget at r lands on page pageIndex: moved 10 points right and 10 down as
+// view shows the page, whatever its zoom and turn, for as long as it lies exactly over an
+// annotation there.
+PDRect placedOnPage(const View& view, PDPage page, uint32_t pageIndex, PDRect r) {
+    uint32_t count = 0;
+    if (PDPageGetNumAnnots(page, &count) != PD_OK) return r;
+    std::vector<PDRect> taken;
+    for (uint32_t i = 0; i < count; ++i) {
+        PDAnnot a = nullptr;
+        PDRect ar{};
+        if (PDPageGetAnnot(page, i, &a) == PD_OK && a && PDAnnotGetRect(a, &ar) == PD_OK)
+            taken.push_back(ar);
+        PDHandleRelease(a);
+    }
+    auto same = [&r](const PDRect& t) {
+        constexpr float kTolerance = 0.01f;
+        return std::fabs(std::min(t.left, t.right) - std::min(r.left, r.right)) < kTolerance &&
+               std::fabs(std::max(t.left, t.right) - std::max(r.left, r.right)) < kTolerance &&
+               std::fabs(std::min(t.bottom, t.top) - std::min(r.bottom, r.top)) < kTolerance &&
+               std::fabs(std::max(t.bottom, t.top) - std::max(r.bottom, r.top)) < kTolerance;
+    };
+    const auto origin = view.viewToPage(pageIndex, 0, 0);
+    auto unit = [&](const std::array<float, 2>& to) {
+        const float dx = to[0] - origin[0], dy = to[1] - origin[1];
+        const float length = std::hypot(dx, dy);
+        return std::array<float, 2>{dx / length, dy / length};
+    };
+    const auto right = unit(view.viewToPage(pageIndex, 1, 0));
+    const auto down = unit(view.viewToPage(pageIndex, 0, 1));
+    const float dx = kPasteOffset * (right[0] + down[0]), dy = kPasteOffset * (right[1] + down[1]);
+    // The way is straight, so it meets each annotation at most once.
+    for (size_t step = 0; step <= taken.size() && std::any_of(taken.begin(), taken.end(), same);
+         ++step)
+        r = PDRect{r.left + dx, r.top + dy, r.right + dx, r.bottom + dy};
+    return r;
 }
 
 std::u16string utf16(const std::string& utf8) {
@@ -368,7 +457,7 @@ std::u16string clipboardText(ServiceObject* clipboard) {
 
 }  // namespace
 
-uint32_t AnnotSelection::paste(uint64_t pageIndex, Source source, bool duplicate,
+uint32_t AnnotSelection::paste(uint64_t pageIndex, Source source, Naming naming,
                                PDAnnot* outWidget) {
     if (outWidget) *outWidget = nullptr;
     ServiceObject* clipboard = nullptr;
@@ -382,10 +471,10 @@ uint32_t AnnotSelection::paste(uint64_t pageIndex, Source source, bool duplicate
     }
     const std::u16string text = clipboard ? clipboardText(clipboard) : std::u16string();
     if (text.empty()) return codes::kNegative;
-    return pasteText(pageIndex, utf8(text), duplicate, outWidget);
+    return pasteText(pageIndex, utf8(text), naming, outWidget);
 }
 
-uint32_t AnnotSelection::pasteText(uint64_t pageIndex, const std::string& text, bool duplicate,
+uint32_t AnnotSelection::pasteText(uint64_t pageIndex, const std::string& text, Naming naming,
                                    PDAnnot* outWidget) {
     if (outWidget) *outWidget = nullptr;
     Document* doc = host_->currentDocument();
@@ -406,18 +495,18 @@ uint32_t AnnotSelection::pasteText(uint64_t pageIndex, const std::string& text, 
         std::string name;
         if (record.is_object() && record.contains("name") && record["name"].is_string())
             name = record["name"].get<std::string>();
-        if (nameAfterRecord(pd, widget, utf16(name)) != PD_OK) rc = codes::kPdfFailure;
+        rc = nameAfterRecord(pd, widget, utf16(name), naming);
     }
-    if (rc == codes::kOk && duplicate) {
+    if (rc == codes::kOk) {
+        detail::Held page;
         PDRect r{};
-        const auto origin = view->viewToPage(uint32_t(pageIndex), 0, 0);
-        const auto step = view->viewToPage(uint32_t(pageIndex), 100, 100);
-        const float dx = (step[0] - origin[0]) / 10, dy = (step[1] - origin[1]) / 10;
-        if (PDAnnotGetRect(widget, &r) != PD_OK) {
+        if (PDDocGetPage(pd, uint32_t(pageIndex), page.put()) != PD_OK ||
+            PDAnnotGetRect(widget, &r) != PD_OK) {
             rc = codes::kPdfFailure;
         } else {
-            const PDRect moved{r.left + dx, r.top + dy, r.right + dx, r.bottom + dy};
-            if (PDAnnotSetRect(widget, &moved) != PD_OK) rc = codes::kPdfFailure;
+            const PDRect placed = placedOnPage(*view, page.get(), uint32_t(pageIndex), r);
+            if (std::memcmp(&placed, &r, sizeof r) != 0 && PDAnnotSetRect(widget, &placed) != PD_OK)
+                rc = codes::kPdfFailure;
         }
     }
     if (rc == codes::kOk) rc = host_->annotProperties().addWidget(doc->object(), pageIndex, widget);
@@ -433,6 +522,7 @@ uint32_t AnnotSelection::pasteText(uint64_t pageIndex, const std::string& text, 
         return rc;
     }
     releaseAll(before);
+    selectWidget(pageIndex, widget);
     if (outWidget) {
         *outWidget = widget;
     } else {
@@ -447,6 +537,7 @@ void AnnotSelection::clear() {
     for (const Selected& s : selected_) PDHandleRelease(s.annot);
     selected_.clear();
     type_ = 0;
+    view_ = nullptr;
 }
 
 // ---- CompositeEditObjectFactory -----------------------------------------------------------

@@ -14,6 +14,7 @@
 namespace qfhost {
 
 class Host;
+class View;
 
 // "QFAnnotEditService": what is selected in the current document. Selecting asks the
 // "QFAnnotEditSelectFactory" registered for the annotation's subtype (QFService) for the
@@ -44,24 +45,44 @@ public:
     // widget is there (the selection is then empty); 0x10005 when the module registered no
     // factory, service or tool; otherwise the first failing call's result.
     uint32_t selectAt(uint64_t pageIndex, float x, float y);
+    // The same for widget (of page pageIndex of the current document), as a paste selects
+    // what it made. 3 for a null widget or a page past the pages.
+    uint32_t selectWidget(uint64_t pageIndex, PDAnnot widget);
 
     // Where a paste takes its widget text: the system clipboard ("KRWinServices"), or the
     // forms module's private clipboard (what a duplicate copies).
     enum class Source { System, Private };
+    // Which field a pasted widget belongs to.
+    enum class Naming {
+        // A field of its own: the record's name when no field of the document bears it,
+        // else the first free "<name>_2", "<name>_3" ... (a record without a name, or a
+        // name pdfcore refuses, keeps the name pdfcore gave the new field).
+        NewField,
+        // The field of the record's name, which the widget joins (one value, several
+        // widgets). The field must be there (else 0x1000F), hold widgets rather than fields
+        // and be of the same kind: the same type and, for buttons and choices, the same
+        // radio, push-button or combo flag, the rule the module applies to typed names
+        // (else 0x10010).
+        Join,
+    };
     // Pastes the widget text of source onto page pageIndex of the current document; see
     // pasteText. 1 when the clipboard holds no text.
-    uint32_t paste(uint64_t pageIndex, Source source, bool duplicate, PDAnnot* outWidget = nullptr);
+    uint32_t paste(uint64_t pageIndex, Source source, Naming naming,
+                   PDAnnot* outWidget = nullptr);
     // Pastes a widget record (JSON text, UTF-8) through the "PasteAnnot" of the module's
-    // widget factory, on page pageIndex at the record's rectangle, moved 10 units right
-    // and 10 down as the page is shown when duplicate is set. The new field takes the
-    // record's name when no field bears it; joins the field of that name when it is of the
-    // same kind (the rule the module applies to typed names); otherwise takes the first
-    // free "<name>_2", "<name>_3" ... The widget lands through the undoable "AddWidget"
-    // command. On any failure whatever the paste made is taken off again (the document's
-    // fields and pages are as before) and the failing call's result is returned (1 when
-    // the record made nothing). outWidget (may be null) gets one reference to the widget.
-    uint32_t pasteText(uint64_t pageIndex, const std::string& text, bool duplicate,
+    // widget factory onto page pageIndex, at the record's rectangle, with the field naming
+    // chooses. A widget that would lie exactly over an annotation of that page (the copied
+    // widget, pasted on its own page, or an earlier paste of it) moves 10 points right and
+    // 10 down as the page is shown, until it lies over none, so that it can be seen and
+    // grabbed. The widget lands through the undoable "AddWidget" command and becomes the
+    // selection, with the edit tool active (as selectWidget; a selection that fails leaves
+    // the selection empty and the paste done). On any failure whatever the paste made is
+    // taken off again (the document's fields and pages are as before) and the failing
+    // call's result is returned (1 when the record made nothing). outWidget (may be null)
+    // gets one reference to the widget.
+    uint32_t pasteText(uint64_t pageIndex, const std::string& text, Naming naming,
                        PDAnnot* outWidget = nullptr);
+    // Drops the selection (object and annotations).
     // Drops the selection (object and annotations).
     void clear();
 
@@ -73,9 +94,17 @@ public:
     const std::vector<Selected>& selected() const { return selected_; }
     // The "QFSelection" object (null: nothing selected or the factory made none).
     ObjectPtr selection() const { return selection_; }
+    // The view the selection is shown in (null: nothing selected). Closing it drops the
+    // selection.
+    const View* view() const { return view_; }
 
 private:
+    // Selects object (an edit object of the "WidgetEdit" factory) through service and
+    // activates the edit tool on the selection.
+    uint32_t selectEditObject(ServiceObject* service, ServiceObject* object);
+
     Host* host_;
+    const View* view_ = nullptr;
     uint32_t type_ = 0;
     std::vector<Selected> selected_;
     ObjectPtr selection_;
