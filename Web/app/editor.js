@@ -319,13 +319,15 @@ const shortcuts = {
   c: () => step({edit: 'Copy'}),
   x: () => step({edit: 'Cut'}),
   v: () => step({paste: {page: focusPage}}),
+  V: () => step({paste: {page: focusPage, join: true}}),
   d: () => step({edit: 'DuplicateCopy'}),
 };
 
 function key(type, ev) {
   if (!state || preview || ev.target.closest?.('input, select, textarea')) return;
   if ((ev.ctrlKey || ev.metaKey) && !ev.altKey) {
-    const name = ev.shiftKey && ev.key.toLowerCase() === 'z' ? 'y' : ev.key.toLowerCase();
+    const key = ev.key.toLowerCase();
+    const name = !ev.shiftKey ? key : key === 'z' ? 'y' : key === 'v' ? 'V' : key;
     if (!shortcuts[name]) return;
     ev.preventDefault();
     if (type === 7) shortcuts[name]();
@@ -392,6 +394,7 @@ $('#toolbar').addEventListener('click', (ev) => {
       'undo': () => step({undo: 1}),
       'redo': () => step({redo: 1}),
       'paste': () => step({paste: {page: focusPage}}),
+      'paste-linked': () => step({paste: {page: focusPage, join: true}}),
       'zoom-in': () => zoomTo(1),
       'zoom-out': () => zoomTo(-1),
       'rotate': () => step({view: {rotation: (state.layout.rotation + 90) % 360}}),

@@ -368,6 +368,27 @@ describe('an editing session in the browser', () => {
     assert.ok(await page.isVisible('.page[data-page="0"] .overlay svg >> nth=0'));
   });
 
+  stage('Paste makes a new field beside the copied widget, Paste linked joins its field', async () => {
+    await press('[data-tool=""]');
+    const box = await widget(names.CheckBoxCreate);
+    await click(on(box, 9, 9));
+    await press('[data-edit="Copy"]');
+    await press('#paste');
+    const copy = await widget(`${names.CheckBoxCreate}_2`);
+    assert.deepEqual([copy.x - box.x, copy.y - box.y], [10, 10]);
+    assert.equal((await serverState()).selection.field, `${names.CheckBoxCreate}_2`);
+    await shot('09-pasted.png');
+    await page.keyboard.press('Control+Shift+V');
+    await settled();
+    const linked = (await overlayWidgets()).filter((w) => w.field === names.CheckBoxCreate);
+    assert.deepEqual(linked.map((w) => [w.x - box.x, w.y - box.y]), [[0, 0], [20, 20]]);
+    const {selection} = await serverState();
+    assert.deepEqual([selection.field, selection.index], [names.CheckBoxCreate, 4]);
+    await press('#undo');
+    await press('#undo');
+    assert.equal((await overlayWidgets()).length, 3);
+  });
+
   stage('Save as writes the new file beside the document', async () => {
     assert.ok((await page.textContent('#save-folder')).includes(folder));
     await page.fill('#save-as-name', 'edited.pdf');
@@ -375,7 +396,7 @@ describe('an editing session in the browser', () => {
     assert.match(await page.textContent('#notice'), /edited\.pdf/);
     assert.equal(await page.textContent('#doc-modified'), '');
     assert.equal(await page.textContent('#doc-name'), 'edited.pdf');
-    await shot('09-saved.png');
+    await shot('10-saved.png');
   });
 
   stage('the page raised no script errors', () => assert.deepEqual(pageErrors, []));
