@@ -334,6 +334,7 @@ TEST(Fields, CheckBoxValueDrivesTheAppearanceState) {
 // The list of terminal fields is kept up to date when a root field is made, not walked
 // again: it must come out as a fresh walk of the form would give it, also in files whose
 // widgets lead to fields that /AcroForm /Fields does not list (or no /AcroForm at all).
+// ... and fields renamed under the same parent keep theirs.
 TEST(Fields, NewRootFieldsTakeTheirPlaceInTheFieldList) {
     for (const char* file : {"qpdf-field-types.pdf", "qpdf-broken-button-set.pdf",
                              "pdfium-tab-order-annotiter.pdf",
@@ -347,13 +348,21 @@ TEST(Fields, NewRootFieldsTakeTheirPlaceInTheFieldList) {
         auto listedFirst = openDoc(corpus(file));
         auto walkedAfter = openDoc(corpus(file));
         const size_t before = names(listedFirst.get()).size();
+        const std::u16string first = names(listedFirst.get()).front();
         for (auto* doc : {listedFirst.get(), walkedAfter.get()}) {
-            createField(doc, "added1", PD_ATOM_Tx);
+            auto added = createField(doc, "added1", PD_ATOM_Tx);
             createField(doc, "added2", PD_ATOM_Ch);
+            ASSERT_EQ(rename(doc, added.get(), "renamed1"), PD_OK);
+            const std::u16string moved = first + u"_2";
+            ASSERT_EQ(PDDocRenameField(doc, findField(doc, first).get(), moved.data(),
+                                       uint32_t(moved.size())),
+                      PD_OK);
         }
         const auto kept = names(listedFirst.get());
         EXPECT_EQ(kept, names(walkedAfter.get()));
         EXPECT_EQ(kept.size(), before + 2);
+        EXPECT_EQ(std::count(kept.begin(), kept.end(), u"renamed1"), 1);
+        EXPECT_EQ(std::count(kept.begin(), kept.end(), first + u"_2"), 1);
     }
 }
 

@@ -657,10 +657,12 @@ PDResult PDDocRenameField(PDDoc doc, PDField field, const char16_t* name, uint32
                 f.obj.removeKey("/Parent");
             }
             containerOf(d, f.obj).appendItem(f.obj);
+            d.formChanged = true;
         }
+        // Under the same parent the field keeps its place in the tree, and so in the list
+        // of terminal fields.
         f.obj.replaceKey("/T", textString(parts.back()));
         addSubtreeNames(d, f.obj, n);
-        d.formChanged = true;
     });
 }
 
