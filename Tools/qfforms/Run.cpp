@@ -60,9 +60,11 @@ inside the script are relative to the script's folder.
   {"edit": "Copy"}   {"edit": "Cut"}   {"edit": "Delete"}   {"edit": "DuplicateCopy"}
       an edit command on the selected widget: Copy and Cut put its record on the system
       clipboard (kept in a file, so another run can paste it), DuplicateCopy puts it on
-      the private clipboard and pastes the duplicate beside it
-  {"paste": {"page": 0}}
-      pastes the widget on the system clipboard onto a page of the current document
+      the private clipboard and pastes the duplicate beside it as a field of its own
+  {"paste": {"page": 0}}   {"paste": {"page": 0, "join": true}}
+      pastes the widget on the system clipboard onto a page of the current document, as
+      a new field or, with join, as a widget of the copied field; beside a widget it
+      would cover; the pasted widget is then selected
   {"render": {"page": 0, "out": "page.svg"}}
       keeps the page as the view shows it now (selection and tool marks included) as SVG
   {"command": {"name": "Widget_Rename", "widget": {"page": 0, "index": 0},

@@ -34,8 +34,8 @@ constexpr const char* kUsage =
     "       qfforms render IN.pdf --page N --out OUT.svg [--zoom Z]\n"
     "                      [--rotation 0|90|180|270]\n"
     "       qfforms copy IN.pdf --field NAME [--widget K] [--module PATH]\n"
-    "       qfforms paste IN.pdf --page N --out OUT.pdf [--break-signatures] [--module PATH]\n"
-    "                     < RECORD.json\n"
+    "       qfforms paste IN.pdf --page N --out OUT.pdf [--join] [--break-signatures]\n"
+    "                     [--module PATH] < RECORD.json\n"
     "       qfforms edit [IN.pdf] [--port N] [--lang en|ja] [--module PATH] [--web DIR]\n"
     "\n"
     "  inspect   print the pages, annotations and form fields of FILE.pdf as JSON\n"
@@ -48,8 +48,10 @@ constexpr const char* kUsage =
     "            OUT.svg (exit 1 when IN.pdf cannot be read or has no page N)\n"
     "  copy      print the JSON record of widget K (default 0) of field NAME of IN.pdf\n"
     "  paste     make a new widget from the record on standard input on page N of IN.pdf\n"
-    "            (at the record's rectangle, named after it; docs/scripting.md) and write\n"
-    "            the result to OUT.pdf (exit 1 when the record makes no widget)\n";
+    "            (at the record's rectangle, moved aside from a widget lying there) as a\n"
+    "            new field named after the record, or with --join as a widget of the field\n"
+    "            of the record's name (docs/scripting.md), and write the result to OUT.pdf\n"
+    "            (exit 1 when the record makes no widget or the field cannot be joined)\n";
 
 int usageError(std::string_view message) {
     if (!message.empty()) std::cerr << "qfforms: " << message << "\n";
