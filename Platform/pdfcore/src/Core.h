@@ -241,10 +241,11 @@ std::string buttonStateName(QPDFObjectHandle field, const std::u16string& text);
 // Whether a button value (a name, or a text string as older files have it) is state.
 bool isStateOf(QPDFObjectHandle value, const std::string& state);
 
-// While it lives, every name of the document that holds a '#' is written "#23" in its
-// place, when qpdf's writer would write the '#' as it is (which reads back as the start of
-// an escape); the destructor puts the names back. Made around writing the file, after
-// everything else that changes objects.
+// While it lives, every name that holds a '#' in what the trailer leads to (what the writer
+// writes) is written "#23" in its place, when qpdf's writer would write the '#' as it is
+// (which reads back as the start of an escape); the destructor puts the names back. Made
+// around writing the file, after everything else that changes objects. It walks every
+// object once per write.
 class NamesEscapedForWriting {
 public:
     explicit NamesEscapedForWriting(Document& doc);
@@ -261,7 +262,10 @@ private:
         int index;                   // Item: the position in the array
         QPDFObjectHandle original;   // Object, Value, Item: the name as it was
     };
-    void escapeIn(QPDFObjectHandle container, int depth);
+    // Escapes the names of a dictionary or array and the direct objects in it, and puts
+    // the indirect objects it leads to and that are not seen yet on pending.
+    void escapeIn(QPDFObjectHandle container, int depth, std::vector<bool>& seen,
+                  std::vector<QPDFObjectHandle>& pending);
     Document& doc_;
     std::vector<Change> changes_;
 };

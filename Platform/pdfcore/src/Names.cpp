@@ -2,6 +2,8 @@
 // safe for qpdf's writer.
 #include "Core.h"
 
+#include <algorithm>
+
 namespace pdfcore {
 namespace {
 
@@ -54,14 +56,21 @@ bool isStateOf(QPDFObjectHandle value, const std::string& state) {
 
 NamesEscapedForWriting::NamesEscapedForWriting(Document& doc) : doc_(doc) {
     if (kWriterEscapesHash) return;
-    for (auto& obj : doc.qpdf->getAllObjects()) {
+    // What the writer writes: what the trailer leads to, each object once.
+    // (By object number, grown as it goes: qpdf's object count walks every object.)
+    std::vector<bool> seen;
+    std::vector<QPDFObjectHandle> pending{doc.qpdf->getTrailer()};
+    while (!pending.empty()) {
+        QPDFObjectHandle obj = std::move(pending.back());
+        pending.pop_back();
         if (obj.isName()) {
+            // An indirect name, which the object table holds.
             if (!holdsHash(obj.getName())) continue;
             changes_.push_back({Change::Object, obj, {}, {}, 0, obj.shallowCopy()});
             doc.qpdf->replaceObject(obj.getObjGen(),
                                     QPDFObjectHandle::newName(escapedHash(obj.getName())));
         } else {
-            escapeIn(obj.isStream() ? obj.getDict() : obj, 0);
+            escapeIn(obj.isStream() ? obj.getDict() : obj, 0, seen, pending);
         }
     }
 }
@@ -93,38 +102,57 @@ NamesEscapedForWriting::~NamesEscapedForWriting() {
     }
 }
 
-void NamesEscapedForWriting::escapeIn(QPDFObjectHandle container, int depth) {
+void NamesEscapedForWriting::escapeIn(QPDFObjectHandle container, int depth,
+                                      std::vector<bool>& seen,
+                                      std::vector<QPDFObjectHandle>& pending) {
     if (depth > kMaxNesting) return;
+    // An indirect value is walked once, from pending; a direct one here.
+    auto escaped = [&](QPDFObjectHandle value) {
+        if (value.isIndirect()) {
+            const auto id = static_cast<size_t>(value.getObjectID());
+            if (id >= seen.size()) seen.resize(std::max(id + 1, 2 * seen.size()), false);
+            if (!seen[id]) {
+                seen[id] = true;
+                pending.push_back(value);
+            }
+            return false;
+        }
+        switch (value.getTypeCode()) {
+        case ::ot_name:
+            return holdsHash(value.getName());
+        case ::ot_dictionary:
+        case ::ot_array:
+            escapeIn(value, depth + 1, seen, pending);
+            return false;
+        default:
+            return false;
+        }
+    };
     if (container.isDictionary()) {
-        for (auto const& key : container.getKeys()) {
+        std::vector<std::string> values, keys;
+        for (auto const& [key, value] : container.getDictAsMap()) {
+            if (escaped(value)) values.push_back(key);
+            if (holdsHash(key)) keys.push_back(key);
+        }
+        for (auto const& key : values) {
             QPDFObjectHandle value = container.getKey(key);
-            if (!value.isIndirect()) {
-                if (value.isName() && holdsHash(value.getName())) {
-                    changes_.push_back({Change::Value, container, key, {}, 0, value});
-                    container.replaceKey(key,
-                                         QPDFObjectHandle::newName(escapedHash(value.getName())));
-                } else if (value.isDictionary() || value.isArray()) {
-                    escapeIn(value, depth + 1);
-                }
-            }
-            if (holdsHash(key)) {
-                const std::string written = escapedHash(key);
-                changes_.push_back({Change::Key, container, key, written, 0, {}});
-                container.removeKey(key);
-                container.replaceKey(written, value);
-            }
+            changes_.push_back({Change::Value, container, key, {}, 0, value});
+            container.replaceKey(key, QPDFObjectHandle::newName(escapedHash(value.getName())));
+        }
+        for (auto const& key : keys) {
+            const std::string written = escapedHash(key);
+            QPDFObjectHandle value = container.getKey(key);
+            changes_.push_back({Change::Key, container, key, written, 0, {}});
+            container.removeKey(key);
+            container.replaceKey(written, value);
         }
     } else if (container.isArray()) {
         const int n = container.getArrayNItems();
         for (int i = 0; i < n; ++i) {
             QPDFObjectHandle item = container.getArrayItem(i);
-            if (item.isIndirect()) continue;
-            if (item.isName() && holdsHash(item.getName())) {
-                changes_.push_back({Change::Item, container, {}, {}, i, item});
-                container.setArrayItem(i, QPDFObjectHandle::newName(escapedHash(item.getName())));
-            } else if (item.isDictionary() || item.isArray()) {
-                escapeIn(item, depth + 1);
-            }
+            if (!escaped(item)) continue;
+            changes_.push_back({Change::Item, container, {}, {}, i, item});
+            container.setArrayItem(i, QPDFObjectHandle::newName(escapedHash(item.getName())));
         }
     }
 }
