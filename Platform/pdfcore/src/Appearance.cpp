@@ -9,7 +9,10 @@
 #include <cmath>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <qpdf/Buffer.hh>
+#include <qpdf/BufferInputSource.hh>
+#include <qpdf/QPDFTokenizer.hh>
 #include <set>
 #include <string>
 #include <vector>
@@ -706,30 +709,45 @@ Frame frameOf(QPDFObjectHandle widget, double w, double h) {
     return f;
 }
 
+// The first line of every appearance stream drawn here. A widget whose streams all carry it
+// is drawn again from its entries when it changes; any other stream is the author's, and
+// is kept where this engine could not draw it as well (keepsAuthoredLook).
+constexpr std::string_view kDrawnMark = "%qf-forms\n";
+
+// The /Matrix that turns a box drawn upright (w x h after /MK /R) into the rectangle's
+// own orientation: rotation 90 turns it counterclockwise, as /MK /R means.
+std::array<double, 6> rotationMatrix(int rotation, double rectW, double rectH) {
+    if (rotation == 90) return {0, 1, -1, 0, rectW, 0};
+    if (rotation == 180) return {-1, 0, 0, -1, rectW, rectH};
+    if (rotation == 270) return {0, -1, 1, 0, 0, rectH};
+    return {1, 0, 0, 1, 0, 0};
+}
+
 // A form XObject of the content: written into reuse when that is a stream (its dictionary
-// emptied first), else a new stream.
+// emptied first), else a new stream. A frame, when given, is the author's drawing under
+// the content, named /Frame in its resources.
 QPDFObjectHandle makeForm(Document& doc, const Frame& f, int rotation, double rectW, double rectH,
                           const std::vector<const Font*>& fonts, const std::string& content,
-                          QPDFObjectHandle icon, QPDFObjectHandle reuse) {
+                          QPDFObjectHandle icon, QPDFObjectHandle reuse,
+                          QPDFObjectHandle frame = QPDFObjectHandle::newNull()) {
+    std::string data;
+    data.reserve(kDrawnMark.size() + content.size());
+    data.append(kDrawnMark).append(content);
     QPDFObjectHandle stream = reuse;
     if (stream.isStream()) {
         for (const auto& key : stream.getDict().getKeys())
             stream.getDict().removeKey(key);
-        stream.replaceStreamData(content, QPDFObjectHandle::newNull(),
-                                 QPDFObjectHandle::newNull());
+        stream.replaceStreamData(data, QPDFObjectHandle::newNull(), QPDFObjectHandle::newNull());
     } else {
-        stream = makeStream(doc, content);
+        stream = makeStream(doc, data);
     }
     QPDFObjectHandle d = stream.getDict();
     d.replaceKey("/Type", QPDFObjectHandle::newName("/XObject"));
     d.replaceKey("/Subtype", QPDFObjectHandle::newName("/Form"));
     d.replaceKey("/BBox", QPDFObjectHandle::newArray({real(0), real(0), real(f.w), real(f.h)}));
     if (rotation != 0) {
-        std::vector<double> m = {-1, 0, 0, -1, rectW, rectH};
-        if (rotation == 90) m = {0, 1, -1, 0, rectW, 0};
-        if (rotation == 270) m = {0, -1, 1, 0, 0, rectH};
         auto matrix = QPDFObjectHandle::newArray();
-        for (double v : m)
+        for (double v : rotationMatrix(rotation, rectW, rectH))
             matrix.appendItem(real(v));
         d.replaceKey("/Matrix", matrix);
     }
@@ -740,9 +758,10 @@ QPDFObjectHandle makeForm(Document& doc, const Frame& f, int rotation, double re
             fontDict.replaceKey("/" + font->name, font->dict);
         resources.replaceKey("/Font", fontDict);
     }
-    if (icon.isStream()) {
+    if (icon.isStream() || frame.isStream()) {
         auto xobjects = QPDFObjectHandle::newDictionary();
-        xobjects.replaceKey("/Icon", icon);
+        if (icon.isStream()) xobjects.replaceKey("/Icon", icon);
+        if (frame.isStream()) xobjects.replaceKey("/Frame", frame);
         resources.replaceKey("/XObject", xobjects);
     }
     d.replaceKey("/Resources", resources);
@@ -759,6 +778,7 @@ struct Context {
     DefaultAppearance da;
     uint32_t flags = 0;
     int quadding = 0;
+    bool overFrame = false; // drawn over the author's frame, which has its own dividers
 };
 
 // One line of text, aligned by /Q between x0 and x0 + availW and centred in the row from y0
@@ -854,7 +874,7 @@ void textContent(Context& cx, Content& c, const Font& font, const std::u16string
     }
     c << "Q\nEMC\n";
     // Cell dividers of a comb field, in the border colour.
-    if (comb && f.hasBorder() && f.style != kUnderline) {
+    if (comb && f.hasBorder() && f.style != kUnderline && !cx.overFrame) {
         c << "q\n" << num(f.bw) << " w\n" << f.bc.op(true);
         for (int64_t i = 1; i < maxLen; ++i) {
             double x = f.w * static_cast<double>(i) / static_cast<double>(maxLen);
@@ -1025,11 +1045,231 @@ Colour pressed(const Colour& bg) {
     return bg.present() ? bg.scaled(0.75) : Colour::grey(0.75);
 }
 
+// ---- the author's drawings -------------------------------------------------------------
+
+using Matrix = std::array<double, 6>;
+
+// a, then b (PDF matrices apply to row vectors).
+Matrix times(const Matrix& a, const Matrix& b) {
+    return {a[0] * b[0] + a[1] * b[2],        a[0] * b[1] + a[1] * b[3],
+            a[2] * b[0] + a[3] * b[2],        a[2] * b[1] + a[3] * b[3],
+            a[4] * b[0] + a[5] * b[2] + b[4], a[4] * b[1] + a[5] * b[3] + b[5]};
+}
+
+std::optional<Matrix> inverse(const Matrix& m) {
+    double det = m[0] * m[3] - m[1] * m[2];
+    if (std::fabs(det) < 1e-12) return std::nullopt;
+    Matrix r = {m[3] / det, -m[1] / det, -m[2] / det, m[0] / det, 0, 0};
+    r[4] = -(m[4] * r[0] + m[5] * r[2]);
+    r[5] = -(m[4] * r[1] + m[5] * r[3]);
+    return r;
+}
+
+// How a viewer puts a form XObject into a rectangle of w x h: its /BBox, turned by its
+// /Matrix, scaled and moved onto (0, 0, w, h). Nothing for a box without area.
+std::optional<Matrix> fitting(QPDFObjectHandle form, double w, double h) {
+    QPDFObjectHandle dict = form.getDict();
+    QPDFObjectHandle box = dict.getKey("/BBox"), m = dict.getKey("/Matrix");
+    double b[4];
+    if (!box.isArray() || box.getArrayNItems() != 4) return std::nullopt;
+    for (int i = 0; i < 4; ++i)
+        if (!numberOf(box.getArrayItem(i), b[i])) return std::nullopt;
+    Matrix turn = {1, 0, 0, 1, 0, 0};
+    if (m.isArray() && m.getArrayNItems() == 6)
+        for (int i = 0; i < 6; ++i)
+            if (!numberOf(m.getArrayItem(i), turn[i])) turn = {1, 0, 0, 1, 0, 0};
+    double x0 = INFINITY, y0 = INFINITY, x1 = -INFINITY, y1 = -INFINITY;
+    for (double x : {b[0], b[2]})
+        for (double y : {b[1], b[3]}) {
+            double tx = x * turn[0] + y * turn[2] + turn[4];
+            double ty = x * turn[1] + y * turn[3] + turn[5];
+            x0 = std::min(x0, tx), x1 = std::max(x1, tx);
+            y0 = std::min(y0, ty), y1 = std::max(y1, ty);
+        }
+    if (!(x1 - x0 > 1e-6) || !(y1 - y0 > 1e-6) || w <= 0 || h <= 0) return std::nullopt;
+    double sx = w / (x1 - x0), sy = h / (y1 - y0);
+    return Matrix{sx, 0, 0, sy, -x0 * sx, -y0 * sy};
+}
+
+// The decoded content of a stream; nothing when it cannot be decoded.
+std::optional<std::string> contentOf(QPDFObjectHandle stream) {
+    try {
+        auto data = stream.getStreamData(qpdf_dl_generalized);
+        return std::string(reinterpret_cast<const char*>(data->getBuffer()), data->getSize());
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
+}
+
+// The streams of an /AP entry: the entry itself, or each of its states.
+std::vector<QPDFObjectHandle> streamsOf(QPDFObjectHandle entry) {
+    std::vector<QPDFObjectHandle> out;
+    if (entry.isStream()) {
+        out.push_back(entry);
+    } else if (entry.isDictionary()) {
+        for (auto const& key : entry.getKeys()) {
+            QPDFObjectHandle s = entry.getKey(key);
+            if (s.isStream()) out.push_back(s);
+        }
+    }
+    return out;
+}
+
+// Whether the widget shows a drawing that pdfcore did not make: a readable stream in /AP
+// without the mark of pdfcore's drawings. A widget without one has nothing of its
+// author's to keep.
+bool showsAuthoredLook(QPDFObjectHandle widget) {
+    QPDFObjectHandle ap = widget.getKeyIfDict("/AP");
+    for (const char* which : {"/N", "/D", "/R"})
+        for (auto& stream : streamsOf(ap.getKeyIfDict(which))) {
+            auto content = contentOf(stream);
+            if (content && content->compare(0, kDrawnMark.size(), kDrawnMark) != 0) return true;
+        }
+    return false;
+}
+
+// Reads the tokens of a content stream, calling visit(token, start, end) for each (the
+// byte range it takes), inline image data skipped. Stops at the end, at a token that cannot
+// be read, or when visit answers false.
+template <typename Visit> void scanContent(const std::string& content, Visit&& visit) {
+    auto input = std::make_shared<BufferInputSource>("appearance", content);
+    QPDFTokenizer tokenizer;
+    tokenizer.allowEOF();
+    for (;;) {
+        QPDFTokenizer::Token token = tokenizer.readToken(input, "appearance", true);
+        if (token.getType() == QPDFTokenizer::tt_eof || token.getType() == QPDFTokenizer::tt_bad)
+            return;
+        size_t start = static_cast<size_t>(input->getLastOffset());
+        size_t end = static_cast<size_t>(input->tell());
+        if (!visit(token, start, end)) return;
+        if (token.isWord("ID")) {
+            char space;
+            input->read(&space, 1);
+            tokenizer.expectInlineImage(input);
+            tokenizer.readToken(input, "appearance", true);
+        }
+    }
+}
+
+// Whether content paints anything: a fill, a stroke, text, an image, a shading or an
+// XObject.
+bool paints(const std::string& content) {
+    static const std::set<std::string> kPainting = {"f",  "F", "f*", "B", "B*", "b",  "b*",
+                                                    "S",  "s", "Tj", "TJ", "'", "\"", "Do",
+                                                    "sh", "ID"};
+    bool found = false;
+    scanContent(content, [&](const QPDFTokenizer::Token& token, size_t, size_t) {
+        found = token.getType() == QPDFTokenizer::tt_word && kPainting.count(token.getValue());
+        return !found;
+    });
+    return found;
+}
+
+bool paints(QPDFObjectHandle stream) {
+    auto content = contentOf(stream);
+    return content && paints(*content);
+}
+
+// content without the marked content that holds a text or choice field's value
+// (/Tx BMC ... EMC); nothing when it holds none.
+std::optional<std::string> withoutVariableText(const std::string& content) {
+    std::string out;
+    size_t copied = 0, textStart = 0, nameStart = 0;
+    int depth = 0;
+    bool afterTx = false, found = false;
+    scanContent(content, [&](const QPDFTokenizer::Token& token, size_t start, size_t end) {
+        bool word = token.getType() == QPDFTokenizer::tt_word;
+        if (depth == 0) {
+            if (afterTx && token.isWord("BMC")) {
+                depth = 1;
+                textStart = nameStart;
+            }
+            afterTx = token.getType() == QPDFTokenizer::tt_name && token.getValue() == "/Tx";
+            nameStart = start;
+        } else if (word && (token.getValue() == "BMC" || token.getValue() == "BDC")) {
+            ++depth;
+        } else if (word && token.getValue() == "EMC" && --depth == 0) {
+            out.append(content, copied, textStart - copied);
+            copied = end;
+            found = true;
+        }
+        return true;
+    });
+    if (depth > 0) { // left open: the text runs to the end
+        out.append(content, copied, textStart - copied);
+        copied = content.size();
+        found = true;
+    }
+    if (!found) return std::nullopt;
+    out.append(content, copied, std::string::npos);
+    return out;
+}
+
+// The author's drawing of a text or choice field without its text, as a form XObject of
+// its own (the same box, matrix and resources); null when the drawing does not set its
+// text apart as marked content, so that the two cannot be told apart.
+QPDFObjectHandle authoredFrame(Document& doc, QPDFObjectHandle normal) {
+    if (!normal.isStream()) return QPDFObjectHandle::newNull();
+    auto content = contentOf(normal);
+    if (!content) return QPDFObjectHandle::newNull();
+    auto frame = withoutVariableText(*content);
+    if (!frame || !fitting(normal, 1, 1)) return QPDFObjectHandle::newNull();
+    QPDFObjectHandle stream = makeStream(doc, *frame);
+    QPDFObjectHandle from = normal.getDict(), to = stream.getDict();
+    to.replaceKey("/Type", QPDFObjectHandle::newName("/XObject"));
+    to.replaceKey("/Subtype", QPDFObjectHandle::newName("/Form"));
+    for (const char* key : {"/BBox", "/Matrix", "/Resources"})
+        if (from.hasKey(key)) to.replaceKey(key, from.getKey(key));
+    return stream;
+}
+
+// The frame a drawing of pdfcore's laid text over: /Frame among its resources.
+QPDFObjectHandle ownFrame(QPDFObjectHandle normal) {
+    if (!normal.isStream()) return QPDFObjectHandle::newNull();
+    QPDFObjectHandle frame =
+        normal.getDict().getKey("/Resources").getKeyIfDict("/XObject").getKeyIfDict("/Frame");
+    return frame.isStream() ? frame : QPDFObjectHandle::newNull();
+}
+
+// Draws frame fitted into the rectangle as a viewer would draw it alone, from inside a
+// form XObject turned by /MK /R.
+void drawAuthoredFrame(Content& c, QPDFObjectHandle frame, int rotation, double rectW,
+                       double rectH) {
+    auto fit = fitting(frame, rectW, rectH);
+    auto unturn = inverse(rotationMatrix(rotation, rectW, rectH));
+    if (!fit || !unturn) return;
+    Matrix m = times(*fit, *unturn);
+    c << "q\n";
+    for (double v : m)
+        c << num(v) << " ";
+    c << "cm\n/Frame Do\nQ\n";
+}
+
+// Where a drawing would leave a state empty that the author's drawing showed, the author's
+// stream stays.
+void keepVisibleStates(QPDFObjectHandle before, QPDFObjectHandle ap) {
+    for (const char* which : {"/N", "/D"}) {
+        QPDFObjectHandle was = before.getKeyIfDict(which), now = ap.getKeyIfDict(which);
+        if (was.isStream() && now.isStream()) {
+            if (!paints(now) && paints(was)) ap.replaceKey(which, was);
+        } else if (was.isDictionary() && !was.isStream() && now.isDictionary() &&
+                   !now.isStream()) {
+            for (auto const& state : now.getKeys()) {
+                QPDFObjectHandle old = was.getKey(state);
+                if (old.isStream() && !paints(now.getKey(state)) && paints(old))
+                    now.replaceKey(state, old);
+            }
+        }
+    }
+}
+
 } // namespace
 
 namespace {
 
-void drawAppearance(Document& doc, QPDFObjectHandle widget) {
+void drawAppearance(Document& doc, QPDFObjectHandle widget, Redraw what) {
     if (!widget.isDictionary()) return;
     QPDFObjectHandle field = holderOf(widget);
     std::string type = nameOf(inherited(field, "/FT"));
@@ -1038,6 +1278,31 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget) {
     bool hasAppearance = widget.getKeyIfDict("/AP").isDictionary();
     if (hasAppearance && type == "/Sig" && inherited(field, "/V").isDictionary()) return;
     if (hasAppearance && type.empty()) return;
+
+    const auto flags = static_cast<uint32_t>(intOf(inherited(field, "/Ff"), 0));
+    const bool checkOrRadio = type == "/Btn" && !(flags & PD_FIELD_PUSHBUTTON);
+    const bool textual = type == "/Tx" || type == "/Ch";
+    QPDFObjectHandle before = widget.getKeyIfDict("/AP");
+    const bool authored = showsAuthoredLook(widget);
+    // The author's frame stays under the text that a new size, value or text style needs;
+    // so does one that an earlier drawing here kept.
+    QPDFObjectHandle frame = QPDFObjectHandle::newNull();
+    if (textual && what != Redraw::kAll) {
+        QPDFObjectHandle normal = before.getKeyIfDict("/N");
+        frame = authored ? authoredFrame(doc, normal) : ownFrame(normal);
+        if (authored && frame.isNull() && what == Redraw::kSize) return;
+    } else if (authored && !textual && what <= Redraw::kValue) {
+        // A check box or radio button shows its value by its state; one without a drawing
+        // of its on-state is drawn anew.
+        std::u16string on = onStateText(widget);
+        if (!checkOrRadio || what == Redraw::kSize) return;
+        if (before.getKeyIfDict("/N").getKeyIfDict(toName(on)).isStream()) {
+            std::vector<std::u16string> values = valuesOf(inherited(field, "/V"));
+            bool isOn = !values.empty() && values[0] == on;
+            widget.replaceKey("/AS", QPDFObjectHandle::newName(isOn ? toName(on) : "/Off"));
+            return;
+        }
+    }
 
     double rect[4] = {0, 0, 0, 0};
     QPDFObjectHandle r = widget.getKey("/Rect");
@@ -1055,10 +1320,10 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget) {
                field,
                frameOf(widget, swap ? rectH : rectW, swap ? rectW : rectH),
                parseDA(effectiveDA(doc, widget)),
-               0,
+               flags,
                0};
-    cx.flags = static_cast<uint32_t>(intOf(inherited(field, "/Ff"), 0));
     cx.quadding = static_cast<int>(std::clamp<int64_t>(intOf(quaddingEntry(doc, widget), 0), 0, 2));
+    cx.overFrame = frame.isStream();
 
     // The streams this widget's last drawing made are written again rather than left
     // behind in the document: a widget styled, turned on and grouped in a row is drawn
@@ -1079,13 +1344,21 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget) {
             spare.pop_back();
         }
         drawn.push_back(makeForm(doc, cx.frame, static_cast<int>(rotation), rectW, rectH, fonts,
-                                 content, icon, reuse));
+                                 content, icon, reuse, frame));
         return drawn.back();
+    };
+    // Background and border: the author's when kept, else from /MK and /BS.
+    auto underlay = [&](Content& c) {
+        if (frame.isStream()) {
+            drawAuthoredFrame(c, frame, static_cast<int>(rotation), rectW, rectH);
+        } else {
+            drawFrame(c, cx.frame, cx.frame.bg);
+        }
     };
     auto ap = QPDFObjectHandle::newDictionary();
     const Frame& f = cx.frame;
 
-    if (type == "/Btn" && !(cx.flags & PD_FIELD_PUSHBUTTON)) {
+    if (checkOrRadio) {
         bool radio = (cx.flags & PD_FIELD_RADIO) != 0;
         cx.frame.round = radio;
         Font zadb = dingbats(doc);
@@ -1130,7 +1403,7 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget) {
         std::u16string value = shownText(cx);
         Font font = textFont(doc, widget, cx.da, {value});
         Content c;
-        drawFrame(c, f, f.bg);
+        underlay(c);
         textContent(cx, c, font, value);
         ap.replaceKey("/N", form({&font}, c.s));
     } else if (type == "/Ch") {
@@ -1141,7 +1414,7 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget) {
             texts.push_back(o.display);
         Font font = textFont(doc, widget, cx.da, texts);
         Content c;
-        drawFrame(c, f, f.bg);
+        underlay(c);
         choiceContent(cx, c, font, options, values);
         ap.replaceKey("/N", form({&font}, c.s));
     } else {
@@ -1150,35 +1423,41 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget) {
         drawFrame(c, f, f.bg);
         ap.replaceKey("/N", form({}, c.s));
     }
+    if (authored) keepVisibleStates(before, ap);
     widget.replaceKey("/AP", ap);
     if (widget.isIndirect()) doc.drawnStreams[widget.getObjGen()] = std::move(drawn);
 }
 
 } // namespace
 
-void regenerateAppearance(Document& doc, QPDFObjectHandle widget) {
+void regenerateAppearance(Document& doc, QPDFObjectHandle widget, Redraw what) {
     if (!widget.isDictionary()) return;
-    if (!widget.isIndirect()) return drawAppearance(doc, widget);
-    doc.staleAppearances.insert(widget.getObjGen());
+    if (!widget.isIndirect()) return drawAppearance(doc, widget, what);
+    auto [it, added] = doc.staleAppearances.emplace(widget.getObjGen(), what);
+    if (!added) it->second = std::max(it->second, what);
 }
 
 void flushAppearance(Document& doc, QPDFObjectHandle widget) {
-    if (widget.isIndirect() && doc.staleAppearances.erase(widget.getObjGen()))
-        drawAppearance(doc, widget);
+    if (!widget.isIndirect()) return;
+    auto it = doc.staleAppearances.find(widget.getObjGen());
+    if (it == doc.staleAppearances.end()) return;
+    Redraw what = it->second;
+    doc.staleAppearances.erase(it);
+    drawAppearance(doc, widget, what);
 }
 
 void flushAppearances(Document& doc) {
     // In object order, so that the same edits always give the same file.
     while (!doc.staleAppearances.empty()) {
-        const QPDFObjGen og = *doc.staleAppearances.begin();
+        auto [og, what] = *doc.staleAppearances.begin();
         doc.staleAppearances.erase(doc.staleAppearances.begin());
-        drawAppearance(doc, doc.qpdf->getObject(og));
+        drawAppearance(doc, doc.qpdf->getObject(og), what);
     }
 }
 
-void regenerateField(Document& doc, QPDFObjectHandle field) {
+void regenerateField(Document& doc, QPDFObjectHandle field, Redraw what) {
     for (auto& widget : widgetsOf(field))
-        regenerateAppearance(doc, widget);
+        regenerateAppearance(doc, widget, what);
 }
 
 } // namespace pdfcore

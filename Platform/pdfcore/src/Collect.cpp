@@ -113,7 +113,7 @@ size_t collectGarbage(Document& doc) {
     if (freed != 0) {
         const auto gone = [&](QPDFObjGen og) { return !marker.marked(og); };
         eraseIf(doc.emptiedFields, gone);
-        eraseIf(doc.staleAppearances, gone);
+        eraseIf(doc.staleAppearances, [&](const auto& e) { return gone(e.first); });
         eraseIf(doc.annotFacts, [&](const auto& e) { return gone(e.first); });
         eraseIf(doc.drawnStreams, [&](const auto& e) { return gone(e.first); });
         eraseIf(doc.cleanAnnots, [&](const auto& e) { return gone(e.first); });

@@ -453,10 +453,14 @@ PDResult PDAnnotSetRect(PDAnnot annot, const PDRect* rect) {
                                       std::min(rect->top, rect->bottom),
                                       std::max(rect->left, rect->right),
                                       std::max(rect->top, rect->bottom));
+        // A move keeps the appearance as it is: it is drawn in the rectangle's own space.
+        const PDRect was = rectOf(a.obj.getKey("/Rect"));
+        const bool resized = std::fabs((r.urx - r.llx) - std::fabs(was.right - was.left)) > 1e-6 ||
+                             std::fabs((r.ury - r.lly) - std::fabs(was.top - was.bottom)) > 1e-6;
         a.obj.replaceKey("/Rect", QPDFObjectHandle::newArray(r));
         auto facts = a.doc->annotFacts.find(a.obj.getObjGen());
         if (facts != a.doc->annotFacts.end()) facts->second.hasRect = false;
-        if (isWidget(a.obj)) regenerateAppearance(*a.doc, a.obj);
+        if (resized && isWidget(a.obj)) regenerateAppearance(*a.doc, a.obj, Redraw::kSize);
     });
 }
 

@@ -1,6 +1,7 @@
 // Widget properties: rotation, border, colours, highlight, default appearance (font,
 // size, colour) with the form's font resources, button captions, icon fit and on-state,
-// text alignment and choice selection. Every setter regenerates the appearance.
+// text alignment and choice selection. Every setter that changes what the widget shows
+// marks its appearance for drawing again.
 #include "DefaultAppearance.h"
 
 #include <algorithm>
@@ -63,20 +64,20 @@ QPDFObjectHandle mkOf(QPDFObjectHandle widget, bool create) {
 }
 
 // Regenerates the widget after a change of its own entries.
-void refreshWidget(PDHandleRec& h) {
-    regenerateAppearance(*h.doc, h.obj);
+void refreshWidget(PDHandleRec& h, Redraw what) {
+    regenerateAppearance(*h.doc, h.obj, what);
 }
 
 // Regenerates every widget of the widget's field after a change of field entries.
-void refreshField(PDHandleRec& h) {
+void refreshField(PDHandleRec& h, Redraw what) {
     QPDFObjectHandle field = fieldOfWidget(h.obj);
-    if (!field.isDictionary()) return refreshWidget(h);
-    regenerateField(*h.doc, field);
+    if (!field.isDictionary()) return refreshWidget(h, what);
+    regenerateField(*h.doc, field, what);
     auto widgets = widgetsOf(field);
     bool listed = std::any_of(widgets.begin(), widgets.end(), [&](QPDFObjectHandle w) {
         return w.getObjGen() == h.obj.getObjGen();
     });
-    if (!listed) refreshWidget(h);
+    if (!listed) refreshWidget(h, what);
 }
 
 // Sets the /MK entry key of the widget, or removes it when value is null, and redraws.
@@ -87,7 +88,7 @@ void putMk(PDHandleRec& h, const char* key, QPDFObjectHandle value) {
     } else {
         mkOf(h.obj, true).replaceKey(key, value);
     }
-    refreshWidget(h);
+    refreshWidget(h, Redraw::kAll);
 }
 
 // The body of a widget getter: checks the handle, then the output, then stores read(h).
@@ -332,13 +333,13 @@ void changeDA(PDHandleRec& h, const std::function<void(DefaultAppearance&)>& cha
     // A widget that shares its field with other widgets is styled on its own.
     if (h.obj.getObjGen() != holder.getObjGen() && widgetsOf(holder).size() > 1) {
         rewrite(h.obj, effectiveDA(doc, h.obj));
-        regenerateAppearance(doc, h.obj);
+        regenerateAppearance(doc, h.obj, Redraw::kText);
         return;
     }
     rewrite(holder, effectiveDA(doc, holder));
     if (h.obj.getObjGen() != holder.getObjGen() && h.obj.getKey("/DA").isString())
         rewrite(h.obj, h.obj.getKey("/DA").getStringValue());
-    refreshField(h);
+    refreshField(h, Redraw::kText);
 }
 
 // ---- buttons --------------------------------------------------------------------------------
@@ -471,7 +472,7 @@ PDResult PDWidgetAnnotSetBorderStyle(PDAnnot widget, const PDBorderStyle* style)
             bs.replaceKey("/D", dash);
         }
         h.obj.replaceKey("/BS", bs);
-        refreshWidget(h);
+        refreshWidget(h, Redraw::kAll);
     });
 }
 
@@ -501,8 +502,8 @@ PDResult PDWidgetAnnotSetHighlight(PDAnnot widget, int32_t mode) {
     return guard([&] {
         PDHandleRec& h = checkedWidget(widget);
         if (mode < 0 || mode > 4) fail(PD_ERR_BAD_ARGUMENT);
+        // How a viewer shows a click: nothing drawn here depends on it.
         h.obj.replaceKey("/H", name(std::string(1, "NIOPT"[mode])));
-        refreshWidget(h);
     });
 }
 
@@ -683,7 +684,7 @@ PDResult PDButtonWidgetAnnotSetChoice(PDAnnot widget, const char16_t* text, uint
         }
         if (!oldState.empty() && stateOfValue(inherited(field, "/DV")) == oldState)
             field.replaceKey("/DV", QPDFObjectHandle::newName(newState));
-        refreshField(h);
+        refreshField(h, Redraw::kValue);
     });
 }
 
@@ -708,7 +709,7 @@ PDResult PDTextWidgetAnnotSetQuadding(PDAnnot widget, int32_t quadding) {
         // A /Q of the widget's own would hide the field's.
         if (field.getObjGen() != h.obj.getObjGen() && h.obj.hasKey("/Q"))
             h.obj.replaceKey("/Q", QPDFObjectHandle::newInteger(quadding));
-        refreshField(h);
+        refreshField(h, Redraw::kText);
     });
 }
 
@@ -749,6 +750,6 @@ PDResult PDChoiceWidgetAnnotSetSelection(PDAnnot widget, uint32_t index) {
             field.replaceKey("/I", QPDFObjectHandle::newArray({QPDFObjectHandle::newInteger(
                                        static_cast<long long>(index))}));
         }
-        refreshField(h);
+        refreshField(h, Redraw::kValue);
     });
 }

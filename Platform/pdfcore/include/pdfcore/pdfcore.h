@@ -34,6 +34,12 @@
  *   read from files are converted to RGB.
  * - Appearances. Every widget created or changed through pdfcore gets a normal
  *   appearance stream that viewers show as it is; no call sets /NeedAppearances.
+ *   Appearance streams that pdfcore did not draw are the author's and are kept where
+ *   pdfcore could not draw them as well: a move keeps every stream as it is, a new size
+ *   keeps those of buttons and signatures (viewers fit them into the rectangle) and the
+ *   frame of text and choice fields under text drawn for the new size, a new value of a
+ *   check box or radio button only sets /AS, and a change of style draws the widget anew
+ *   but keeps any state of the author's that the new drawing would leave empty.
  */
 #ifndef PDFCORE_PDFCORE_H
 #define PDFCORE_PDFCORE_H
@@ -279,7 +285,8 @@ enum {
 /* The /Subtype atom. */
 PDFCORE_API PDResult PDAnnotGetSubtype(PDAnnot annot, PDAtom* outSubtype);
 PDFCORE_API PDResult PDAnnotGetRect(PDAnnot annot, PDRect* outRect);
-/* Sets /Rect (normalised) and regenerates a widget's appearance for the new size. */
+/* Sets /Rect (normalised). A widget of a new size gets its appearance drawn for it (see
+ * Appearances above); one of the same size keeps its appearance streams as they are. */
 PDFCORE_API PDResult PDAnnotSetRect(PDAnnot annot, const PDRect* rect);
 /* /F; 0 when absent. */
 PDFCORE_API PDResult PDAnnotGetFlags(PDAnnot annot, uint32_t* outFlags);
@@ -392,7 +399,7 @@ PDFCORE_API PDResult PDFieldGetWidgetIndex(PDField field, PDAnnot widget,
 /* Makes widget a widget of field (a terminal field, else PD_ERR_FIELD_KIND). The
  * widget must have no field (PD_ERR_ALREADY). A field that shares its dictionary
  * with its one widget is split first; both keep their handles. The widget's
- * appearance is regenerated for the field's value. */
+ * appearance shows the field's value from then on. */
 PDFCORE_API PDResult PDFieldAppendWidget(PDField field, PDAnnot widget);
 /* The same, with widget put before the one at position index among the field's widgets;
  * index == count appends, a larger one: PD_ERR_RANGE. Undoing a removal with the index
@@ -403,7 +410,8 @@ PDFCORE_API PDResult PDFieldInsertWidget(PDField field, uint32_t index, PDAnnot 
  * is dropped with its membership); the field stays in the form, also when
  * it has no widget left (it is then not written, see PDDocSave). */
 PDFCORE_API PDResult PDFieldRemoveWidget(PDField field, PDAnnot widget);
-/* Regenerates the appearances of all widgets of the field. */
+/* Draws the appearances of all widgets of the field again after its entries changed
+ * (options, flags); an author's frame of a text or choice field stays under the text. */
 PDFCORE_API PDResult PDFieldUpdateWidgets(PDField field);
 
 /* Text fields: /MaxLen (inherited), 0 when absent; setting 0 removes it. */
@@ -449,7 +457,8 @@ PDFCORE_API PDResult PDCreateSignWidgetAnnot(PDDoc doc, PDField field, PDPage pa
  * dictionary), or NULL. Not a widget: PD_ERR_NOT_WIDGET. */
 PDFCORE_API PDResult PDWidgetAnnotGetParent(PDAnnot widget, PDField* outField);
 
-/* All setters below regenerate the widget's appearance. */
+/* The setters below draw the widget's appearance again (the highlight mode excepted, which
+ * only says how a viewer shows a click). */
 
 /* /MK /R: 0, 90, 180 or 270 (0 when absent). Setting takes any multiple of 90,
  * negative ones too, and stores it modulo 360; other values: PD_ERR_BAD_ARGUMENT. */
