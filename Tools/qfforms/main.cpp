@@ -51,6 +51,12 @@ constexpr const char* kUsage =
     "            (at the record's rectangle, named after it; docs/scripting.md) and write\n"
     "            the result to OUT.pdf (exit 1 when the record makes no widget)\n";
 
+// pdfcore's warnings (a font file that cannot be read, a character no font draws), one line
+// each on standard error.
+void printWarning(const char16_t* text, uint32_t len, void*) {
+    std::cerr << "qfforms: warning: " << qfforms::toUtf8(std::u16string_view(text, len)) << "\n";
+}
+
 int usageError(std::string_view message) {
     if (!message.empty()) std::cerr << "qfforms: " << message << "\n";
     std::cerr << kUsage;
@@ -83,6 +89,7 @@ int inspect(const std::string& path) {
 } // namespace
 
 int main(int argc, char** argv) {
+    PDSetWarningHandler(printWarning, nullptr);
     if (argc < 2) return usageError("");
     const std::string_view command = argv[1];
     if (command == "-h" || command == "--help" || command == "help") {

@@ -3,6 +3,7 @@
 // opened. qpdf never forgets an object by itself, so without this a long session of
 // creating, deleting and undoing would grow without end.
 #include "Core.h"
+#include "Fonts.h"
 
 #include <algorithm>
 #include <functional>
@@ -87,6 +88,7 @@ size_t collectGarbage(Document& doc) {
             for (const auto& stream : streams) marker.mark(stream);
         }
         for (const auto& stream : doc.spareStreams) marker.mark(stream);
+        for (const auto& object : embeddedFaceObjects(doc)) marker.mark(object);
         // Those made here that nothing holds leave the form for good.
         unused.forget([&](QPDFObjGen og) {
             return og.getObj() >= doc.firstSessionObject && !marker.marked(og);

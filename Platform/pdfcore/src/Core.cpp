@@ -91,6 +91,21 @@ static void freeObjectHandle(PDHandleRec* rec) {
     releaseDocRef(doc);
 }
 
+namespace {
+std::mutex warningMutex;
+std::pair<PDWarningProc, void*> warningHandler{nullptr, nullptr};
+}  // namespace
+
+void warn(const std::u16string& text) {
+    std::pair<PDWarningProc, void*> handler;
+    {
+        std::lock_guard<std::mutex> lock(warningMutex);
+        handler = warningHandler;
+    }
+    if (handler.first)
+        handler.first(text.data(), static_cast<uint32_t>(text.size()), handler.second);
+}
+
 }  // namespace pdfcore
 
 using namespace pdfcore;
@@ -126,6 +141,11 @@ PDResult PDHandleGetDoc(PDHandle handle, PDDoc* outDoc) {
         handle->doc->self.refs.fetch_add(1);
         *outDoc = &handle->doc->self;
     });
+}
+
+void PDSetWarningHandler(PDWarningProc proc, void* clientData) {
+    std::lock_guard<std::mutex> lock(warningMutex);
+    warningHandler = {proc, clientData};
 }
 
 const char16_t* PDGetErrMessage(PDResult result) {

@@ -51,6 +51,12 @@ enum class Kind : uint8_t {
 
 struct Document;
 
+// The system's faces a document's text is drawn with (Fonts.cpp).
+struct FontStore;
+struct FontStoreDeleter {
+    void operator()(FontStore* store) const;
+};
+
 // What changed in a widget since its appearance was drawn, from the least to the most that
 // the drawing has to redo; a widget changed twice before it is drawn keeps the larger.
 // A drawing of pdfcore's own is drawn again whole for any of them; what stays of an
@@ -196,6 +202,8 @@ struct Document {
     // drawing. Only pdfcore's own drawings are listed: streams of the file are never reused.
     std::unordered_map<QPDFObjGen, std::vector<QPDFObjectHandle>, ObjGenHash> drawnStreams;
     uint32_t nextCookie = 1;
+    // The faces of the system's fonts that drew text here, embedded when it is written.
+    std::unique_ptr<FontStore, FontStoreDeleter> fonts;
 };
 
 // ---- entry points ----------------------------------------------------------------
@@ -242,6 +250,9 @@ PDResult putText(const std::u16string& value, char16_t* buf, uint32_t bufLen,
 std::u16string textOf(QPDFObjectHandle obj);
 // A PDF text string for s: PDFDocEncoding when it fits, else UTF-16BE.
 QPDFObjectHandle textString(const std::u16string& s);
+
+// Hands a warning to the process's warning handler (PDSetWarningHandler), if any.
+void warn(const std::u16string& text);
 
 // ---- atoms -----------------------------------------------------------------------
 

@@ -1,5 +1,6 @@
 // Opening, creating and saving documents; document-wide queries and notifications.
 #include "Core.h"
+#include "Fonts.h"
 
 #include <qpdf/QPDFPageDocumentHelper.hh>
 #include <qpdf/QPDFWriter.hh>
@@ -59,6 +60,7 @@ bool writeFileChecked(const std::filesystem::path& path, const unsigned char* da
 void writeTo(Document& doc, QPDFWriter& w) {
     flushAnnotLists(doc);
     flushAppearances(doc);
+    writeEmbeddedFaces(doc);
     const UnusedFieldsDetached unused(doc);
     w.setPreserveEncryption(false);
     w.setDeterministicID(true);

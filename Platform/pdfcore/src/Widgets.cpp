@@ -114,17 +114,6 @@ PDResult getTextWith(PDAnnot widget, char16_t* buf, uint32_t bufLen, uint32_t* o
 
 // ---- default appearance ------------------------------------------------------------------
 
-std::string writeDA(const DefaultAppearance& da) {
-    std::string s = name(da.font).unparse() + " " + num(da.size) + " Tf";
-    if (da.colour.present()) {
-        Colour rgb = Colour::fromArgb(argbOf(da.colour));
-        for (int i = 0; i < 3; ++i)
-            s += " " + num(std::round(rgb.c[i] * 10000) / 10000);
-        s += " rg";
-    }
-    return s;
-}
-
 // ---- font resources -----------------------------------------------------------------------
 
 enum { kBold = 1, kItalic = 2 };
@@ -220,21 +209,13 @@ std::string fontResource(Document& doc, const std::string& family, int style) {
     }
     if (base.empty()) fail(PD_ERR_BAD_ARGUMENT);
 
-    QPDFObjectHandle form = acroForm(doc, true);
-    if (!form.isDictionary()) fail(PD_ERR_INTERNAL);
-    QPDFObjectHandle dr = form.getKey("/DR");
-    if (!dr.isDictionary()) {
-        dr = QPDFObjectHandle::newDictionary();
-        form.replaceKey("/DR", dr);
-    }
-    QPDFObjectHandle fonts = dr.getKey("/Font");
-    if (!fonts.isDictionary()) {
-        fonts = QPDFObjectHandle::newDictionary();
-        dr.replaceKey("/Font", fonts);
-    }
+    QPDFObjectHandle fonts = formFonts(doc);
     for (auto const& key : fonts.getKeys()) {
         QPDFObjectHandle f = fonts.getKey(key);
-        if (f.isDictionary() && nameOf(f.getKey("/BaseFont")) == "/" + base) return key.substr(1);
+        // Composite fonts of that name are the system's faces drawing for other families.
+        if (f.isDictionary() && nameOf(f.getKey("/Subtype")) == "/" + subtype &&
+            nameOf(f.getKey("/BaseFont")) == "/" + base)
+            return key.substr(1);
     }
     std::string resource = preferred;
     for (int k = 1; fonts.hasKey("/" + resource); ++k)
@@ -288,20 +269,18 @@ void splitBaseFont(const std::string& base, std::string& family, int& style) {
         style |= kItalic;
 }
 
-PDFontInfo fontInfoOf(QPDFObjectHandle font) {
-    std::string base = nameOf(font.getKey("/BaseFont"));
+} // namespace
+
+bool pdfcore::fontFamilyOf(QPDFObjectHandle font, std::string& family, int& style) {
+    std::string base = nameOf(font.getKeyIfDict("/BaseFont"));
     base = stripSubset(base.empty() ? base : base.substr(1));
-    std::string subtype = nameOf(font.getKey("/Subtype"));
-    std::string family;
-    int style = 0;
     splitBaseFont(base, family, style);
-    QPDFObjectHandle desc = font.getKey("/FontDescriptor");
-    if (subtype == "/Type0") {
+    QPDFObjectHandle desc = font.getKeyIfDict("/FontDescriptor");
+    if (nameOf(font.getKeyIfDict("/Subtype")) == "/Type0") {
         QPDFObjectHandle kids = font.getKey("/DescendantFonts");
         QPDFObjectHandle cid = kids.isArray() && kids.getArrayNItems() > 0
                                    ? kids.getArrayItem(0)
                                    : QPDFObjectHandle::newNull();
-        if (nameOf(cid.getKeyIfDict("/Subtype")) == "/CIDFontType2") subtype = "/TrueType";
         desc = cid.getKeyIfDict("/FontDescriptor");
     }
     QPDFObjectHandle fontFamily = desc.getKeyIfDict("/FontFamily");
@@ -311,7 +290,26 @@ PDFontInfo fontInfoOf(QPDFObjectHandle font) {
     if (flags.isInteger() && (flags.getIntValue() & (1 << 18))) style |= kBold;
     if (numberOf(desc.getKeyIfDict("/FontWeight"), weight) && weight >= 600) style |= kBold;
     if (flags.isInteger() && (flags.getIntValue() & 64)) style |= kItalic;
-    if (family.empty()) fail(PD_ERR_NO_VALUE);
+    return !family.empty();
+}
+
+namespace {
+
+PDFontInfo fontInfoOf(QPDFObjectHandle font) {
+    std::string family;
+    int style = 0;
+    if (!fontFamilyOf(font, family, style)) fail(PD_ERR_NO_VALUE);
+    std::string subtype = nameOf(font.getKey("/Subtype"));
+    if (subtype == "/Type0") {
+        // A composite font drawing in place of a standard family stays of that family's
+        // format; others are TrueType when their glyphs are.
+        QPDFObjectHandle kids = font.getKey("/DescendantFonts");
+        QPDFObjectHandle cid = kids.isArray() && kids.getArrayNItems() > 0
+                                   ? kids.getArrayItem(0)
+                                   : QPDFObjectHandle::newNull();
+        bool trueType = nameOf(cid.getKeyIfDict("/Subtype")) == "/CIDFontType2";
+        subtype = trueType && !standardFamily(family) ? "/TrueType" : "/Type1";
+    }
     PDFontInfo info;
     info.family = atomOf(family);
     info.format = subtype == "/TrueType" ? 1 : 0;

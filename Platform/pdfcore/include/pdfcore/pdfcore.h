@@ -102,6 +102,19 @@ enum {
  * process. Unknown codes give "Unknown error". Any thread. */
 PDFCORE_API const char16_t* PDGetErrMessage(PDResult result);
 
+/* ---- Warnings ----------------------------------------------------------- */
+
+/* Something a call carried out in a lesser way than asked, without failing: a font file
+ * that cannot be read (other fonts draw the text), a character no installed font draws
+ * (drawn as an empty box). text is one line of English, UTF-16, len units, valid during
+ * the call only. */
+typedef void (*PDWarningProc)(const char16_t* text, uint32_t len, void* clientData);
+
+/* Sets the process's warning handler (NULL: warnings are dropped, as at start). The
+ * handler is called on the thread of the call that warns, and must not call pdfcore.
+ * Set it before documents are used from other threads. */
+PDFCORE_API void PDSetWarningHandler(PDWarningProc proc, void* clientData);
+
 /* ---- Handles ------------------------------------------------------------ */
 
 typedef struct PDHandleRec* PDHandle;
