@@ -556,11 +556,22 @@ std::vector<EmbeddedFace*> facesFor(Document& doc, const std::string& family,
 
 namespace {
 
-void warnUndrawable(Document& doc, char32_t c) {
-    if (!storeOf(doc).undrawable.insert(c).second) return;
-    char code[16];
-    std::snprintf(code, sizeof code, "%04X", static_cast<unsigned>(c));
-    warn(u"No installed font draws U+" + ascii16(code) + u"; it is drawn as an empty box.");
+// One warning for the characters of a text that no installed font draws, but those the
+// document warned about before.
+void warnUndrawable(Document& doc, const std::set<char32_t>& chars) {
+    std::string codes;
+    size_t count = 0;
+    for (char32_t c : chars) {
+        if (!storeOf(doc).undrawable.insert(c).second) continue;
+        if (++count > 8) continue;
+        char code[16];
+        std::snprintf(code, sizeof code, " U+%04X", static_cast<unsigned>(c));
+        codes += code;
+    }
+    if (count == 0) return;
+    if (count > 8) codes += " and " + std::to_string(count - 8) + " more";
+    warn(u"No installed font draws" + ascii16(codes) +
+         (count == 1 ? u"; it is drawn as an empty box." : u"; they are drawn as empty boxes."));
 }
 
 // A character's part in the direction of text.
@@ -655,9 +666,12 @@ std::vector<ShapedGlyph> shapeText(Document& doc, const std::vector<EmbeddedFace
                                    const std::u16string& text, const std::string& language) {
     std::vector<ShapedGlyph> out;
     std::vector<Character> chars = charactersIn(text);
+    std::set<char32_t> undrawable;
+    auto drawable = [](char32_t c) { return c > 0x20 && c != 0x7F && c != 0xA0; };
     if (faces.empty()) {
         for (const Character& ch : chars)
-            if (ch.c > 0x20 && ch.c != 0x7F) warnUndrawable(doc, ch.c);
+            if (drawable(ch.c)) undrawable.insert(ch.c);
+        warnUndrawable(doc, undrawable);
         return out;
     }
     resolveLevels(chars);
@@ -671,12 +685,12 @@ std::vector<ShapedGlyph> shapeText(Document& doc, const std::vector<EmbeddedFace
         while (k < faces.size() && !faces[k]->covers(ch.c))
             ++k;
         if (k == faces.size()) {
-            if (ch.c >= 0x20 && ch.c != 0x7F && ch.c != 0xA0 && ch.c != 0x20)
-                warnUndrawable(doc, ch.c);
+            if (drawable(ch.c)) undrawable.insert(ch.c);
             k = 0;
         }
         ch.face = static_cast<uint8_t>(k);
     }
+    warnUndrawable(doc, undrawable);
     for (size_t i = 0; i < chars.size();) {
         size_t j = i + 1;
         while (j < chars.size() && chars[j].face == chars[i].face && chars[j].level == chars[i].level)

@@ -60,7 +60,8 @@ std::vector<EmbeddedFace*> facesFor(Document& doc, const std::string& family,
 
 // Shapes text with faces: each character in the first face that draws it (a mark in the
 // face of the character it goes with; one that no face draws in the first, where it comes
-// out as .notdef, with a warning once per document and character), in runs of one face and
+// out as .notdef, with one warning for the text, naming the characters the document did
+// not warn about before), in runs of one face and
 // one direction. Directions follow the text's own: its first strong character sets the
 // direction of the whole, runs of the other direction, and numbers in right-to-left text,
 // are turned within it (levels 0 to 2, no explicit embeddings). The glyphs come in logical
