@@ -36,13 +36,17 @@ namespace qfforms {
 
 const char* const kEditUsage =
     "usage: qfforms edit [IN.pdf] [--port N] [--lang en|ja] [--module PATH] [--web DIR]\n"
+    "                    [--password PASSWORD | --password-file FILE]\n"
     "\n"
     "  Opens IN.pdf (without it, the built-in sample) in the form editor: a local server\n"
     "  on 127.0.0.1 (port N, else a free one) that hosts the forms module and serves the\n"
     "  editor's page, whose address (with its session token) it prints. Open it in a\n"
     "  browser; Ctrl+C stops the server. The page saves over IN.pdf or, with Save as, to\n"
     "  a new file in IN.pdf's folder. --web names the folder of the page (default: the\n"
-    "  Web folder of the source tree). See docs/editor.md.\n";
+    "  Web folder of the source tree). An encrypted IN.pdf opens with the password given\n"
+    "  as PASSWORD or as the first line of FILE; a form whose permissions do not allow\n"
+    "  changing it needs its owner password. Saves keep the file's encryption and\n"
+    "  passwords. See docs/editor.md.\n";
 
 namespace {
 
@@ -620,6 +624,8 @@ struct Options {
     std::string language = "en";
     std::string module;
     std::string web;
+    std::string password;
+    std::string passwordFile;
     bool help = false;
 };
 
@@ -629,7 +635,9 @@ std::optional<std::string> parseOptions(const std::vector<std::string>& args, Op
                                       {{"--port", &o.port},
                                        {"--lang", &o.language},
                                        {"--module", &o.module},
-                                       {"--web", &o.web}},
+                                       {"--web", &o.web},
+                                       {"--password", &o.password},
+                                       {"--password-file", &o.passwordFile}},
                                       {{"--help", &o.help}}, files))
         return problem;
     if (files.size() > 1) return "edit takes one file";
@@ -638,7 +646,7 @@ std::optional<std::string> parseOptions(const std::vector<std::string>& args, Op
     if (!files.empty() && files[0].empty()) return "empty file name";
     if (o.language != "en" && o.language != "ja")
         return "unknown language '" + o.language + "' (en, ja)";
-    return std::nullopt;
+    return passwordUsage(o.password, o.passwordFile);
 }
 
 int usageError(const std::string& message) {
@@ -721,6 +729,11 @@ int editCommand(const std::vector<std::string>& args) {
             return usageError("--port takes a port number, not '" + o.port + "'");
         port = static_cast<uint16_t>(value);
     }
+    Password password;
+    if (auto problem = readPassword(o.password, o.passwordFile, password)) {
+        std::cerr << "qfforms: " << o.passwordFile << ": " << *problem << "\n";
+        return 1;
+    }
     const bool sample = o.in.empty();
     const fs::path document = fs::absolute(fs::u8path(sample ? QF_SAMPLE_PDF : o.in));
     std::error_code ec;
@@ -750,12 +763,14 @@ int editCommand(const std::vector<std::string>& args) {
     }
     host->strings().setLanguage(o.language);
     Session session(*host, *loader, document.parent_path());
+    session.setPassword(password);
     try {
         session.openFile(document);
     } catch (const std::exception& e) {
         std::cerr << "qfforms: " << document.string() << ": " << e.what() << "\n";
         return 1;
     }
+    session.setPassword({});
 
     MainQueue queue;
     Editor editor(*host, *loader, session, document, sample);
