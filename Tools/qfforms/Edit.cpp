@@ -44,9 +44,9 @@ const char* const kEditUsage =
     "  browser; Ctrl+C stops the server. The page saves over IN.pdf or, with Save as, to\n"
     "  a new file in IN.pdf's folder. --web names the folder of the page (default: the\n"
     "  Web folder of the source tree). An encrypted IN.pdf opens with the password given\n"
-    "  as PASSWORD or as the first line of FILE; a form whose permissions do not allow\n"
-    "  changing it needs its owner password. Saves keep the file's encryption and\n"
-    "  passwords. See docs/editor.md.\n";
+    "  as PASSWORD or as the first line of FILE; without one, the page asks for it (and\n"
+    "  for the owner password of a form whose permissions do not allow changing it).\n"
+    "  Saves keep the file's encryption and passwords. See docs/editor.md.\n";
 
 namespace {
 
@@ -211,10 +211,14 @@ bool acceptableName(const std::string& name) {
 // What the page asks of the host, answered on the main thread.
 class Editor {
   public:
+    // What the document waits for before it opens: nothing (it is open), its password, or
+    // its owner password (its permissions do not allow changing its form).
+    enum class Lock { None, Password, Owner };
+
     Editor(qfhost::Host& host, qfhost::ModuleLoader& loader, Session& session, fs::path document,
-           bool sample)
+           bool sample, Lock lock)
         : host_(host), loader_(loader), session_(session), path_(std::move(document)),
-          sample_(sample) {}
+          sample_(sample), lock_(lock) {}
 
     HttpResponse handle(const HttpRequest& request) {
         const std::string& p = request.path;
@@ -225,7 +229,8 @@ class Editor {
                 if (!get) return notAllowed();
                 HttpResponse r;
                 r.contentType = "application/pdf";
-                r.body = saveToMemory(view().document());
+                // pdf.js on the page has no password: it draws a copy without encryption.
+                r.body = viewerCopy(view().document());
                 return r;
             }
             if (p.rfind("/api/overlay/", 0) == 0) return get ? overlay(request) : notAllowed();
@@ -243,6 +248,7 @@ class Editor {
             if (p == "/api/step") return step(body);
             if (p == "/api/save") return save(body);
             if (p == "/api/language") return language(body);
+            if (p == "/api/password") return unlock(body);
             return notFound();
         } catch (const StepFailure& e) {
             return failure(e.what());
@@ -277,6 +283,8 @@ class Editor {
     }
 
     View& view() {
+        if (lock_ != Lock::None)
+            throw StepFailure(std::nullopt, "the document is not open: it needs its password");
         View* v = host_.currentView();
         if (!v) throw StepFailure(std::nullopt, "no document is open");
         return *v;
@@ -467,6 +475,38 @@ class Editor {
         return answer(Json::object());
     }
 
+    // ---- the password ----
+
+    // Opens the locked document with the password the person typed. The session forgets
+    // it again whatever comes of it: nothing needs it once the document is open.
+    HttpResponse unlock(const Json& body) {
+        if (lock_ == Lock::None)
+            return jsonAnswer(409, {{"error", "the document is open already"}});
+        const auto it = body.find("password");
+        if (it == body.end() || !it->is_string() || body.size() != 1)
+            return jsonAnswer(400, {{"error", "the body is {\"password\": TEXT}"}});
+        session_.setPassword({fromUtf8(it->get<std::string>()), true});
+        try {
+            session_.openFile(path_);
+        } catch (const OpenRefused& e) {
+            session_.setPassword({});
+            // A wrong password leaves the lock as it was: a document that opens without one
+            // still waits for its owner password.
+            const bool wrong = e.reason() == OpenRefused::Reason::Password;
+            if (!wrong) lock_ = Lock::Owner;
+            Json answer;
+            answer["error"] = wrong ? "The password is wrong."
+                                    : "This password opens the document, but its permissions "
+                                      "do not allow changing its form: give its owner password.";
+            answer["wrong"] = wrong;
+            answer["state"] = state();
+            return jsonAnswer(422, answer);
+        }
+        session_.setPassword({});
+        lock_ = Lock::None;
+        return answer(Json::object());
+    }
+
     // ---- the state ----
 
     // The active tool's sheet in "ToolArea" and the selected widget's in "AnnotArea".
@@ -554,12 +594,25 @@ class Editor {
     }
 
     Json state() {
+        Json s;
+        const std::string name = sample_ ? "sample.pdf" : path_.filename().string();
+        if (lock_ != Lock::None) {
+            s["document"] = {{"name", name},
+                             {"folder", folder().string()},
+                             {"modified", false},
+                             {"encrypted", true}};
+            s["locked"] = lock_ == Lock::Password ? "password" : "owner";
+            s["revision"] = revision_;
+            s["lang"] = lang_;
+            return s;
+        }
         View& v = view();
         Document& doc = v.document();
-        Json s;
-        s["document"] = {{"name", sample_ ? "sample.pdf" : path_.filename().string()},
+        s["document"] = {{"name", name},
                          {"folder", folder().string()},
-                         {"modified", doc.modified()}};
+                         {"modified", doc.modified()},
+                         {"encrypted", doc.encrypted()}};
+        s["locked"] = nullptr;
         s["revision"] = revision_;
         s["annotationsRevision"] = annotationsRevision(doc);
         Json pages = Json::array();
@@ -605,6 +658,7 @@ class Editor {
     Session& session_;
     fs::path path_;
     bool sample_;
+    Lock lock_;
     bool signaturesBroken_ = false;  // the person chose to save a signed document
     uint64_t revision_ = 0;
     uint64_t annotationsRevision_ = 0;
@@ -763,9 +817,18 @@ int editCommand(const std::vector<std::string>& args) {
     }
     host->strings().setLanguage(o.language);
     Session session(*host, *loader, document.parent_path());
+    // Without a password on the command line, the page asks for the one the file needs.
+    Editor::Lock lock = Editor::Lock::None;
     session.setPassword(password);
     try {
         session.openFile(document);
+    } catch (const OpenRefused& e) {
+        if (password.given) {
+            std::cerr << "qfforms: " << document.string() << ": " << e.what() << "\n";
+            return 1;
+        }
+        lock = e.reason() == OpenRefused::Reason::Password ? Editor::Lock::Password
+                                                           : Editor::Lock::Owner;
     } catch (const std::exception& e) {
         std::cerr << "qfforms: " << document.string() << ": " << e.what() << "\n";
         return 1;
@@ -773,7 +836,7 @@ int editCommand(const std::vector<std::string>& args) {
     session.setPassword({});
 
     MainQueue queue;
-    Editor editor(*host, *loader, session, document, sample);
+    Editor editor(*host, *loader, session, document, sample, lock);
     editor.setLanguage(o.language);
     const std::string secret = randomToken();
     Gate gate(secret, web, queue, editor);
@@ -794,8 +857,13 @@ int editCommand(const std::vector<std::string>& args) {
 
     server->start();
     std::cout << "qfforms edit: " << document.filename().string() << " at http://127.0.0.1:"
-              << server->port() << "/?token=" << secret << "\n"
-              << "Ctrl+C stops the editor." << std::endl;
+              << server->port() << "/?token=" << secret << "\n";
+    if (lock != Editor::Lock::None)
+        std::cout << (lock == Editor::Lock::Password
+                          ? "The document is encrypted: the page asks for its password.\n"
+                          : "The document's permissions do not allow changing its form: the "
+                            "page asks for its owner password.\n");
+    std::cout << "Ctrl+C stops the editor." << std::endl;
     queue.serve(gStop);
 
     queue.close();

@@ -809,16 +809,25 @@ std::string hex(uint32_t value) {
     return out.str();
 }
 
-std::string saveToMemory(qfhost::Document& doc) {
+namespace {
+
+std::string saveWith(qfhost::Document& doc,
+                     PDResult (*save)(PDDoc doc, void** outData, size_t* outSize)) {
     if (!doc.pdDoc()) fail("the document is closed");
     void* data = nullptr;
     size_t size = 0;
-    const PDResult r = PDDocSaveMem(doc.pdDoc(), &data, &size);
+    const PDResult r = save(doc.pdDoc(), &data, &size);
     if (r != PD_OK) fail("cannot save the document: " + errorText(r));
     std::string bytes(static_cast<const char*>(data), size);
     PDFreeBuffer(data);
     return bytes;
 }
+
+} // namespace
+
+std::string saveToMemory(qfhost::Document& doc) { return saveWith(doc, PDDocSaveMem); }
+
+std::string viewerCopy(qfhost::Document& doc) { return saveWith(doc, PDDocSaveMemDecrypted); }
 
 // ---- Session ------------------------------------------------------------------------------
 

@@ -74,6 +74,9 @@ class Session {
 
 // The document as it is now (PDDocSaveMem); StepFailure when it cannot be written.
 std::string saveToMemory(qfhost::Document& doc);
+// The same without its encryption (PDDocSaveMemDecrypted), for the editor's page to draw:
+// never for a file.
+std::string viewerCopy(qfhost::Document& doc);
 
 // Parses a script. An object that holds one key twice is refused (std::runtime_error):
 // JSON readers keep only one of the values, which would silently drop the other.

@@ -29,11 +29,12 @@ import tempfile
 
 from pypdf import PdfReader
 
+from run_sessions import check, failures
+
 logging.getLogger("pypdf").setLevel(logging.CRITICAL)
 
 TIMEOUT = 120
 HERE = os.path.dirname(os.path.abspath(__file__))
-failures = []
 
 NEEDS = "the file is encrypted and needs a password; give it with --password or --password-file"
 WRONG = "the password is wrong"
@@ -41,15 +42,17 @@ LOCKED = ("the document's permissions do not allow changing its form; give its o
           "password with --password or --password-file to edit it")
 
 
-def check(condition, message):
-    if not condition:
-        failures.append(message)
-    return condition
-
-
 def run(args, **kwargs):
     return subprocess.run([*map(str, args)], capture_output=True, text=True, timeout=TIMEOUT,
                           **kwargs)
+
+
+def encrypt(source, path, user, owner, bits, *options):
+    """Writes source encrypted to path with qpdf --encrypt; returns path."""
+    result = run(["qpdf", "--allow-weak-crypto", "--encrypt", user, owner, bits, *options,
+                  "--", source, path])
+    assert result.returncode == 0, result.stderr
+    return path
 
 
 class Files:
@@ -76,11 +79,7 @@ class Files:
         self.record = run([qfforms, "copy", source, "--field", "text"]).stdout
 
     def encrypt(self, source, name, user, owner, bits, *options):
-        path = self.path(name)
-        result = run(["qpdf", "--allow-weak-crypto", "--encrypt", user, owner, bits, *options,
-                      "--", source, path])
-        assert result.returncode == 0, result.stderr
-        return path
+        return encrypt(source, self.path(name), user, owner, bits, *options)
 
     def path(self, name):
         return os.path.join(self.folder, name)
