@@ -11,7 +11,7 @@ packages=(
   build-essential cmake ninja-build pkg-config
   libqpdf-dev qpdf nlohmann-json3-dev libboost-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
-  python3 python3-pypdf python3-pycryptodome poppler-utils
+  python3 python3-pypdf python3-pycryptodome poppler-utils mupdf-tools
   clang libclang-rt-14-dev
   chromium
 )
