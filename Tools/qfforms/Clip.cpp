@@ -17,8 +17,10 @@
 namespace qfforms {
 
 const char* const kClipUsage =
-    "       qfforms copy IN.pdf --field NAME [--widget K] [--module PATH]\n"
-    "       qfforms paste IN.pdf --page N --out OUT.pdf [--break-signatures] [--module PATH]\n"
+    "       qfforms copy IN.pdf --field NAME [--widget K] [--password PASSWORD]\n"
+    "                    [--password-file FILE] [--module PATH]\n"
+    "       qfforms paste IN.pdf --page N --out OUT.pdf [--break-signatures]\n"
+    "                     [--password PASSWORD] [--password-file FILE] [--module PATH]\n"
     "                     < RECORD.json\n";
 
 namespace {
@@ -26,7 +28,7 @@ namespace {
 namespace fs = std::filesystem;
 
 struct Options {
-    std::string in, field, out, module, widget, page;
+    std::string in, field, out, module, widget, page, password, passwordFile;
     bool help = false;
     bool breakSignatures = false;
 };
@@ -44,13 +46,22 @@ std::optional<std::string> parse(const std::vector<std::string>& args, Options& 
     std::vector<std::string> files;
     const auto problem =
         copy ? parseArguments(args,
-                              {{"--field", &o.field}, {"--widget", &o.widget}, {"--module", &o.module}},
+                              {{"--field", &o.field},
+                               {"--widget", &o.widget},
+                               {"--password", &o.password},
+                               {"--password-file", &o.passwordFile},
+                               {"--module", &o.module}},
                               {{"--help", &o.help}}, files)
              : parseArguments(args,
-                              {{"--page", &o.page}, {"--out", &o.out}, {"--module", &o.module}},
+                              {{"--page", &o.page},
+                               {"--out", &o.out},
+                               {"--password", &o.password},
+                               {"--password-file", &o.passwordFile},
+                               {"--module", &o.module}},
                               {{"--help", &o.help}, {"--break-signatures", &o.breakSignatures}},
                               files);
     if (problem || o.help) return problem;
+    if (auto conflict = passwordUsage(o.password, o.passwordFile)) return conflict;
     if (files.size() > 1) return "one input file";
     if (files.empty() || files[0].empty()) return "an input file is needed";
     o.in = files[0];
@@ -83,11 +94,11 @@ std::string moduleText(qfhost::ModuleLoader& loader, uint32_t code) {
     return "code " + std::to_string(code);
 }
 
-// A host with the module loaded and in.pdf open in a view.
+// A host with the module loaded and in.pdf open in a view, to read it or to change it.
 struct Session {
-    explicit Session(const Options& o) {
+    Session(const Options& o, const Password& password, Use use) {
         loader.load(modulePath(o.module));
-        host.openView(host.openDocument(o.in));
+        host.openView(openDocument(host, o.in, password, use));
     }
     qfhost::Host host;
     qfhost::ModuleLoader loader{&host};
@@ -100,8 +111,11 @@ int copyCommand(const std::vector<std::string>& args) {
     if (auto problem = parse(args, o, true)) return usage(*problem);
     if (o.help) return std::cout << "usage:\n" << kClipUsage, 0;
     const uint32_t widgetIndex = o.widget.empty() ? 0 : *number(o.widget);
+    Password password;
+    if (auto problem = readPassword(o.password, o.passwordFile, password))
+        return fail(o.passwordFile, *problem);
     try {
-        Session s(o);
+        Session s(o, password, Use::Read);
         qfhost::Document& doc = *s.host.currentDocument();
         const std::u16string name = fromUtf8(o.field);
         Handle field;
@@ -143,10 +157,13 @@ int pasteCommand(const std::vector<std::string>& args) {
     if (auto problem = parse(args, o, false)) return usage(*problem);
     if (o.help) return std::cout << "usage:\n" << kClipUsage, 0;
     const uint32_t page = *number(o.page);
+    Password password;
+    if (auto problem = readPassword(o.password, o.passwordFile, password))
+        return fail(o.passwordFile, *problem);
     const std::string text((std::istreambuf_iterator<char>(std::cin)),
                            std::istreambuf_iterator<char>());
     try {
-        Session s(o);
+        Session s(o, password, Use::Edit);
         qfhost::Document& doc = *s.host.currentDocument();
         if (page >= doc.pageCount())
             return fail(o.in, "no page " + std::to_string(page) + " (" +

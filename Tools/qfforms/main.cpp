@@ -12,6 +12,7 @@
 
 #include "Clip.h"
 #include "Edit.h"
+#include "Files.h"
 #include "Inspect.h"
 #include "Pd.h"
 #include "Render.h"
@@ -37,6 +38,7 @@ constexpr const char* kUsage =
     "       qfforms paste IN.pdf --page N --out OUT.pdf [--break-signatures] [--module PATH]\n"
     "                     < RECORD.json\n"
     "       qfforms edit [IN.pdf] [--port N] [--lang en|ja] [--module PATH] [--web DIR]\n"
+    "  each also [--password PASSWORD | --password-file FILE] for encrypted files\n"
     "\n"
     "  inspect   print the pages, annotations and form fields of FILE.pdf as JSON\n"
     "  run       replay an authoring session written as a JSON script through the forms\n"
@@ -49,7 +51,12 @@ constexpr const char* kUsage =
     "  copy      print the JSON record of widget K (default 0) of field NAME of IN.pdf\n"
     "  paste     make a new widget from the record on standard input on page N of IN.pdf\n"
     "            (at the record's rectangle, named after it; docs/scripting.md) and write\n"
-    "            the result to OUT.pdf (exit 1 when the record makes no widget)\n";
+    "            the result to OUT.pdf (exit 1 when the record makes no widget)\n"
+    "\n"
+    "  An encrypted file opens with its user or owner password: --password PASSWORD, or\n"
+    "  the first line of --password-file FILE (other users of the machine may see a\n"
+    "  command line). run, paste and edit change a form only when its permissions allow\n"
+    "  it or the password is the owner password. Saved files keep their encryption.\n";
 
 // pdfcore's warnings (a font file that cannot be read, a character no font draws), one line
 // each on standard error.
@@ -68,10 +75,24 @@ int fail(const std::string& path, const std::string& message) {
     return 1;
 }
 
-int inspect(const std::string& path) {
+int inspect(const std::vector<std::string>& args) {
+    std::vector<std::string> files;
+    std::string option, file;
+    bool help = false;
+    if (auto problem = qfforms::parseArguments(
+            args, {{"--password", &option}, {"--password-file", &file}}, {{"--help", &help}},
+            files))
+        return usageError(*problem);
+    if (help) return std::cout << kUsage, 0;
+    if (files.size() != 1) return usageError("inspect takes one file");
+    const std::string path = files[0];
+    if (path.empty()) return usageError("empty file name");
+    if (auto problem = qfforms::passwordUsage(option, file)) return usageError(*problem);
+    qfforms::Password password;
+    if (auto problem = qfforms::readPassword(option, file, password)) return fail(file, *problem);
     std::string text;
     try {
-        qfforms::Json json = qfforms::inspectFile(path);
+        qfforms::Json json = qfforms::inspectFile(path, password);
         // PDF names need not be UTF-8; invalid bytes are replaced rather than fatal.
         text = json.dump(2, ' ', false, qfforms::Json::error_handler_t::replace);
     } catch (const std::exception& e) {
@@ -103,8 +124,5 @@ int main(int argc, char** argv) {
     if (command == "paste") return qfforms::pasteCommand(rest);
     if (command == "edit") return qfforms::editCommand(rest);
     if (command != "inspect") return usageError("unknown command '" + std::string(command) + "'");
-    if (argc != 3) return usageError("inspect takes one file");
-    const std::string path = argv[2];
-    if (path.empty()) return usageError("empty file name");
-    return inspect(path);
+    return inspect(rest);
 }

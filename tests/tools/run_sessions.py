@@ -421,7 +421,7 @@ def check_failures(args, folder):
     inputs = [
         (os.path.join(folder, "missing.pdf"), "no such file"),
         (not_pdf, "The file is damaged or is not a PDF file"),
-        (locked, "The file is encrypted and needs a password"),
+        (locked, "the file is encrypted and needs a password; give it with --password"),
         (os.path.join(args.corpus, "pdfjs-damaged-unrecoverable-fuzzed.pdf"),
          "The file is damaged or is not a PDF file"),
     ]

@@ -162,7 +162,7 @@ const char16_t* PDGetErrMessage(PDResult result) {
     case PD_ERR_BUFFER_SMALL: return u"The buffer is too small";
     case PD_ERR_IO: return u"The file could not be read or written";
     case PD_ERR_DAMAGED: return u"The file is damaged or is not a PDF file";
-    case PD_ERR_PASSWORD: return u"The file is encrypted and needs a password";
+    case PD_ERR_PASSWORD: return u"The file is encrypted and the password is missing or wrong";
     case PD_ERR_NOT_WIDGET: return u"The annotation is not a widget";
     case PD_ERR_FIELD_KIND: return u"The operation does not apply to this field";
     case PD_ERR_NOT_ON_PAGE: return u"The annotation is not on the page";
