@@ -19,16 +19,18 @@
 namespace qfforms {
 
 const char* const kClipUsage =
-    "       qfforms copy IN.pdf --field NAME [--widget K] [--module PATH]\n"
+    "       qfforms copy IN.pdf --field NAME [--widget K] [--password PASSWORD]\n"
+    "                    [--password-file FILE] [--module PATH]\n"
     "       qfforms paste IN.pdf --page N --out OUT.pdf [--join] [--break-signatures]\n"
-    "                     [--module PATH] < RECORD.json\n";
+    "                     [--password PASSWORD] [--password-file FILE] [--module PATH]\n"
+    "                     < RECORD.json\n";
 
 namespace {
 
 namespace fs = std::filesystem;
 
 struct Options {
-    std::string in, field, out, module, widget, page;
+    std::string in, field, out, module, widget, page, password, passwordFile;
     bool help = false;
     bool breakSignatures = false;
     bool join = false;
@@ -47,15 +49,24 @@ std::optional<std::string> parse(const std::vector<std::string>& args, Options& 
     std::vector<std::string> files;
     const auto problem =
         copy ? parseArguments(args,
-                              {{"--field", &o.field}, {"--widget", &o.widget}, {"--module", &o.module}},
+                              {{"--field", &o.field},
+                               {"--widget", &o.widget},
+                               {"--password", &o.password},
+                               {"--password-file", &o.passwordFile},
+                               {"--module", &o.module}},
                               {{"--help", &o.help}}, files)
              : parseArguments(args,
-                              {{"--page", &o.page}, {"--out", &o.out}, {"--module", &o.module}},
+                              {{"--page", &o.page},
+                               {"--out", &o.out},
+                               {"--password", &o.password},
+                               {"--password-file", &o.passwordFile},
+                               {"--module", &o.module}},
                               {{"--help", &o.help},
                                {"--break-signatures", &o.breakSignatures},
                                {"--join", &o.join}},
                               files);
     if (problem || o.help) return problem;
+    if (auto conflict = passwordUsage(o.password, o.passwordFile)) return conflict;
     if (files.size() > 1) return "one input file";
     if (files.empty() || files[0].empty()) return "an input file is needed";
     o.in = files[0];
@@ -96,11 +107,11 @@ std::string recordName(const std::string& text) {
         .dump();
 }
 
-// A host with the module loaded and in.pdf open in a view.
+// A host with the module loaded and in.pdf open in a view, to read it or to change it.
 struct Session {
-    explicit Session(const Options& o) {
+    Session(const Options& o, const Password& password, Use use) {
         loader.load(modulePath(o.module));
-        host.openView(host.openDocument(o.in));
+        host.openView(openDocument(host, o.in, password, use));
     }
     qfhost::Host host;
     qfhost::ModuleLoader loader{&host};
@@ -113,8 +124,11 @@ int copyCommand(const std::vector<std::string>& args) {
     if (auto problem = parse(args, o, true)) return usage(*problem);
     if (o.help) return std::cout << "usage:\n" << kClipUsage, 0;
     const uint32_t widgetIndex = o.widget.empty() ? 0 : *number(o.widget);
+    Password password;
+    if (auto problem = readPassword(o.password, o.passwordFile, password))
+        return fail(o.passwordFile, *problem);
     try {
-        Session s(o);
+        Session s(o, password, Use::Read);
         qfhost::Document& doc = *s.host.currentDocument();
         const std::u16string name = fromUtf8(o.field);
         Handle field;
@@ -156,10 +170,13 @@ int pasteCommand(const std::vector<std::string>& args) {
     if (auto problem = parse(args, o, false)) return usage(*problem);
     if (o.help) return std::cout << "usage:\n" << kClipUsage, 0;
     const uint32_t page = *number(o.page);
+    Password password;
+    if (auto problem = readPassword(o.password, o.passwordFile, password))
+        return fail(o.passwordFile, *problem);
     const std::string text((std::istreambuf_iterator<char>(std::cin)),
                            std::istreambuf_iterator<char>());
     try {
-        Session s(o);
+        Session s(o, password, Use::Edit);
         qfhost::Document& doc = *s.host.currentDocument();
         if (page >= doc.pageCount())
             return fail(o.in, "no page " + std::to_string(page) + " (" +

@@ -36,13 +36,17 @@ namespace qfforms {
 
 const char* const kEditUsage =
     "usage: qfforms edit [IN.pdf] [--port N] [--lang en|ja] [--module PATH] [--web DIR]\n"
+    "                    [--password PASSWORD | --password-file FILE]\n"
     "\n"
     "  Opens IN.pdf (without it, the built-in sample) in the form editor: a local server\n"
     "  on 127.0.0.1 (port N, else a free one) that hosts the forms module and serves the\n"
     "  editor's page, whose address (with its session token) it prints. Open it in a\n"
     "  browser; Ctrl+C stops the server. The page saves over IN.pdf or, with Save as, to\n"
     "  a new file in IN.pdf's folder. --web names the folder of the page (default: the\n"
-    "  Web folder of the source tree). See docs/editor.md.\n";
+    "  Web folder of the source tree). An encrypted IN.pdf opens with the password given\n"
+    "  as PASSWORD or as the first line of FILE; without one, the page asks for it (and\n"
+    "  for the owner password of a form whose permissions do not allow changing it).\n"
+    "  Saves keep the file's encryption and passwords. See docs/editor.md.\n";
 
 namespace {
 
@@ -207,10 +211,14 @@ bool acceptableName(const std::string& name) {
 // What the page asks of the host, answered on the main thread.
 class Editor {
   public:
+    // What the document waits for before it opens: nothing (it is open), its password, or
+    // its owner password (its permissions do not allow changing its form).
+    enum class Lock { None, Password, Owner };
+
     Editor(qfhost::Host& host, qfhost::ModuleLoader& loader, Session& session, fs::path document,
-           bool sample)
+           bool sample, Lock lock)
         : host_(host), loader_(loader), session_(session), path_(std::move(document)),
-          sample_(sample) {}
+          sample_(sample), lock_(lock) {}
 
     HttpResponse handle(const HttpRequest& request) {
         const std::string& p = request.path;
@@ -221,7 +229,8 @@ class Editor {
                 if (!get) return notAllowed();
                 HttpResponse r;
                 r.contentType = "application/pdf";
-                r.body = saveToMemory(view().document());
+                // pdf.js on the page has no password: it draws a copy without encryption.
+                r.body = viewerCopy(view().document());
                 return r;
             }
             if (p.rfind("/api/overlay/", 0) == 0) return get ? overlay(request) : notAllowed();
@@ -239,6 +248,7 @@ class Editor {
             if (p == "/api/step") return step(body);
             if (p == "/api/save") return save(body);
             if (p == "/api/language") return language(body);
+            if (p == "/api/password") return unlock(body);
             return notFound();
         } catch (const StepFailure& e) {
             return failure(e.what());
@@ -273,6 +283,8 @@ class Editor {
     }
 
     View& view() {
+        if (lock_ != Lock::None)
+            throw StepFailure(std::nullopt, "the document is not open: it needs its password");
         View* v = host_.currentView();
         if (!v) throw StepFailure(std::nullopt, "no document is open");
         return *v;
@@ -463,6 +475,38 @@ class Editor {
         return answer(Json::object());
     }
 
+    // ---- the password ----
+
+    // Opens the locked document with the password the person typed. The session forgets
+    // it again whatever comes of it: nothing needs it once the document is open.
+    HttpResponse unlock(const Json& body) {
+        if (lock_ == Lock::None)
+            return jsonAnswer(409, {{"error", "the document is open already"}});
+        const auto it = body.find("password");
+        if (it == body.end() || !it->is_string() || body.size() != 1)
+            return jsonAnswer(400, {{"error", "the body is {\"password\": TEXT}"}});
+        session_.setPassword({fromUtf8(it->get<std::string>()), true});
+        try {
+            session_.openFile(path_);
+        } catch (const OpenRefused& e) {
+            session_.setPassword({});
+            // A wrong password leaves the lock as it was: a document that opens without one
+            // still waits for its owner password.
+            const bool wrong = e.reason() == OpenRefused::Reason::Password;
+            if (!wrong) lock_ = Lock::Owner;
+            Json answer;
+            answer["error"] = wrong ? "The password is wrong."
+                                    : "This password opens the document, but its permissions "
+                                      "do not allow changing its form: give its owner password.";
+            answer["wrong"] = wrong;
+            answer["state"] = state();
+            return jsonAnswer(422, answer);
+        }
+        session_.setPassword({});
+        lock_ = Lock::None;
+        return answer(Json::object());
+    }
+
     // ---- the state ----
 
     // The active tool's sheet in "ToolArea" and the selected widget's in "AnnotArea".
@@ -550,12 +594,25 @@ class Editor {
     }
 
     Json state() {
+        Json s;
+        const std::string name = sample_ ? "sample.pdf" : path_.filename().string();
+        if (lock_ != Lock::None) {
+            s["document"] = {{"name", name},
+                             {"folder", folder().string()},
+                             {"modified", false},
+                             {"encrypted", true}};
+            s["locked"] = lock_ == Lock::Password ? "password" : "owner";
+            s["revision"] = revision_;
+            s["lang"] = lang_;
+            return s;
+        }
         View& v = view();
         Document& doc = v.document();
-        Json s;
-        s["document"] = {{"name", sample_ ? "sample.pdf" : path_.filename().string()},
+        s["document"] = {{"name", name},
                          {"folder", folder().string()},
-                         {"modified", doc.modified()}};
+                         {"modified", doc.modified()},
+                         {"encrypted", doc.encrypted()}};
+        s["locked"] = nullptr;
         s["revision"] = revision_;
         s["annotationsRevision"] = annotationsRevision(doc);
         Json pages = Json::array();
@@ -601,6 +658,7 @@ class Editor {
     Session& session_;
     fs::path path_;
     bool sample_;
+    Lock lock_;
     bool signaturesBroken_ = false;  // the person chose to save a signed document
     uint64_t revision_ = 0;
     uint64_t annotationsRevision_ = 0;
@@ -620,6 +678,8 @@ struct Options {
     std::string language = "en";
     std::string module;
     std::string web;
+    std::string password;
+    std::string passwordFile;
     bool help = false;
 };
 
@@ -629,7 +689,9 @@ std::optional<std::string> parseOptions(const std::vector<std::string>& args, Op
                                       {{"--port", &o.port},
                                        {"--lang", &o.language},
                                        {"--module", &o.module},
-                                       {"--web", &o.web}},
+                                       {"--web", &o.web},
+                                       {"--password", &o.password},
+                                       {"--password-file", &o.passwordFile}},
                                       {{"--help", &o.help}}, files))
         return problem;
     if (files.size() > 1) return "edit takes one file";
@@ -638,7 +700,7 @@ std::optional<std::string> parseOptions(const std::vector<std::string>& args, Op
     if (!files.empty() && files[0].empty()) return "empty file name";
     if (o.language != "en" && o.language != "ja")
         return "unknown language '" + o.language + "' (en, ja)";
-    return std::nullopt;
+    return passwordUsage(o.password, o.passwordFile);
 }
 
 int usageError(const std::string& message) {
@@ -721,6 +783,11 @@ int editCommand(const std::vector<std::string>& args) {
             return usageError("--port takes a port number, not '" + o.port + "'");
         port = static_cast<uint16_t>(value);
     }
+    Password password;
+    if (auto problem = readPassword(o.password, o.passwordFile, password)) {
+        std::cerr << "qfforms: " << o.passwordFile << ": " << *problem << "\n";
+        return 1;
+    }
     const bool sample = o.in.empty();
     const fs::path document = fs::absolute(fs::u8path(sample ? QF_SAMPLE_PDF : o.in));
     std::error_code ec;
@@ -750,15 +817,26 @@ int editCommand(const std::vector<std::string>& args) {
     }
     host->strings().setLanguage(o.language);
     Session session(*host, *loader, document.parent_path());
+    // Without a password on the command line, the page asks for the one the file needs.
+    Editor::Lock lock = Editor::Lock::None;
+    session.setPassword(password);
     try {
         session.openFile(document);
+    } catch (const OpenRefused& e) {
+        if (password.given) {
+            std::cerr << "qfforms: " << document.string() << ": " << e.what() << "\n";
+            return 1;
+        }
+        lock = e.reason() == OpenRefused::Reason::Password ? Editor::Lock::Password
+                                                           : Editor::Lock::Owner;
     } catch (const std::exception& e) {
         std::cerr << "qfforms: " << document.string() << ": " << e.what() << "\n";
         return 1;
     }
+    session.setPassword({});
 
     MainQueue queue;
-    Editor editor(*host, *loader, session, document, sample);
+    Editor editor(*host, *loader, session, document, sample, lock);
     editor.setLanguage(o.language);
     const std::string secret = randomToken();
     Gate gate(secret, web, queue, editor);
@@ -779,8 +857,13 @@ int editCommand(const std::vector<std::string>& args) {
 
     server->start();
     std::cout << "qfforms edit: " << document.filename().string() << " at http://127.0.0.1:"
-              << server->port() << "/?token=" << secret << "\n"
-              << "Ctrl+C stops the editor." << std::endl;
+              << server->port() << "/?token=" << secret << "\n";
+    if (lock != Editor::Lock::None)
+        std::cout << (lock == Editor::Lock::Password
+                          ? "The document is encrypted: the page asks for its password.\n"
+                          : "The document's permissions do not allow changing its form: the "
+                            "page asks for its owner password.\n");
+    std::cout << "Ctrl+C stops the editor." << std::endl;
     queue.serve(gStop);
 
     queue.close();

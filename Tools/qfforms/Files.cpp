@@ -1,7 +1,10 @@
 #include "Files.h"
 
+#include "Pd.h"
+
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <random>
 #include <system_error>
 
@@ -44,6 +47,54 @@ parseArguments(const std::vector<std::string>& args,
         positional.push_back(arg);
     }
     return std::nullopt;
+}
+
+std::optional<std::string> passwordUsage(const std::string& option, const std::string& file) {
+    if (!option.empty() && !file.empty()) return "give --password or --password-file, not both";
+    return std::nullopt;
+}
+
+std::optional<std::string> readPassword(const std::string& option, const std::string& file,
+                                        Password& out) {
+    out = Password{};
+    if (!option.empty()) {
+        out.text = fromUtf8(option);
+    } else if (!file.empty()) {
+        std::ifstream in(fs::u8path(file), std::ios::binary);
+        std::string line;
+        if (!in || (!std::getline(in, line) && !in.eof()))
+            return "cannot read the password file";
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        out.text = fromUtf8(line);
+    }
+    out.given = !option.empty() || !file.empty();
+    return std::nullopt;
+}
+
+const char* const kFormLocked =
+    "the document's permissions do not allow changing its form; give its owner password "
+    "with --password or --password-file to edit it";
+
+std::string passwordProblem(bool given) {
+    return given ? "the password is wrong"
+                 : "the file is encrypted and needs a password; give it with --password or "
+                   "--password-file";
+}
+
+qfhost::Document& openDocument(qfhost::Host& host, const std::string& path,
+                               const Password& password, Use use) {
+    qfhost::Document* doc = nullptr;
+    try {
+        doc = &host.openDocument(path, password.text);
+    } catch (const qfhost::HostError& e) {
+        if (e.code() != qfhost::codes::kPasswordNeeded) throw;
+        throw OpenRefused(OpenRefused::Reason::Password, passwordProblem(password.given));
+    }
+    if (use == Use::Edit && !doc->formEditable()) {
+        host.closeDocument(*doc);
+        throw OpenRefused(OpenRefused::Reason::Permissions, kFormLocked);
+    }
+    return *doc;
 }
 
 std::optional<std::string> writeAtomically(const fs::path& path, const std::string& bytes) {

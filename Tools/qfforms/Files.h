@@ -1,10 +1,13 @@
-// What the qfforms commands share: their command-line options, writing outputs safely and
-// finding the forms module.
+// What the qfforms commands share: their command-line options, passwords and opening
+// documents, writing outputs safely and finding the forms module.
 #pragma once
+
+#include "qfhost/Host.h"
 
 #include <filesystem>
 #include <initializer_list>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -19,6 +22,53 @@ parseArguments(const std::vector<std::string>& args,
                std::initializer_list<std::pair<const char*, std::string*>> valued,
                std::initializer_list<std::pair<const char*, bool*>> flags,
                std::vector<std::string>& positional);
+
+// The password a command opens documents with: the value of --password, or the first line
+// of the file --password-file names (without its line end), for a command line is visible
+// to the machine's other users. Empty when neither was given.
+struct Password {
+    std::u16string text;
+    bool given = false;
+};
+
+// The usage problem of the two options' values (an empty value is an option not given):
+// both given.
+std::optional<std::string> passwordUsage(const std::string& option, const std::string& file);
+// Reads the password of the two options' values into out; the problem, if any, to show
+// after the file's name: the file cannot be read.
+std::optional<std::string> readPassword(const std::string& option, const std::string& file,
+                                        Password& out);
+
+// What a command does with a document it opens: reads it (inspect, render, copy), or
+// changes its form (run, paste, edit).
+enum class Use { Read, Edit };
+
+// A document that is not opened: its text is the line to show after the file's name.
+class OpenRefused : public std::runtime_error {
+  public:
+    enum class Reason {
+        Password,    // the file is encrypted and the password is missing or wrong
+        Permissions  // its permissions do not allow changing its form
+    };
+    OpenRefused(Reason reason, const std::string& text)
+        : std::runtime_error(text), reason_(reason) {}
+    Reason reason() const { return reason_; }
+
+  private:
+    Reason reason_;
+};
+
+// Opens path in host (which makes it the current document) with password. Throws
+// OpenRefused when the file is encrypted and the password is missing or wrong, or, for
+// Use::Edit, when the document's permissions do not allow changing its form and the
+// password was not its owner password (the document is closed again); qfhost::HostError
+// when it cannot be opened otherwise.
+qfhost::Document& openDocument(qfhost::Host& host, const std::string& path,
+                               const Password& password, Use use);
+// The line for a file that needs a password: none was given, or the one given is wrong.
+std::string passwordProblem(bool given);
+// The line for a document whose permissions do not allow changing its form.
+extern const char* const kFormLocked;
 
 // Writes bytes to path through a new file beside it and a rename, so that a failure leaves
 // the target as it was. Returns the problem, or nothing.

@@ -1,5 +1,6 @@
 #include "Inspect.h"
 
+#include "Files.h"
 #include "Pd.h"
 
 #include <cmath>
@@ -62,6 +63,7 @@ class Inspector {
         uint32_t pageCount = 0;
         check(PDDocGetNumPages(doc_, &pageCount));
         out["pageCount"] = pageCount;
+        out["encryption"] = encryption();
         Json pages = Json::array();
         for (uint32_t i = 0; i < pageCount; ++i)
             pages.push_back(page(i));
@@ -71,6 +73,33 @@ class Inspector {
     }
 
   private:
+    // null for an unencrypted document; else whether the owner password opened it, what its
+    // permissions grant, and whether qfforms changes its form (the owner password, or the
+    // permission to make and change form fields).
+    Json encryption() {
+        PDBool encrypted = 0, owner = 0;
+        uint32_t granted = 0;
+        check(PDDocIsEncrypted(doc_, &encrypted));
+        if (!encrypted) return nullptr;
+        check(PDDocOpenedWithOwnerPassword(doc_, &owner));
+        check(PDDocGetPermissions(doc_, &granted));
+        static constexpr std::pair<uint32_t, const char*> kNames[] = {
+            {PD_PERM_PRINT, "print"},         {PD_PERM_PRINT_HIGH, "printHigh"},
+            {PD_PERM_COPY, "copy"},           {PD_PERM_ACCESSIBILITY, "accessibility"},
+            {PD_PERM_ASSEMBLE, "assemble"},   {PD_PERM_FILL_FORM, "fillForm"},
+            {PD_PERM_ANNOTATE, "annotate"},   {PD_PERM_MODIFY, "modify"},
+        };
+        Json permissions = Json::array();
+        for (const auto& [bit, name] : kNames) {
+            if (granted & bit) permissions.push_back(name);
+        }
+        Json j = Json::object();
+        j["ownerPassword"] = owner != 0;
+        j["permissions"] = std::move(permissions);
+        j["formEditable"] = owner || (granted & PD_PERM_EDIT_FORM) == PD_PERM_EDIT_FORM;
+        return j;
+    }
+
     Json page(uint32_t index) {
         Handle page;
         check(PDDocGetPage(doc_, index, page.out()));
@@ -238,9 +267,14 @@ Json inspectDocument(PDDoc doc, const std::string& path) {
     return inspector.run(path);
 }
 
-Json inspectFile(const std::string& path) {
+Json inspectFile(const std::string& path, const Password& password) {
     Handle doc;
-    check(PDDocOpen(path.c_str(), doc.out()));
+    const PDResult r = PDDocOpenWithPassword(path.c_str(), password.text.data(),
+                                             static_cast<uint32_t>(password.text.size()),
+                                             doc.out());
+    if (r == PD_ERR_PASSWORD)
+        throw OpenRefused(OpenRefused::Reason::Password, passwordProblem(password.given));
+    check(r);
     return inspectDocument(doc.get(), path);
 }
 

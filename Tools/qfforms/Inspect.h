@@ -1,6 +1,8 @@
 // `qfforms inspect`: a JSON description of a document's pages, annotations and fields.
 #pragma once
 
+#include "Files.h"
+
 #include "pdfcore/pdfcore.h"
 
 #include <nlohmann/json.hpp>
@@ -14,7 +16,8 @@ using Json = nlohmann::ordered_json;
 // Throws PdError when a pdfcore call fails.
 Json inspectDocument(PDDoc doc, const std::string& path);
 
-// Opens the file at path (UTF-8) and describes it. Throws PdError.
-Json inspectFile(const std::string& path);
+// Opens the file at path (UTF-8) with password and describes it. Throws OpenRefused when
+// the password is missing or wrong, PdError for other failures.
+Json inspectFile(const std::string& path, const Password& password);
 
 } // namespace qfforms

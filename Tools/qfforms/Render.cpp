@@ -22,6 +22,7 @@ namespace qfforms {
 const char* const kRenderUsage =
     "usage: qfforms render IN.pdf --page N --out OUT.svg [--zoom Z] [--rotation 0|90|180|270]\n"
     "                      [--tool NAME [--module PATH]]\n"
+    "                      [--password PASSWORD | --password-file FILE]\n"
     "\n"
     "  Writes page N (0 for the first) of IN.pdf as the editor shows it, at zoom Z (pixels\n"
     "  per point, 1 by default) and turned clockwise by the rotation, as an SVG picture:\n"
@@ -29,7 +30,8 @@ const char* const kRenderUsage =
     "  field's name) and the selection. With --tool, the forms module is loaded (from\n"
     "  PATH, $QF_FORMS_MODULE or beside this program) and the tool NAME is active, with\n"
     "  what it draws over the page: --tool FormTabOrder shows every widget's place in\n"
-    "  the tab order. Prints where it wrote OUT.svg.\n";
+    "  the tab order. An encrypted IN.pdf opens with its user or owner password,\n"
+    "  given as PASSWORD or as the first line of FILE. Prints where it wrote OUT.svg.\n";
 
 namespace {
 
@@ -43,6 +45,8 @@ struct Options {
     std::string rotation;
     std::string tool;
     std::string module;
+    std::string password;
+    std::string passwordFile;
     bool help = false;
 };
 
@@ -55,6 +59,8 @@ std::optional<std::string> parseOptions(const std::vector<std::string>& args, Op
                                        {"--zoom", &o.zoom},
                                        {"--rotation", &o.rotation},
                                        {"--tool", &o.tool},
+                                       {"--password", &o.password},
+                                       {"--password-file", &o.passwordFile},
                                        {"--module", &o.module}},
                                       {{"--help", &o.help}}, files))
         return problem;
@@ -67,7 +73,7 @@ std::optional<std::string> parseOptions(const std::vector<std::string>& args, Op
     if (o.page.empty()) return "render needs --page";
     if (o.out.empty()) return "render needs --out";
     if (!o.module.empty() && o.tool.empty()) return "--module goes with --tool";
-    return std::nullopt;
+    return passwordUsage(o.password, o.passwordFile);
 }
 
 // The whole of text as a number of type T, or nothing.
@@ -117,6 +123,10 @@ int renderCommand(const std::vector<std::string>& args) {
         rotation = *r;
     }
 
+    Password password;
+    if (auto problem = readPassword(o.password, o.passwordFile, password))
+        return fail(o.passwordFile, *problem);
+
     std::string svg;
     try {
         // The host first, so that the loader (and the module's objects) go before it.
@@ -132,11 +142,14 @@ int renderCommand(const std::vector<std::string>& args) {
         }
         qfhost::Document* doc = nullptr;
         try {
-            doc = &host.openDocument(o.in);
+            doc = &openDocument(host, o.in, password, Use::Read);
+        } catch (const OpenRefused& e) {
+            return fail(o.in, e.what());
         } catch (const qfhost::HostError& e) {
             // The host's message gives pdfcore's number only; say what `inspect` says.
             PDDoc pd = nullptr;
-            const PDResult rc = PDDocOpen(o.in.c_str(), &pd);
+            const PDResult rc = PDDocOpenWithPassword(
+                o.in.c_str(), password.text.data(), uint32_t(password.text.size()), &pd);
             PDHandleRelease(pd);
             return fail(o.in, rc != PD_OK ? errorText(rc) : e.what());
         }

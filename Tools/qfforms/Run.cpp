@@ -14,13 +14,14 @@
 #include <iostream>
 #include <optional>
 #include <sstream>
+#include <utility>
 
 namespace qfforms {
 
 const char* const kRunHelp =
     R"(usage: qfforms run SCRIPT.json [--in IN.pdf] [--out OUT.pdf] [--lang en|ja]
                       [--settings FILE] [--keep-going] [--break-signatures]
-                      [--module PATH]
+                      [--password PASSWORD | --password-file FILE] [--module PATH]
 
 Replays an authoring session through the reference host and the forms module, as the
 editor drives them. SCRIPT.json is an array of steps; each step is an object with exactly
@@ -94,6 +95,13 @@ Options:
   --keep-going       report a failing step and go on; the outputs are still written
   --break-signatures save a document that holds signatures (--out and "save" steps):
                      the file is written anew, and its signatures no longer hold
+  --password PASSWORD
+                     the password of encrypted documents (--in and "open" steps); a
+                     document whose permissions do not allow changing its form needs
+                     its owner password. Saved files keep their encryption and passwords
+  --password-file FILE
+                     the same, from the first line of FILE: a command line is visible
+                     to the other users of the machine
   --module PATH      the forms module to load (default: $QF_FORMS_MODULE, else the one
                      built with this program)
 
@@ -121,6 +129,8 @@ struct Options {
     std::string out;
     std::string settings;
     std::string module;
+    std::string password;
+    std::string passwordFile;
     std::string language = "en";
     bool keepGoing = false;
     bool breakSignatures = false;
@@ -148,6 +158,8 @@ std::optional<std::string> parseOptions(const std::vector<std::string>& args, Op
                                        {"--out", &o.out},
                                        {"--lang", &o.language},
                                        {"--settings", &o.settings},
+                                       {"--password", &o.password},
+                                       {"--password-file", &o.passwordFile},
                                        {"--module", &o.module}},
                                       {{"--help", &o.help},
                                        {"--keep-going", &o.keepGoing},
@@ -160,6 +172,7 @@ std::optional<std::string> parseOptions(const std::vector<std::string>& args, Op
     if (scriptSeen) o.script = scripts[0];
     if (o.help) return std::nullopt;
     if (!scriptSeen) return "run needs a script";
+    if (auto problem = passwordUsage(o.password, o.passwordFile)) return problem;
     if (o.language != "en" && o.language != "ja")
         return "unknown language '" + o.language + "' (en, ja)";
     return std::nullopt;
@@ -224,6 +237,12 @@ int runCommand(const std::vector<std::string>& args) {
         return 0;
     }
 
+    Password password;
+    if (auto problem = readPassword(options.password, options.passwordFile, password)) {
+        std::cerr << "qfforms: " << options.passwordFile << ": " << *problem << "\n";
+        return 1;
+    }
+
     // The script, before anything is loaded.
     const fs::path scriptPath = fs::u8path(options.script);
     std::ifstream in(scriptPath, std::ios::binary);
@@ -283,6 +302,7 @@ int runCommand(const std::vector<std::string>& args) {
 
     Session runner(*host, *loader, scriptPath.parent_path());
     runner.allowBreakingSignatures(options.breakSignatures);
+    runner.setPassword(std::move(password));
     if (!options.in.empty()) {
         try {
             runner.openFile(fs::u8path(options.in));

@@ -167,7 +167,7 @@ class Runner {
     void openFile(const fs::path& path) {
         std::error_code ec;
         if (!fs::is_regular_file(path, ec)) fail("no such file");
-        host_.openView(host_.openDocument(path.string()));
+        host_.openView(openDocument(host_, path.string(), password_, Use::Edit));
     }
 
     // Adds an output; a later output to the same file replaces the earlier one.
@@ -183,6 +183,7 @@ class Runner {
 
     const std::vector<Output>& outputs() const { return outputs_; }
     void allowBreakingSignatures(bool allowed) { breakSignatures_ = allowed; }
+    void setPassword(Password password) { password_ = std::move(password); }
 
   private:
     fs::path resolve(const std::string& path) const {
@@ -255,7 +256,11 @@ class Runner {
         const fs::path path = resolve(text(a, "open: the file"));
         std::error_code ec;
         if (!fs::is_regular_file(path, ec)) fail("open: no such file: " + path.string());
-        host_.openView(host_.openDocument(path.string()));
+        try {
+            host_.openView(openDocument(host_, path.string(), password_, Use::Edit));
+        } catch (const OpenRefused& e) {
+            fail("open: " + path.string() + ": " + e.what());
+        }
     }
 
     void view(const Json& a) {
@@ -777,6 +782,7 @@ class Runner {
     std::vector<Output> outputs_;
     uint32_t commandId_ = 0;
     bool breakSignatures_ = false;
+    Password password_;
 };
 
 
@@ -819,16 +825,25 @@ std::string hex(uint32_t value) {
     return out.str();
 }
 
-std::string saveToMemory(qfhost::Document& doc) {
+namespace {
+
+std::string saveWith(qfhost::Document& doc,
+                     PDResult (*save)(PDDoc doc, void** outData, size_t* outSize)) {
     if (!doc.pdDoc()) fail("the document is closed");
     void* data = nullptr;
     size_t size = 0;
-    const PDResult r = PDDocSaveMem(doc.pdDoc(), &data, &size);
+    const PDResult r = save(doc.pdDoc(), &data, &size);
     if (r != PD_OK) fail("cannot save the document: " + errorText(r));
     std::string bytes(static_cast<const char*>(data), size);
     PDFreeBuffer(data);
     return bytes;
 }
+
+} // namespace
+
+std::string saveToMemory(qfhost::Document& doc) { return saveWith(doc, PDDocSaveMem); }
+
+std::string viewerCopy(qfhost::Document& doc) { return saveWith(doc, PDDocSaveMemDecrypted); }
 
 // ---- Session ------------------------------------------------------------------------------
 
@@ -853,5 +868,7 @@ void Session::keep(std::filesystem::path path, std::string bytes) {
 const std::vector<Output>& Session::outputs() const { return impl_->outputs(); }
 
 void Session::allowBreakingSignatures(bool allowed) { impl_->allowBreakingSignatures(allowed); }
+
+void Session::setPassword(Password password) { impl_->setPassword(std::move(password)); }
 
 } // namespace qfforms

@@ -3,6 +3,8 @@
 // Single-threaded: every call comes on the thread that owns the host.
 #pragma once
 
+#include "Files.h"
+
 #include "qfhost/Host.h"
 #include "qfhost/ModuleLoader.h"
 
@@ -51,7 +53,8 @@ class Session {
     // Carries out one step: verb with its arguments. Throws StepFailure, qfhost::HostError
     // or PdError.
     void run(const std::string& verb, const Json& args);
-    // Opens path in a new view (StepFailure when it is no file).
+    // Opens path in a new view, for editing with the session's password (StepFailure when
+    // it is no file, OpenRefused as openDocument).
     void openFile(const std::filesystem::path& path);
     // Keeps a file to be written when the session is over; a later output to the same
     // path replaces the earlier one.
@@ -61,6 +64,8 @@ class Session {
     // Whether "save" steps may write a document that holds signatures (see
     // holdsSignatures); without it they fail. Off at first.
     void allowBreakingSignatures(bool allowed);
+    // The password that openFile and "open" steps open documents with (none at first).
+    void setPassword(Password password);
 
   private:
     struct Impl;
@@ -69,6 +74,9 @@ class Session {
 
 // The document as it is now (PDDocSaveMem); StepFailure when it cannot be written.
 std::string saveToMemory(qfhost::Document& doc);
+// The same without its encryption (PDDocSaveMemDecrypted), for the editor's page to draw:
+// never for a file.
+std::string viewerCopy(qfhost::Document& doc);
 
 // Parses a script. An object that holds one key twice is refused (std::runtime_error):
 // JSON readers keep only one of the values, which would silently drop the other.

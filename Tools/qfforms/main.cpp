@@ -12,6 +12,7 @@
 
 #include "Clip.h"
 #include "Edit.h"
+#include "Files.h"
 #include "Inspect.h"
 #include "Pd.h"
 #include "Render.h"
@@ -37,6 +38,7 @@ constexpr const char* kUsage =
     "       qfforms paste IN.pdf --page N --out OUT.pdf [--join] [--break-signatures]\n"
     "                     [--module PATH] < RECORD.json\n"
     "       qfforms edit [IN.pdf] [--port N] [--lang en|ja] [--module PATH] [--web DIR]\n"
+    "  each also [--password PASSWORD | --password-file FILE] for encrypted files\n"
     "\n"
     "  inspect   print the pages, annotations and form fields of FILE.pdf as JSON\n"
     "  run       replay an authoring session written as a JSON script through the forms\n"
@@ -51,7 +53,18 @@ constexpr const char* kUsage =
     "            (at the record's rectangle, moved aside from a widget lying there) as a\n"
     "            new field named after the record, or with --join as a widget of the field\n"
     "            of the record's name (docs/scripting.md), and write the result to OUT.pdf\n"
-    "            (exit 1 when the record makes no widget or the field cannot be joined)\n";
+    "            (exit 1 when the record makes no widget or the field cannot be joined)\n"
+    "\n"
+    "  An encrypted file opens with its user or owner password: --password PASSWORD, or\n"
+    "  the first line of --password-file FILE (other users of the machine may see a\n"
+    "  command line). run, paste and edit change a form only when its permissions allow\n"
+    "  it or the password is the owner password. Saved files keep their encryption.\n";
+
+// pdfcore's warnings (a font file that cannot be read, a character no font draws), one line
+// each on standard error.
+void printWarning(const char16_t* text, uint32_t len, void*) {
+    std::cerr << "qfforms: warning: " << qfforms::toUtf8(std::u16string_view(text, len)) << "\n";
+}
 
 int usageError(std::string_view message) {
     if (!message.empty()) std::cerr << "qfforms: " << message << "\n";
@@ -64,10 +77,24 @@ int fail(const std::string& path, const std::string& message) {
     return 1;
 }
 
-int inspect(const std::string& path) {
+int inspect(const std::vector<std::string>& args) {
+    std::vector<std::string> files;
+    std::string option, file;
+    bool help = false;
+    if (auto problem = qfforms::parseArguments(
+            args, {{"--password", &option}, {"--password-file", &file}}, {{"--help", &help}},
+            files))
+        return usageError(*problem);
+    if (help) return std::cout << kUsage, 0;
+    if (files.size() != 1) return usageError("inspect takes one file");
+    const std::string path = files[0];
+    if (path.empty()) return usageError("empty file name");
+    if (auto problem = qfforms::passwordUsage(option, file)) return usageError(*problem);
+    qfforms::Password password;
+    if (auto problem = qfforms::readPassword(option, file, password)) return fail(file, *problem);
     std::string text;
     try {
-        qfforms::Json json = qfforms::inspectFile(path);
+        qfforms::Json json = qfforms::inspectFile(path, password);
         // PDF names need not be UTF-8; invalid bytes are replaced rather than fatal.
         text = json.dump(2, ' ', false, qfforms::Json::error_handler_t::replace);
     } catch (const std::exception& e) {
@@ -85,6 +112,7 @@ int inspect(const std::string& path) {
 } // namespace
 
 int main(int argc, char** argv) {
+    PDSetWarningHandler(printWarning, nullptr);
     if (argc < 2) return usageError("");
     const std::string_view command = argv[1];
     if (command == "-h" || command == "--help" || command == "help") {
@@ -98,8 +126,5 @@ int main(int argc, char** argv) {
     if (command == "paste") return qfforms::pasteCommand(rest);
     if (command == "edit") return qfforms::editCommand(rest);
     if (command != "inspect") return usageError("unknown command '" + std::string(command) + "'");
-    if (argc != 3) return usageError("inspect takes one file");
-    const std::string path = argv[2];
-    if (path.empty()) return usageError("empty file name");
-    return inspect(path);
+    return inspect(rest);
 }

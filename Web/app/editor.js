@@ -5,6 +5,7 @@
 import * as pdfjs from '/vendor/pdfjs/pdf.mjs';
 import {getBytes, getText, onBusyChange, post, setAnswerHandler, tracked} from './api.js';
 import {renderPanel} from './panel.js';
+import {askPassword, closePasswordPrompt} from './password.js';
 import {setLanguage, t, translate} from './texts.js';
 
 pdfjs.GlobalWorkerOptions.workerSrc = '/vendor/pdfjs/pdf.worker.mjs';
@@ -34,10 +35,14 @@ onBusyChange((busy) => document.body.toggleAttribute('data-busy', busy));
 
 // ---- state ----
 
-setAnswerHandler((answer) => {
+setAnswerHandler((answer, path) => {
   if (answer.body.state) show(answer.body.state);
-  if (!answer.ok) say(answer.body.error ?? `${answer.status}`);
+  // The password prompt says itself what went wrong.
+  if (!answer.ok && path !== '/api/password') say(answer.body.error ?? `${answer.status}`);
 });
+
+// Whether the document is open: until then only the password prompt takes input.
+const ready = () => state && !state.locked;
 
 function show(s) {
   const languageChanged = state?.lang !== s.lang;
@@ -47,6 +52,12 @@ function show(s) {
     $('#lang').value = s.lang;
     translate();
   }
+  if (s.locked) {
+    document.title = `${s.document.name} — qfforms edit`;
+    askPassword(s);
+    return;
+  }
+  closePasswordPrompt();
   placePages(s.layout);
   view.dataset.revision = s.revision;
   pages.forEach((p, i) => {
@@ -270,7 +281,7 @@ function event(type, ev, code = 0, replace = false) {
 const selectMode = () => state.tool === '' || state.tool === 'Edit';
 
 view.addEventListener('pointerdown', (ev) => {
-  if (!state || preview || (ev.button !== 0 && ev.button !== 2)) return;
+  if (!ready() || preview || (ev.button !== 0 && ev.button !== 2)) return;
   ev.preventDefault();
   view.focus({preventScroll: true});
   const box = view.getBoundingClientRect();
@@ -289,7 +300,7 @@ view.addEventListener('pointerdown', (ev) => {
 
 view.addEventListener('pointermove', (ev) => {
   // With no tool active the host has no use for a move unless a press started a drag.
-  if (!state || preview || marking || (state.tool === '' && ev.buttons === 0)) return;
+  if (!ready() || preview || marking || (state.tool === '' && ev.buttons === 0)) return;
   const box = view.getBoundingClientRect();
   const at = `${Math.floor(ev.clientX - box.left)},${Math.floor(ev.clientY - box.top)}`;
   if (at === lastMove) return;
@@ -302,13 +313,13 @@ view.addEventListener('pointerup', (ev) => {
     marking = false;
     return;
   }
-  if (!state || preview || (ev.button !== 0 && ev.button !== 2)) return;
+  if (!ready() || preview || (ev.button !== 0 && ev.button !== 2)) return;
   event(3, ev, ev.button === 2 ? 1 : 0);
 });
 
 view.addEventListener('pointercancel', (ev) => {
   marking = false;
-  if (state && !preview) event(11, ev);
+  if (ready() && !preview) event(11, ev);
 });
 
 view.addEventListener('contextmenu', (ev) => ev.preventDefault());
@@ -324,7 +335,7 @@ const shortcuts = {
 };
 
 function key(type, ev) {
-  if (!state || preview || ev.target.closest?.('input, select, textarea')) return;
+  if (!ready() || preview || ev.target.closest?.('input, select, textarea')) return;
   if ((ev.ctrlKey || ev.metaKey) && !ev.altKey) {
     const key = ev.key.toLowerCase();
     const name = !ev.shiftKey ? key : key === 'z' ? 'y' : key === 'v' ? 'V' : key;
@@ -383,7 +394,7 @@ async function save(body) {
 
 $('#toolbar').addEventListener('click', (ev) => {
   const b = ev.target.closest('button');
-  if (!b || !state) return;
+  if (!b || !ready()) return;
   if (b.dataset.tool !== undefined) step({tool: b.dataset.tool});
   else if (b.dataset.edit) step({edit: b.dataset.edit});
   else {
@@ -439,6 +450,7 @@ function updateToolbar() {
   $('#save-folder').title = s.document.folder;
   $('#doc-name').textContent = s.document.name;
   $('#doc-modified').textContent = s.document.modified ? ' *' : '';
+  $('#doc-encrypted').hidden = !s.document.encrypted;
   document.title = `${s.document.name}${s.document.modified ? ' *' : ''} — qfforms edit`;
   $('#group-radio').disabled = marked.size === 0;
 }

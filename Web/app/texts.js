@@ -52,6 +52,15 @@ const table = {
     marked: '{0} marked',
     pageFailed: 'Page {0} could not be drawn: {1}',
     drawFailed: 'The pages could not be drawn: {0}',
+    encrypted: 'Encrypted',
+    passwordTitle: 'Password',
+    passwordNeeded: '{0} is encrypted. Enter its password to open it.',
+    ownerNeeded: 'The permissions of {0} do not allow changing its form. ' +
+      'Enter its owner password to edit it.',
+    passwordLabel: 'Password',
+    passwordWrong: 'The password is wrong.',
+    passwordNotOwner: 'This password opens the document, but it is not the owner password.',
+    open: 'Open',
   },
   ja: {
     Select: '選択',
@@ -103,6 +112,17 @@ const table = {
     marked: '{0} 個に印',
     pageFailed: '{0} ページ目を描けません: {1}',
     drawFailed: 'ページを描けません: {0}',
+    encrypted: '暗号化',
+    passwordTitle: 'パスワード',
+    passwordNeeded: '{0} は暗号化されています。' +
+      '開くにはパスワードを入力してください。',
+    ownerNeeded: '{0} の権限ではフォームを変更できません。' +
+      '編集するには権限パスワードを入力してください。',
+    passwordLabel: 'パスワード',
+    passwordWrong: 'パスワードが違います。',
+    passwordNotOwner: 'このパスワードで文書は開きますが、' +
+      '権限パスワードではありません。',
+    open: '開く',
   },
 };
 

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <tuple>
@@ -793,6 +794,50 @@ TEST(DocumentHostTest, DocumentsFromHandlesAndTheCurrentDocument) {
     EXPECT_EQ(pages, 3u);
     EXPECT_THROW(host.openDocument("/nonexistent/qfhost.pdf"), qfhost::HostError);
     EXPECT_EQ(host.documentCount(), 0u);
+}
+
+// An encrypted form: a missing or wrong password is its own code; the form may be changed
+// with the owner password, or with the user password when the permissions let anyone make
+// and change form fields. The AES file of the corpus lets anyone fill in and annotate, not
+// change the document otherwise.
+TEST(DocumentHostTest, EncryptedDocumentsTheirPasswordsAndWhetherTheFormMayChange) {
+    Host host;
+    const std::string plain = QF_CORPUS_DIR "/qpdf-field-types.pdf";
+    const std::string restricted = tempPath("restricted.pdf"), open = tempPath("open.pdf");
+    ASSERT_EQ(std::system(("qpdf --encrypt user owner 256 --modify=form -- '" + plain + "' '" +
+                           restricted + "'")
+                              .c_str()),
+              0);
+    ASSERT_EQ(std::system(("qpdf --encrypt user owner 256 -- '" + plain + "' '" + open + "'")
+                              .c_str()),
+              0);
+    for (const std::u16string& missing : {std::u16string(), std::u16string(u"wrong")}) {
+        try {
+            host.openDocument(restricted, missing);
+            ADD_FAILURE() << "opened without its password";
+        } catch (const qfhost::HostError& e) {
+            EXPECT_EQ(e.code(), codes::kPasswordNeeded);
+            EXPECT_NE(std::string(e.what()).find("the password is missing or wrong"),
+                      std::string::npos)
+                << e.what();
+        }
+    }
+    EXPECT_EQ(host.documentCount(), 0u);
+    const struct {
+        std::string path;
+        std::u16string password;
+        bool editable;
+    } cases[] = {{plain, u"", true},          {restricted, u"user", false},
+                 {restricted, u"owner", true}, {open, u"user", true},
+                 {QF_CORPUS_DIR "/pikepdf-dd0293-hybrid-xfa.pdf", u"", false}};
+    for (const auto& c : cases) {
+        Document& doc = host.openDocument(c.path, c.password);
+        EXPECT_EQ(doc.encrypted(), c.path != plain) << c.path;
+        EXPECT_EQ(doc.formEditable(), c.editable) << c.path;
+        host.closeDocument(doc);
+    }
+    std::remove(restricted.c_str());
+    std::remove(open.c_str());
 }
 
 }  // namespace

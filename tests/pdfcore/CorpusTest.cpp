@@ -1,7 +1,7 @@
 // The corpus of real form files: every file opens (or fails with a result code) and can be
 // walked completely; what pdfcore reads matches an independent reader (pypdf, through
-// pypdf_fields.py); handles are the same however an object is reached; encrypted input is
-// saved unencrypted.
+// pypdf_fields.py); handles are the same however an object is reached. The encrypted files
+// are saved in EncryptionTest.cpp.
 #include "FormListing.h"
 
 #include <set>
@@ -335,50 +335,6 @@ TEST_P(CorpusCrossCheck, HandlesAreTheSameHoweverReached) {
 }
 
 INSTANTIATE_TEST_SUITE_P(WellFormed, CorpusCrossCheck, ::testing::ValuesIn(kWellFormed), testName);
-
-// ---- encrypted input ---------------------------------------------------------------------
-
-TEST(CorpusEncrypted, OpensAndSavesUnencryptedWithTheSameFields) {
-    const std::string source = corpus("jspdf-encrypted-acroform.pdf");
-    ScratchDir dir;
-    const std::string out = dir.file("saved.pdf");
-    const std::string reference = dir.file("reference.pdf");
-    Listing before;
-    {
-        auto doc = openDoc(source);
-        ASSERT_TRUE(doc);
-        before = readWithPdfcore(doc.get());
-        EXPECT_FALSE(before.order.empty());
-        ASSERT_EQ(PDDocSave(doc.get(), out.c_str()), PD_OK);
-        // The document stays open and unchanged.
-        EXPECT_EQ(readWithPdfcore(doc.get()).order, before.order);
-    }
-    EXPECT_EQ(qpdfCheck(out), 0);
-    std::string show = run("qpdf --show-encryption '" + out + "' 2>&1");
-    EXPECT_NE(show.find("File is not encrypted"), std::string::npos) << show;
-
-    // The reference is the file decrypted by qpdf. (pypdf's own decryption of the original
-    // differs in one name: jsPDF wrote an unescaped CR inside the encrypted /T of the check
-    // box, which a conforming parser reads as LF before decrypting; pypdf keeps the CR.)
-    int status = -1;
-    run("qpdf --decrypt '" + source + "' '" + reference + "' 2>&1", &status);
-    ASSERT_EQ(status, 0);
-    Listing expected = readWithPypdf(reference);
-    Listing saved = readWithPypdf(out);
-    ASSERT_EQ(expected.error, "");
-    ASSERT_EQ(saved.error, "");
-    EXPECT_FALSE(saved.encrypted);
-    EXPECT_EQ(saved.pages, expected.pages);
-    EXPECT_EQ(saved.order, expected.order);
-    // Names and values compared as texts: ciphertext copied as it was would not match.
-    expectSameFields(expected.fields, saved.fields, "pypdf: qpdf-decrypted vs saved by pdfcore");
-
-    auto reopened = openDoc(out);
-    ASSERT_TRUE(reopened);
-    Listing after = readWithPdfcore(reopened.get());
-    EXPECT_EQ(after.order, before.order);
-    expectSameFields(before.fields, after.fields, "pdfcore: opened vs reopened");
-}
 
 // ---- malformed files: what pdfcore makes of them ---------------------------------------------
 

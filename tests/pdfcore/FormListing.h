@@ -103,14 +103,15 @@ inline Listing readWithPdfcore(PDDoc doc) {
     return out;
 }
 
-// The terminal fields as pypdf reads them.
-inline Listing readWithPypdf(const std::string& path) {
+// The terminal fields as pypdf reads them (an encrypted file with password, ASCII).
+inline Listing readWithPypdf(const std::string& path, const std::string& password = "") {
     Listing out;
     std::string script =
         (std::filesystem::path(__FILE__).parent_path() / "pypdf_fields.py").string();
     int status = -1;
-    std::string json =
-        run(std::string(QF_PYTHON) + " '" + script + "' '" + path + "' 2>&1", &status);
+    std::string json = run(std::string(QF_PYTHON) + " '" + script + "' '" + path + "' '" +
+                               password + "' 2>&1",
+                           &status);
     auto j = nlohmann::json::parse(json, nullptr, false);
     if (status != 0 || j.is_discarded() || !j.contains("fields")) {
         out.error = "pypdf_fields.py exit " + std::to_string(status) + ": " + json.substr(0, 400);

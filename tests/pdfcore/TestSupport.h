@@ -281,12 +281,14 @@ struct Raster {
     }
 };
 
-// Renders page `index` of pdf to prefix.ppm; an empty raster when that fails.
-inline Raster render(const std::string& pdf, const std::string& prefix, uint32_t index = 0) {
+// Renders page `index` of pdf (encrypted: opened with the user password) to prefix.ppm; an
+// empty raster when that fails.
+inline Raster render(const std::string& pdf, const std::string& prefix, uint32_t index = 0,
+                     const std::string& userPassword = "") {
     std::string n = std::to_string(index + 1);
     int status = -1;
-    std::string err = run("pdftoppm -r 72 -f " + n + " -l " + n + " -singlefile '" + pdf + "' '" +
-                              prefix + "' 2>&1",
+    std::string err = run("pdftoppm -r 72 -f " + n + " -l " + n + " -singlefile -upw '" +
+                              userPassword + "' '" + pdf + "' '" + prefix + "' 2>&1",
                           &status);
     EXPECT_EQ(status, 0) << err;
     Raster r;

@@ -97,8 +97,8 @@ def main():
     try:
         reader = PdfReader(path, strict=False)
         encrypted = reader.is_encrypted
-        if encrypted:
-            reader.decrypt(sys.argv[2] if len(sys.argv) > 2 else "")
+        if encrypted and not reader.decrypt(sys.argv[2] if len(sys.argv) > 2 else ""):
+            raise ValueError("the password is wrong")
         root = resolve(reader.trailer["/Root"])
         pages = reader.pages
         page_of = {}

@@ -540,8 +540,10 @@ def check_names(args, folder, env):
 
 
 def corpus_widgets(args):
-    """(file, field, k, page) of every widget of every corpus form that lies on a page, and
-    the number of widgets on no page (which no reader shows, and which cannot be copied)."""
+    """(file, field, k, page, editable) of every widget of every corpus form that lies on a
+    page, editable when the form's permissions let it be changed without its owner
+    password; and the number of widgets on no page (which no reader shows, and which cannot
+    be copied)."""
     found, nowhere = [], 0
     for name in sorted(os.listdir(args.corpus)):
         if not name.endswith(".pdf"):
@@ -549,8 +551,10 @@ def corpus_widgets(args):
         result = qfforms(args.qfforms, "inspect", os.path.join(args.corpus, name))
         if result.returncode != 0:
             continue  # damaged beyond repair: inspect_corpus.py covers those
+        form = json.loads(result.stdout)
+        editable = (form.get("encryption") or {}).get("formEditable", True)
         seen = set()
-        for field in json.loads(result.stdout)["fields"]:
+        for field in form["fields"]:
             if field["name"] in seen:
                 continue  # a second field of that name is not reachable by name
             seen.add(field["name"])
@@ -558,7 +562,7 @@ def corpus_widgets(args):
                 if widget["page"] is None:
                     nowhere += 1
                 else:
-                    found.append((name, field["name"], k, widget["page"]))
+                    found.append((name, field["name"], k, widget["page"], editable))
     return found, nowhere
 
 
@@ -569,7 +573,8 @@ def pasted_name(result):
 
 def check_corpus(args, folder):
     """Every widget of every corpus form copies, and pastes into a new document and back into
-    its own page; buttons keep their on state and both appearances of it."""
+    its own page (a form whose permissions allow filling in only is refused, as the password
+    checks want); buttons keep their on state and both appearances of it."""
     blank = os.path.join(folder, "blank.pdf")
     result = run_script(args, folder, "blank.json", [{"new": {}}], "--out", blank)
     if not check(result.returncode == 0, "blank: " + result.stderr):
@@ -577,7 +582,7 @@ def check_corpus(args, folder):
     widgets, nowhere = corpus_widgets(args)
 
     def one(item):
-        name, field, k, page = item
+        name, field, k, page, editable = item
         source = os.path.join(args.corpus, name)
         where = "%s of %s, widget %d" % (field, name, k)
         copied = qfforms(args.qfforms, "copy", source, "--field", field, "--widget", k)
@@ -591,6 +596,11 @@ def check_corpus(args, folder):
             result = run([args.qfforms, "paste", target, "--page", str(on_page), "--out", out,
                           "--break-signatures"], input=copied.stdout)
             pastes += 1
+            if into == "own" and not editable:
+                if "permissions do not allow changing its form" not in result.stderr:
+                    problems.append("%s: pasted into a form locked for changes: %r" %
+                                    (where, result.stderr))
+                continue
             if result.returncode != 0:
                 problems.append("%s: paste into %s document: %s" % (where, into,
                                                                    result.stderr.strip()))
@@ -615,8 +625,10 @@ def check_corpus(args, folder):
             check(False, problem)
     check(len(widgets) > 900 and pastes == 2 * len(widgets),
           "corpus: %d widgets, %d pastes" % (len(widgets), pastes))
-    print("corpus: %d widgets copied, %d pastes, %d failed; %d widgets on no page left out" %
-          (len(widgets), pastes, sum(len(p) for p, _ in results), nowhere))
+    print("corpus: %d widgets copied, %d pastes (%d refused into forms locked for changes), "
+          "%d failed; %d widgets on no page left out" %
+          (len(widgets), pastes, sum(1 for w in widgets if not w[4]),
+           sum(len(p) for p, _ in results), nowhere))
 
 
 def button_states(path, record, where):

@@ -9,12 +9,17 @@ CHECK is one of:
             document's folder; a clean stop on SIGINT
   session   a field drawn with a creation tool, selected and moved in select mode, undone,
             renamed, saved as a new file that pypdf reads with that field
+  password  an encrypted form whose permissions keep it from changing: the state asks for
+            its password, then for its owner password, and nothing else goes through
+            meanwhile; the owner password opens it; the page gets a copy without
+            encryption, the file saved keeps the encryption and both passwords
 
 Run with Debian's /usr/bin/python3 (python3-pypdf). Exit status 0 when every check passed.
 """
 
 import argparse
 import http.client
+import io
 import json
 import os
 import re
@@ -27,6 +32,7 @@ import tempfile
 
 from pypdf import PdfReader
 
+from passwords import check_saved, encrypt
 from run_sessions import check, failures, field_of, full_name, resolved
 
 
@@ -245,17 +251,94 @@ def check_session(args, folder):
     check(widgets(pdf) == [], "the original is untouched")
 
 
+def check_password(args, folder):
+    source = os.path.join(args.corpus, "qpdf-field-types.pdf")
+    restricted = encrypt(source, os.path.join(folder, "restricted.pdf"), "user", "owner",
+                         "128", "--use-aes=y", "--modify=form")
+    editor = Editor(args, folder, restricted)
+    try:
+        status, answer = editor.api("/api/state")
+        state = answer["state"]
+        check(status == 200 and state["locked"] == "password" and
+              state["document"] == {"name": "restricted.pdf", "folder": folder,
+                                    "modified": False, "encrypted": True} and
+              "layout" not in state, "locked state: %d %s" % (status, answer))
+        # Nothing but the password goes through while the document is locked.
+        for path, body in (("/api/step", {"tool": "TextFieldCreate"}), ("/api/save", {}),
+                           ("/api/event", {"type": 2, "x": 100, "y": 100})):
+            status, answer = editor.api(path, body)
+            check(status == 422 and answer["state"]["locked"] == "password",
+                  "%s while locked: %d %s" % (path, status, answer))
+        for path in ("/api/document.pdf", "/api/overlay/0.svg"):
+            status, _, _ = editor.request("GET", path)
+            check(status == 422, "%s while locked: %d" % (path, status))
+        for body in ({}, {"password": 7}, {"password": "user", "more": 1}):
+            status, answer = editor.api("/api/password", body)
+            check(status == 400, "password body %s: %d" % (body, status))
+
+        # A wrong password, then the user password, which opens the file but does not allow
+        # changing its form, then a wrong one again: the lock says what is still needed.
+        for password, locked, wrong in (("wrong", "password", True), ("user", "owner", False),
+                                        ("wrong", "owner", True)):
+            status, answer = editor.api("/api/password", {"password": password})
+            check(status == 422 and answer.get("wrong") is wrong and
+                  answer["state"]["locked"] == locked,
+                  "password %r: %d %s" % (password, status, answer))
+        status, answer = editor.api("/api/password", {"password": "owner"})
+        check(status == 200 and answer["state"]["locked"] is None and
+              answer["state"]["document"]["encrypted"] is True and
+              len(answer["state"]["layout"]["pages"]) == 1,
+              "owner password: %d %s" % (status, answer.get("error")))
+        page = answer["state"]["layout"]["pages"][0]
+        status, answer = editor.api("/api/password", {"password": "owner"})
+        check(status == 409, "a password for an open document: %d" % status)
+
+        # The page's pdf.js has no password: it gets a copy without encryption.
+        status, pdf, _ = editor.request("GET", "/api/document.pdf")
+        check(status == 200 and not PdfReader(io.BytesIO(pdf)).is_encrypted,
+              "the page's copy is encrypted: %d" % status)
+        editor.api("/api/step", {"tool": "TextFieldCreate"})
+        editor.api("/api/step", {"set": {"property": "FieldName", "value": "Added"}})
+        px = lambda x, y: (page["left"] + x, page["top"] + 792 - y)
+        editor.event(2, *px(400, 100))
+        editor.event(4, *px(480, 90))
+        status, answer = editor.event(3, *px(560, 80))
+        check(answer["state"]["undo"] == ["AddWidget"], "drawn: %s" % answer["state"]["undo"])
+        status, answer = editor.api("/api/save", {"as": "saved.pdf"})
+        check(status == 200, "saved: %d %s" % (status, answer.get("error")))
+    finally:
+        code, _, err = editor.stop()
+    check(code == 0, "stopped: %r %s" % (code, err))
+    check_saved(restricted, os.path.join(folder, "saved.pdf"), "user", "owner",
+                "the editor's save")
+
+    # A form that opens without a password but only its owner may change: the page asks
+    # for the owner password at once.
+    readonly = encrypt(source, os.path.join(folder, "readonly.pdf"), "", "owner", "256",
+                       "--modify=none")
+    editor = Editor(args, folder, readonly)
+    try:
+        status, answer = editor.api("/api/state")
+        check(answer["state"]["locked"] == "owner", "read-only form: %s" % answer)
+        status, answer = editor.api("/api/password", {"password": ""})
+        check(status == 422 and answer["state"]["locked"] == "owner",
+              "the empty user password: %d %s" % (status, answer))
+    finally:
+        editor.stop()
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--qfforms", required=True)
     parser.add_argument("--corpus", required=True)
-    parser.add_argument("check", choices=["doors", "session"])
+    parser.add_argument("check", choices=["doors", "session", "password"])
     args = parser.parse_args()
     with tempfile.TemporaryDirectory() as folder:
         os.environ["XDG_CONFIG_HOME"] = os.path.join(folder, "config")
         work = os.path.join(folder, "work")
         os.makedirs(work)
-        {"doors": check_doors, "session": check_session}[args.check](args, work)
+        {"doors": check_doors, "session": check_session, "password": check_password}[
+            args.check](args, work)
     for f in failures:
         print("FAIL:", f)
     print("%s: %s" % (args.check, "ok" if not failures else "%d failures" % len(failures)))

@@ -169,8 +169,12 @@ def check_rect(c, rect, what, nullable=False):
 def check_shape(c, doc, path, what, damaged=False):
     """The document of `inspect`: members, types, indices. A damaged file may carry
     field types of any name."""
-    c.equal(list(doc), ["file", "pageCount", "pages", "fields"], f"{what}: top-level members")
+    c.equal(list(doc), ["file", "pageCount", "encryption", "pages", "fields"], f"{what}: top-level members")
     c.equal(doc.get("file"), path, f"{what}: file")
+    enc = doc.get("encryption")
+    if enc is not None:
+        c.equal(list(enc), ["ownerPassword", "permissions", "formEditable"], f"{what}: encryption members")
+        c.expect(set(enc.get("permissions", [])) <= set(PERMISSIONS), f"{what}: permissions {enc.get('permissions')}")
     pages = doc.get("pages", [])
     c.equal(doc.get("pageCount"), len(pages), f"{what}: pageCount")
     for i, page in enumerate(pages):
@@ -553,6 +557,33 @@ def check_sample(c, args):
     compare_with_pypdf(c, doc, path, "sample")
 
 
+# The names of the permissions, each with its /P bit for revision 3 on and for revision 2
+# (where some follow another bit).
+PERMISSIONS = {
+    "print": (3, 3), "printHigh": (12, 3), "copy": (5, 5), "accessibility": (10, 5),
+    "assemble": (11, 4), "fillForm": (9, 6), "annotate": (6, 6), "modify": (4, 4),
+}
+
+
+def compare_encryption(c, doc, path, what):
+    """Whether the file is encrypted, whether its empty password is the owner's, and its
+    permissions, against pypdf and the /P bits as the revisions define them."""
+    try:
+        reader = read_pdf(path)
+        owner = reader.is_encrypted and int(reader.decrypt("")) == 2
+    except Exception:  # pypdf cannot read it: nothing to compare with
+        return
+    enc = doc["encryption"]
+    if not c.equal(enc is not None, reader.is_encrypted, f"{what}: encrypted") or enc is None:
+        return
+    c.equal(enc["ownerPassword"], owner, f"{what}: opened with the owner password")
+    encrypt = res(reader.trailer["/Encrypt"])
+    p, r = int(encrypt["/P"]) & 0xFFFFFFFF, int(encrypt["/R"])
+    want = [n for n, bits in PERMISSIONS.items() if p >> (bits[0 if r >= 3 else 1] - 1) & 1]
+    c.equal(enc["permissions"], want, f"{what}: permissions of /P {int(encrypt['/P'])}, R {r}")
+    c.equal(enc["formEditable"], owner or {"annotate", "modify"} <= set(want), f"{what}: form editable")
+
+
 def check_corpus(c, args):
     files = sorted(f for f in os.listdir(args.corpus) if f.lower().endswith(".pdf"))
     c.expect(len(files) >= 40, f"corpus: only {len(files)} PDF files in {args.corpus}")
@@ -571,6 +602,7 @@ def check_corpus(c, args):
             check_consistency(c, doc, name)
         if name not in GEOMETRY_UNCOMPARABLE:
             compare_geometry(c, doc, path, name)
+            compare_encryption(c, doc, path, name)
 
 
 def check_pypdf(c, args):

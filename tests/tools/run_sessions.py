@@ -9,6 +9,8 @@ CHECK is one of:
   undo      undoing every step gives back the document as it was, on a new document and
             on a real form; redoing gives the authored one again
   failures  failing steps, bad scripts and bad options: status, message, nothing written
+  fonts     a font file that cannot be read and characters no font draws: warnings, and
+            still a sound file
 
 Run with Debian's /usr/bin/python3 (python3-pypdf). Exit status 0 when every check passed.
 """
@@ -419,7 +421,7 @@ def check_failures(args, folder):
     inputs = [
         (os.path.join(folder, "missing.pdf"), "no such file"),
         (not_pdf, "The file is damaged or is not a PDF file"),
-        (locked, "The file is encrypted and needs a password"),
+        (locked, "the file is encrypted and needs a password; give it with --password"),
         (os.path.join(args.corpus, "pdfjs-damaged-unrecoverable-fuzzed.pdf"),
          "The file is damaged or is not a PDF file"),
     ]
@@ -471,18 +473,67 @@ def check_failures(args, folder):
         check('{"%s":' % verb in result.stdout, "run --help does not document " + verb)
 
 
+def check_fonts(args, folder):
+    """Fonts that fail: a font file that fontconfig lists but that cannot be read is skipped
+    with a warning, and characters no other font draws come out as empty boxes with one
+    warning; the session still succeeds and writes a sound file."""
+    fonts = os.path.join(folder, "fonts")
+    os.makedirs(fonts)
+    shutil.copy("/usr/share/fonts/opentype/ipafont-gothic/ipag.ttf", fonts)
+    shutil.copy("/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf", fonts)
+    config = os.path.join(folder, "fonts.conf")
+    with open(config, "w") as f:
+        f.write('<?xml version="1.0"?>\n<fontconfig><dir>%s</dir><cachedir>%s</cachedir>'
+                '</fontconfig>\n' % (fonts, os.path.join(folder, "fc-cache")))
+    env = dict(os.environ, FONTCONFIG_FILE=config)
+    cached = run(["fc-cache", fonts], env=env)
+    if not check(cached.returncode == 0, "fonts: fc-cache: " + cached.stderr):
+        return
+    # Damaged after fontconfig read it, as a font replaced under a running system would be.
+    with open(os.path.join(fonts, "ipag.ttf"), "r+b") as f:
+        f.write(b"\0" * 4096)
+
+    base, blank = os.path.join(folder, "base.pdf"), os.path.join(folder, "blank.pdf")
+    made = qfforms(args.qfforms, "run", write_script(folder, "text.json", [
+        {"new": {}}, {"tool": "TextFieldCreate"}, {"click": {"page": 0, "at": [72, 720]}}]),
+        "--out", base)
+    qfforms(args.qfforms, "run", write_script(folder, "blank.json", [{"new": {}}]), "--out",
+            blank)
+    if not check(made.returncode == 0, "fonts: the text field: " + made.stderr):
+        return
+    record = json.loads(qfforms(args.qfforms, "copy", base, "--field", "Text1").stdout)
+    record["field-value"] = "山田 Ωμέγα"
+    out = os.path.join(folder, "fonts.pdf")
+    pasted = run([args.qfforms, "paste", blank, "--page", "0", "--out", out],
+                 input=json.dumps(record, ensure_ascii=False), env=env)
+    check(pasted.returncode == 0, "fonts: paste exit %d: %s" % (pasted.returncode,
+                                                                pasted.stderr))
+    warnings = [l for l in pasted.stderr.splitlines() if l.startswith("qfforms: warning: ")]
+    check(len(warnings) == 2 and "ipag.ttf cannot be read" in warnings[0] and
+          warnings[1].endswith("No installed font draws U+5C71 U+7530; they are drawn as "
+                               "empty boxes."), "fonts: warnings %r" % pasted.stderr)
+    qpdf = run(["qpdf", "--check", out])
+    check(qpdf.returncode == 0, "fonts: qpdf --check: " + qpdf.stdout + qpdf.stderr)
+    widget = widgets_of(out)[0][1]
+    normal = resolved(widget["/AP"]["/N"])
+    fonts = [str(resolved(f).get("/BaseFont")) for f in
+             resolved(resolved(normal["/Resources"])["/Font"]).values()]
+    check(len(fonts) == 1 and fonts[0].endswith("+DejaVuSans"),
+          "fonts: the Greek is drawn with DejaVu Sans: %s" % fonts)
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--qfforms", required=True)
     parser.add_argument("--example", required=True)
     parser.add_argument("--corpus", required=True)
-    parser.add_argument("check", choices=["example", "undo", "failures"])
+    parser.add_argument("check", choices=["example", "undo", "failures", "fonts"])
     args = parser.parse_args()
     with tempfile.TemporaryDirectory() as folder:
         # The user's own settings file stays out of the sessions.
         os.environ["XDG_CONFIG_HOME"] = os.path.join(folder, "config")
-        {"example": check_example, "undo": check_undo, "failures": check_failures}[args.check](
-            args, folder)
+        {"example": check_example, "undo": check_undo, "failures": check_failures,
+         "fonts": check_fonts}[args.check](args, folder)
     for f in failures:
         print("FAIL:", f)
     print("%s: %s" % (args.check, "ok" if not failures else "%d failures" % len(failures)))

@@ -6,7 +6,10 @@
 // folder is edited as a person would with the mouse and the keyboard: fields drawn, one
 // moved and the move undone, one renamed in the panel, a combo box's options typed into
 // its table, the tab order set, the form previewed and saved as a new file that pypdf
-// then reads. DIR receives a screenshot of every stage and the server's log.
+// then reads. Then an encrypted copy whose permissions keep its form from changing: the
+// page asks for its password, says when it is wrong or not the owner's, opens it with the
+// owner password, and the field drawn is saved with the encryption kept. DIR receives a
+// screenshot of every stage and the servers' logs.
 
 import assert from 'node:assert/strict';
 import {execFileSync, spawn} from 'node:child_process';
@@ -41,9 +44,9 @@ const pageErrors = [];
 
 // ---- the server ----
 
-async function startEditor() {
-  const log = fs.createWriteStream(path.join(artifacts, 'server.log'));
-  const proc = spawn(path.resolve(args.qfforms), ['edit', original, '--port', '0'], {
+async function startEditor(file = original, logName = 'server.log') {
+  const log = fs.createWriteStream(path.join(artifacts, logName));
+  const proc = spawn(path.resolve(args.qfforms), ['edit', file, '--port', '0'], {
     cwd: folder, stdio: ['ignore', 'pipe', 'pipe'],
     // Settings and clipboard of its own, so that nothing is there to paste.
     env: {...process.env, XDG_CONFIG_HOME: `${folder}/config`, XDG_STATE_HOME: `${folder}/state`},
@@ -151,12 +154,15 @@ function stage(name, f) {
   });
 }
 
-// What pypdf reads of page 0's annotations: subtype, full name, field type (inherited),
-// normalized rectangle and options.
-function readAnnots(file) {
+// What pypdf reads of page 0's annotations (of an encrypted file, with password): subtype,
+// full name, field type (inherited), normalized rectangle and options.
+function readAnnots(file, password = '') {
   const script = `
 import json, sys
 from pypdf import PdfReader
+reader = PdfReader(sys.argv[1])
+if reader.is_encrypted and not reader.decrypt(sys.argv[2]):
+    sys.exit("the password is wrong")
 def up(n):
     while n is not None:
         yield n
@@ -164,7 +170,7 @@ def up(n):
 def inherited(a, key):
     return next((n[key] for n in up(a) if key in n), None)
 out = []
-for a in [ref.get_object() for ref in PdfReader(sys.argv[1]).pages[0].get("/Annots", [])]:
+for a in [ref.get_object() for ref in reader.pages[0].get("/Annots", [])]:
     r, opt = [float(v) for v in a["/Rect"]], inherited(a, "/Opt")
     out.append({"subtype": a["/Subtype"], "type": inherited(a, "/FT"),
                 "name": ".".join(reversed([str(n["/T"]) for n in up(a) if "/T" in n])),
@@ -173,7 +179,8 @@ for a in [ref.get_object() for ref in PdfReader(sys.argv[1]).pages[0].get("/Anno
                                 for o in opt]})
 print(json.dumps(out))
 `;
-  return JSON.parse(execFileSync('/usr/bin/python3', ['-c', script, file], {encoding: 'utf8'}));
+  return JSON.parse(execFileSync('/usr/bin/python3', ['-c', script, file, password],
+    {encoding: 'utf8'}));
 }
 
 // ---- the session ----
@@ -428,5 +435,84 @@ describe('the end of the session', () => {
     annots.forEach((a, i) => assert.ok(a.rect.every((v, k) => Math.abs(v - expected[i][4][k]) <= 1),
       `${a.name}: ${a.rect} is ${expected[i][4]}`));
     assert.deepEqual(readAnnots(original), [], 'the original is untouched');
+  });
+});
+
+describe('an encrypted form whose permissions keep it from changing', () => {
+  const locked = path.join(folder, 'locked.pdf');
+  const source = path.join(folder, 'locked-source.pdf');
+  const encryption = (file) => execFileSync('/usr/bin/python3',
+    [path.join(root, 'tests/pdfcore/encryption_dict.py'), file], {encoding: 'utf8'});
+  const submit = async (password) => {
+    await page.fill('#password-input', password);
+    await page.click('#password button[type="submit"]');
+  };
+  const messageIs = (text) => page.waitForFunction(
+    (t) => document.getElementById('password-message').textContent === t, text);
+
+  before(async () => {
+    execFileSync('qpdf', ['--encrypt', 'user', 'owner', '256', '--modify=form', '--',
+      args.sample, locked]);
+    fs.copyFileSync(locked, source);
+    editor = await startEditor(locked, 'server-locked.log');
+    browser = await chromium.launch(
+      {executablePath: '/usr/bin/chromium', headless: true, args: ['--no-sandbox']});
+    page = await browser.newPage({viewport: {width: 1280, height: 1000}});
+    page.on('pageerror', (e) => pageErrors.push(e.message));
+    await page.goto(editor.url);
+  });
+
+  after(() => {
+    if (editor?.proc.exitCode === null) editor.proc.kill('SIGKILL');
+  });
+
+  stage('the page asks for the password, and says when it is wrong', async () => {
+    await page.waitForSelector('#password[open]');
+    assert.equal(await page.textContent('#password-why'),
+      'locked.pdf is encrypted. Enter its password to open it.');
+    assert.equal(await page.locator('.page').count(), 0);
+    await page.keyboard.press('Escape');
+    assert.ok(await page.isVisible('#password'), 'Escape closed the prompt');
+    await submit('wrong');
+    await messageIs('The password is wrong.');
+    await shot('11-password-wrong.png');
+  });
+
+  stage('the user password opens the file, but the prompt asks for the owner password', async () => {
+    await submit('user');
+    await messageIs('This password opens the document, but it is not the owner password.');
+    assert.match(await page.textContent('#password-why'),
+      /permissions of locked\.pdf do not allow changing its form/);
+    assert.equal((await serverState()).locked, 'owner');
+    await shot('12-password-owner.png');
+  });
+
+  stage('the owner password opens the form, which is drawn on and saved encrypted', async () => {
+    await submit('owner');
+    await page.waitForSelector('#password', {state: 'hidden'});
+    await page.waitForSelector('.page[data-page="0"] .overlay svg >> nth=0');
+    await settled();
+    assert.ok(await page.isVisible('#doc-encrypted'));
+    page0 = (await serverState()).layout.pages[0];
+    await press('[data-tool="TextFieldCreate"]');
+    await drag(at(drawn.TextFieldCreate.from), at(drawn.TextFieldCreate.to));
+    assert.deepEqual((await overlayWidgets()).map((w) => w.field), ['Text1']);
+    await press('#save');
+    assert.match(await page.textContent('#notice'), /locked\.pdf/);
+    await shot('13-encrypted-saved.png');
+    assert.deepEqual(pageErrors, []);
+  });
+
+  test('the saved file keeps the encryption and opens with both passwords', async () => {
+    await browser.close();
+    browser = null;
+    editor.proc.kill('SIGINT');
+    assert.deepEqual(await editor.exited, {code: 0, signal: null});
+    assert.equal(encryption(locked), encryption(source));
+    for (const password of ['user', 'owner']) {
+      assert.deepEqual(readAnnots(locked, password).map((a) => [a.type, a.name]),
+        [['/Tx', 'Text1']], password);
+    }
+    assert.throws(() => readAnnots(locked, 'wrong'));
   });
 });

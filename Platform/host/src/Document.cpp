@@ -760,9 +760,14 @@ Document::Document(PDDoc adopted, Host* host) {
     if (rc != PD_OK) throw HostError(codes::kPdfFailure, "cannot follow the document's changes");
 }
 
-std::unique_ptr<Document> Document::open(const std::string& path, Host* host) {
+std::unique_ptr<Document> Document::open(const std::string& path, Host* host,
+                                         const std::u16string& password) {
     PDDoc doc = nullptr;
-    checked(PDDocOpen(path.c_str(), &doc), doc, "cannot open " + path);
+    const PDResult rc = PDDocOpenWithPassword(path.c_str(), password.data(),
+                                              static_cast<uint32_t>(password.size()), &doc);
+    if (rc == PD_ERR_PASSWORD)
+        throw HostError(codes::kPasswordNeeded, detail::pdfcoreFailure("cannot open " + path, rc));
+    checked(rc, doc, "cannot open " + path);
     return std::unique_ptr<Document>(new Document(doc, host));
 }
 
@@ -811,6 +816,22 @@ bool Document::modified() const {
         if (p && pageState(p.get()).changed) return true;
     }
     return false;
+}
+
+bool Document::encrypted() const {
+    PDBool yes = 0;
+    return isOpen() && PDDocIsEncrypted(state().doc, &yes) == PD_OK && yes;
+}
+
+bool Document::formEditable() const {
+    if (!isOpen()) return false;
+    PDDoc doc = state().doc;
+    PDBool owner = 0;
+    uint32_t granted = 0;
+    if (PDDocOpenedWithOwnerPassword(doc, &owner) != PD_OK ||
+        PDDocGetPermissions(doc, &granted) != PD_OK)
+        return false;
+    return owner || (granted & PD_PERM_EDIT_FORM) == PD_PERM_EDIT_FORM;
 }
 
 void Document::save(const std::string& path) {

@@ -177,8 +177,8 @@ Document& Host::keep(std::unique_ptr<Document> doc) {
     return kept;
 }
 
-Document& Host::openDocument(const std::string& path) {
-    return keep(Document::open(path, this));
+Document& Host::openDocument(const std::string& path, const std::u16string& password) {
+    return keep(Document::open(path, this, password));
 }
 
 Document& Host::newDocument(uint32_t pages, float width, float height) {

@@ -2,6 +2,7 @@
 // type, flags, value and options and from the widget's /MK, /BS, /DA, /Q and /Rect.
 // The streams are complete: viewers show them as they are.
 #include "DefaultAppearance.h"
+#include "Fonts.h"
 
 #include <algorithm>
 #include <array>
@@ -9,7 +10,10 @@
 #include <cmath>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <qpdf/Buffer.hh>
+#include <qpdf/BufferInputSource.hh>
+#include <qpdf/QPDFTokenizer.hh>
 #include <set>
 #include <string>
 #include <vector>
@@ -91,21 +95,36 @@ int64_t intOf(QPDFObjectHandle o, int64_t fallback) {
 
 // ---- fonts ---------------------------------------------------------------------------
 
-// Text encoded for one font: one code per character.
-using Codes = std::vector<uint32_t>;
+// One glyph of text laid out for its font: one code per character for the fonts a file
+// brings and the standard ones, glyphs shaped by HarfBuzz for the system's faces.
+// Distances are in thousandths of an em, in logical order (levels say how to turn it into
+// the order it is drawn in).
+struct Glyph {
+    uint32_t code = 0;     // in its font: a byte, or a two-byte CID
+    uint32_t cluster = 0;  // the first UTF-16 unit of what it draws
+    double advance = 0;    // to where the next glyph starts
+    double nominal = 0;    // what the font's widths give it, which viewers advance by
+    double dx = 0, dy = 0; // where it is drawn, from where it starts
+    uint8_t font = 0;      // which of the text's fonts draws it
+    uint8_t level = 0;     // bidirectional level: odd ones read right to left
+    bool space = false;    // a space between words, where lines may break
+};
+using Codes = std::vector<Glyph>;
 
-// A font as used in one stream: its resource name and dictionary, how text maps to its
-// codes, the advance widths of the codes and the font's vertical extent (per em).
-struct Font {
+// A font resource as used in one stream: its resource name and dictionary, how text maps to
+// its codes, the advance widths of the codes and the font's vertical extent (per em).
+struct FontRes {
     enum Mode {
         kSingleByte, // simple fonts: WinAnsi codes, or the low byte for symbolic fonts
         kCid,        // Type0 with Identity-H: codes from the reversed /ToUnicode
-        kUtf16       // Type0 with a UTF-16 CMap: the code is the UTF-16 unit
+        kUtf16,      // Type0 with a UTF-16 CMap: the code is the UTF-16 unit
+        kEmbedded    // a face of the system's, shaped and embedded as a subset (Fonts.h)
     };
     std::string name;
     QPDFObjectHandle dict;
     Mode mode = kSingleByte;
     bool winAnsi = true;
+    EmbeddedFace* face = nullptr;
     std::array<double, 256> widths{};
     std::map<char16_t, uint32_t> codeOf;
     std::map<uint32_t, double> cidWidths;
@@ -119,54 +138,47 @@ struct Font {
         auto it = cidWidths.find(code);
         return it == cidWidths.end() ? defaultWidth : it->second;
     }
-    double width(const Codes& codes, double size) const {
-        double w = 0;
-        for (uint32_t c : codes)
-            w += advance(c);
-        return w * size / 1000;
-    }
-    uint32_t space() const {
-        if (mode != kCid) return 0x20;
-        auto it = codeOf.find(u' ');
-        return it == codeOf.end() ? UINT32_MAX : it->second;
-    }
-    std::string bytes(const Codes& codes) const {
-        std::string out;
-        for (uint32_t c : codes) {
-            if (mode != kSingleByte) out += static_cast<char>((c >> 8) & 0xFF);
-            out += static_cast<char>(c & 0xFF);
-        }
-        return out;
-    }
+    bool twoBytes() const { return mode != kSingleByte; }
 
-    // Single-byte fonts encode anything (WinAnsi, '?' for the rest); two-byte fonts fail
-    // on a character they have no code for. Control characters are dropped, tabs become
-    // spaces.
+    // One code per UTF-16 unit of s, in out. Single-byte fonts encode anything (WinAnsi,
+    // '?' for the rest) and answer whether they had a code for every character; two-byte
+    // fonts fail on a character they have no code for. Control characters are dropped,
+    // tabs become spaces.
     bool encode(const std::u16string& s, Codes& out) const {
         static const char16_t k80[32] = {
             0x20AC, 0,      0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021, 0x02C6, 0x2030, 0x0160,
             0x2039, 0x0152, 0,      0x017D, 0,      0,      0x2018, 0x2019, 0x201C, 0x201D, 0x2022,
             0x2013, 0x2014, 0x02DC, 0x2122, 0x0161, 0x203A, 0x0153, 0,      0x017E, 0x0178};
         out.clear();
+        bool complete = true;
+        auto put = [&](uint32_t code, size_t at, bool space) {
+            Glyph g;
+            g.code = code;
+            g.cluster = static_cast<uint32_t>(at);
+            g.advance = g.nominal = advance(code);
+            g.space = space;
+            out.push_back(g);
+        };
         for (size_t i = 0; i < s.size(); ++i) {
             char16_t c = s[i];
             if (c >= 0xD800 && c <= 0xDFFF) {
                 if (mode != kSingleByte) return false;
                 if (c <= 0xDBFF && i + 1 < s.size() && s[i + 1] >= 0xDC00 && s[i + 1] <= 0xDFFF)
                     ++i; // one '?' for the pair
-                out.push_back('?');
+                put('?', i, false);
+                complete = false;
                 continue;
             }
             if (c == u'\t') c = u' ';
             if (c < 0x20) continue;
             if (mode == kUtf16) {
-                out.push_back(c);
+                put(c, i, c == u' ');
             } else if (mode == kCid) {
                 auto it = codeOf.find(c);
                 if (it == codeOf.end()) return false;
-                out.push_back(it->second);
+                put(it->second, i, c == u' ');
             } else if (c < 0x7F || (c >= 0xA0 && c <= 0xFF)) {
-                out.push_back(c);
+                put(c, i, c == u' ');
             } else {
                 uint32_t mapped = '?';
                 if (winAnsi) {
@@ -175,19 +187,65 @@ struct Font {
                 } else if (c <= 0xFF) {
                     mapped = c;
                 }
-                out.push_back(mapped);
+                complete = complete && mapped != '?';
+                put(mapped, i, false);
             }
         }
-        return true;
+        return complete;
+    }
+};
+
+// The fonts one widget's text is drawn with: one font of the file's or a standard one, or
+// the system's faces that together draw it, each character in the first that has it.
+struct Font {
+    std::vector<FontRes> res;
+    Document* doc = nullptr;
+    std::string language; // for shaping with the system's faces
+    double ascent = 0.718, descent = 0.207;
+
+    bool shaped() const { return !res.empty() && res[0].mode == FontRes::kEmbedded; }
+    double width(const Codes& codes, double size) const {
+        double w = 0;
+        for (const Glyph& g : codes)
+            w += g.advance;
+        return w * size / 1000;
+    }
+    // Whether every character of s has a glyph of its own here.
+    bool draws(const std::u16string& s) const {
+        Codes codes;
+        return shaped() || res[0].encode(s, codes);
     }
     Codes encode(const std::u16string& s) const {
         Codes out;
-        encode(s, out);
+        if (!shaped()) {
+            res[0].encode(s, out);
+            return out;
+        }
+        std::vector<EmbeddedFace*> faces;
+        for (const FontRes& r : res)
+            faces.push_back(r.face);
+        std::u16string clean = s;
+        for (auto& c : clean)
+            if (c == u'\t') c = u' ';
+        for (const ShapedGlyph& sg : shapeText(*doc, faces, clean, language)) {
+            if (clean[sg.cluster] < 0x20) continue;
+            Glyph g;
+            g.code = sg.gid;
+            g.cluster = sg.cluster;
+            g.advance = sg.advance;
+            g.nominal = sg.nominal;
+            g.dx = sg.dx;
+            g.dy = sg.dy;
+            g.font = sg.face;
+            g.level = sg.level;
+            g.space = sg.space;
+            out.push_back(g);
+        }
         return out;
     }
 };
 
-void readVerticalMetrics(Font& f, QPDFObjectHandle descriptor) {
+void readVerticalMetrics(FontRes& f, QPDFObjectHandle descriptor) {
     double ascent, descent;
     if (numberOf(descriptor.getKeyIfDict("/Ascent"), ascent) &&
         numberOf(descriptor.getKeyIfDict("/Descent"), descent) && ascent > 0 && ascent < 2000 &&
@@ -197,11 +255,12 @@ void readVerticalMetrics(Font& f, QPDFObjectHandle descriptor) {
     }
 }
 
-Font makeFont(const std::string& name, QPDFObjectHandle dict) {
-    Font f;
+FontRes makeFont(const std::string& name, QPDFObjectHandle dict) {
+    FontRes f;
     f.name = name;
     f.dict = dict;
-    std::string base = stripSubset(nameOf(dict.getKeyIfDict("/BaseFont")));
+    std::string base = nameOf(dict.getKeyIfDict("/BaseFont"));
+    if (!base.empty()) base = stripSubset(base.substr(1));
     auto has = [&](const char* part) { return base.find(part) != std::string::npos; };
     bool bold = has("Bold") || has("Black") || has("Heavy") || has("Semibold");
     if (has("Dingbats")) {
@@ -237,6 +296,13 @@ Font makeFont(const std::string& name, QPDFObjectHandle dict) {
     return f;
 }
 
+Font single(FontRes r) {
+    Font f;
+    f.ascent = r.ascent;
+    f.descent = r.descent;
+    f.res.push_back(std::move(r));
+    return f;
+}
 uint32_t hexValue(const std::string& hex) {
     uint32_t v = 0;
     for (char c : hex)
@@ -318,11 +384,11 @@ std::map<char16_t, uint32_t> reverseToUnicode(QPDFObjectHandle cmap) {
 
 // A Type0 font with two-byte codes that text can be encoded for: Identity-H with a
 // /ToUnicode, or a predefined UTF-16 (or UCS-2) CMap. Others give a font of no codes.
-Font makeType0(const std::string& name, QPDFObjectHandle dict) {
-    Font f;
+FontRes makeType0(const std::string& name, QPDFObjectHandle dict) {
+    FontRes f;
     f.name = name;
     f.dict = dict;
-    f.mode = Font::kCid;
+    f.mode = FontRes::kCid;
     std::string encoding = nameOf(dict.getKey("/Encoding"));
     auto endsWith = [&](const std::string& tail) {
         return encoding.size() > tail.size() &&
@@ -332,7 +398,7 @@ Font makeType0(const std::string& name, QPDFObjectHandle dict) {
         QPDFObjectHandle toUnicode = dict.getKey("/ToUnicode");
         if (toUnicode.isStream()) f.codeOf = reverseToUnicode(toUnicode);
     } else if (endsWith("-UTF16-H") || endsWith("-UCS2-H")) {
-        f.mode = Font::kUtf16;
+        f.mode = FontRes::kUtf16;
     }
     QPDFObjectHandle kids = dict.getKey("/DescendantFonts");
     QPDFObjectHandle cid = kids.isArray() && kids.getArrayNItems() > 0
@@ -372,8 +438,8 @@ Font makeType0(const std::string& name, QPDFObjectHandle dict) {
 
 // A standard font under its usual resource name: the form's own when its /DR has that
 // font there, else a dictionary of the stream's own.
-Font standardFont(Document& doc, const std::string& name, const std::string& baseFont,
-                  bool winAnsi) {
+FontRes standardFont(Document& doc, const std::string& name, const std::string& baseFont,
+                     bool winAnsi) {
     QPDFObjectHandle form = acroForm(doc, false);
     QPDFObjectHandle dict = form.isDictionary()
                                 ? form.getKey("/DR").getKeyIfDict("/Font").getKeyIfDict("/" + name)
@@ -383,31 +449,147 @@ Font standardFont(Document& doc, const std::string& name, const std::string& bas
     return makeFont(name, dict);
 }
 
-Font helvetica(Document& doc) {
+FontRes helvetica(Document& doc) {
     return standardFont(doc, "Helv", "Helvetica", true);
 }
-Font dingbats(Document& doc) {
+FontRes dingbats(Document& doc) {
     return standardFont(doc, "ZaDb", "ZapfDingbats", false);
 }
 
-// The text font of a widget: the /DA font when it can be found and encodes all of texts,
-// else Helvetica.
+// Whether viewers draw a simple font as its widths say: a standard font, or one the file
+// embeds. Any other is drawn in whatever font a viewer finds for its name.
+bool drawnAsMeasured(QPDFObjectHandle dict) {
+    QPDFObjectHandle descriptor = dict.getKeyIfDict("/FontDescriptor");
+    for (const char* file : {"/FontFile", "/FontFile2", "/FontFile3"})
+        if (descriptor.getKeyIfDict(file).isStream()) return true;
+    static const std::set<std::string> kStandard14 = {
+        "/Helvetica",   "/Helvetica-Bold",        "/Helvetica-Oblique",   "/Helvetica-BoldOblique",
+        "/Times-Roman", "/Times-Bold",            "/Times-Italic",        "/Times-BoldItalic",
+        "/Courier",     "/Courier-Bold",          "/Courier-Oblique",     "/Courier-BoldOblique",
+        "/Symbol",      "/ZapfDingbats"};
+    return kStandard14.count(nameOf(dict.getKeyIfDict("/BaseFont"))) > 0;
+}
+
+// The language to choose faces for: Japanese for kana, Korean for hangul; for other Han
+// text the document's /Lang when it names Chinese or Korean, else Japanese.
+std::string languageOf(Document& doc, const std::u16string& text) {
+    bool han = false;
+    for (char16_t c : text) {
+        if ((c >= 0x3040 && c <= 0x30FF) || (c >= 0x31F0 && c <= 0x31FF) ||
+            (c >= 0xFF66 && c <= 0xFF9F))
+            return "ja";
+        if ((c >= 0xAC00 && c <= 0xD7AF) || (c >= 0x1100 && c <= 0x11FF) ||
+            (c >= 0x3130 && c <= 0x318F))
+            return "ko";
+        han = han || (c >= 0x3400 && c <= 0x9FFF) || (c >= 0xF900 && c <= 0xFAFF) ||
+              (c >= 0xD840 && c <= 0xD87F);
+    }
+    if (!han) return {};
+    std::string lang = toUtf8(textOf(doc.qpdf->getRoot().getKey("/Lang")));
+    for (auto& ch : lang)
+        ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+    if (lang.rfind("zh", 0) == 0 || lang.rfind("ko", 0) == 0) return lang.substr(0, 2);
+    return "ja";
+}
+
+// The fonts of a widget's text: the /DA font when it draws all of texts as viewers will
+// show it, else Helvetica when that draws them, else the system's faces that draw them,
+// embedded, with the /DA font's family first. With no face for them at all, Helvetica and
+// a warning.
 Font textFont(Document& doc, QPDFObjectHandle widget, const DefaultAppearance& da,
               const std::vector<std::u16string>& texts) {
+    auto drawsAll = [&](const Font& f) {
+        return std::all_of(texts.begin(), texts.end(),
+                           [&](const std::u16string& t) { return f.draws(t); });
+    };
+    std::string family;
+    EmbeddedFace* embedded = nullptr;
     if (!da.font.empty()) {
         QPDFObjectHandle dict = findFontResource(doc, widget, da.font);
         std::string subtype = nameOf(dict.getKeyIfDict("/Subtype"));
-        if (subtype == "/Type1" || subtype == "/TrueType" || subtype == "/MMType1")
-            return makeFont(da.font, dict);
-        if (subtype == "/Type0") {
-            Font f = makeType0(da.font, dict);
+        int style = 0;
+        fontFamilyOf(dict, family, style);
+        if ((subtype == "/Type1" || subtype == "/TrueType" || subtype == "/MMType1") &&
+            drawnAsMeasured(dict)) {
+            Font f = single(makeFont(da.font, dict));
+            if (drawsAll(f)) return f;
+        }
+        // A face of the system's that an earlier drawing embedded is shaped again, and
+        // draws on in the same font.
+        embedded = faceOfFont(doc, dict);
+        if (!embedded && subtype == "/Type0") {
+            Font f = single(makeType0(da.font, dict));
             Codes codes;
-            if (std::all_of(texts.begin(), texts.end(),
-                            [&](const std::u16string& t) { return f.encode(t, codes); }))
+            if (f.res[0].mode == FontRes::kCid &&
+                std::all_of(texts.begin(), texts.end(),
+                            [&](const std::u16string& t) { return f.res[0].encode(t, codes); }))
                 return f;
         }
     }
-    return helvetica(doc);
+    Font standard = single(helvetica(doc));
+    if (drawsAll(standard)) return standard;
+
+    std::u16string all;
+    for (const auto& t : texts)
+        all += t + u' ';
+    Font f;
+    f.doc = &doc;
+    f.language = languageOf(doc, all);
+    std::set<std::string> names;
+    for (EmbeddedFace* face : facesFor(doc, family, f.language, all, embedded)) {
+        FontRes r;
+        r.mode = FontRes::kEmbedded;
+        r.face = face;
+        r.dict = face->dictionary();
+        r.name = face->resourceName();
+        for (int k = 1; !names.insert(r.name).second; ++k)
+            r.name = face->resourceName() + std::to_string(k);
+        r.ascent = face->ascent();
+        r.descent = face->descent();
+        f.res.push_back(std::move(r));
+    }
+    if (f.res.empty()) {
+        shapeText(doc, {}, all, f.language); // warns about what no face draws
+        return standard;
+    }
+    f.ascent = f.res[0].ascent;
+    f.descent = f.res[0].descent;
+    return f;
+}
+
+// Text that only the system's faces draw: the faces go into the form's /DR, where a later
+// session finds them to draw on in the same fonts, and the widget's /DA names the first of
+// them, as a font of the family the /DA asked for, so that a viewer that draws the widget
+// anew (for /NeedAppearances, or as a person fills it in) finds the glyphs and their
+// /ToUnicode.
+void nameInForm(Document& doc, QPDFObjectHandle widget, const Font& font, DefaultAppearance da) {
+    if (!font.shaped()) return;
+    QPDFObjectHandle fonts = formFonts(doc);
+    auto keyOf = [&](QPDFObjectHandle dict, const std::string& base) {
+        for (auto const& k : fonts.getKeys())
+            if (fonts.getKey(k).isIndirect() && fonts.getKey(k).getObjGen() == dict.getObjGen())
+                return k.substr(1);
+        std::string key = base;
+        for (int n = 1; fonts.hasKey("/" + key); ++n)
+            key = base + std::to_string(n);
+        fonts.replaceKey("/" + key, dict);
+        return key;
+    };
+    for (const FontRes& r : font.res)
+        keyOf(r.dict, r.face->resourceName());
+    EmbeddedFace* face = font.res[0].face;
+    QPDFObjectHandle asked =
+        da.font.empty() ? QPDFObjectHandle::newNull() : findFontResource(doc, widget, da.font);
+    if (asked.isDictionary() && faceOfFont(doc, asked) == face) return;
+    std::string family, letters;
+    int style = 0;
+    if (!fontFamilyOf(asked, family, style)) family.clear(), style = 0;
+    for (char c : family)
+        if (std::isalnum(static_cast<unsigned char>(c))) letters += c;
+    da.font = keyOf(face->dictionaryFor(family, style),
+                    letters.empty() ? face->resourceName() : letters + "-" + face->resourceName());
+    QPDFObjectHandle holder = widget.getKey("/DA").isString() ? widget : holderOf(widget);
+    holder.replaceKey("/DA", QPDFObjectHandle::newString(writeDA(da)));
 }
 
 // ---- text --------------------------------------------------------------------------
@@ -432,6 +614,39 @@ std::string literal(const std::string& bytes) {
     return out + ")";
 }
 
+std::string hexString(const std::string& bytes) {
+    static const char digits[] = "0123456789ABCDEF";
+    std::string out = "<";
+    for (unsigned char b : bytes) {
+        out += digits[b >> 4];
+        out += digits[b & 0xF];
+    }
+    return out + ">";
+}
+
+// The order glyphs are drawn in, left to right: from the highest level down to the lowest
+// odd one, every run at that level or above is turned around.
+Codes visualOrder(Codes codes) {
+    uint8_t top = 0;
+    for (const Glyph& g : codes)
+        top = std::max(top, g.level);
+    for (uint8_t level = top; level >= 1; --level) {
+        for (size_t i = 0; i < codes.size();) {
+            if (codes[i].level < level) {
+                ++i;
+                continue;
+            }
+            size_t j = i;
+            while (j < codes.size() && codes[j].level >= level)
+                ++j;
+            std::reverse(codes.begin() + static_cast<std::ptrdiff_t>(i),
+                         codes.begin() + static_cast<std::ptrdiff_t>(j));
+            i = j;
+        }
+    }
+    return codes;
+}
+
 std::vector<std::u16string> splitLines(const std::u16string& s) {
     std::vector<std::u16string> lines(1);
     for (size_t i = 0; i < s.size(); ++i) {
@@ -453,18 +668,17 @@ std::u16string oneLine(std::u16string s) {
 
 // Greedy word wrap of one encoded paragraph into lines no wider than avail; a word longer
 // than a line is broken between characters.
-std::vector<Codes> wrap(const Codes& para, const Font& font, double size, double avail) {
+std::vector<Codes> wrap(const Codes& para, double size, double avail) {
     std::vector<Codes> lines;
-    const uint32_t space = font.space();
     size_t start = 0, n = para.size();
     if (n == 0) lines.emplace_back();
     while (start < n) {
         double w = 0;
         size_t i = start, lastSpace = SIZE_MAX;
         while (i < n) {
-            double cw = font.advance(para[i]) * size / 1000;
-            if (w + cw > avail && i > start && para[i] != space) break;
-            if (para[i] == space) lastSpace = i;
+            double cw = para[i].advance * size / 1000;
+            if (w + cw > avail && i > start && !para[i].space) break;
+            if (para[i].space) lastSpace = i;
             w += cw;
             ++i;
         }
@@ -475,10 +689,10 @@ std::vector<Codes> wrap(const Codes& para, const Font& font, double size, double
         }
         Codes line(para.begin() + static_cast<std::ptrdiff_t>(start),
                    para.begin() + static_cast<std::ptrdiff_t>(end));
-        while (!line.empty() && line.back() == space)
+        while (!line.empty() && line.back().space)
             line.pop_back();
         lines.push_back(line);
-        while (next < n && para[next] == space && next > start)
+        while (next < n && para[next].space && next > start)
             ++next;
         start = next;
     }
@@ -547,11 +761,54 @@ class Content {
         arc(cx, cy, r, 0, 2 * kPi, true);
         s += "h\n";
     }
+    // Text starting at (x, y): runs of one font and one rise, each shown with Tj, or with
+    // TJ where shaping moved glyphs from where the font's widths put them.
     void text(const Font& f, double size, const Colour& colour, double x, double y,
-              const Codes& codes) {
-        s += "BT\n/" + f.name + ' ' + num(size) + " Tf\n";
+              const Codes& logical) {
+        const Codes codes = visualOrder(logical);
+        uint8_t current = codes.empty() ? 0 : codes[0].font;
+        s += "BT\n/" + f.res[current].name + ' ' + num(size) + " Tf\n";
         if (colour.present()) s += colour.op(false);
-        s += "1 0 0 1 " + num(x) + ' ' + num(y) + " Tm\n" + literal(f.bytes(codes)) + " Tj\nET\n";
+        s += "1 0 0 1 " + num(x) + ' ' + num(y) + " Tm\n";
+        std::string shown, bytes;
+        bool moved = false;
+        double rise = 0;
+        auto endString = [&] {
+            if (bytes.empty()) return;
+            shown += f.res[current].twoBytes() ? hexString(bytes) : literal(bytes);
+            bytes.clear();
+        };
+        auto shift = [&](double by) { // thousandths of an em to the right
+            if (std::fabs(by) < 0.05) return;
+            endString();
+            shown += ' ' + num(-by) + ' ';
+            moved = true;
+        };
+        auto endRun = [&] {
+            endString();
+            if (!shown.empty()) s += moved ? "[" + shown + "] TJ\n" : shown + " Tj\n";
+            shown.clear();
+            moved = false;
+        };
+        for (const Glyph& g : codes) {
+            if (g.font != current) {
+                endRun();
+                current = g.font;
+                s += '/' + f.res[current].name + ' ' + num(size) + " Tf\n";
+            }
+            if (g.dy != rise) {
+                endRun();
+                rise = g.dy;
+                s += num(rise * size / 1000) + " Ts\n";
+            }
+            shift(g.dx);
+            if (f.res[current].twoBytes()) bytes += static_cast<char>((g.code >> 8) & 0xFF);
+            bytes += static_cast<char>(g.code & 0xFF);
+            shift(g.advance - g.dx - g.nominal);
+        }
+        endRun();
+        if (rise != 0) s += "0 Ts\n";
+        s += "ET\n";
     }
 };
 
@@ -702,30 +959,45 @@ Frame frameOf(QPDFObjectHandle widget, double w, double h) {
     return f;
 }
 
+// The first line of every appearance stream drawn here. A widget whose streams all carry it
+// is drawn again from its entries when it changes; any other stream is the author's, and
+// is kept where this engine could not draw it as well (keepsAuthoredLook).
+constexpr std::string_view kDrawnMark = "%qf-forms\n";
+
+// The /Matrix that turns a box drawn upright (w x h after /MK /R) into the rectangle's
+// own orientation: rotation 90 turns it counterclockwise, as /MK /R means.
+std::array<double, 6> rotationMatrix(int rotation, double rectW, double rectH) {
+    if (rotation == 90) return {0, 1, -1, 0, rectW, 0};
+    if (rotation == 180) return {-1, 0, 0, -1, rectW, rectH};
+    if (rotation == 270) return {0, -1, 1, 0, 0, rectH};
+    return {1, 0, 0, 1, 0, 0};
+}
+
 // A form XObject of the content: written into reuse when that is a stream (its dictionary
-// emptied first), else a new stream.
+// emptied first), else a new stream. A frame, when given, is the author's drawing under
+// the content, named /Frame in its resources.
 QPDFObjectHandle makeForm(Document& doc, const Frame& f, int rotation, double rectW, double rectH,
                           const std::vector<const Font*>& fonts, const std::string& content,
-                          QPDFObjectHandle icon, QPDFObjectHandle reuse) {
+                          QPDFObjectHandle icon, QPDFObjectHandle reuse,
+                          QPDFObjectHandle frame = QPDFObjectHandle::newNull()) {
+    std::string data;
+    data.reserve(kDrawnMark.size() + content.size());
+    data.append(kDrawnMark).append(content);
     QPDFObjectHandle stream = reuse;
     if (stream.isStream()) {
         for (const auto& key : stream.getDict().getKeys())
             stream.getDict().removeKey(key);
-        stream.replaceStreamData(content, QPDFObjectHandle::newNull(),
-                                 QPDFObjectHandle::newNull());
+        stream.replaceStreamData(data, QPDFObjectHandle::newNull(), QPDFObjectHandle::newNull());
     } else {
-        stream = makeStream(doc, content);
+        stream = makeStream(doc, data);
     }
     QPDFObjectHandle d = stream.getDict();
     d.replaceKey("/Type", QPDFObjectHandle::newName("/XObject"));
     d.replaceKey("/Subtype", QPDFObjectHandle::newName("/Form"));
     d.replaceKey("/BBox", QPDFObjectHandle::newArray({real(0), real(0), real(f.w), real(f.h)}));
     if (rotation != 0) {
-        std::vector<double> m = {-1, 0, 0, -1, rectW, rectH};
-        if (rotation == 90) m = {0, 1, -1, 0, rectW, 0};
-        if (rotation == 270) m = {0, -1, 1, 0, 0, rectH};
         auto matrix = QPDFObjectHandle::newArray();
-        for (double v : m)
+        for (double v : rotationMatrix(rotation, rectW, rectH))
             matrix.appendItem(real(v));
         d.replaceKey("/Matrix", matrix);
     }
@@ -733,12 +1005,14 @@ QPDFObjectHandle makeForm(Document& doc, const Frame& f, int rotation, double re
     if (!fonts.empty()) {
         auto fontDict = QPDFObjectHandle::newDictionary();
         for (const Font* font : fonts)
-            fontDict.replaceKey("/" + font->name, font->dict);
+            for (const FontRes& r : font->res)
+                fontDict.replaceKey("/" + r.name, r.dict);
         resources.replaceKey("/Font", fontDict);
     }
-    if (icon.isStream()) {
+    if (icon.isStream() || frame.isStream()) {
         auto xobjects = QPDFObjectHandle::newDictionary();
-        xobjects.replaceKey("/Icon", icon);
+        if (icon.isStream()) xobjects.replaceKey("/Icon", icon);
+        if (frame.isStream()) xobjects.replaceKey("/Frame", frame);
         resources.replaceKey("/XObject", xobjects);
     }
     d.replaceKey("/Resources", resources);
@@ -755,6 +1029,7 @@ struct Context {
     DefaultAppearance da;
     uint32_t flags = 0;
     int quadding = 0;
+    bool overFrame = false; // drawn over the author's frame, which has its own dividers
 };
 
 // One line of text, aligned by /Q between x0 and x0 + availW and centred in the row from y0
@@ -797,25 +1072,30 @@ void textContent(Context& cx, Content& c, const Font& font, const std::u16string
     c << "/Tx BMC\n";
     c.clip(in, in, boxW, boxH);
     if (comb) {
-        Codes codes = font.encode(oneLine(value));
-        if (codes.size() > static_cast<size_t>(maxLen)) codes.resize(maxLen);
+        // One character a cell; a glyph that does not advance (a mark) shares the cell of
+        // the glyph before it.
+        std::vector<Codes> cells;
+        for (const Glyph& g : font.encode(oneLine(value))) {
+            if (cells.empty() || g.advance > 0) cells.emplace_back();
+            cells.back().push_back(g);
+        }
+        if (cells.size() > static_cast<size_t>(maxLen)) cells.resize(maxLen);
         double cell = f.w / static_cast<double>(maxLen);
         double size = cx.da.size;
         if (size <= 0) {
             size = autoSize(font, {}, 0, boxH);
             double widest = 0;
-            for (uint32_t code : codes)
-                widest = std::max(widest, font.advance(code) / 1000);
+            for (const Codes& one : cells)
+                widest = std::max(widest, font.width(one, 1));
             if (widest > 0) size = std::max(kMinAuto, std::min(size, cell * 0.9 / widest));
         }
-        size_t first = 0, free = static_cast<size_t>(maxLen) - codes.size();
+        size_t first = 0, free = static_cast<size_t>(maxLen) - cells.size();
         if (cx.quadding == 1) first = free / 2;
         if (cx.quadding == 2) first = free;
         double y = baselineCentred(font, size, in, boxH);
-        for (size_t i = 0; i < codes.size(); ++i) {
-            Codes one{codes[i]};
-            double x = (first + i) * cell + (cell - font.width(one, size)) / 2;
-            c.text(font, size, cx.da.colour, x, y, one);
+        for (size_t i = 0; i < cells.size(); ++i) {
+            double x = (first + i) * cell + (cell - font.width(cells[i], size)) / 2;
+            c.text(font, size, cx.da.colour, x, y, cells[i]);
         }
     } else if (multiline) {
         std::vector<Codes> paras;
@@ -824,7 +1104,7 @@ void textContent(Context& cx, Content& c, const Font& font, const std::u16string
         auto layout = [&](double size) {
             std::vector<Codes> lines;
             for (auto& p : paras)
-                for (auto& l : wrap(p, font, size, availW))
+                for (auto& l : wrap(p, size, availW))
                     lines.push_back(l);
             return lines;
         };
@@ -850,7 +1130,7 @@ void textContent(Context& cx, Content& c, const Font& font, const std::u16string
     }
     c << "Q\nEMC\n";
     // Cell dividers of a comb field, in the border colour.
-    if (comb && f.hasBorder() && f.style != kUnderline) {
+    if (comb && f.hasBorder() && f.style != kUnderline && !cx.overFrame) {
         c << "q\n" << num(f.bw) << " w\n" << f.bc.op(true);
         for (int64_t i = 1; i < maxLen; ++i) {
             double x = f.w * static_cast<double>(i) / static_cast<double>(maxLen);
@@ -910,10 +1190,11 @@ void choiceContent(Context& cx, Content& c, const Font& font, const std::vector<
 }
 
 // The ZapfDingbats character of a check box or radio button.
-Codes boxGlyph(QPDFObjectHandle widget, bool radio) {
+Codes boxGlyph(const Font& zadb, QPDFObjectHandle widget, bool radio) {
     std::u16string caption = textOf(widget.getKeyIfDict("/MK").getKeyIfDict("/CA"));
-    if (!caption.empty() && caption[0] > 0x20 && caption[0] < 0x7F) return {caption[0]};
-    return {radio ? uint32_t('l') : uint32_t('4')};
+    if (!caption.empty() && caption[0] > 0x20 && caption[0] < 0x7F)
+        return zadb.encode(caption.substr(0, 1));
+    return zadb.encode(radio ? u"l" : u"4");
 }
 
 void glyphContent(Context& cx, Content& c, const Font& zadb, const Codes& glyph) {
@@ -1021,11 +1302,231 @@ Colour pressed(const Colour& bg) {
     return bg.present() ? bg.scaled(0.75) : Colour::grey(0.75);
 }
 
+// ---- the author's drawings -------------------------------------------------------------
+
+using Matrix = std::array<double, 6>;
+
+// a, then b (PDF matrices apply to row vectors).
+Matrix times(const Matrix& a, const Matrix& b) {
+    return {a[0] * b[0] + a[1] * b[2],        a[0] * b[1] + a[1] * b[3],
+            a[2] * b[0] + a[3] * b[2],        a[2] * b[1] + a[3] * b[3],
+            a[4] * b[0] + a[5] * b[2] + b[4], a[4] * b[1] + a[5] * b[3] + b[5]};
+}
+
+std::optional<Matrix> inverse(const Matrix& m) {
+    double det = m[0] * m[3] - m[1] * m[2];
+    if (std::fabs(det) < 1e-12) return std::nullopt;
+    Matrix r = {m[3] / det, -m[1] / det, -m[2] / det, m[0] / det, 0, 0};
+    r[4] = -(m[4] * r[0] + m[5] * r[2]);
+    r[5] = -(m[4] * r[1] + m[5] * r[3]);
+    return r;
+}
+
+// How a viewer puts a form XObject into a rectangle of w x h: its /BBox, turned by its
+// /Matrix, scaled and moved onto (0, 0, w, h). Nothing for a box without area.
+std::optional<Matrix> fitting(QPDFObjectHandle form, double w, double h) {
+    QPDFObjectHandle dict = form.getDict();
+    QPDFObjectHandle box = dict.getKey("/BBox"), m = dict.getKey("/Matrix");
+    double b[4];
+    if (!box.isArray() || box.getArrayNItems() != 4) return std::nullopt;
+    for (int i = 0; i < 4; ++i)
+        if (!numberOf(box.getArrayItem(i), b[i])) return std::nullopt;
+    Matrix turn = {1, 0, 0, 1, 0, 0};
+    if (m.isArray() && m.getArrayNItems() == 6)
+        for (int i = 0; i < 6; ++i)
+            if (!numberOf(m.getArrayItem(i), turn[i])) turn = {1, 0, 0, 1, 0, 0};
+    double x0 = INFINITY, y0 = INFINITY, x1 = -INFINITY, y1 = -INFINITY;
+    for (double x : {b[0], b[2]})
+        for (double y : {b[1], b[3]}) {
+            double tx = x * turn[0] + y * turn[2] + turn[4];
+            double ty = x * turn[1] + y * turn[3] + turn[5];
+            x0 = std::min(x0, tx), x1 = std::max(x1, tx);
+            y0 = std::min(y0, ty), y1 = std::max(y1, ty);
+        }
+    if (!(x1 - x0 > 1e-6) || !(y1 - y0 > 1e-6) || w <= 0 || h <= 0) return std::nullopt;
+    double sx = w / (x1 - x0), sy = h / (y1 - y0);
+    return Matrix{sx, 0, 0, sy, -x0 * sx, -y0 * sy};
+}
+
+// The decoded content of a stream; nothing when it cannot be decoded.
+std::optional<std::string> contentOf(QPDFObjectHandle stream) {
+    try {
+        auto data = stream.getStreamData(qpdf_dl_generalized);
+        return std::string(reinterpret_cast<const char*>(data->getBuffer()), data->getSize());
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
+}
+
+// The streams of an /AP entry: the entry itself, or each of its states.
+std::vector<QPDFObjectHandle> streamsOf(QPDFObjectHandle entry) {
+    std::vector<QPDFObjectHandle> out;
+    if (entry.isStream()) {
+        out.push_back(entry);
+    } else if (entry.isDictionary()) {
+        for (auto const& key : entry.getKeys()) {
+            QPDFObjectHandle s = entry.getKey(key);
+            if (s.isStream()) out.push_back(s);
+        }
+    }
+    return out;
+}
+
+// Whether the widget shows a drawing that pdfcore did not make: a readable stream in /AP
+// without the mark of pdfcore's drawings. A widget without one has nothing of its
+// author's to keep.
+bool showsAuthoredLook(QPDFObjectHandle widget) {
+    QPDFObjectHandle ap = widget.getKeyIfDict("/AP");
+    for (const char* which : {"/N", "/D", "/R"})
+        for (auto& stream : streamsOf(ap.getKeyIfDict(which))) {
+            auto content = contentOf(stream);
+            if (content && content->compare(0, kDrawnMark.size(), kDrawnMark) != 0) return true;
+        }
+    return false;
+}
+
+// Reads the tokens of a content stream, calling visit(token, start, end) for each (the
+// byte range it takes), inline image data skipped. Stops at the end, at a token that cannot
+// be read, or when visit answers false.
+template <typename Visit> void scanContent(const std::string& content, Visit&& visit) {
+    auto input = std::make_shared<BufferInputSource>("appearance", content);
+    QPDFTokenizer tokenizer;
+    tokenizer.allowEOF();
+    for (;;) {
+        QPDFTokenizer::Token token = tokenizer.readToken(input, "appearance", true);
+        if (token.getType() == QPDFTokenizer::tt_eof || token.getType() == QPDFTokenizer::tt_bad)
+            return;
+        size_t start = static_cast<size_t>(input->getLastOffset());
+        size_t end = static_cast<size_t>(input->tell());
+        if (!visit(token, start, end)) return;
+        if (token.isWord("ID")) {
+            char space;
+            input->read(&space, 1);
+            tokenizer.expectInlineImage(input);
+            tokenizer.readToken(input, "appearance", true);
+        }
+    }
+}
+
+// Whether content paints anything: a fill, a stroke, text, an image, a shading or an
+// XObject.
+bool paints(const std::string& content) {
+    static const std::set<std::string> kPainting = {"f",  "F", "f*", "B", "B*", "b",  "b*",
+                                                    "S",  "s", "Tj", "TJ", "'", "\"", "Do",
+                                                    "sh", "ID"};
+    bool found = false;
+    scanContent(content, [&](const QPDFTokenizer::Token& token, size_t, size_t) {
+        found = token.getType() == QPDFTokenizer::tt_word && kPainting.count(token.getValue());
+        return !found;
+    });
+    return found;
+}
+
+bool paints(QPDFObjectHandle stream) {
+    auto content = contentOf(stream);
+    return content && paints(*content);
+}
+
+// content without the marked content that holds a text or choice field's value
+// (/Tx BMC ... EMC); nothing when it holds none.
+std::optional<std::string> withoutVariableText(const std::string& content) {
+    std::string out;
+    size_t copied = 0, textStart = 0, nameStart = 0;
+    int depth = 0;
+    bool afterTx = false, found = false;
+    scanContent(content, [&](const QPDFTokenizer::Token& token, size_t start, size_t end) {
+        bool word = token.getType() == QPDFTokenizer::tt_word;
+        if (depth == 0) {
+            if (afterTx && token.isWord("BMC")) {
+                depth = 1;
+                textStart = nameStart;
+            }
+            afterTx = token.getType() == QPDFTokenizer::tt_name && token.getValue() == "/Tx";
+            nameStart = start;
+        } else if (word && (token.getValue() == "BMC" || token.getValue() == "BDC")) {
+            ++depth;
+        } else if (word && token.getValue() == "EMC" && --depth == 0) {
+            out.append(content, copied, textStart - copied);
+            copied = end;
+            found = true;
+        }
+        return true;
+    });
+    if (depth > 0) { // left open: the text runs to the end
+        out.append(content, copied, textStart - copied);
+        copied = content.size();
+        found = true;
+    }
+    if (!found) return std::nullopt;
+    out.append(content, copied, std::string::npos);
+    return out;
+}
+
+// The author's drawing of a text or choice field without its text, as a form XObject of
+// its own (the same box, matrix and resources); null when the drawing does not set its
+// text apart as marked content, so that the two cannot be told apart.
+QPDFObjectHandle authoredFrame(Document& doc, QPDFObjectHandle normal) {
+    if (!normal.isStream()) return QPDFObjectHandle::newNull();
+    auto content = contentOf(normal);
+    if (!content) return QPDFObjectHandle::newNull();
+    auto frame = withoutVariableText(*content);
+    if (!frame || !fitting(normal, 1, 1)) return QPDFObjectHandle::newNull();
+    QPDFObjectHandle stream = makeStream(doc, *frame);
+    QPDFObjectHandle from = normal.getDict(), to = stream.getDict();
+    to.replaceKey("/Type", QPDFObjectHandle::newName("/XObject"));
+    to.replaceKey("/Subtype", QPDFObjectHandle::newName("/Form"));
+    for (const char* key : {"/BBox", "/Matrix", "/Resources"})
+        if (from.hasKey(key)) to.replaceKey(key, from.getKey(key));
+    return stream;
+}
+
+// The frame a drawing of pdfcore's laid text over: /Frame among its resources.
+QPDFObjectHandle ownFrame(QPDFObjectHandle normal) {
+    if (!normal.isStream()) return QPDFObjectHandle::newNull();
+    QPDFObjectHandle frame =
+        normal.getDict().getKey("/Resources").getKeyIfDict("/XObject").getKeyIfDict("/Frame");
+    return frame.isStream() ? frame : QPDFObjectHandle::newNull();
+}
+
+// Draws frame fitted into the rectangle as a viewer would draw it alone, from inside a
+// form XObject turned by /MK /R.
+void drawAuthoredFrame(Content& c, QPDFObjectHandle frame, int rotation, double rectW,
+                       double rectH) {
+    auto fit = fitting(frame, rectW, rectH);
+    auto unturn = inverse(rotationMatrix(rotation, rectW, rectH));
+    if (!fit || !unturn) return;
+    Matrix m = times(*fit, *unturn);
+    c << "q\n";
+    for (double v : m)
+        c << num(v) << " ";
+    c << "cm\n/Frame Do\nQ\n";
+}
+
+// Where a drawing would leave a state empty that the author's drawing showed, the author's
+// stream stays.
+void keepVisibleStates(QPDFObjectHandle before, QPDFObjectHandle ap) {
+    for (const char* which : {"/N", "/D"}) {
+        QPDFObjectHandle was = before.getKeyIfDict(which), now = ap.getKeyIfDict(which);
+        if (was.isStream() && now.isStream()) {
+            if (!paints(now) && paints(was)) ap.replaceKey(which, was);
+        } else if (was.isDictionary() && !was.isStream() && now.isDictionary() &&
+                   !now.isStream()) {
+            for (auto const& state : now.getKeys()) {
+                QPDFObjectHandle old = was.getKey(state);
+                if (old.isStream() && !paints(now.getKey(state)) && paints(old))
+                    now.replaceKey(state, old);
+            }
+        }
+    }
+}
+
 } // namespace
 
 namespace {
 
-void drawAppearance(Document& doc, QPDFObjectHandle widget) {
+void drawAppearance(Document& doc, QPDFObjectHandle widget, Redraw what) {
     if (!widget.isDictionary()) return;
     QPDFObjectHandle field = holderOf(widget);
     std::string type = nameOf(inherited(field, "/FT"));
@@ -1034,6 +1535,31 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget) {
     bool hasAppearance = widget.getKeyIfDict("/AP").isDictionary();
     if (hasAppearance && type == "/Sig" && inherited(field, "/V").isDictionary()) return;
     if (hasAppearance && type.empty()) return;
+
+    const auto flags = static_cast<uint32_t>(intOf(inherited(field, "/Ff"), 0));
+    const bool checkOrRadio = type == "/Btn" && !(flags & PD_FIELD_PUSHBUTTON);
+    const bool textual = type == "/Tx" || type == "/Ch";
+    QPDFObjectHandle before = widget.getKeyIfDict("/AP");
+    const bool authored = showsAuthoredLook(widget);
+    // The author's frame stays under the text that a new size, value or text style needs;
+    // so does one that an earlier drawing here kept.
+    QPDFObjectHandle frame = QPDFObjectHandle::newNull();
+    if (textual && what != Redraw::kAll) {
+        QPDFObjectHandle normal = before.getKeyIfDict("/N");
+        frame = authored ? authoredFrame(doc, normal) : ownFrame(normal);
+        if (authored && frame.isNull() && what == Redraw::kSize) return;
+    } else if (authored && !textual && what <= Redraw::kValue) {
+        // A check box or radio button shows its value by its state; one without a drawing
+        // of its on-state is drawn anew.
+        std::string on = onStateName(widget);
+        if (!checkOrRadio || what == Redraw::kSize) return;
+        if (before.getKeyIfDict("/N").getKeyIfDict(on).isStream()) {
+            std::vector<std::u16string> values = valuesOf(inherited(field, "/V"));
+            bool isOn = !values.empty() && values[0] == toU16(on.substr(1));
+            widget.replaceKey("/AS", QPDFObjectHandle::newName(isOn ? on : "/Off"));
+            return;
+        }
+    }
 
     double rect[4] = {0, 0, 0, 0};
     QPDFObjectHandle r = widget.getKey("/Rect");
@@ -1051,10 +1577,10 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget) {
                field,
                frameOf(widget, swap ? rectH : rectW, swap ? rectW : rectH),
                parseDA(effectiveDA(doc, widget)),
-               0,
+               flags,
                0};
-    cx.flags = static_cast<uint32_t>(intOf(inherited(field, "/Ff"), 0));
     cx.quadding = static_cast<int>(std::clamp<int64_t>(intOf(quaddingEntry(doc, widget), 0), 0, 2));
+    cx.overFrame = frame.isStream();
 
     // The streams this widget's last drawing made are written again rather than left
     // behind in the document: a widget styled, turned on and grouped in a row is drawn
@@ -1075,17 +1601,25 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget) {
             spare.pop_back();
         }
         drawn.push_back(makeForm(doc, cx.frame, static_cast<int>(rotation), rectW, rectH, fonts,
-                                 content, icon, reuse));
+                                 content, icon, reuse, frame));
         return drawn.back();
+    };
+    // Background and border: the author's when kept, else from /MK and /BS.
+    auto underlay = [&](Content& c) {
+        if (frame.isStream()) {
+            drawAuthoredFrame(c, frame, static_cast<int>(rotation), rectW, rectH);
+        } else {
+            drawFrame(c, cx.frame, cx.frame.bg);
+        }
     };
     auto ap = QPDFObjectHandle::newDictionary();
     const Frame& f = cx.frame;
 
-    if (type == "/Btn" && !(cx.flags & PD_FIELD_PUSHBUTTON)) {
+    if (checkOrRadio) {
         bool radio = (cx.flags & PD_FIELD_RADIO) != 0;
         cx.frame.round = radio;
-        Font zadb = dingbats(doc);
-        Codes glyph = boxGlyph(widget, radio);
+        Font zadb = single(dingbats(doc));
+        Codes glyph = boxGlyph(zadb, widget, radio);
         std::string on = onStateName(widget);
         auto states = [&](const Colour& bg) {
             Content offC, onC;
@@ -1108,6 +1642,7 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget) {
         std::u16string down = caption;
         if (mk.getKeyIfDict("/AC").isString()) down = textOf(mk.getKeyIfDict("/AC"));
         Font font = textFont(doc, widget, cx.da, {caption, down});
+        nameInForm(doc, widget, font, cx.da);
         QPDFObjectHandle icon = mk.getKeyIfDict("/I");
         QPDFObjectHandle downIcon = mk.getKeyIfDict("/IX");
         if (!icon.isStream()) icon = QPDFObjectHandle::newNull();
@@ -1125,8 +1660,9 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget) {
     } else if (type == "/Tx") {
         std::u16string value = shownText(cx);
         Font font = textFont(doc, widget, cx.da, {value});
+        nameInForm(doc, widget, font, cx.da);
         Content c;
-        drawFrame(c, f, f.bg);
+        underlay(c);
         textContent(cx, c, font, value);
         ap.replaceKey("/N", form({&font}, c.s));
     } else if (type == "/Ch") {
@@ -1136,8 +1672,9 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget) {
         for (auto& o : options)
             texts.push_back(o.display);
         Font font = textFont(doc, widget, cx.da, texts);
+        nameInForm(doc, widget, font, cx.da);
         Content c;
-        drawFrame(c, f, f.bg);
+        underlay(c);
         choiceContent(cx, c, font, options, values);
         ap.replaceKey("/N", form({&font}, c.s));
     } else {
@@ -1146,35 +1683,41 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget) {
         drawFrame(c, f, f.bg);
         ap.replaceKey("/N", form({}, c.s));
     }
+    if (authored) keepVisibleStates(before, ap);
     widget.replaceKey("/AP", ap);
     if (widget.isIndirect()) doc.drawnStreams[widget.getObjGen()] = std::move(drawn);
 }
 
 } // namespace
 
-void regenerateAppearance(Document& doc, QPDFObjectHandle widget) {
+void regenerateAppearance(Document& doc, QPDFObjectHandle widget, Redraw what) {
     if (!widget.isDictionary()) return;
-    if (!widget.isIndirect()) return drawAppearance(doc, widget);
-    doc.staleAppearances.insert(widget.getObjGen());
+    if (!widget.isIndirect()) return drawAppearance(doc, widget, what);
+    auto [it, added] = doc.staleAppearances.emplace(widget.getObjGen(), what);
+    if (!added) it->second = std::max(it->second, what);
 }
 
 void flushAppearance(Document& doc, QPDFObjectHandle widget) {
-    if (widget.isIndirect() && doc.staleAppearances.erase(widget.getObjGen()))
-        drawAppearance(doc, widget);
+    if (!widget.isIndirect()) return;
+    auto it = doc.staleAppearances.find(widget.getObjGen());
+    if (it == doc.staleAppearances.end()) return;
+    Redraw what = it->second;
+    doc.staleAppearances.erase(it);
+    drawAppearance(doc, widget, what);
 }
 
 void flushAppearances(Document& doc) {
     // In object order, so that the same edits always give the same file.
     while (!doc.staleAppearances.empty()) {
-        const QPDFObjGen og = *doc.staleAppearances.begin();
+        auto [og, what] = *doc.staleAppearances.begin();
         doc.staleAppearances.erase(doc.staleAppearances.begin());
-        drawAppearance(doc, doc.qpdf->getObject(og));
+        drawAppearance(doc, doc.qpdf->getObject(og), what);
     }
 }
 
-void regenerateField(Document& doc, QPDFObjectHandle field) {
+void regenerateField(Document& doc, QPDFObjectHandle field, Redraw what) {
     for (auto& widget : widgetsOf(field))
-        regenerateAppearance(doc, widget);
+        regenerateAppearance(doc, widget, what);
 }
 
 } // namespace pdfcore

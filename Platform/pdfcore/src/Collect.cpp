@@ -3,6 +3,7 @@
 // opened. qpdf never forgets an object by itself, so without this a long session of
 // creating, deleting and undoing would grow without end.
 #include "Core.h"
+#include "Fonts.h"
 
 #include <algorithm>
 #include <functional>
@@ -87,6 +88,7 @@ size_t collectGarbage(Document& doc) {
             for (const auto& stream : streams) marker.mark(stream);
         }
         for (const auto& stream : doc.spareStreams) marker.mark(stream);
+        for (const auto& object : embeddedFaceObjects(doc)) marker.mark(object);
         // Those made here that nothing holds leave the form for good.
         unused.forget([&](QPDFObjGen og) {
             return og.getObj() >= doc.firstSessionObject && !marker.marked(og);
@@ -113,7 +115,7 @@ size_t collectGarbage(Document& doc) {
     if (freed != 0) {
         const auto gone = [&](QPDFObjGen og) { return !marker.marked(og); };
         eraseIf(doc.emptiedFields, gone);
-        eraseIf(doc.staleAppearances, gone);
+        eraseIf(doc.staleAppearances, [&](const auto& e) { return gone(e.first); });
         eraseIf(doc.annotFacts, [&](const auto& e) { return gone(e.first); });
         eraseIf(doc.drawnStreams, [&](const auto& e) { return gone(e.first); });
         eraseIf(doc.cleanAnnots, [&](const auto& e) { return gone(e.first); });

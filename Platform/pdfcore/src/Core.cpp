@@ -91,6 +91,21 @@ static void freeObjectHandle(PDHandleRec* rec) {
     releaseDocRef(doc);
 }
 
+namespace {
+std::mutex warningMutex;
+std::pair<PDWarningProc, void*> warningHandler{nullptr, nullptr};
+}  // namespace
+
+void warn(const std::u16string& text) {
+    std::pair<PDWarningProc, void*> handler;
+    {
+        std::lock_guard<std::mutex> lock(warningMutex);
+        handler = warningHandler;
+    }
+    if (handler.first)
+        handler.first(text.data(), static_cast<uint32_t>(text.size()), handler.second);
+}
+
 }  // namespace pdfcore
 
 using namespace pdfcore;
@@ -128,6 +143,11 @@ PDResult PDHandleGetDoc(PDHandle handle, PDDoc* outDoc) {
     });
 }
 
+void PDSetWarningHandler(PDWarningProc proc, void* clientData) {
+    std::lock_guard<std::mutex> lock(warningMutex);
+    warningHandler = {proc, clientData};
+}
+
 const char16_t* PDGetErrMessage(PDResult result) {
     switch (result) {
     case PD_ERR_INTERNAL: return u"Internal error in the PDF library";
@@ -142,7 +162,7 @@ const char16_t* PDGetErrMessage(PDResult result) {
     case PD_ERR_BUFFER_SMALL: return u"The buffer is too small";
     case PD_ERR_IO: return u"The file could not be read or written";
     case PD_ERR_DAMAGED: return u"The file is damaged or is not a PDF file";
-    case PD_ERR_PASSWORD: return u"The file is encrypted and needs a password";
+    case PD_ERR_PASSWORD: return u"The file is encrypted and the password is missing or wrong";
     case PD_ERR_NOT_WIDGET: return u"The annotation is not a widget";
     case PD_ERR_FIELD_KIND: return u"The operation does not apply to this field";
     case PD_ERR_NOT_ON_PAGE: return u"The annotation is not on the page";

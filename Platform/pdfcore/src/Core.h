@@ -51,6 +51,23 @@ enum class Kind : uint8_t {
 
 struct Document;
 
+// The system's faces a document's text is drawn with (Fonts.cpp).
+struct FontStore;
+struct FontStoreDeleter {
+    void operator()(FontStore* store) const;
+};
+
+// What changed in a widget since its appearance was drawn, from the least to the most that
+// the drawing has to redo; a widget changed twice before it is drawn keeps the larger.
+// A drawing of pdfcore's own is drawn again whole for any of them; what stays of an
+// author's drawing is said at regenerateAppearance.
+enum class Redraw : uint8_t {
+    kSize,   // the size of its rectangle (a move alone draws nothing)
+    kValue,  // the value it shows: the field's value, selection or options, its on-state name
+    kText,   // how its text is drawn: font, size, colour, alignment, text flags, maximum length
+    kAll     // its frame (border, background, rotation), captions or icons; a new widget
+};
+
 }  // namespace pdfcore
 
 // The object behind every PDHandle.
@@ -177,14 +194,16 @@ struct Document {
     std::unordered_map<QPDFObjGen, AnnotFacts, ObjGenHash> annotFacts;
     // The pages' annotation lists as pdfcore edits them (AnnotList), by page object.
     std::map<QPDFObjGen, AnnotList> annotLists;
-    // Widgets whose appearance is out of date, drawn when something reads or writes their
-    // /AP or /AS, or when the document is written: a widget styled by several calls in a
-    // row is drawn once, not once per call.
-    std::set<QPDFObjGen> staleAppearances;
+    // Widgets whose appearance is out of date, with what changed since it was drawn, drawn
+    // when something reads or writes their /AP or /AS, or when the document is written: a
+    // widget styled by several calls in a row is drawn once, not once per call.
+    std::map<QPDFObjGen, Redraw> staleAppearances;
     // The appearance streams of each widget's last drawing here, written again by its next
     // drawing. Only pdfcore's own drawings are listed: streams of the file are never reused.
     std::unordered_map<QPDFObjGen, std::vector<QPDFObjectHandle>, ObjGenHash> drawnStreams;
     uint32_t nextCookie = 1;
+    // The faces of the system's fonts that drew text here, embedded when it is written.
+    std::unique_ptr<FontStore, FontStoreDeleter> fonts;
 };
 
 // ---- entry points ----------------------------------------------------------------
@@ -231,6 +250,9 @@ PDResult putText(const std::u16string& value, char16_t* buf, uint32_t bufLen,
 std::u16string textOf(QPDFObjectHandle obj);
 // A PDF text string for s: PDFDocEncoding when it fits, else UTF-16BE.
 QPDFObjectHandle textString(const std::u16string& s);
+
+// Hands a warning to the process's warning handler (PDSetWarningHandler), if any.
+void warn(const std::u16string& text);
 
 // ---- names (Names.cpp) -------------------------------------------------------------
 
@@ -358,14 +380,20 @@ void flushAnnotLists(Document& doc);
 
 // ---- appearances (Appearance.cpp) -------------------------------------------------
 
-// Marks one widget's /AP out of date: it is written (from its field's type, flags, value
-// and options and from the widget's /MK, /BS, /DA, /Q and /Rect; buttons: /N and /D with
-// an on and an Off state for check boxes and radio buttons, and /AS kept consistent with
-// the field value) by flushAppearance or flushAppearances. A direct widget is drawn at
-// once.
-void regenerateAppearance(Document& doc, QPDFObjectHandle widget);
+// Marks one widget's /AP out of date after a change of kind what: it is written (from its
+// field's type, flags, value and options and from the widget's /MK, /BS, /DA, /Q and /Rect;
+// buttons: /N and /D with an on and an Off state for check boxes and radio buttons, and /AS
+// kept consistent with the field value) by flushAppearance or flushAppearances. A direct
+// widget is drawn at once.
+// A widget whose appearance streams were not all drawn by pdfcore shows its author's
+// drawing, which is kept wherever pdfcore could not draw it as well: after a new size,
+// buttons and signatures keep it (viewers fit its box into the rectangle), and text and
+// choice fields keep its frame under newly drawn text; after a new value, check boxes and
+// radio buttons only change /AS; any other change draws the widget anew, except a state
+// that the new drawing would leave empty where the author's showed something.
+void regenerateAppearance(Document& doc, QPDFObjectHandle widget, Redraw what);
 // Regenerates every widget of a terminal field.
-void regenerateField(Document& doc, QPDFObjectHandle field);
+void regenerateField(Document& doc, QPDFObjectHandle field, Redraw what);
 // Draws widget's appearance now when it is out of date: before /AP or /AS is read or set.
 void flushAppearance(Document& doc, QPDFObjectHandle widget);
 // Draws every out-of-date appearance: before the document is written.

@@ -215,6 +215,18 @@ DefaultAppearance parseDA(const std::string& s) {
     return da;
 }
 
+std::string writeDA(const DefaultAppearance& da) {
+    std::string s = QPDFObjectHandle::newName("/" + da.font).unparse() + " " +
+                    pdfNumber(da.size, 4) + " Tf";
+    if (da.colour.present()) {
+        Colour rgb = Colour::fromArgb(argbOf(da.colour));
+        for (int i = 0; i < 3; ++i)
+            s += " " + pdfNumber(std::round(rgb.c[i] * 10000) / 10000, 4);
+        s += " rg";
+    }
+    return s;
+}
+
 std::string effectiveDA(Document& doc, QPDFObjectHandle dict) {
     QPDFObjectHandle da = inherited(dict, "/DA");
     if (!da.isString()) {
@@ -256,6 +268,26 @@ QPDFObjectHandle simpleFontDict(const std::string& subtype, const std::string& b
     d.replaceKey("/BaseFont", QPDFObjectHandle::newName("/" + baseFont));
     if (winAnsi) d.replaceKey("/Encoding", QPDFObjectHandle::newName("/WinAnsiEncoding"));
     return d;
+}
+
+QPDFObjectHandle formFonts(Document& doc) {
+    QPDFObjectHandle form = acroForm(doc, true);
+    if (!form.isDictionary()) fail(PD_ERR_INTERNAL);
+    QPDFObjectHandle dr = form.getKey("/DR");
+    if (!dr.isDictionary()) {
+        dr = QPDFObjectHandle::newDictionary();
+    } else if (dr.isIndirect()) {
+        dr = dr.shallowCopy();
+    }
+    form.replaceKey("/DR", dr);
+    QPDFObjectHandle fonts = dr.getKey("/Font");
+    if (!fonts.isDictionary()) {
+        fonts = QPDFObjectHandle::newDictionary();
+    } else if (fonts.isIndirect()) {
+        fonts = fonts.shallowCopy();
+    }
+    dr.replaceKey("/Font", fonts);
+    return fonts;
 }
 
 QPDFObjectHandle findFontResource(Document& doc, QPDFObjectHandle widget, const std::string& name) {

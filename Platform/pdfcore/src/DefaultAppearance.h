@@ -56,6 +56,8 @@ struct DefaultAppearance {
 // Reads the operators that matter (Tf, g, rg, k) from a /DA string; the last one of each
 // kind wins, as it would when the string is run as content.
 DefaultAppearance parseDA(const std::string& s);
+// A /DA string: the font and size, and the colour as RGB when it has one.
+std::string writeDA(const DefaultAppearance& da);
 // The /DA string in effect for dict: its own or inherited, else the form's; "" when none.
 std::string effectiveDA(Document& doc, QPDFObjectHandle dict);
 
@@ -70,9 +72,18 @@ std::string stripSubset(std::string base);
 // in WinAnsiEncoding when winAnsi is set.
 QPDFObjectHandle simpleFontDict(const std::string& subtype, const std::string& baseFont,
                                 bool winAnsi);
+// The /Font dictionary of the form's /DR, made when missing, for fonts to be added to: one
+// of the form's own, copied first when it is an object that others may share (files that
+// give appearance streams the form's resources as their own).
+QPDFObjectHandle formFonts(Document& doc);
 // The font dictionary of a /DA resource name: the form's /DR, a /DR on the field, or the
 // resources of the widget's current appearance; null when none has it.
 QPDFObjectHandle findFontResource(Document& doc, QPDFObjectHandle widget, const std::string& name);
+
+// The family and style (1 bold, 2 italic) of a font dictionary: its descriptor's
+// /FontFamily, else the family part of its /BaseFont. False when it names none.
+// (Widgets.cpp)
+bool fontFamilyOf(QPDFObjectHandle font, std::string& family, int& style);
 
 // ---- widget entries ------------------------------------------------------------------
 

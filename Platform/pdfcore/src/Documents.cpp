@@ -1,9 +1,12 @@
 // Opening, creating and saving documents; document-wide queries and notifications.
 #include "Core.h"
+#include "Fonts.h"
 
 #include <qpdf/QPDFPageDocumentHelper.hh>
 #include <qpdf/QPDFWriter.hh>
+#include <qpdf/QUtil.hh>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -14,7 +17,20 @@
 namespace pdfcore {
 namespace {
 
-PDResult openFrom(std::string bytes, const char* description, PDDoc* outDoc) {
+// The byte strings to try for a password typed as text, the likeliest first, without
+// repeats: its UTF-8 form (what AES-256 files use, and what tools on UTF-8 systems wrote as
+// bytes), then the same text in PDFDocEncoding, Windows-1252 and Mac Roman, which older
+// handlers took their bytes from (qpdf's list of repairs).
+std::vector<std::string> passwordCandidates(const std::u16string& password) {
+    std::vector<std::string> out{toUtf8(password)};
+    for (auto& bytes : QUtil::possible_repaired_encodings(out.front())) {
+        if (std::find(out.begin(), out.end(), bytes) == out.end()) out.push_back(bytes);
+    }
+    return out;
+}
+
+PDResult openFrom(std::string bytes, const char* description, const char16_t* password,
+                  uint32_t passwordLen, PDDoc* outDoc) {
     if (outDoc) *outDoc = nullptr;
     return guard([&] {
         checkOut(outDoc);
@@ -22,18 +38,27 @@ PDResult openFrom(std::string bytes, const char* description, PDDoc* outDoc) {
         doc->self.kind = Kind::Document;
         doc->self.doc = doc.get();
         doc->fileBytes = std::move(bytes);
-        doc->qpdf = std::make_unique<QPDF>();
-        doc->qpdf->setSuppressWarnings(true);
-        try {
-            doc->qpdf->processMemoryFile(description, doc->fileBytes.data(),
-                                         doc->fileBytes.size());
-            doc->qpdf->getAllPages();  // a page tree that cannot be read fails here
-        } catch (const QPDFExc& e) {
-            fail(e.getErrorCode() == qpdf_e_password ? PD_ERR_PASSWORD : PD_ERR_DAMAGED);
-        } catch (const std::bad_alloc&) {
-            throw;
-        } catch (const std::exception&) {
-            fail(PD_ERR_DAMAGED);
+        const auto candidates = passwordCandidates(textArg(password, passwordLen));
+        for (size_t i = 0; i < candidates.size(); ++i) {
+            doc->qpdf = std::make_unique<QPDF>();
+            doc->qpdf->setSuppressWarnings(true);
+            try {
+                doc->qpdf->processMemoryFile(description, doc->fileBytes.data(),
+                                             doc->fileBytes.size(), candidates[i].c_str());
+                doc->qpdf->getAllPages();  // a page tree that cannot be read fails here
+                break;
+            } catch (const QPDFExc& e) {
+                if (e.getErrorCode() == qpdf_e_password && i + 1 < candidates.size()) continue;
+                if (e.getErrorCode() == qpdf_e_password) fail(PD_ERR_PASSWORD);
+                // Only the security handler answers this while a file opens: one that is not
+                // the standard handler of passwords (certificates), or of a newer revision.
+                if (e.getErrorCode() == qpdf_e_unsupported) fail(PD_ERR_UNSUPPORTED);
+                fail(PD_ERR_DAMAGED);
+            } catch (const std::bad_alloc&) {
+                throw;
+            } catch (const std::exception&) {
+                fail(PD_ERR_DAMAGED);
+            }
         }
         *outDoc = &doc.release()->self;
     });
@@ -56,14 +81,41 @@ bool writeFileChecked(const std::filesystem::path& path, const unsigned char* da
     return ok;
 }
 
-void writeTo(Document& doc, QPDFWriter& w) {
+void writeTo(Document& doc, QPDFWriter& w, bool decrypted) {
     flushAnnotLists(doc);
     flushAppearances(doc);
+    writeEmbeddedFaces(doc);
     const UnusedFieldsDetached unused(doc);
     const NamesEscapedForWriting names(doc);
-    w.setPreserveEncryption(false);
-    w.setDeterministicID(true);
+    if (!decrypted && doc.qpdf->isEncrypted()) {
+        // qpdf carries the encryption over as it was read (the handler's revision, method,
+        // key length, permissions and the dictionary's /O, /U, /OE, /UE and /Perms, with
+        // the file key and the first word of /ID they were made with), so the same user and
+        // owner passwords open the file. The second word of /ID is then new each time, and
+        // AES draws a new vector for each string and stream: such files differ byte for byte.
+        w.setPreserveEncryption(true);
+    } else {
+        w.setPreserveEncryption(false);
+        w.setDeterministicID(true);
+    }
     w.write();
+}
+
+PDResult saveMem(PDDoc doc, bool decrypted, void** outData, size_t* outSize) {
+    return guard([&] {
+        Document& d = checkedDoc(doc);
+        checkOut(outData);
+        checkOut(outSize);
+        QPDFWriter w(*d.qpdf);
+        w.setOutputMemory();
+        writeTo(d, w, decrypted);
+        auto buf = w.getBufferSharedPointer();
+        void* mem = std::malloc(buf->getSize() ? buf->getSize() : 1);
+        if (!mem) fail(PD_ERR_OUT_OF_MEMORY);
+        std::memcpy(mem, buf->getBuffer(), buf->getSize());
+        *outData = mem;
+        *outSize = buf->getSize();
+    });
 }
 
 // qpdf sets up some process-wide state of its own the first time a document is closed.
@@ -83,17 +135,28 @@ using namespace pdfcore;
 extern "C" {
 
 PDResult PDDocOpen(const char* path, PDDoc* outDoc) {
-    if (outDoc) *outDoc = nullptr;
-    if (!path || !outDoc) return PD_ERR_BAD_ARGUMENT;
-    std::string bytes;
-    if (!readFile(path, bytes)) return PD_ERR_IO;
-    return openFrom(std::move(bytes), path, outDoc);
+    return PDDocOpenWithPassword(path, nullptr, 0, outDoc);
 }
 
 PDResult PDDocOpenMem(const void* data, size_t size, PDDoc* outDoc) {
+    return PDDocOpenMemWithPassword(data, size, nullptr, 0, outDoc);
+}
+
+PDResult PDDocOpenWithPassword(const char* path, const char16_t* password, uint32_t passwordLen,
+                               PDDoc* outDoc) {
     if (outDoc) *outDoc = nullptr;
-    if (!data || !outDoc) return PD_ERR_BAD_ARGUMENT;
-    return openFrom(std::string(static_cast<const char*>(data), size), "memory", outDoc);
+    if (!path || !outDoc || (!password && passwordLen)) return PD_ERR_BAD_ARGUMENT;
+    std::string bytes;
+    if (!readFile(path, bytes)) return PD_ERR_IO;
+    return openFrom(std::move(bytes), path, password, passwordLen, outDoc);
+}
+
+PDResult PDDocOpenMemWithPassword(const void* data, size_t size, const char16_t* password,
+                                  uint32_t passwordLen, PDDoc* outDoc) {
+    if (outDoc) *outDoc = nullptr;
+    if (!data || !outDoc || (!password && passwordLen)) return PD_ERR_BAD_ARGUMENT;
+    return openFrom(std::string(static_cast<const char*>(data), size), "memory", password,
+                    passwordLen, outDoc);
 }
 
 PDResult PDDocCreate(uint32_t pageCount, float width, float height, PDDoc* outDoc) {
@@ -136,7 +199,7 @@ PDResult PDDocSave(PDDoc doc, const char* path) {
         // output does not report a failed final flush (a full disk, a size limit).
         QPDFWriter w(*d.qpdf);
         w.setOutputMemory();
-        writeTo(d, w);
+        writeTo(d, w, false);
         auto buf = w.getBufferSharedPointer();
         if (!writeFileChecked(tmp, buf->getBuffer(), buf->getSize())) {
             std::error_code ec;
@@ -153,20 +216,11 @@ PDResult PDDocSave(PDDoc doc, const char* path) {
 }
 
 PDResult PDDocSaveMem(PDDoc doc, void** outData, size_t* outSize) {
-    return guard([&] {
-        Document& d = checkedDoc(doc);
-        checkOut(outData);
-        checkOut(outSize);
-        QPDFWriter w(*d.qpdf);
-        w.setOutputMemory();
-        writeTo(d, w);
-        auto buf = w.getBufferSharedPointer();
-        void* mem = std::malloc(buf->getSize() ? buf->getSize() : 1);
-        if (!mem) fail(PD_ERR_OUT_OF_MEMORY);
-        std::memcpy(mem, buf->getBuffer(), buf->getSize());
-        *outData = mem;
-        *outSize = buf->getSize();
-    });
+    return saveMem(doc, false, outData, outSize);
+}
+
+PDResult PDDocSaveMemDecrypted(PDDoc doc, void** outData, size_t* outSize) {
+    return saveMem(doc, true, outData, outSize);
 }
 
 void PDFreeBuffer(void* data) { std::free(data); }
@@ -201,6 +255,45 @@ PDResult PDDocIsSigned(PDDoc doc, PDBool* outSigned) {
         Document& d = checkedDoc(doc);
         checkOut(outSigned);
         *outSigned = anySignedField(d) ? 1 : 0;
+    });
+}
+
+PDResult PDDocIsEncrypted(PDDoc doc, PDBool* outEncrypted) {
+    return guard([&] {
+        Document& d = checkedDoc(doc);
+        checkOut(outEncrypted);
+        *outEncrypted = d.qpdf->isEncrypted() ? 1 : 0;
+    });
+}
+
+PDResult PDDocOpenedWithOwnerPassword(PDDoc doc, PDBool* outOwner) {
+    return guard([&] {
+        Document& d = checkedDoc(doc);
+        checkOut(outOwner);
+        *outOwner = d.qpdf->isEncrypted() && d.qpdf->ownerPasswordMatched() ? 1 : 0;
+    });
+}
+
+PDResult PDDocGetPermissions(PDDoc doc, uint32_t* outPermissions) {
+    return guard([&] {
+        Document& d = checkedDoc(doc);
+        checkOut(outPermissions);
+        QPDF& q = *d.qpdf;
+        const std::pair<uint32_t, bool> granted[] = {
+            {PD_PERM_PRINT, q.allowPrintLowRes()},
+            {PD_PERM_PRINT_HIGH, q.allowPrintHighRes()},
+            {PD_PERM_COPY, q.allowExtractAll()},
+            {PD_PERM_ACCESSIBILITY, q.allowAccessibility()},
+            {PD_PERM_ASSEMBLE, q.allowModifyAssembly()},
+            {PD_PERM_FILL_FORM, q.allowModifyForm()},
+            {PD_PERM_ANNOTATE, q.allowModifyAnnotation()},
+            {PD_PERM_MODIFY, q.allowModifyOther()},
+        };
+        uint32_t permissions = 0;
+        for (const auto& [bit, allowed] : granted) {
+            if (allowed) permissions |= bit;
+        }
+        *outPermissions = permissions;
     });
 }
 

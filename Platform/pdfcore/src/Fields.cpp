@@ -721,7 +721,12 @@ PDResult PDFieldSetFlags(PDField field, uint32_t flags) {
     return guard([&] {
         auto& f = checkedField(field);
         f.obj.replaceKey("/Ff", QPDFObjectHandle::newInteger(flags));
-        if (isTerminal(f.obj)) regenerateField(*f.doc, f.obj);
+        // A button's flags say which kind of button it is; a text or choice field's say
+        // how its text is laid out.
+        auto ft = inherited(f.obj, "/FT");
+        bool button = ft.isName() && ft.getName() == "/Btn";
+        if (isTerminal(f.obj))
+            regenerateField(*f.doc, f.obj, button ? Redraw::kAll : Redraw::kText);
     });
 }
 
@@ -795,7 +800,7 @@ PDResult PDFieldSetValue(PDField field, const char16_t* text, uint32_t len) {
                 }
             }
         }
-        regenerateField(*f.doc, f.obj);
+        regenerateField(*f.doc, f.obj, Redraw::kValue);
     });
 }
 
@@ -842,7 +847,7 @@ PDResult PDFieldAppendWidget(PDField field, PDAnnot widget) {
         sameDoc(f, w);
         if (fieldOfWidget(w.obj).isDictionary()) fail(PD_ERR_ALREADY);
         attachWidget(*f.doc, f, w.obj);
-        regenerateAppearance(*f.doc, w.obj);
+        regenerateAppearance(*f.doc, w.obj, Redraw::kValue);
     });
 }
 
@@ -854,7 +859,7 @@ PDResult PDFieldInsertWidget(PDField field, uint32_t index, PDAnnot widget) {
         if (fieldOfWidget(w.obj).isDictionary()) fail(PD_ERR_ALREADY);
         if (index > widgetsOf(f.obj).size()) fail(PD_ERR_RANGE);
         attachWidget(*f.doc, f, w.obj, index);
-        regenerateAppearance(*f.doc, w.obj);
+        regenerateAppearance(*f.doc, w.obj, Redraw::kValue);
     });
 }
 
@@ -901,7 +906,7 @@ PDResult PDFieldRemoveWidget(PDField field, PDAnnot widget) {
 PDResult PDFieldUpdateWidgets(PDField field) {
     return guard([&] {
         auto& f = checkedTyped(field, nullptr);
-        regenerateField(*f.doc, f.obj);
+        regenerateField(*f.doc, f.obj, Redraw::kText);
     });
 }
 
@@ -923,7 +928,7 @@ PDResult PDTextFieldSetMaxLen(PDField field, uint32_t maxLen) {
         } else {
             f.obj.replaceKey("/MaxLen", QPDFObjectHandle::newInteger(maxLen));
         }
-        regenerateField(*f.doc, f.obj);
+        regenerateField(*f.doc, f.obj, Redraw::kText);
     });
 }
 
@@ -1035,7 +1040,7 @@ static PDResult createWidget(PDDoc doc, PDField field, PDPage page, const PDRect
         w.replaceKey("/MK", mk);
         w = makeIndirect(d, w);
         attachWidget(d, f, w);
-        regenerateAppearance(d, w);
+        regenerateAppearance(d, w, Redraw::kAll);
         *outWidget = handleFor(d, w, Kind::Annot);
     });
 }

@@ -453,10 +453,22 @@ PDResult PDAnnotSetRect(PDAnnot annot, const PDRect* rect) {
                                       std::min(rect->top, rect->bottom),
                                       std::max(rect->left, rect->right),
                                       std::max(rect->top, rect->bottom));
+        // A move keeps the appearance as it is: it is drawn in the rectangle's own space. The
+        // size is compared to a thousandth of a point, as rectangles pass through floats.
+        QPDFObjectHandle old = a.obj.getKey("/Rect");
+        double was[4];
+        bool readable = old.isArray() && old.getArrayNItems() == 4;
+        for (int i = 0; readable && i < 4; ++i) {
+            readable = old.getArrayItem(i).isNumber();
+            if (readable) was[i] = old.getArrayItem(i).getNumericValue();
+        }
+        const bool resized = !readable ||
+                             std::fabs((r.urx - r.llx) - std::fabs(was[2] - was[0])) > 1e-3 ||
+                             std::fabs((r.ury - r.lly) - std::fabs(was[3] - was[1])) > 1e-3;
         a.obj.replaceKey("/Rect", QPDFObjectHandle::newArray(r));
         auto facts = a.doc->annotFacts.find(a.obj.getObjGen());
         if (facts != a.doc->annotFacts.end()) facts->second.hasRect = false;
-        if (isWidget(a.obj)) regenerateAppearance(*a.doc, a.obj);
+        if (resized && isWidget(a.obj)) regenerateAppearance(*a.doc, a.obj, Redraw::kSize);
     });
 }
 

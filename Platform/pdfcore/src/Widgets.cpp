@@ -1,6 +1,7 @@
 // Widget properties: rotation, border, colours, highlight, default appearance (font,
 // size, colour) with the form's font resources, button captions, icon fit and on-state,
-// text alignment and choice selection. Every setter regenerates the appearance.
+// text alignment and choice selection. Every setter that changes what the widget shows
+// marks its appearance for drawing again.
 #include "DefaultAppearance.h"
 
 #include <algorithm>
@@ -63,20 +64,20 @@ QPDFObjectHandle mkOf(QPDFObjectHandle widget, bool create) {
 }
 
 // Regenerates the widget after a change of its own entries.
-void refreshWidget(PDHandleRec& h) {
-    regenerateAppearance(*h.doc, h.obj);
+void refreshWidget(PDHandleRec& h, Redraw what) {
+    regenerateAppearance(*h.doc, h.obj, what);
 }
 
 // Regenerates every widget of the widget's field after a change of field entries.
-void refreshField(PDHandleRec& h) {
+void refreshField(PDHandleRec& h, Redraw what) {
     QPDFObjectHandle field = fieldOfWidget(h.obj);
-    if (!field.isDictionary()) return refreshWidget(h);
-    regenerateField(*h.doc, field);
+    if (!field.isDictionary()) return refreshWidget(h, what);
+    regenerateField(*h.doc, field, what);
     auto widgets = widgetsOf(field);
     bool listed = std::any_of(widgets.begin(), widgets.end(), [&](QPDFObjectHandle w) {
         return w.getObjGen() == h.obj.getObjGen();
     });
-    if (!listed) refreshWidget(h);
+    if (!listed) refreshWidget(h, what);
 }
 
 // Sets the /MK entry key of the widget, or removes it when value is null, and redraws.
@@ -87,7 +88,7 @@ void putMk(PDHandleRec& h, const char* key, QPDFObjectHandle value) {
     } else {
         mkOf(h.obj, true).replaceKey(key, value);
     }
-    refreshWidget(h);
+    refreshWidget(h, Redraw::kAll);
 }
 
 // The body of a widget getter: checks the handle, then the output, then stores read(h).
@@ -112,17 +113,6 @@ PDResult getTextWith(PDAnnot widget, char16_t* buf, uint32_t bufLen, uint32_t* o
 }
 
 // ---- default appearance ------------------------------------------------------------------
-
-std::string writeDA(const DefaultAppearance& da) {
-    std::string s = name(da.font).unparse() + " " + num(da.size) + " Tf";
-    if (da.colour.present()) {
-        Colour rgb = Colour::fromArgb(argbOf(da.colour));
-        for (int i = 0; i < 3; ++i)
-            s += " " + num(std::round(rgb.c[i] * 10000) / 10000);
-        s += " rg";
-    }
-    return s;
-}
 
 // ---- font resources -----------------------------------------------------------------------
 
@@ -219,21 +209,13 @@ std::string fontResource(Document& doc, const std::string& family, int style) {
     }
     if (base.empty()) fail(PD_ERR_BAD_ARGUMENT);
 
-    QPDFObjectHandle form = acroForm(doc, true);
-    if (!form.isDictionary()) fail(PD_ERR_INTERNAL);
-    QPDFObjectHandle dr = form.getKey("/DR");
-    if (!dr.isDictionary()) {
-        dr = QPDFObjectHandle::newDictionary();
-        form.replaceKey("/DR", dr);
-    }
-    QPDFObjectHandle fonts = dr.getKey("/Font");
-    if (!fonts.isDictionary()) {
-        fonts = QPDFObjectHandle::newDictionary();
-        dr.replaceKey("/Font", fonts);
-    }
+    QPDFObjectHandle fonts = formFonts(doc);
     for (auto const& key : fonts.getKeys()) {
         QPDFObjectHandle f = fonts.getKey(key);
-        if (f.isDictionary() && nameOf(f.getKey("/BaseFont")) == "/" + base) return key.substr(1);
+        // Composite fonts of that name are the system's faces drawing for other families.
+        if (f.isDictionary() && nameOf(f.getKey("/Subtype")) == "/" + subtype &&
+            nameOf(f.getKey("/BaseFont")) == "/" + base)
+            return key.substr(1);
     }
     std::string resource = preferred;
     for (int k = 1; fonts.hasKey("/" + resource); ++k)
@@ -287,20 +269,18 @@ void splitBaseFont(const std::string& base, std::string& family, int& style) {
         style |= kItalic;
 }
 
-PDFontInfo fontInfoOf(QPDFObjectHandle font) {
-    std::string base = nameOf(font.getKey("/BaseFont"));
+} // namespace
+
+bool pdfcore::fontFamilyOf(QPDFObjectHandle font, std::string& family, int& style) {
+    std::string base = nameOf(font.getKeyIfDict("/BaseFont"));
     base = stripSubset(base.empty() ? base : base.substr(1));
-    std::string subtype = nameOf(font.getKey("/Subtype"));
-    std::string family;
-    int style = 0;
     splitBaseFont(base, family, style);
-    QPDFObjectHandle desc = font.getKey("/FontDescriptor");
-    if (subtype == "/Type0") {
+    QPDFObjectHandle desc = font.getKeyIfDict("/FontDescriptor");
+    if (nameOf(font.getKeyIfDict("/Subtype")) == "/Type0") {
         QPDFObjectHandle kids = font.getKey("/DescendantFonts");
         QPDFObjectHandle cid = kids.isArray() && kids.getArrayNItems() > 0
                                    ? kids.getArrayItem(0)
                                    : QPDFObjectHandle::newNull();
-        if (nameOf(cid.getKeyIfDict("/Subtype")) == "/CIDFontType2") subtype = "/TrueType";
         desc = cid.getKeyIfDict("/FontDescriptor");
     }
     QPDFObjectHandle fontFamily = desc.getKeyIfDict("/FontFamily");
@@ -310,7 +290,26 @@ PDFontInfo fontInfoOf(QPDFObjectHandle font) {
     if (flags.isInteger() && (flags.getIntValue() & (1 << 18))) style |= kBold;
     if (numberOf(desc.getKeyIfDict("/FontWeight"), weight) && weight >= 600) style |= kBold;
     if (flags.isInteger() && (flags.getIntValue() & 64)) style |= kItalic;
-    if (family.empty()) fail(PD_ERR_NO_VALUE);
+    return !family.empty();
+}
+
+namespace {
+
+PDFontInfo fontInfoOf(QPDFObjectHandle font) {
+    std::string family;
+    int style = 0;
+    if (!fontFamilyOf(font, family, style)) fail(PD_ERR_NO_VALUE);
+    std::string subtype = nameOf(font.getKey("/Subtype"));
+    if (subtype == "/Type0") {
+        // A composite font drawing in place of a standard family stays of that family's
+        // format; others are TrueType when their glyphs are.
+        QPDFObjectHandle kids = font.getKey("/DescendantFonts");
+        QPDFObjectHandle cid = kids.isArray() && kids.getArrayNItems() > 0
+                                   ? kids.getArrayItem(0)
+                                   : QPDFObjectHandle::newNull();
+        bool trueType = nameOf(cid.getKeyIfDict("/Subtype")) == "/CIDFontType2";
+        subtype = trueType && !standardFamily(family) ? "/TrueType" : "/Type1";
+    }
     PDFontInfo info;
     info.family = atomOf(family);
     info.format = subtype == "/TrueType" ? 1 : 0;
@@ -332,13 +331,13 @@ void changeDA(PDHandleRec& h, const std::function<void(DefaultAppearance&)>& cha
     // A widget that shares its field with other widgets is styled on its own.
     if (h.obj.getObjGen() != holder.getObjGen() && widgetsOf(holder).size() > 1) {
         rewrite(h.obj, effectiveDA(doc, h.obj));
-        regenerateAppearance(doc, h.obj);
+        regenerateAppearance(doc, h.obj, Redraw::kText);
         return;
     }
     rewrite(holder, effectiveDA(doc, holder));
     if (h.obj.getObjGen() != holder.getObjGen() && h.obj.getKey("/DA").isString())
         rewrite(h.obj, h.obj.getKey("/DA").getStringValue());
-    refreshField(h);
+    refreshField(h, Redraw::kText);
 }
 
 // ---- buttons --------------------------------------------------------------------------------
@@ -464,7 +463,7 @@ PDResult PDWidgetAnnotSetBorderStyle(PDAnnot widget, const PDBorderStyle* style)
             bs.replaceKey("/D", dash);
         }
         h.obj.replaceKey("/BS", bs);
-        refreshWidget(h);
+        refreshWidget(h, Redraw::kAll);
     });
 }
 
@@ -494,8 +493,8 @@ PDResult PDWidgetAnnotSetHighlight(PDAnnot widget, int32_t mode) {
     return guard([&] {
         PDHandleRec& h = checkedWidget(widget);
         if (mode < 0 || mode > 4) fail(PD_ERR_BAD_ARGUMENT);
+        // How a viewer shows a click: nothing drawn here depends on it.
         h.obj.replaceKey("/H", name(std::string(1, "NIOPT"[mode])));
-        refreshWidget(h);
     });
 }
 
@@ -679,7 +678,7 @@ PDResult PDButtonWidgetAnnotSetChoice(PDAnnot widget, const char16_t* text, uint
         }
         if (!oldState.empty() && isStateOf(inherited(field, "/DV"), oldState))
             field.replaceKey("/DV", QPDFObjectHandle::newName(newState));
-        refreshField(h);
+        refreshField(h, Redraw::kValue);
     });
 }
 
@@ -704,7 +703,7 @@ PDResult PDTextWidgetAnnotSetQuadding(PDAnnot widget, int32_t quadding) {
         // A /Q of the widget's own would hide the field's.
         if (field.getObjGen() != h.obj.getObjGen() && h.obj.hasKey("/Q"))
             h.obj.replaceKey("/Q", QPDFObjectHandle::newInteger(quadding));
-        refreshField(h);
+        refreshField(h, Redraw::kText);
     });
 }
 
@@ -745,6 +744,6 @@ PDResult PDChoiceWidgetAnnotSetSelection(PDAnnot widget, uint32_t index) {
             field.replaceKey("/I", QPDFObjectHandle::newArray({QPDFObjectHandle::newInteger(
                                        static_cast<long long>(index))}));
         }
-        refreshField(h);
+        refreshField(h, Redraw::kValue);
     });
 }

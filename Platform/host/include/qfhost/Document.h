@@ -28,6 +28,7 @@ inline constexpr uint32_t kPageBusy = 0x1000B;          // the page is locked al
 inline constexpr uint32_t kUnknownOperation = 0x1000C;  // an annotation operation the host lacks
 inline constexpr uint32_t kDocumentClosed = 0x1000D;    // the document was closed
 inline constexpr uint32_t kPdfFailure = 0x1000E;        // pdfcore refused (see lastPdfResult)
+inline constexpr uint32_t kPasswordNeeded = 0x1000F;    // encrypted: no password, or a wrong one
 }  // namespace codes
 
 namespace detail {
@@ -42,9 +43,13 @@ public:
     // A page's lock mode: the only one there is.
     static constexpr uint32_t kExclusiveLock = 1;
 
-    // Opens path; throws HostError(kPdfFailure) when pdfcore cannot. host (optional, must
-    // outlive the document) gives ExecuteCommand and undoable annotation operations.
-    static std::unique_ptr<Document> open(const std::string& path, Host* host = nullptr);
+    // Opens path (UTF-8) with password (UTF-16, empty for none; PDDocOpenWithPassword);
+    // throws HostError(kPasswordNeeded) when the file is encrypted and the password is
+    // missing or wrong, HostError(kPdfFailure) when pdfcore cannot open it otherwise. host
+    // (optional, must outlive the document) gives ExecuteCommand and undoable annotation
+    // operations.
+    static std::unique_ptr<Document> open(const std::string& path, Host* host = nullptr,
+                                          const std::u16string& password = {});
     // Over a pdfcore document the caller has; the document takes a reference of its own.
     static std::unique_ptr<Document> fromPDDoc(PDDoc doc, Host* host = nullptr);
     // A new document of pages empty pages of width x height points.
@@ -68,6 +73,13 @@ public:
     bool pageLocked(uint32_t index) const;
     // Whether any page is marked changed.
     bool modified() const;
+    // Whether the document is encrypted (and is saved so, with the same passwords).
+    bool encrypted() const;
+    // Whether its form may be changed here: it is not encrypted, it was opened with its
+    // owner password, or its permissions allow making and changing form fields
+    // (PD_PERM_EDIT_FORM). Hosts do not change a form that answers false; nothing in the
+    // document stops them. False after close().
+    bool formEditable() const;
 
     // Writes the document (PDDocSave); throws HostError(kPdfFailure) or (kDocumentClosed).
     // Clears every page's changed flag.

@@ -81,7 +81,7 @@ public:
 
     // Open documents, owned by the host and tied to its commands manager. The document
     // opened or made last becomes the current one. Each throws HostError as Document does.
-    Document& openDocument(const std::string& path);
+    Document& openDocument(const std::string& path, const std::u16string& password = {});
     Document& newDocument(uint32_t pages, float width, float height);
     Document& adoptDocument(PDDoc doc);
     // Closes and destroys doc (a document of this host) and its views. Commands of it that are still on

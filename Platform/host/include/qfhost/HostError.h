@@ -23,8 +23,8 @@ inline constexpr uint32_t kNoPublicServices = 0x10007;
 inline constexpr uint32_t kNotSupported = 0x10008;
 inline constexpr uint32_t kNoModule = 0x10009;
 inline constexpr uint32_t kNoFactory = 0x1000A;
-inline constexpr uint32_t kNoFieldToJoin = 0x1000F;   // a paste asked to join a field not there
-inline constexpr uint32_t kCannotJoin = 0x10010;      // that field is of another kind, or a parent
+inline constexpr uint32_t kNoFieldToJoin = 0x10010;   // a paste asked to join a field not there
+inline constexpr uint32_t kCannotJoin = 0x10011;      // that field is of another kind, or a parent
 }  // namespace codes
 
 // A failure of the host's C++ API: the result code and, for loading failures, the

@@ -59,10 +59,10 @@ public:
         // name pdfcore refuses, keeps the name pdfcore gave the new field).
         NewField,
         // The field of the record's name, which the widget joins (one value, several
-        // widgets). The field must be there (else 0x1000F), hold widgets rather than fields
+        // widgets). The field must be there (else 0x10010), hold widgets rather than fields
         // and be of the same kind: the same type and, for buttons and choices, the same
         // radio, push-button or combo flag, the rule the module applies to typed names
-        // (else 0x10010).
+        // (else 0x10011).
         Join,
     };
     // Pastes the widget text of source onto page pageIndex of the current document; see

@@ -34,6 +34,12 @@
  *   read from files are converted to RGB.
  * - Appearances. Every widget created or changed through pdfcore gets a normal
  *   appearance stream that viewers show as it is; no call sets /NeedAppearances.
+ *   Appearance streams that pdfcore did not draw are the author's and are kept where
+ *   pdfcore could not draw them as well: a move keeps every stream as it is, a new size
+ *   keeps those of buttons and signatures (viewers fit them into the rectangle) and the
+ *   frame of text and choice fields under text drawn for the new size, a new value of a
+ *   check box or radio button only sets /AS, and a change of style draws the widget anew
+ *   but keeps any state of the author's that the new drawing would leave empty.
  */
 #ifndef PDFCORE_PDFCORE_H
 #define PDFCORE_PDFCORE_H
@@ -74,7 +80,8 @@ enum {
     PD_ERR_BUFFER_SMALL = 8,     /* the text buffer is shorter than the text */
     PD_ERR_IO = 9,               /* a file could not be read or written */
     PD_ERR_DAMAGED = 10,         /* the file is not a PDF or cannot be repaired */
-    PD_ERR_PASSWORD = 11,        /* the file is encrypted and needs a password */
+    PD_ERR_PASSWORD = 11,        /* the file is encrypted and no password, or a wrong
+                                    one, was given */
     PD_ERR_NOT_WIDGET = 12,      /* the annotation is not a widget */
     PD_ERR_FIELD_KIND = 13,      /* the call does not apply to this field's type or to
                                     a non-terminal field */
@@ -95,6 +102,19 @@ enum {
 /* A fixed English text for a result code; never NULL, valid for the life of the
  * process. Unknown codes give "Unknown error". Any thread. */
 PDFCORE_API const char16_t* PDGetErrMessage(PDResult result);
+
+/* ---- Warnings ----------------------------------------------------------- */
+
+/* Something a call carried out in a lesser way than asked, without failing: a font file
+ * that cannot be read (other fonts draw the text), a character no installed font draws
+ * (drawn as an empty box). text is one line of English, UTF-16, len units, valid during
+ * the call only. */
+typedef void (*PDWarningProc)(const char16_t* text, uint32_t len, void* clientData);
+
+/* Sets the process's warning handler (NULL: warnings are dropped, as at start). The
+ * handler is called on the thread of the call that warns, and must not call pdfcore.
+ * Set it before documents are used from other threads. */
+PDFCORE_API void PDSetWarningHandler(PDWarningProc proc, void* clientData);
 
 /* ---- Handles ------------------------------------------------------------ */
 
@@ -170,29 +190,59 @@ PDFCORE_API PDResult PDAtomGetString(PDAtom atom, const char** outName);
 /* Opens a PDF file (UTF-8 path). Damaged files are repaired when qpdf can; a file
  * that cannot be read gives PD_ERR_IO, one that is not a PDF or cannot be repaired
  * PD_ERR_DAMAGED, one that needs a password PD_ERR_PASSWORD (files encrypted with an
- * empty user password open). */
+ * empty user password open), one encrypted otherwise than with passwords (certificates,
+ * an unknown security handler) PD_ERR_UNSUPPORTED. The same as PDDocOpenWithPassword
+ * with no password. The whole file is read: it may be overwritten while the document is
+ * open. Any thread; the document is then used by one thread at a time. */
 PDFCORE_API PDResult PDDocOpen(const char* path, PDDoc* outDoc);
 /* The same from bytes in memory; the bytes are copied. */
 PDFCORE_API PDResult PDDocOpenMem(const void* data, size_t size, PDDoc* outDoc);
+/* Opens an encrypted PDF file with its user or its owner password (an unencrypted file
+ * opens whatever the password). The password is text, as the person typed it: UTF-16,
+ * passwordLen units, no terminator; NULL with 0 (or an empty text) is the empty password.
+ * PDF passwords are bytes, which each security handler took from the text its own way:
+ * pdfcore tries the text's UTF-8 form first (AES-256 files use it), then the text in
+ * PDFDocEncoding, Windows-1252 and Mac Roman (which the RC4 and AES-128 handlers took
+ * their bytes from). A password that none of them matches: PD_ERR_PASSWORD, as for a
+ * missing one. NULL password with passwordLen > 0, NULL path or outDoc:
+ * PD_ERR_BAD_ARGUMENT. Other failures as PDDocOpen. pdfcore keeps no copy of the password;
+ * PDDocOpenedWithOwnerPassword tells which of the two it was. A save writes the file
+ * with the same encryption (see PDDocSave). */
+PDFCORE_API PDResult PDDocOpenWithPassword(const char* path, const char16_t* password,
+                                           uint32_t passwordLen, PDDoc* outDoc);
+/* The same from bytes in memory; the bytes are copied. NULL data: PD_ERR_BAD_ARGUMENT. */
+PDFCORE_API PDResult PDDocOpenMemWithPassword(const void* data, size_t size,
+                                              const char16_t* password, uint32_t passwordLen,
+                                              PDDoc* outDoc);
 /* A new document of pageCount (1..100000) empty pages of width x height points. */
 PDFCORE_API PDResult PDDocCreate(uint32_t pageCount, float width, float height,
                                  PDDoc* outDoc);
 /* Writes the document to path: a temporary file beside it, then a rename, so that a
  * failed save leaves the target as it was (PD_ERR_IO). The document stays open and
- * unchanged. Encrypted input is written unencrypted. A field (made here or read from the
- * file) whose last widget PDFieldRemoveWidget took out since the document was opened, and
- * that holds no widget when the document is written, is left out of the file (as after
- * undoing a widget's creation or deletion), and so is every parent left without kids by
- * that, up the tree; in memory they stay, and are written again once they hold a widget.
- * Fields that never lost a widget this way (a file's field that had none to begin with,
- * a made field that never got one) are always written. Every name is written so that a
- * reader reads back its bytes as they are: a '#' inside a name (an on state "A#1", or
- * "#e5#a5" as some writers leave escaped UTF-8) as #23. The same holds for
+ * unchanged. An encrypted document is written encrypted as it was read: the same security
+ * handler, revision, method (RC4 or AES), key length, permissions and whether metadata
+ * is encrypted, and the same user and owner passwords, whichever of them opened it; only
+ * the second word of the file identifier is new, so such files are not the same byte for
+ * byte from one save to the next (AES makes them differ anyway). A field (made here or
+ * read from the file) whose last widget PDFieldRemoveWidget took out since the document
+ * was opened, and that holds no widget when the document is written, is left out of the
+ * file (as after undoing a widget's creation or deletion), and so is every parent left
+ * without kids by that, up the tree; in memory they stay, and are written again once they
+ * hold a widget. Fields that never lost a widget this way (a file's field that had none
+ * to begin with, a made field that never got one) are always written. Every name is
+ * written so that a reader reads back its bytes as they are: a '#' inside a name (an on
+ * state "A#1", or "#e5#a5" as some writers leave escaped UTF-8) as #23. The same holds for
  * PDDocSaveMem. */
 PDFCORE_API PDResult PDDocSave(PDDoc doc, const char* path);
 /* Writes the document into a buffer allocated with malloc; the caller frees it with
  * PDFreeBuffer(). */
 PDFCORE_API PDResult PDDocSaveMem(PDDoc doc, void** outData, size_t* outSize);
+/* PDDocSaveMem without the document's encryption: for a viewer of the same session that
+ * has no password (the editor's page), never for a file that is kept, which PDDocSave and
+ * PDDocSaveMem write encrypted. An unencrypted document gives what PDDocSaveMem gives.
+ * pdfcore does not check the permissions: that is the caller's business, as for every
+ * other call. */
+PDFCORE_API PDResult PDDocSaveMemDecrypted(PDDoc doc, void** outData, size_t* outSize);
 PDFCORE_API void PDFreeBuffer(void* data);
 /* Drops the caller's reference to the document (the same as PDHandleRelease). */
 PDFCORE_API PDResult PDDocClose(PDDoc doc);
@@ -206,6 +256,31 @@ PDFCORE_API PDResult PDDocGetPage(PDDoc doc, uint32_t index, PDPage* outPage);
 PDFCORE_API PDResult PDDocCollectGarbage(PDDoc doc, uint32_t* outFreed);
 /* True when a signature field of the document holds a signature (/V). */
 PDFCORE_API PDResult PDDocIsSigned(PDDoc doc, PDBool* outSigned);
+
+/* What an encrypted document allows a reader who opened it with the user password (its
+ * /P entry, read as the handler's revision defines it). pdfcore enforces none of it: the
+ * caller decides, and usually lets one who gave the owner password do anything. An
+ * unencrypted document allows everything (PD_PERM_ALL). */
+enum {
+    PD_PERM_PRINT = 0x01,         /* print, at least at a low resolution */
+    PD_PERM_PRINT_HIGH = 0x02,    /* print faithfully */
+    PD_PERM_COPY = 0x04,          /* copy or extract text and graphics */
+    PD_PERM_ACCESSIBILITY = 0x08, /* extract text and graphics for accessibility */
+    PD_PERM_ASSEMBLE = 0x10,      /* insert, rotate and delete pages, make bookmarks */
+    PD_PERM_FILL_FORM = 0x20,     /* fill in the form's fields and sign them */
+    PD_PERM_ANNOTATE = 0x40,      /* add and change annotations, fill in fields */
+    PD_PERM_MODIFY = 0x80,        /* change the document otherwise */
+    /* Making, moving, renaming and deleting form fields and their widgets takes both. */
+    PD_PERM_EDIT_FORM = PD_PERM_ANNOTATE | PD_PERM_MODIFY,
+    PD_PERM_ALL = 0xFF
+};
+/* Whether the document was read encrypted (and is written so). */
+PDFCORE_API PDResult PDDocIsEncrypted(PDDoc doc, PDBool* outEncrypted);
+/* Whether the password that opened the document was its owner password (an empty one
+ * counts when it is the owner password). 0 for an unencrypted document. */
+PDFCORE_API PDResult PDDocOpenedWithOwnerPassword(PDDoc doc, PDBool* outOwner);
+/* The PD_PERM_* bits the document's permissions grant, whichever password opened it. */
+PDFCORE_API PDResult PDDocGetPermissions(PDDoc doc, uint32_t* outPermissions);
 /* The document's default optional-content configuration (/OCProperties /D); NULL
  * with PD_OK when the document has no optional content. */
 PDFCORE_API PDResult PDDocGetOCConfig(PDDoc doc, PDOCConfig* outConfig);
@@ -281,7 +356,8 @@ enum {
 /* The /Subtype atom. */
 PDFCORE_API PDResult PDAnnotGetSubtype(PDAnnot annot, PDAtom* outSubtype);
 PDFCORE_API PDResult PDAnnotGetRect(PDAnnot annot, PDRect* outRect);
-/* Sets /Rect (normalised) and regenerates a widget's appearance for the new size. */
+/* Sets /Rect (normalised). A widget of a new size gets its appearance drawn for it (see
+ * Appearances above); one of the same size keeps its appearance streams as they are. */
 PDFCORE_API PDResult PDAnnotSetRect(PDAnnot annot, const PDRect* rect);
 /* /F; 0 when absent. */
 PDFCORE_API PDResult PDAnnotGetFlags(PDAnnot annot, uint32_t* outFlags);
@@ -396,7 +472,7 @@ PDFCORE_API PDResult PDFieldGetWidgetIndex(PDField field, PDAnnot widget,
 /* Makes widget a widget of field (a terminal field, else PD_ERR_FIELD_KIND). The
  * widget must have no field (PD_ERR_ALREADY). A field that shares its dictionary
  * with its one widget is split first; both keep their handles. The widget's
- * appearance is regenerated for the field's value. */
+ * appearance shows the field's value from then on. */
 PDFCORE_API PDResult PDFieldAppendWidget(PDField field, PDAnnot widget);
 /* The same, with widget put before the one at position index among the field's widgets;
  * index == count appends, a larger one: PD_ERR_RANGE. Undoing a removal with the index
@@ -407,7 +483,8 @@ PDFCORE_API PDResult PDFieldInsertWidget(PDField field, uint32_t index, PDAnnot 
  * is dropped with its membership); the field stays in the form, also when
  * it has no widget left (it is then not written, see PDDocSave). */
 PDFCORE_API PDResult PDFieldRemoveWidget(PDField field, PDAnnot widget);
-/* Regenerates the appearances of all widgets of the field. */
+/* Draws the appearances of all widgets of the field again after its entries changed
+ * (options, flags); an author's frame of a text or choice field stays under the text. */
 PDFCORE_API PDResult PDFieldUpdateWidgets(PDField field);
 
 /* Text fields: /MaxLen (inherited), 0 when absent; setting 0 removes it. */
@@ -453,7 +530,8 @@ PDFCORE_API PDResult PDCreateSignWidgetAnnot(PDDoc doc, PDField field, PDPage pa
  * dictionary), or NULL. Not a widget: PD_ERR_NOT_WIDGET. */
 PDFCORE_API PDResult PDWidgetAnnotGetParent(PDAnnot widget, PDField* outField);
 
-/* All setters below regenerate the widget's appearance. */
+/* The setters below draw the widget's appearance again (the highlight mode excepted, which
+ * only says how a viewer shows a click). */
 
 /* /MK /R: 0, 90, 180 or 270 (0 when absent). Setting takes any multiple of 90,
  * negative ones too, and stores it modulo 360; other values: PD_ERR_BAD_ARGUMENT. */
