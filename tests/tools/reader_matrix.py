@@ -1132,9 +1132,11 @@ ENCRYPTIONS = {
     "aes-256": ["256", "--"],
 }
 # Encrypted here (a form whose readers draw its own appearances, without /NeedAppearances),
-# and encrypted in the corpus.
+# and encrypted in the corpus; the last allows filling in its fields but not changing the
+# form, and no owner password is known, so a session must be refused.
 TO_ENCRYPT = "pdfbox-basic-fields-all-types.pdf"
-ENCRYPTED_FORMS = ["jspdf-encrypted-acroform.pdf", "pikepdf-dd0293-hybrid-xfa.pdf"]
+ENCRYPTED_FORMS = ["jspdf-encrypted-acroform.pdf"]
+LOCKED_FORM = "pikepdf-dd0293-hybrid-xfa.pdf"
 
 
 def field_values(reader):
@@ -1163,6 +1165,16 @@ def check_encrypted(args, folder, drawing):
         path = os.path.join(folder, form)
         shutil.copyfile(os.path.join(args.corpus, form), path)
         inputs.append((path, ""))
+
+    locked = os.path.join(folder, LOCKED_FORM)
+    shutil.copyfile(os.path.join(args.corpus, LOCKED_FORM), locked)
+    out = os.path.join(folder, "locked-moved.pdf")
+    result = run([args.qfforms, "run", write_script(folder, "locked.json", [{"open": locked}]),
+                  "--out", out], cwd=folder)
+    check(result.returncode == 1 and result.stderr.count(b"\n") == 1 and
+          b"permissions do not allow changing its form" in result.stderr and
+          not os.path.exists(out), "encrypted %s: not refused as it should be: exit %d, %s" % (
+              LOCKED_FORM, result.returncode, text_of(result)))
 
     prepared = []
     for path, password in inputs:
