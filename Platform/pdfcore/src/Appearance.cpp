@@ -1618,6 +1618,12 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget, Redraw what) {
     if (checkOrRadio) {
         bool radio = (cx.flags & PD_FIELD_RADIO) != 0;
         cx.frame.round = radio;
+        // Viewers that draw check boxes anew (for /NeedAppearances) take ZapfDingbats from
+        // the form's resources under its usual name.
+        QPDFObjectHandle fonts = formFonts(doc);
+        if (!fonts.getKey("/ZaDb").isDictionary())
+            fonts.replaceKey("/ZaDb",
+                             makeIndirect(doc, simpleFontDict("Type1", "ZapfDingbats", false)));
         Font zadb = single(dingbats(doc));
         Codes glyph = boxGlyph(zadb, widget, radio);
         std::string on = onStateName(widget);
