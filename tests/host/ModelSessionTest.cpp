@@ -73,28 +73,11 @@ private:
 };
 
 std::string utf8(const std::u16string& text) {
-    std::string out;
-    for (size_t i = 0; i < text.size(); ++i) {
-        uint32_t c = text[i];
-        if (c >= 0xD800 && c < 0xDC00 && i + 1 < text.size() && text[i + 1] >= 0xDC00 &&
-            text[i + 1] < 0xE000)
-            c = 0x10000 + ((c - 0xD800) << 10) + (text[++i] - 0xDC00);
-        if (c < 0x80) {
-            out += char(c);
-        } else if (c < 0x800) {
-            out += char(0xC0 | (c >> 6));
-            out += char(0x80 | (c & 0x3F));
-        } else if (c < 0x10000) {
-            out += char(0xE0 | (c >> 12));
-            out += char(0x80 | ((c >> 6) & 0x3F));
-            out += char(0x80 | (c & 0x3F));
-        } else {
-            out += char(0xF0 | (c >> 18));
-            out += char(0x80 | ((c >> 12) & 0x3F));
-            out += char(0x80 | ((c >> 6) & 0x3F));
-            out += char(0x80 | (c & 0x3F));
-        }
-    }
+    size_t length = 0;
+    KRConvertUTF16ToUTF8(text.data(), text.size(), nullptr, 0, &length);
+    std::string out(length + 1, '\0');
+    KRConvertUTF16ToUTF8(text.data(), text.size(), out.data(), out.size(), &length);
+    out.resize(length);
     return out;
 }
 
@@ -170,36 +153,38 @@ struct Reading {
     std::vector<std::u16string> terminals;
 };
 
+// The annotations of page p of doc, in order.
+std::vector<Annot> readPage(PDDoc doc, uint32_t p) {
+    std::vector<Annot> out;
+    Ref page;
+    PDDocGetPage(doc, p, page.out());
+    uint32_t count = 0;
+    PDPageGetNumAnnots(page.get(), &count);
+    for (uint32_t k = 0; k < count; ++k) {
+        Ref annot, field;
+        PDPageGetAnnot(page.get(), k, annot.out());
+        Annot a;
+        PDAtom subtype = 0;
+        PDAnnotGetSubtype(annot.get(), &subtype);
+        a.subtype = atomName(subtype);
+        PDRect r{};
+        PDAnnotGetRect(annot.get(), &r);
+        a.rect = boxOf(r);
+        if (subtype == PD_ATOM_Widget && PDWidgetAnnotGetParent(annot.get(), field.out()) == PD_OK &&
+            field) {
+            a.kind = kindOf(field.get());
+            a.name = fullName(field.get());
+        }
+        out.push_back(std::move(a));
+    }
+    return out;
+}
+
 Reading readDoc(PDDoc doc) {
     Reading out;
     uint32_t pages = 0;
     PDDocGetNumPages(doc, &pages);
-    out.state.pages.resize(pages);
-    for (uint32_t p = 0; p < pages; ++p) {
-        Ref page;
-        PDDocGetPage(doc, p, page.out());
-        uint32_t count = 0;
-        PDPageGetNumAnnots(page.get(), &count);
-        for (uint32_t k = 0; k < count; ++k) {
-            Ref annot;
-            PDPageGetAnnot(page.get(), k, annot.out());
-            Annot a;
-            PDAtom subtype = 0;
-            PDAnnotGetSubtype(annot.get(), &subtype);
-            a.subtype = atomName(subtype);
-            PDRect r{};
-            PDAnnotGetRect(annot.get(), &r);
-            a.rect = boxOf(r);
-            if (subtype == PD_ATOM_Widget) {
-                Ref field;
-                if (PDWidgetAnnotGetParent(annot.get(), field.out()) == PD_OK && field) {
-                    a.kind = kindOf(field.get());
-                    a.name = fullName(field.get());
-                }
-            }
-            out.state.pages[p].push_back(std::move(a));
-        }
-    }
+    for (uint32_t p = 0; p < pages; ++p) out.state.pages.push_back(readPage(doc, p));
     uint32_t fields = 0;
     PDDocGetNumFields(doc, &fields);
     for (uint32_t i = 0; i < fields; ++i) {
@@ -985,30 +970,7 @@ private:
         }
     }
 
-    std::vector<Annot> readLivePage(uint32_t p) {
-        std::vector<Annot> out;
-        Ref page;
-        PDDocGetPage(doc_->pdDoc(), p, page.out());
-        uint32_t count = 0;
-        PDPageGetNumAnnots(page.get(), &count);
-        for (uint32_t k = 0; k < count; ++k) {
-            Ref annot, field;
-            PDPageGetAnnot(page.get(), k, annot.out());
-            Annot a;
-            PDAtom subtype = 0;
-            PDAnnotGetSubtype(annot.get(), &subtype);
-            a.subtype = atomName(subtype);
-            PDRect r{};
-            PDAnnotGetRect(annot.get(), &r);
-            a.rect = boxOf(r);
-            if (PDWidgetAnnotGetParent(annot.get(), field.out()) == PD_OK && field) {
-                a.kind = kindOf(field.get());
-                a.name = fullName(field.get());
-            }
-            out.push_back(std::move(a));
-        }
-        return out;
-    }
+    std::vector<Annot> readLivePage(uint32_t p) { return readPage(doc_->pdDoc(), p); }
 
     bool undo() {
         if (cursor_ == 0) return false;
