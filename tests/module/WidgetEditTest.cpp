@@ -437,8 +437,6 @@ TEST_F(WidgetEdit, TheSelectionAnswersForItsWidget) {
     uint64_t page = 9;
     EXPECT_EQ(ops.GetPageIndex(s, &page), 0u);
     EXPECT_EQ(page, 0u);
-    EXPECT_EQ(ops.GetBounds(s, nullptr), 3u);
-    EXPECT_EQ(ops.GetSelectionData(s, nullptr), 2u);
     const float inside[2] = {300, 622}, outside[2] = {301, 622};
     uint8_t hit = 0;
     EXPECT_EQ(ops.HitTest(s, 0, inside, &hit), 0u);
