@@ -96,33 +96,6 @@ void check(const std::string& name, ServiceObject* so, uint32_t interfaceId,
     }
 }
 
-// A pdfcore handle the test owns.
-struct Handle {
-    PDHandle h = nullptr;
-    Handle() = default;
-    Handle(const Handle&) = delete;
-    Handle& operator=(const Handle&) = delete;
-    ~Handle() { reset(); }
-    void reset() {
-        if (h) PDHandleRelease(h);
-        h = nullptr;
-    }
-    PDHandle* put() {
-        reset();
-        return &h;
-    }
-    PDHandle get() const { return h; }
-};
-
-// A text field with one widget at rect on page index of doc; the widget in *out.
-void addTextWidget(PDDoc doc, uint32_t index, PDRect rect, Handle& out) {
-    Handle field, page;
-    ASSERT_EQ(PDCreateTextField(doc, nullptr, 0, 0, field.put()), PD_OK);
-    ASSERT_EQ(PDDocGetPage(doc, index, page.put()), PD_OK);
-    ASSERT_EQ(PDCreateTextWidgetAnnot(doc, field.get(), page.get(), &rect, out.put()), PD_OK);
-    ASSERT_EQ(PDPageAddAnnot(page.get(), 0, out.get()), PD_OK);
-}
-
 void noChange(void*, ServiceObject*) {}
 void noAnnotChange(void*, uint32_t, uint64_t, PDAnnot) {}
 void noAnnotsChange(void*, uint32_t, uint64_t, const PDAnnot*, uint64_t) {}
@@ -159,10 +132,10 @@ protected:
     void SetUp() override {
         ASSERT_NO_THROW(loader.load(QF_FORMS_MODULE));
         document = &host.newDocument(2, 612, 792);
-        addTextWidget(document->pdDoc(), 0, PDRect{100, 700, 250, 680}, widget);
+        widget.h = addTextWidget(document->pdDoc(), 0, PDRect{100, 700, 250, 680});
 
         qfhost::Document& other = host.newDocument(1, 612, 792);
-        addTextWidget(other.pdDoc(), 0, PDRect{100, 700, 250, 680}, staleWidget);
+        staleWidget.h = addTextWidget(other.pdDoc(), 0, PDRect{100, 700, 250, 680});
         staleDocument = ObjectPtr::share(other.object());
         staleDocPage = ObjectPtr::share(other.page(0));
         qfhost::View& otherView = host.openView(other);

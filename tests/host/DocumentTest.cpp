@@ -32,21 +32,6 @@ QF::DocumentTable* docTable(ServiceObject* so) {
 }
 QF::PageTable* pageTable(ServiceObject* so) { return SODetails::methods<QF::PageTable>(so); }
 
-// A pdfcore handle dropped at scope exit.
-struct Handle {
-    PDHandle h = nullptr;
-    Handle() = default;
-    explicit Handle(PDHandle x) : h(x) {}
-    ~Handle() { PDHandleRelease(h); }
-    Handle(const Handle&) = delete;
-    Handle& operator=(const Handle&) = delete;
-    PDHandle* put() {
-        PDHandleRelease(h);
-        h = nullptr;
-        return &h;
-    }
-};
-
 bool sameRect(const PDRect& r, float left, float bottom, float right, float top) {
     return r.left == left && r.bottom == bottom && r.right == right && r.top == top;
 }
@@ -63,20 +48,6 @@ uint32_t annotCount(PDDoc doc, uint32_t pageIndex) {
     uint32_t n = 0;
     EXPECT_EQ(PDPageGetNumAnnots(page.h, &n), PD_OK);
     return n;
-}
-
-// A text widget of a new field, put on the page at the end of its /Annots (one reference
-// for the caller).
-PDAnnot addTextWidget(PDDoc doc, uint32_t pageIndex, const PDRect& rect) {
-    Handle page, field;
-    EXPECT_EQ(PDDocGetPage(doc, pageIndex, page.put()), PD_OK);
-    EXPECT_EQ(PDCreateTextField(doc, nullptr, 0, 0, field.put()), PD_OK);
-    PDAnnot widget = nullptr;
-    EXPECT_EQ(PDCreateTextWidgetAnnot(doc, field.h, page.h, &rect, &widget), PD_OK);
-    uint32_t n = 0;
-    EXPECT_EQ(PDPageGetNumAnnots(page.h, &n), PD_OK);
-    EXPECT_EQ(PDPageAddAnnot(page.h, n, widget), PD_OK);
-    return widget;
 }
 
 std::string tempPath(const char* name) {

@@ -13,6 +13,8 @@
 // QF_MODEL_SEED runs that one seed instead of the fixed ones, QF_MODEL_STEPS sets the length
 // of each session, QF_MODEL_TRACE=1 prints every step. A failure names the document, seed,
 // step and the step's description.
+#include "TestObjects.h"
+
 #include "qfhost/Host.h"
 #include "qfhost/ModuleLoader.h"
 
@@ -45,32 +47,12 @@
 namespace {
 
 namespace fs = std::filesystem;
+using hosttest::Handle;
 using qfhost::Host;
 using qfhost::ModuleLoader;
 using qfhost::View;
 
 // ---- pdfcore reading ----------------------------------------------------------------------
-
-// One pdfcore reference, dropped at the end of the scope.
-class Ref {
-public:
-    Ref() = default;
-    Ref(const Ref&) = delete;
-    Ref& operator=(const Ref&) = delete;
-    ~Ref() {
-        if (h_) PDHandleRelease(h_);
-    }
-    PDHandle* out() {
-        if (h_) PDHandleRelease(h_);
-        h_ = nullptr;
-        return &h_;
-    }
-    PDHandle get() const { return h_; }
-    explicit operator bool() const { return h_ != nullptr; }
-
-private:
-    PDHandle h_ = nullptr;
-};
 
 std::string utf8(const std::u16string& text) {
     size_t length = 0;
@@ -156,13 +138,13 @@ struct Reading {
 // The annotations of page p of doc, in order.
 std::vector<Annot> readPage(PDDoc doc, uint32_t p) {
     std::vector<Annot> out;
-    Ref page;
-    PDDocGetPage(doc, p, page.out());
+    Handle page;
+    PDDocGetPage(doc, p, page.put());
     uint32_t count = 0;
     PDPageGetNumAnnots(page.get(), &count);
     for (uint32_t k = 0; k < count; ++k) {
-        Ref annot, field;
-        PDPageGetAnnot(page.get(), k, annot.out());
+        Handle annot, field;
+        PDPageGetAnnot(page.get(), k, annot.put());
         Annot a;
         PDAtom subtype = 0;
         PDAnnotGetSubtype(annot.get(), &subtype);
@@ -170,7 +152,7 @@ std::vector<Annot> readPage(PDDoc doc, uint32_t p) {
         PDRect r{};
         PDAnnotGetRect(annot.get(), &r);
         a.rect = boxOf(r);
-        if (subtype == PD_ATOM_Widget && PDWidgetAnnotGetParent(annot.get(), field.out()) == PD_OK &&
+        if (subtype == PD_ATOM_Widget && PDWidgetAnnotGetParent(annot.get(), field.put()) == PD_OK &&
             field) {
             a.kind = kindOf(field.get());
             a.name = fullName(field.get());
@@ -188,8 +170,8 @@ Reading readDoc(PDDoc doc) {
     uint32_t fields = 0;
     PDDocGetNumFields(doc, &fields);
     for (uint32_t i = 0; i < fields; ++i) {
-        Ref field;
-        if (PDDocGetField(doc, i, field.out()) == PD_OK && field)
+        Handle field;
+        if (PDDocGetField(doc, i, field.put()) == PD_OK && field)
             out.terminals.push_back(fullName(field.get()));
     }
     return out;
@@ -296,8 +278,8 @@ private:
     bool chance(double p) { return std::bernoulli_distribution(p)(rng_); }
 
     Box cropBox(uint32_t page) {
-        Ref handle;
-        PDDocGetPage(doc_->pdDoc(), page, handle.out());
+        Handle handle;
+        PDDocGetPage(doc_->pdDoc(), page, handle.put());
         PDRect r{};
         PDPageGetBox(handle.get(), PD_BOX_CROP, &r);
         return boxOf(r);
@@ -345,16 +327,16 @@ private:
 
     // ---- model helpers ----
     std::u16string liveName(uint32_t page, uint32_t index) {
-        Ref handle, annot, field;
-        PDDocGetPage(doc_->pdDoc(), page, handle.out());
-        if (PDPageGetAnnot(handle.get(), index, annot.out()) != PD_OK) return {};
-        if (PDWidgetAnnotGetParent(annot.get(), field.out()) != PD_OK || !field) return {};
+        Handle handle, annot, field;
+        PDDocGetPage(doc_->pdDoc(), page, handle.put());
+        if (PDPageGetAnnot(handle.get(), index, annot.put()) != PD_OK) return {};
+        if (PDWidgetAnnotGetParent(annot.get(), field.put()) != PD_OK || !field) return {};
         return fullName(field.get());
     }
 
     uint32_t liveCount(uint32_t page) {
-        Ref handle;
-        PDDocGetPage(doc_->pdDoc(), page, handle.out());
+        Handle handle;
+        PDDocGetPage(doc_->pdDoc(), page, handle.put());
         uint32_t count = 0;
         PDPageGetNumAnnots(handle.get(), &count);
         return count;
@@ -564,9 +546,9 @@ private:
         }
         record("Widget_Rename of annotation " + std::to_string(k) + " of page " +
                std::to_string(p) + " (" + describe(target) + ") to \"" + utf8(newName) + "\"");
-        Ref page, annot;
-        PDDocGetPage(doc_->pdDoc(), p, page.out());
-        PDPageGetAnnot(page.get(), k, annot.out());
+        Handle page, annot;
+        PDDocGetPage(doc_->pdDoc(), p, page.put());
+        PDPageGetAnnot(page.get(), k, annot.put());
         QF::RenameWidgetParams params{doc_->object(), p, annot.get(), newName.c_str()};
         if (!execute("Widget_Rename", &params)) return fail();
         State next = model();
@@ -588,12 +570,12 @@ private:
         std::shuffle(list.begin(), list.end(), rng_);
         list.resize(size_t(uniform(2, int(std::min<size_t>(list.size(), 4)))));
         std::string text = "GroupRadioButtons on page " + std::to_string(p) + ":";
-        Ref page;
-        PDDocGetPage(doc_->pdDoc(), p, page.out());
-        std::vector<Ref> refs(list.size());
+        Handle page;
+        PDDocGetPage(doc_->pdDoc(), p, page.put());
+        std::vector<Handle> refs(list.size());
         std::vector<PDAnnot> items;
         for (size_t i = 0; i < list.size(); ++i) {
-            PDPageGetAnnot(page.get(), list[i], refs[i].out());
+            PDPageGetAnnot(page.get(), list[i], refs[i].put());
             items.push_back(refs[i].get());
             text += " " + std::to_string(list[i]);
         }
