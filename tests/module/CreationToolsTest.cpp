@@ -2,15 +2,12 @@
 // through its document view as a user drives them: presses, moves and releases in view
 // pixels, the tool's property sheet, the undo stack. What they make is read back from the
 // saved file as a fresh reader sees it.
-#include "PdReaders.h"
+#include "ModuleSession.h"
 
-#include "kr/KRRuntime.h"
 #include "qf/DocumentInterfaces.h"
 #include "qf/PropertyInterfaces.h"
 #include "qf/internal/AnnotEditUtilities"
 #include "qf/internal/TextConversion.h"
-#include "qfhost/Host.h"
-#include "qfhost/ModuleLoader.h"
 
 #include <gtest/gtest.h>
 
@@ -77,82 +74,29 @@ std::string actionOf(PDAnnot w) {
 }
 
 
-void expectRect(const PDRect& r, float left, float bottom, float right, float top,
-                const std::string& what) {
-    EXPECT_NEAR(r.left, left, 0.01) << what;
-    EXPECT_NEAR(r.bottom, bottom, 0.01) << what;
-    EXPECT_NEAR(r.right, right, 0.01) << what;
-    EXPECT_NEAR(r.top, top, 0.01) << what;
-}
 
 // ---- the session ----------------------------------------------------------------------
 
-// A host with the module loaded and a two-page document (page 1 turned by 90 degrees) in a
-// view at zoom 1.
-class CreationTools : public ::testing::Test {
+class CreationTools : public ModuleSession {
   protected:
-    void SetUp() override {
-        ASSERT_NO_THROW(loader.load(QF_FORMS_MODULE_PATH));
-        PDHandlePtr second = pageOf(doc().pdDoc(), 1);
-        ASSERT_EQ(PDPageSetRotate(second.get(), 90), PD_OK);
-    }
-    void TearDown() override { host.releaseModuleObjects(); }
-
     qfhost::Document& doc() { return *document; }
-    PDDoc pd() { return document->pdDoc(); }
-
     void activate(const char* tool) { ASSERT_EQ(view->activateTool(tool), 0u) << tool; }
-
-    // One event at page point (x, y) of page; the tool's result, *handled its answer.
-    uint32_t send(uint32_t type, uint32_t button, uint32_t page, float x, float y,
-                  bool* handled = nullptr, uint32_t modifiers = 0) {
-        const auto at = view->pageToView(page, x, y);
-        return view->sendEvent({type, button, at[0], at[1], modifiers}, handled);
-    }
     uint32_t sendAtPixel(uint32_t type, uint32_t button, int32_t x, int32_t y,
                          bool* handled = nullptr) {
         return view->sendEvent({type, button, x, y, 0}, handled);
     }
-    // Press at from, two moves, release at to (page points of page): the release's result.
-    uint32_t drag(uint32_t page, std::array<float, 2> from, std::array<float, 2> to) {
-        EXPECT_EQ(send(QF::kEventButtonDown, QF::kButtonLeft, page, from[0], from[1]), 0u);
-        send(QF::kEventMove, 0, page, (from[0] + to[0]) / 2, (from[1] + to[1]) / 2);
-        send(QF::kEventMove, 0, page, to[0], to[1]);
-        return send(QF::kEventButtonUp, QF::kButtonLeft, page, to[0], to[1]);
-    }
-    uint32_t click(uint32_t page, float x, float y) { return drag(page, {x, y}, {x, y}); }
-
+    uint32_t click(uint32_t page, float x, float y) { return drag(page, x, y, x, y); }
     // The newest annotation of a page.
     PDHandlePtr last(uint32_t page) { return annotAt(pd(), page, annotCount(pd(), page) - 1); }
 
-    // The failure record the module left for this thread.
-    std::u16string failureText() {
-        SODetails::ErrorInfo info{};
-        ServiceObject* so = loader.initService();
-        if (SODetails::header(so)->base.GetLastErrorInfo(so, &info, nullptr) != 0 ||
-            !info.message)
-            return u"<none>";
-        return info.message;
-    }
-
-    // The active tool's sheet, read again.
-    ObjectPtr property(const char16_t* name) {
-        EXPECT_EQ(view->refreshToolProperties(), 0u);
-        return host.properties().find(u"ToolArea", name);
-    }
     std::u16string nextName() {
         std::u16string value;
-        EXPECT_EQ(qfhost::property::getText(property(u"FieldName").get(), &value), 0u);
+        EXPECT_EQ(qfhost::property::getText(sheet(u"FieldName").get(), &value), 0u);
         return value;
     }
     uint32_t setName(const std::u16string& name) {
-        return qfhost::property::setText(property(u"FieldName").get(), name);
+        return qfhost::property::setText(sheet(u"FieldName").get(), name);
     }
-
-    qfhost::Host host;
-    qfhost::ModuleLoader loader{&host};
-    qfhost::Document* document = &host.newDocument(2, 612, 792);
-    qfhost::View* view = &host.openView(*document);
 };
 
 // ---- the kinds -------------------------------------------------------------------------
@@ -333,13 +277,13 @@ TEST_F(CreationTools, DragsUnderFivePixelsEitherWayAreClicks) {
     activate("TextFieldCreate");
     view->setZoom(2);
     // 2 points wide at zoom 2: 4 pixels, however tall.
-    ASSERT_EQ(drag(0, {100, 600}, {102, 500}), 0u);
+    ASSERT_EQ(drag(0, 100, 600, 102, 500), 0u);
     expectRect(rectOf(last(0).get()), 100, 578, 250, 600, "4 x 200 pixels");
     // 2.5 points: 5 pixels each way, a frame.
-    ASSERT_EQ(drag(0, {300, 600}, {302.5f, 597.5f}), 0u);
+    ASSERT_EQ(drag(0, 300, 600, 302.5f, 597.5f), 0u);
     expectRect(rectOf(last(0).get()), 300, 597.5f, 302.5f, 600, "5 x 5 pixels");
     // Any corner may start the frame; it is clipped to the page.
-    ASSERT_EQ(drag(0, {500, 20}, {700, -50}), 0u);
+    ASSERT_EQ(drag(0, 500, 20, 700, -50), 0u);
     expectRect(rectOf(last(0).get()), 500, 0, 612, 20, "beyond the corner");
 }
 
@@ -363,7 +307,7 @@ TEST_F(CreationTools, WidgetsKeepTheirOnScreenOrientationOnTurnedPages) {
     EXPECT_EQ(rotationOf(w.get()), 90);
     expectRect(rectOf(w.get()), 300, 300, 322, 450, "page 270 in a view of 180");
     // A drawn frame is taken as it is, and turned the same way.
-    ASSERT_EQ(drag(0, {100, 100}, {160, 200}), 0u);
+    ASSERT_EQ(drag(0, 100, 100, 160, 200), 0u);
     expectRect(rectOf(last(0).get()), 100, 100, 160, 200, "frame");
     EXPECT_EQ(rotationOf(last(0).get()), 90);
 }
@@ -422,28 +366,28 @@ TEST_F(CreationTools, DefaultSizesComeFromTheUserSettings) {
 TEST_F(CreationTools, TheSheetShowsTheFieldNameOnly) {
     activate("ComboBoxCreate");
     ASSERT_EQ(view->refreshToolProperties(), 0u);
-    const auto sheet = host.properties().properties(u"ToolArea");
-    ASSERT_EQ(sheet.size(), 3u);
+    const auto rows = host.properties().properties(u"ToolArea");
+    ASSERT_EQ(rows.size(), 3u);
     const char16_t* names[] = {u"FieldName", u"RadioChoice", u"ComboOptList"};
     const uint32_t types[] = {QF::kPropertyText, QF::kPropertyText, QF::kPropertyStringPairList};
     for (size_t i = 0; i < 3; ++i) {
         SCOPED_TRACE(i);
-        EXPECT_EQ(qfhost::property::name(sheet[i].get()), names[i]);
-        EXPECT_EQ(qfhost::property::type(sheet[i].get()), types[i]);
+        EXPECT_EQ(qfhost::property::name(rows[i].get()), names[i]);
+        EXPECT_EQ(qfhost::property::type(rows[i].get()), types[i]);
         bool readOnly = true, hidden = false;
-        EXPECT_EQ(qfhost::property::isReadOnly(sheet[i].get(), &readOnly), 0u);
-        EXPECT_EQ(qfhost::property::isHidden(sheet[i].get(), &hidden), 0u);
+        EXPECT_EQ(qfhost::property::isReadOnly(rows[i].get(), &readOnly), 0u);
+        EXPECT_EQ(qfhost::property::isHidden(rows[i].get(), &hidden), 0u);
         EXPECT_FALSE(readOnly);
         EXPECT_EQ(hidden, i != 0);
     }
     // The hidden ones read empty and take no writes.
-    EXPECT_EQ(qfhost::property::setText(sheet[1].get(), u"x"), 0u);
+    EXPECT_EQ(qfhost::property::setText(rows[1].get(), u"x"), 0u);
     std::u16string choice = u"?";
-    EXPECT_EQ(qfhost::property::getText(sheet[1].get(), &choice), 0u);
+    EXPECT_EQ(qfhost::property::getText(rows[1].get(), &choice), 0u);
     EXPECT_EQ(choice, u"");
-    EXPECT_EQ(qfhost::property::setPairs(sheet[2].get(), {{u"a", u"A"}}), 0u);
+    EXPECT_EQ(qfhost::property::setPairs(rows[2].get(), {{u"a", u"A"}}), 0u);
     std::vector<std::pair<std::u16string, std::u16string>> options{{u"?", u"?"}};
-    EXPECT_EQ(qfhost::property::getPairs(sheet[2].get(), &options), 0u);
+    EXPECT_EQ(qfhost::property::getPairs(rows[2].get(), &options), 0u);
     EXPECT_TRUE(options.empty());
 
     // A name typed or used up makes the host read the sheet again.
@@ -454,7 +398,7 @@ TEST_F(CreationTools, TheSheetShowsTheFieldNameOnly) {
     EXPECT_EQ(view->propertiesChangedCount(), changes + 2);
 
     // The sheet outlives the tool: it then reads empty and ignores writes.
-    const ObjectPtr fieldName = property(u"FieldName");
+    const ObjectPtr fieldName = sheet(u"FieldName");
     view->deactivateTool();
     std::u16string value = u"?";
     EXPECT_EQ(qfhost::property::getText(fieldName.get(), &value), 0u);

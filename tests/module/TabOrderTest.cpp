@@ -1,13 +1,10 @@
 // The tab order of a page, with the module loaded into the reference host: the three
 // tab-order commands run through the host's commands manager, and the "FormTabOrder" tool
 // driven through a view, its numbers read from the host's graphics record.
-#include "PdReaders.h"
+#include "ModuleSession.h"
 
-#include "kr/KRRuntime.h"
 #include "qf/DocumentInterfaces.h"
 #include "qfhost/Graphics.h"
-#include "qfhost/Host.h"
-#include "qfhost/ModuleLoader.h"
 #include "qfhost/View.h"
 
 #include <gtest/gtest.h>
@@ -23,26 +20,16 @@ using QF::PDHandlePtr;
 using qfhost::ObjectPtr;
 using SODetails::ServiceObject;
 
-uint32_t atom(const char* name) {
-    uint32_t id = 0;
-    EXPECT_EQ(KRGetAtomFromString(name, &id), 0u);
-    return id;
-}
-
-class TabOrder : public ::testing::Test {
+class TabOrder : public ModuleInHost {
   protected:
     void SetUp() override {
-        ASSERT_NO_THROW(loader.load(QF_FORMS_MODULE_PATH));
+        ModuleInHost::SetUp();
         document.OnAnnotsChanged.connect(
             [this](uint32_t kind, uint64_t page, const std::vector<PDAnnot>& annots) {
                 std::string names;
                 for (PDAnnot a : annots) names += label(a);
                 notes.push_back(std::to_string(kind) + ":" + std::to_string(page) + ":" + names);
             });
-    }
-    void TearDown() override {
-        host.commands().clear();
-        host.releaseModuleObjects();
     }
 
     // A text widget of a field of its own, named by one letter, appended to page.
@@ -115,8 +102,6 @@ class TabOrder : public ::testing::Test {
 
     PDDoc doc() { return document.pdDoc(); }
 
-    qfhost::Host host;
-    qfhost::ModuleLoader loader{&host};
     qfhost::Document& document = host.newDocument(2, 612, 792);
     std::map<PDAnnot, std::string> labels;
     std::vector<PDHandlePtr> held;

@@ -2,15 +2,12 @@
 // point through the module's edit-object factory, the edit tool driven through the view
 // (drags, grips, arrow keys, commands, the context menu), its property sheet, the
 // selection's answers, and undo and redo of every change as a fresh reader sees it.
-#include "PdReaders.h"
+#include "ModuleSession.h"
 
-#include "kr/KRRuntime.h"
 #include "qf/DocumentInterfaces.h"
 #include "qf/PropertyInterfaces.h"
 #include "qf/StringPairList.h"
 #include "qf/internal/AnnotEditUtilities"
-#include "qfhost/Host.h"
-#include "qfhost/ModuleLoader.h"
 
 #include <gtest/gtest.h>
 
@@ -26,11 +23,6 @@ using QF::PDHandlePtr;
 using qfhost::ObjectPtr;
 using SODetails::ServiceObject;
 
-uint32_t atom(const char* name) {
-    uint32_t id = 0;
-    EXPECT_EQ(KRGetAtomFromString(name, &id), 0u);
-    return id;
-}
 // Every annotation of page 0 as "name [l b r t]", as a fresh reader sees it.
 std::vector<std::string> layout(PDDoc doc) {
     const PDHandlePtr fresh = reopened(doc);
@@ -46,36 +38,10 @@ std::vector<std::string> layout(PDDoc doc) {
     }
     return out;
 }
-void expectRect(const PDRect& r, float left, float bottom, float right, float top) {
-    EXPECT_NEAR(r.left, left, 0.01);
-    EXPECT_NEAR(r.bottom, bottom, 0.01);
-    EXPECT_NEAR(r.right, right, 0.01);
-    EXPECT_NEAR(r.top, top, 0.01);
-}
 
-// A host with the module loaded and a new three-page document (page 1 turned by 90, page
-// 2 without annotations) in a view; widgets are drawn with the creation tools.
-class WidgetEdit : public ::testing::Test {
+// Widgets are drawn with the creation tools.
+class WidgetEdit : public ModuleSession {
   protected:
-    void SetUp() override {
-        ASSERT_NO_THROW(loader.load(QF_FORMS_MODULE_PATH));
-        ASSERT_EQ(PDPageSetRotate(pageOf(pd(), 1).get(), 90), PD_OK);
-    }
-    void TearDown() override { host.releaseModuleObjects(); }
-
-    PDDoc pd() { return document->pdDoc(); }
-
-    uint32_t send(uint32_t type, uint32_t code, uint32_t page, float x, float y,
-                  bool* handled = nullptr, uint32_t modifiers = 0) {
-        const auto at = view->pageToView(page, x, y);
-        return view->sendEvent({type, code, at[0], at[1], modifiers}, handled);
-    }
-    void drag(uint32_t page, float x0, float y0, float x1, float y1, uint32_t modifiers = 0) {
-        send(QF::kEventButtonDown, QF::kButtonLeft, page, x0, y0, nullptr, modifiers);
-        send(QF::kEventMove, 0, page, (x0 + x1) / 2, (y0 + y1) / 2, nullptr, modifiers);
-        send(QF::kEventMove, 0, page, x1, y1, nullptr, modifiers);
-        send(QF::kEventButtonUp, QF::kButtonLeft, page, x1, y1, nullptr, modifiers);
-    }
     // A widget of tool's kind with the frame left, bottom, right, top on page.
     void make(const char* tool, uint32_t page, float l, float b, float r, float t) {
         ASSERT_EQ(view->activateTool(tool), 0u);
@@ -96,27 +62,12 @@ class WidgetEdit : public ::testing::Test {
     QF::SelectionTable& selectionOps() {
         return *SODetails::methods<QF::SelectionTable>(host.selection().selection().get());
     }
-    ObjectPtr sheet(const char16_t* name) {
-        EXPECT_EQ(view->refreshToolProperties(), 0u);
-        return host.properties().find(u"ToolArea", name);
-    }
-    std::u16string failureText() {
-        SODetails::ErrorInfo info{};
-        ServiceObject* so = loader.initService();
-        if (SODetails::header(so)->base.GetLastErrorInfo(so, &info, nullptr) != 0) return u"";
-        return info.message ? info.message : u"";
-    }
     void undoAll() {
         while (host.commands().depths().undo > 0) ASSERT_EQ(host.commands().undo(), 0u);
     }
     void redoAll() {
         while (host.commands().depths().redo > 0) ASSERT_EQ(host.commands().redo(), 0u);
     }
-
-    qfhost::Host host;
-    qfhost::ModuleLoader loader{&host};
-    qfhost::Document* document = &host.newDocument(3, 612, 792);
-    qfhost::View* view = &host.openView(*document);
 };
 
 // ---- picking ----------------------------------------------------------------------------
