@@ -29,12 +29,7 @@ from pypdf import PdfReader, PdfWriter
 from pypdf.generic import DictionaryObject, NameObject, TextStringObject
 
 from run_sessions import (check, failures, field_of, form_of, full_name, qfforms, resolved, run,
-                          widgets_of, write_script)
-
-
-def run_script(args, folder, name, steps, *options, env=None):
-    path = write_script(folder, name, steps)
-    return run([args.qfforms, "run", path, *options], env=env)
+                          run_script, widgets_of)
 
 
 def rect_of(path, page, field):

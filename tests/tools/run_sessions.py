@@ -39,11 +39,12 @@ def check(condition, message):
 
 
 def run(args, **kwargs):
-    return subprocess.run(args, capture_output=True, text=True, timeout=TIMEOUT, **kwargs)
+    return subprocess.run([*map(str, args)], capture_output=True, text=True, timeout=TIMEOUT,
+                          **kwargs)
 
 
 def qfforms(binary, *args):
-    return run([binary, *map(str, args)])
+    return run([binary, *args])
 
 
 def write_script(folder, name, steps):
@@ -51,6 +52,11 @@ def write_script(folder, name, steps):
     with open(path, "w", encoding="utf-8") as f:
         json.dump(steps, f, ensure_ascii=False)
     return path
+
+
+def run_script(args, folder, name, steps, *options, env=None):
+    """`qfforms run` of steps, written to folder/name."""
+    return run([args.qfforms, "run", write_script(folder, name, steps), *options], env=env)
 
 
 # ---- reading a form with pypdf ------------------------------------------------------------
