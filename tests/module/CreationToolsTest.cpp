@@ -353,12 +353,24 @@ TEST_F(CreationTools, PressesBesideThePagesAndTheRightButton) {
     EXPECT_FALSE(view->activeTool());
 }
 
+// A click makes the kind's box, its top left corner at the click.
 TEST_F(CreationTools, DefaultSizesComeFromTheUserSettings) {
+    const std::tuple<const char*, float, float> sizes[] = {
+        {kTools[0], 150, 22}, {kTools[1], 14, 14}, {kTools[2], 14, 14}, {kTools[3], 150, 22},
+        {kTools[4], 150, 66}, {kTools[5], 72, 24}, {kTools[6], 72, 24}, {kTools[7], 72, 24},
+        {kTools[8], 72, 24},  {kTools[9], 72, 24}, {kTools[10], 150, 44}};
+    float top = 780;
+    for (const auto& [tool, width, height] : sizes) {
+        activate(tool);
+        ASSERT_EQ(click(0, 40, top), 0u) << tool;
+        expectRect(rectOf(last(0).get()), 40, top - height, 40 + width, top, tool);
+        top -= height + 4;
+    }
     ASSERT_EQ(host.settings().set(u"Forms/CheckBox/Width", int64_t(30)), 0u);
     ASSERT_EQ(host.settings().set(u"Forms/CheckBox/Height", int64_t(20)), 0u);
     activate("CheckBoxCreate");
-    ASSERT_EQ(click(0, 40, 700), 0u);
-    expectRect(rectOf(last(0).get()), 40, 680, 70, 700, "30 x 20");
+    ASSERT_EQ(click(0, 300, 700), 0u);
+    expectRect(rectOf(last(0).get()), 300, 680, 330, 700, "30 x 20");
 }
 
 // ---- the tool's sheet ------------------------------------------------------------------

@@ -303,19 +303,9 @@ TEST_F(WidgetClipboard, BadRecordsFailCleanly) {
         EXPECT_EQ(annotCount(doc.pdDoc(), 0), 0u);
         EXPECT_EQ(fieldNames(reopened(doc.pdDoc()).get()), before);
     };
-    expectRefused("[]", 4, u"type must be object, but is array");
-    expectRefused("5", 4, u"type must be object, but is number");
-    expectRefused("{\"Rect\": ", 4, u"parse error");
+    // Records that are no JSON object, lack a key or hold a wrong type: edit_sessions.py
+    // (records), through the same paste, in qfforms paste and in a session.
     expectRefused("{}", 1, u""); // a record of no field type: nothing to paste
-    Json noRect = text;
-    noRect.erase("Rect");
-    expectRefused(noRect.dump(), 4, u"invalid map<K, T> key");
-    Json noTrigger = text;
-    noTrigger.erase("blur");
-    expectRefused(noTrigger.dump(), 4, u"invalid map<K, T> key");
-    Json badDash = text;
-    badDash["border-style"]["dash-array"] = Json::array({3, "x"});
-    expectRefused(badDash.dump(), 4, u"type must be number, but is string");
     Json badSelection = Json::parse(copy(form, u"list1"));
     badSelection["choise-selection-index"] = "first";
     expectRefused(badSelection.dump(), 4, u"invalid stoull argument");

@@ -231,7 +231,6 @@ TEST(RenameFormWidget, RefusesJoinsRenamesInPlaceOrSplits) {
     auto radio = field(doc.get(), u"radio", PD_ATOM_Btn, PD_FIELD_RADIO);
     auto wa = widget(doc.get(), a.get(), 10);
     auto wb1 = widget(doc.get(), b.get(), 40);
-    auto wb2 = widget(doc.get(), b.get(), 70);
     auto loose = widget(doc.get(), a.get(), 100);
     ASSERT_EQ(PDFieldRemoveWidget(a.get(), loose.get()), PD_OK);
 
@@ -249,11 +248,8 @@ TEST(RenameFormWidget, RefusesJoinsRenamesInPlaceOrSplits) {
     EXPECT_EQ(refs(service.get()), serviceRefs);
     EXPECT_TRUE(kinds.empty());
 
-    rename(wb1.get(), u"a", service.get()); // joins a, keeps nothing of b
-    EXPECT_EQ(parent(wb1.get()).get(), a.get());
-    EXPECT_EQ(flagsOf(a.get()), 0u);
-    rename(wb2.get(), u"c", service.get()); // b's last widget: b is renamed
-    EXPECT_EQ(findField(doc.get(), u"c").get(), b.get());
+    // How joins, renames in place and splits come out: the command test below.
+    rename(wb1.get(), u"a", service.get()); // joins a
     rename(wa.get(), u"d", service.get()); // one of two: a new text field
     auto d = findField(doc.get(), u"d");
     ASSERT_TRUE(d);
@@ -261,7 +257,7 @@ TEST(RenameFormWidget, RefusesJoinsRenamesInPlaceOrSplits) {
     EXPECT_EQ(widgetCount(a.get()), 1u);
     rename(wa.get(), u"d", service.get()); // its own name: out and back into d
     EXPECT_EQ(parent(wa.get()).get(), d.get());
-    EXPECT_EQ(kinds, (std::vector<int32_t>{3, 3, 3, 3}));
+    EXPECT_EQ(kinds, (std::vector<int32_t>{3, 3, 3}));
     EXPECT_EQ(refs(service.get()), serviceRefs);
     PDDocRemoveAnnotChangedListener(doc.get(), cookie);
 }
