@@ -152,8 +152,8 @@ std::vector<Annot> readPage(PDDoc doc, uint32_t p) {
         PDRect r{};
         PDAnnotGetRect(annot.get(), &r);
         a.rect = boxOf(r);
-        if (subtype == PD_ATOM_Widget && PDWidgetAnnotGetParent(annot.get(), field.put()) == PD_OK &&
-            field) {
+        if (subtype == PD_ATOM_Widget &&
+            PDWidgetAnnotGetParent(annot.get(), field.put()) == PD_OK && field) {
             a.kind = kindOf(field.get());
             a.name = fullName(field.get());
         }
