@@ -9,7 +9,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 packages=(
   build-essential cmake ninja-build pkg-config
-  libqpdf-dev qpdf nlohmann-json3-dev libboost-dev
+  libqpdf-dev qpdf nlohmann-json3-dev libvalijson-dev libboost-dev
   libharfbuzz-dev libfreetype-dev libfontconfig-dev fonts-dejavu-core fonts-ipafont-gothic
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   python3 python3-pypdf python3-pycryptodome poppler-utils poppler-data mupdf-tools

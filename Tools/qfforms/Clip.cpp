@@ -2,6 +2,7 @@
 
 #include "Files.h"
 #include "Pd.h"
+#include "Records.h"
 
 #include "kr/KRRuntime.h"
 #include "qf/Interfaces.h"
@@ -99,6 +100,23 @@ std::string moduleText(qfhost::ModuleLoader& loader, uint32_t code) {
     return "code " + std::to_string(code);
 }
 
+// Reads the record on standard input into text, up to one byte past the largest record, so
+// that a stream without end (/dev/zero) is refused rather than read into memory.
+std::optional<std::string> readRecord(std::string& text) {
+    text.clear();
+    char buffer[65536];
+    while (text.size() <= kMaxRecordBytes) {
+        const size_t got = std::fread(buffer, 1, sizeof buffer, stdin);
+        text.append(buffer, got);
+        if (got < sizeof buffer) {
+            if (std::ferror(stdin)) return "cannot read the record";
+            break;
+        }
+    }
+    if (text.empty()) return "no record: give one on standard input (qfforms copy prints one)";
+    return std::nullopt;
+}
+
 // The "name" of a widget record, quoted, for messages.
 std::string recordName(const std::string& text) {
     const auto record = nlohmann::json::parse(text, nullptr, false);
@@ -173,8 +191,9 @@ int pasteCommand(const std::vector<std::string>& args) {
     Password password;
     if (auto problem = readPassword(o.password, o.passwordFile, password))
         return fail(o.passwordFile, *problem);
-    const std::string text((std::istreambuf_iterator<char>(std::cin)),
-                           std::istreambuf_iterator<char>());
+    std::string text;
+    if (auto problem = readRecord(text)) return fail("standard input", *problem);
+    if (auto problem = recordProblem(text)) return fail("standard input", *problem);
     try {
         Session s(o, password, Use::Edit);
         qfhost::Document& doc = *s.host.currentDocument();
@@ -187,7 +206,7 @@ int pasteCommand(const std::vector<std::string>& args) {
             o.join ? qfhost::AnnotSelection::Naming::Join : qfhost::AnnotSelection::Naming::NewField,
             &widget);
         Handle pasted(widget);
-        if (rc == 1) return fail("the record", "it holds no widget (no \"field-type\" of one)");
+        if (rc == 1) return fail("standard input", "the record makes no widget");
         if (rc == qfhost::codes::kNoFieldToJoin)
             return fail(o.in, "no field is named " + recordName(text) +
                                   " to join (without --join the widget makes a new field)");
@@ -195,7 +214,9 @@ int pasteCommand(const std::vector<std::string>& args) {
             return fail(o.in, "the field " + recordName(text) +
                                   " is of another kind than the copied widget, or holds fields "
                                   "rather than widgets: the widget cannot join it");
-        if (rc != 0) return fail("the record", moduleText(s.loader, rc));
+        if (rc != 0)
+            return fail(o.in, "the forms module could not make a widget of the record (the "
+                              "forms module: " + moduleText(s.loader, rc) + ")");
         if (!o.breakSignatures && holdsSignatures(doc.pdDoc()))
             return fail(o.out, std::string(kSignedDocument) +
                                    " (pass --break-signatures to save anyway)");

@@ -4,6 +4,7 @@
 
 #include "Inspect.h"
 #include "Pd.h"
+#include "Records.h"
 #include "kr/KRRuntime.h"
 #include "qf/DocumentInterfaces.h"
 #include "qf/Interfaces.h"
@@ -165,8 +166,6 @@ class Runner {
 
     // Opens path (as given on the command line) in a new view.
     void openFile(const fs::path& path) {
-        std::error_code ec;
-        if (!fs::is_regular_file(path, ec)) fail("no such file");
         host_.openView(openDocument(host_, path.string(), password_, Use::Edit));
     }
 
@@ -221,6 +220,12 @@ class Runner {
         throw StepFailure(code, moduleRecord(code).value_or(fallback));
     }
 
+    // " (the forms module: TEXT)" for the module's failure record of code, or "".
+    std::string detail(uint32_t code) const {
+        const auto text = moduleRecord(code);
+        return text ? " (the forms module: " + *text + ")" : "";
+    }
+
     // ---- verbs ----
 
     void newDocument(const Json& a) {
@@ -254,8 +259,6 @@ class Runner {
 
     void open(const Json& a) {
         const fs::path path = resolve(text(a, "open: the file"));
-        std::error_code ec;
-        if (!fs::is_regular_file(path, ec)) fail("open: no such file: " + path.string());
         try {
             host_.openView(openDocument(host_, path.string(), password_, Use::Edit));
         } catch (const OpenRefused& e) {
@@ -462,8 +465,13 @@ class Runner {
             if (!j->is_boolean()) fail("paste: join must be true or false");
             join = j->get<bool>();
         }
-        const uint32_t rc = host_.selection().paste(
-            page, qfhost::AnnotSelection::Source::System,
+        // The record is checked here, so that the person learns which key is wrong rather
+        // than the module's bare text.
+        const std::string record = host_.selection().sourceText(qfhost::AnnotSelection::Source::System);
+        if (record.empty()) fail("paste: the clipboard holds no widget");
+        if (auto problem = recordProblem(record)) fail("paste: on the clipboard, " + *problem);
+        const uint32_t rc = host_.selection().pasteText(
+            page, record,
             join ? qfhost::AnnotSelection::Naming::Join : qfhost::AnnotSelection::Naming::NewField);
         if (rc == 1) fail("paste: the clipboard holds no widget");
         if (rc == qfhost::codes::kNoFieldToJoin)
@@ -472,7 +480,9 @@ class Runner {
         if (rc == qfhost::codes::kCannotJoin)
             failed(rc, "paste: the field of the copied widget's name is of another kind, or "
                        "holds fields rather than widgets: the widget cannot join it");
-        if (rc != 0) failed(rc, "paste: the widget could not be pasted");
+        if (rc != 0)
+            throw StepFailure(rc, "paste: the forms module could not make a widget of the record "
+                                  "on the clipboard" + detail(rc));
     }
 
     // Prints {"property": NAME, "value": VALUE} on a line of stdout: a text, or the list
@@ -526,6 +536,9 @@ class Runner {
         if (value.is_string()) {
             if (type != QF::kPropertyText)
                 fail("set: " + quoted(name) + " holds [display, export] pairs, not a text");
+            if (name == "FieldName")
+                if (auto problem = nameProblem(value.get<std::string>(), "set: the FieldName"))
+                    fail(*problem);
             rc = qfhost::property::setText(property.get(), fromUtf8(value.get<std::string>()));
         } else if (value.is_array()) {
             if (type != QF::kPropertyStringPairList)
@@ -662,8 +675,10 @@ class Runner {
             onlyKeys(a, {"name", "widget", "newName"}, "command Widget_Rename");
             WidgetRef w = widgetRef(member(a, "widget", "command Widget_Rename"), doc,
                                     "command Widget_Rename: widget");
-            const std::u16string newName =
-                fromUtf8(text(member(a, "newName", "command Widget_Rename"), "command: newName"));
+            const std::string name8 =
+                text(member(a, "newName", "command Widget_Rename"), "command: newName");
+            if (auto problem = nameProblem(name8, "command Widget_Rename: newName")) fail(*problem);
+            const std::u16string newName = fromUtf8(name8);
             QF::RenameWidgetParams params{doc.object(), w.page, w.annot.get(), newName.c_str()};
             execute(name, &params);
         } else if (name == "GroupRadioButtons") {

@@ -457,9 +457,7 @@ std::u16string clipboardText(ServiceObject* clipboard) {
 
 }  // namespace
 
-uint32_t AnnotSelection::paste(uint64_t pageIndex, Source source, Naming naming,
-                               PDAnnot* outWidget) {
-    if (outWidget) *outWidget = nullptr;
+std::string AnnotSelection::sourceText(Source source) {
     ServiceObject* clipboard = nullptr;
     if (source == Source::System) {
         clipboard = host_->winServices().clipboard();
@@ -469,9 +467,15 @@ uint32_t AnnotSelection::paste(uint64_t pageIndex, Source source, Naming naming,
             KR_OK)
             clipboard = static_cast<ServiceObject*>(data);
     }
-    const std::u16string text = clipboard ? clipboardText(clipboard) : std::u16string();
+    return clipboard ? utf8(clipboardText(clipboard)) : std::string();
+}
+
+uint32_t AnnotSelection::paste(uint64_t pageIndex, Source source, Naming naming,
+                               PDAnnot* outWidget) {
+    if (outWidget) *outWidget = nullptr;
+    const std::string text = sourceText(source);
     if (text.empty()) return codes::kNegative;
-    return pasteText(pageIndex, utf8(text), naming, outWidget);
+    return pasteText(pageIndex, text, naming, outWidget);
 }
 
 uint32_t AnnotSelection::pasteText(uint64_t pageIndex, const std::string& text, Naming naming,

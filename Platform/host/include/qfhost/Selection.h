@@ -9,6 +9,7 @@
 #include <boost/signals2/connection.hpp>
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 namespace qfhost {
@@ -65,6 +66,8 @@ public:
         // (else 0x10011).
         Join,
     };
+    // The widget text source holds, as paste reads it (UTF-8; empty when it holds none).
+    std::string sourceText(Source source);
     // Pastes the widget text of source onto page pageIndex of the current document; see
     // pasteText. 1 when the clipboard holds no text.
     uint32_t paste(uint64_t pageIndex, Source source, Naming naming,
