@@ -1,11 +1,19 @@
 #include "Files.h"
 
 #include "Pd.h"
+#include "Records.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <random>
+#include <sstream>
 #include <system_error>
 
 #ifndef QF_FORMS_MODULE_PATH
@@ -60,6 +68,7 @@ std::optional<std::string> readPassword(const std::string& option, const std::st
     if (!option.empty()) {
         out.text = fromUtf8(option);
     } else if (!file.empty()) {
+        if (auto problem = inputProblem(file, kMaxRecordBytes)) return "the password file " + *problem;
         std::ifstream in(fs::u8path(file), std::ios::binary);
         std::string line;
         if (!in || (!std::getline(in, line) && !in.eof()))
@@ -81,14 +90,99 @@ std::string passwordProblem(bool given) {
                    "--password-file";
 }
 
+std::optional<std::string> inputProblem(const std::string& path, uint64_t limit) {
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0) {
+        if (errno == ENOENT) return "does not exist";
+        if (errno == ENOTDIR) return "does not exist (a part of its path is no folder)";
+        if (errno == EACCES) return "cannot be read: a folder on the way may not be entered";
+        return std::string("cannot be read: ") + std::strerror(errno);
+    }
+    if (S_ISDIR(st.st_mode)) return "is a folder, not a file";
+    if (!S_ISREG(st.st_mode)) return "is not a regular file (a device, a pipe or a socket)";
+    if (::access(path.c_str(), R_OK) != 0) return "cannot be read: permission denied";
+    if (static_cast<uint64_t>(st.st_size) > limit)
+        return "is " + std::to_string(st.st_size >> 20) + " MiB, more than the " +
+               std::to_string(limit >> 20) + " MiB the program reads";
+    return std::nullopt;
+}
+
+namespace {
+
+// The largest page side PDF allows (200 inches), and how far from the origin a box may lie.
+constexpr float kMaxPageSide = 14400;
+constexpr float kMaxCoordinate = 100000;
+
+std::optional<std::string> boxProblem(PDPage page, int32_t which) {
+    const char* name = which == PD_BOX_MEDIA ? "MediaBox" : "CropBox";
+    PDRect box{};
+    const PDResult r = PDPageGetBox(page, which, &box);
+    if (r != PD_OK)
+        return std::string("its ") + name + " is not four numbers";
+    const float values[] = {box.left, box.bottom, box.right, box.top};
+    for (const float v : values)
+        if (!std::isfinite(v) || std::fabs(v) > kMaxCoordinate) {
+            std::ostringstream text;
+            text << "its " << name << " reaches " << v
+                 << " points, beyond the 100000 points the program takes";
+            return text.str();
+        }
+    const float width = std::fabs(box.right - box.left), height = std::fabs(box.top - box.bottom);
+    if (width > kMaxPageSide || height > kMaxPageSide)
+        return std::string("its ") + name + " is larger than the 14400 points PDF allows a side";
+    if (which == PD_BOX_MEDIA && (width < 1 || height < 1))
+        return std::string("its ") + name + " has no area";
+    return std::nullopt;
+}
+
+} // namespace
+
+std::optional<std::string> documentProblem(PDDoc doc) {
+    uint32_t pages = 0;
+    if (const PDResult r = PDDocGetNumPages(doc, &pages); r != PD_OK)
+        return "cannot count its pages (pdfcore: " + errorText(r) + ")";
+    if (pages > kMaxPages)
+        return "the document has " + std::to_string(pages) + " pages, more than the " +
+               std::to_string(kMaxPages) + " the program takes";
+    uint64_t annots = 0;
+    for (uint32_t i = 0; i < pages; ++i) {
+        Handle page;
+        if (const PDResult r = PDDocGetPage(doc, i, page.out()); r != PD_OK)
+            return "page " + std::to_string(i) + " cannot be read (pdfcore: " + errorText(r) + ")";
+        for (const int32_t which : {PD_BOX_MEDIA, PD_BOX_CROP})
+            if (auto problem = boxProblem(page.get(), which))
+                return "page " + std::to_string(i) + ": " + *problem;
+        uint32_t count = 0;
+        if (PDPageGetNumAnnots(page.get(), &count) == PD_OK) annots += count;
+        if (annots > kMaxWidgets)
+            return "the document has more than " + std::to_string(kMaxWidgets) +
+                   " widgets and other annotations, the most the program takes";
+    }
+    return std::nullopt;
+}
+
 qfhost::Document& openDocument(qfhost::Host& host, const std::string& path,
                                const Password& password, Use use) {
+    if (auto problem = inputProblem(path, kMaxFileBytes))
+        throw OpenRefused(OpenRefused::Reason::Unusable, "the file " + *problem);
     qfhost::Document* doc = nullptr;
     try {
         doc = &host.openDocument(path, password.text);
     } catch (const qfhost::HostError& e) {
-        if (e.code() != qfhost::codes::kPasswordNeeded) throw;
+        if (e.code() != qfhost::codes::kPasswordNeeded) {
+            // The host's message gives pdfcore's number only; say what the code means.
+            PDDoc pd = nullptr;
+            const PDResult rc = PDDocOpenWithPassword(
+                path.c_str(), password.text.data(), uint32_t(password.text.size()), &pd);
+            PDHandleRelease(pd);
+            if (rc != PD_OK) throw OpenRefused(OpenRefused::Reason::Unusable, errorText(rc));
+            throw;
+        }
         throw OpenRefused(OpenRefused::Reason::Password, passwordProblem(password.given));
+    }
+    if (auto problem = documentProblem(doc->pdDoc())) {
+        host.closeDocument(*doc);
+        throw OpenRefused(OpenRefused::Reason::Unusable, *problem);
     }
     if (use == Use::Edit && !doc->formEditable()) {
         host.closeDocument(*doc);

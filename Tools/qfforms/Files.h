@@ -3,7 +3,9 @@
 #pragma once
 
 #include "qfhost/Host.h"
+#include "pdfcore/pdfcore.h"
 
+#include <cstdint>
 #include <filesystem>
 #include <initializer_list>
 #include <optional>
@@ -39,6 +41,18 @@ std::optional<std::string> passwordUsage(const std::string& option, const std::s
 std::optional<std::string> readPassword(const std::string& option, const std::string& file,
                                         Password& out);
 
+// The problem of path as a file to read (a PDF, a script, a settings or password file), to
+// follow "the file" (or what the file is) after its name: it does not exist, is a folder or
+// no regular file (a device such as /dev/zero, a pipe), cannot be read, or is bigger than
+// limit bytes. Nothing when it can be read.
+std::optional<std::string> inputProblem(const std::string& path, uint64_t limit);
+
+// The problem of an open document for the program, as the line to show after its name: more
+// pages or widgets than it takes (kMaxPages, kMaxWidgets), or a page whose size it cannot
+// use (a box that pdfcore cannot read, not finite, or beyond the sizes PDF allows). Nothing
+// when it can be shown and edited.
+std::optional<std::string> documentProblem(PDDoc doc);
+
 // What a command does with a document it opens: reads it (inspect, render, copy), or
 // changes its form (run, paste, edit).
 enum class Use { Read, Edit };
@@ -48,7 +62,8 @@ class OpenRefused : public std::runtime_error {
   public:
     enum class Reason {
         Password,    // the file is encrypted and the password is missing or wrong
-        Permissions  // its permissions do not allow changing its form
+        Permissions, // its permissions do not allow changing its form
+        Unusable     // the file cannot be read, or the document is more than the program takes
     };
     OpenRefused(Reason reason, const std::string& text)
         : std::runtime_error(text), reason_(reason) {}
@@ -59,7 +74,8 @@ class OpenRefused : public std::runtime_error {
 };
 
 // Opens path in host (which makes it the current document) with password. Throws
-// OpenRefused when the file is encrypted and the password is missing or wrong, or, for
+// OpenRefused when the file cannot be read (inputProblem), is more than the program takes
+// (documentProblem), when it is encrypted and the password is missing or wrong, or, for
 // Use::Edit, when the document's permissions do not allow changing its form and the
 // password was not its owner password (the document is closed again); qfhost::HostError
 // when it cannot be opened otherwise.

@@ -2,6 +2,7 @@
 
 #include "Files.h"
 #include "Pd.h"
+#include "Records.h"
 
 #include <cmath>
 #include <unordered_map>
@@ -268,13 +269,17 @@ Json inspectDocument(PDDoc doc, const std::string& path) {
 }
 
 Json inspectFile(const std::string& path, const Password& password) {
+    if (auto problem = inputProblem(path, kMaxFileBytes))
+        throw OpenRefused(OpenRefused::Reason::Unusable, "the file " + *problem);
     Handle doc;
     const PDResult r = PDDocOpenWithPassword(path.c_str(), password.text.data(),
                                              static_cast<uint32_t>(password.text.size()),
                                              doc.out());
     if (r == PD_ERR_PASSWORD)
         throw OpenRefused(OpenRefused::Reason::Password, passwordProblem(password.given));
-    check(r);
+    if (r != PD_OK) throw OpenRefused(OpenRefused::Reason::Unusable, errorText(r));
+    if (auto problem = documentProblem(doc.get()))
+        throw OpenRefused(OpenRefused::Reason::Unusable, *problem);
     return inspectDocument(doc.get(), path);
 }
 

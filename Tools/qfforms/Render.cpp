@@ -145,13 +145,6 @@ int renderCommand(const std::vector<std::string>& args) {
             doc = &openDocument(host, o.in, password, Use::Read);
         } catch (const OpenRefused& e) {
             return fail(o.in, e.what());
-        } catch (const qfhost::HostError& e) {
-            // The host's message gives pdfcore's number only; say what `inspect` says.
-            PDDoc pd = nullptr;
-            const PDResult rc = PDDocOpenWithPassword(
-                o.in.c_str(), password.text.data(), uint32_t(password.text.size()), &pd);
-            PDHandleRelease(pd);
-            return fail(o.in, rc != PD_OK ? errorText(rc) : e.what());
         }
         const uint32_t pages = doc->pageCount();
         if (*page >= pages) {

@@ -4,6 +4,7 @@
 #include "Session.h"
 
 #include "Pd.h"
+#include "Records.h"
 #include "qfhost/Host.h"
 #include "qfhost/ModuleLoader.h"
 
@@ -245,6 +246,10 @@ int runCommand(const std::vector<std::string>& args) {
 
     // The script, before anything is loaded.
     const fs::path scriptPath = fs::u8path(options.script);
+    if (auto problem = inputProblem(options.script, kMaxScriptBytes)) {
+        std::cerr << "qfforms: " << options.script << ": the script " << *problem << "\n";
+        return 1;
+    }
     std::ifstream in(scriptPath, std::ios::binary);
     if (!in) {
         std::cerr << "qfforms: " << options.script << ": cannot read the script\n";
@@ -255,6 +260,10 @@ int runCommand(const std::vector<std::string>& args) {
     Json steps;
     try {
         steps = parseScript(buffer.str());
+    } catch (const Json::parse_error& e) {
+        std::cerr << "qfforms: " << options.script << ": the script is not JSON ("
+                  << jsonDetail(e) << ")\n";
+        return 1;
     } catch (const std::exception& e) {
         std::cerr << "qfforms: " << options.script << ": " << e.what() << "\n";
         return 1;
@@ -288,14 +297,14 @@ int runCommand(const std::vector<std::string>& args) {
     if (settings.empty() && fs::is_regular_file(qfhost::UserSettings::defaultPath(), ec))
         settings = qfhost::UserSettings::defaultPath();
     if (!settings.empty()) {
-        if (!fs::is_regular_file(fs::u8path(settings), ec)) {
-            std::cerr << "qfforms: " << settings << ": no such settings file\n";
+        if (auto problem = inputProblem(settings, kMaxRecordBytes)) {
+            std::cerr << "qfforms: " << settings << ": the settings file " << *problem << "\n";
             return 1;
         }
         try {
             host->settings().load(settings);
         } catch (const std::exception& e) {
-            std::cerr << "qfforms: " << settings << ": " << e.what() << "\n";
+            std::cerr << "qfforms: " << settings << ": " << jsonDetail(e) << "\n";
             return 1;
         }
     }

@@ -156,7 +156,7 @@ def check_example(args, folder):
     out = os.path.join(folder, "all-kinds.pdf")
     result = qfforms(args.qfforms, "run", args.example, "--out", out,
                      "--settings", os.path.join(folder, "no-settings.json"))
-    if not check(result.returncode == 1 and "no such settings file" in result.stderr,
+    if not check(result.returncode == 1 and "the settings file does not exist" in result.stderr,
                  "a missing --settings file is refused: " + result.stderr):
         return
     result = qfforms(args.qfforms, "run", args.example, "--out", out)
@@ -356,7 +356,7 @@ def check_failures(args, folder):
     run(["qpdf", "--encrypt", "user", "owner", "256", "--",
          os.path.join(args.corpus, "qpdf-field-types.pdf"), locked])
     inputs = [
-        (os.path.join(folder, "missing.pdf"), "no such file"),
+        (os.path.join(folder, "missing.pdf"), "the file does not exist"),
         (not_pdf, "The file is damaged or is not a PDF file"),
         (locked, "the file is encrypted and needs a password; give it with --password"),
         (os.path.join(args.corpus, "pdfjs-damaged-unrecoverable-fuzzed.pdf"),
