@@ -3,6 +3,7 @@
 #include "Files.h"
 #include "HttpServer.h"
 #include "Pd.h"
+#include "Records.h"
 #include "Session.h"
 
 #include "kr/KRRuntime.h"
@@ -240,7 +241,7 @@ class Editor {
             try {
                 body = Json::parse(request.body.empty() ? "{}" : request.body);
             } catch (const Json::exception& e) {
-                return jsonAnswer(400, {{"error", std::string("the body is no JSON: ") + e.what()}});
+                return jsonAnswer(400, {{"error", "the body is no JSON: " + jsonDetail(e)}});
             }
             if (!body.is_object()) return jsonAnswer(400, {{"error", "the body must be an object"}});
             if (p == "/api/event") return event(body);
@@ -490,6 +491,15 @@ class Editor {
             session_.openFile(path_);
         } catch (const OpenRefused& e) {
             session_.setPassword({});
+            // The password opened a document the program cannot show: say why, once more
+            // for every password, the lock left as it was.
+            if (e.reason() == OpenRefused::Reason::Unusable) {
+                Json answer;
+                answer["error"] = path_.filename().string() + ": " + e.what();
+                answer["wrong"] = false;
+                answer["state"] = state();
+                return jsonAnswer(422, answer);
+            }
             // A wrong password leaves the lock as it was: a document that opens without one
             // still waits for its owner password.
             const bool wrong = e.reason() == OpenRefused::Reason::Password;
@@ -791,8 +801,8 @@ int editCommand(const std::vector<std::string>& args) {
     const bool sample = o.in.empty();
     const fs::path document = fs::absolute(fs::u8path(sample ? QF_SAMPLE_PDF : o.in));
     std::error_code ec;
-    if (!fs::is_regular_file(document, ec)) {
-        std::cerr << "qfforms: " << document.string() << ": no such file\n";
+    if (auto problem = inputProblem(document.string(), kMaxFileBytes)) {
+        std::cerr << "qfforms: " << document.string() << ": the file " << *problem << "\n";
         return 1;
     }
     const fs::path web = o.web.empty() ? fs::path(QF_WEB_DIR) : fs::u8path(o.web);
@@ -823,7 +833,7 @@ int editCommand(const std::vector<std::string>& args) {
     try {
         session.openFile(document);
     } catch (const OpenRefused& e) {
-        if (password.given) {
+        if (password.given || e.reason() == OpenRefused::Reason::Unusable) {
             std::cerr << "qfforms: " << document.string() << ": " << e.what() << "\n";
             return 1;
         }

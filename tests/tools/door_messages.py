@@ -8,7 +8,8 @@ library text.
 CHECK is one of:
   doors    files that are missing, folders, devices, too big or unreadable, pages whose box
            is no box or too big, pages past the end, documents past the limits, records
-           and names the program refuses, through inspect, render, copy, paste and run
+           and names the program refuses, through inspect, render, copy, paste, run and
+           the editor's start
   bounds   a form of as many widgets as the program takes opens and pastes; one more is
            refused before it is read into memory (figures printed for docs/reliability.md)
 
@@ -145,6 +146,7 @@ def check_doors(args, folder):
         "copy": lambda path: [q, "copy", path, "--field", "Text1"],
         "paste": lambda path: [q, "paste", path, "--page", "0", "--out", out],
         "run --in": lambda path: [q, "run", script, "--in", path, "--out", out],
+        "edit": lambda path: [q, "edit", path, "--port", "0"],
     }
     for label, path, text in files:
         for command, argv in commands.items():
