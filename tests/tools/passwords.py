@@ -122,7 +122,7 @@ def check_refusals(files):
               "%s, both options: exit %d, %r" % (verb, result.returncode, result.stderr))
         missing = files.path("no-such-password.txt")
         result = run(line + ["--password-file", missing], input=stdin)
-        one_line(result, "qfforms: %s: cannot read the password file" % missing,
+        one_line(result, "qfforms: %s: the password file does not exist" % missing,
                  verb + ", no password file")
         check(not os.path.exists(out), verb + ": wrote " + out)
 
