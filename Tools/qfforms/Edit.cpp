@@ -55,7 +55,7 @@ using qfhost::Document;
 using qfhost::HostError;
 using qfhost::View;
 
-constexpr const char* kEditTool = "Edit";
+constexpr const char* kEditTool = "WidgetEdit";
 
 std::atomic<bool> gStop{false};
 

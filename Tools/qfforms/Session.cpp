@@ -35,7 +35,7 @@ namespace {
 namespace fs = std::filesystem;
 
 // The module's widget edit tool, active while a widget is selected.
-constexpr const char* kEditTool = "Edit";
+constexpr const char* kEditTool = "WidgetEdit";
 using qfhost::Document;
 using qfhost::HostError;
 using qfhost::View;

@@ -219,7 +219,7 @@ TEST_F(WidgetClipboard, RadioButtonsKeepTheirStatesAndLandBesideTheOriginal) {
         const auto& selected = host.selection().selected();
         ASSERT_EQ(selected.size(), 1u);
         EXPECT_EQ(selected[0].annot, pasted.get());
-        EXPECT_EQ(host.currentView()->activeToolName(), "Edit");
+        EXPECT_EQ(host.currentView()->activeToolName(), "WidgetEdit");
     }
     ASSERT_EQ(paste(form, off, &pasted, Naming::Join), 0u);
     EXPECT_EQ(nameOf(pasted.get()), u"r1");
