@@ -175,6 +175,13 @@ struct Document {
     // object of a split merged field). Those still without widgets are not written
     // (UnusedFieldsDetached); entries stay when widgets come back.
     std::set<QPDFObjGen> emptiedFields;
+    // Where a rename took a field out of its parent (the parent, or no object for the
+    // form's /Fields, and the sibling that followed it): renamed back, it returns there.
+    struct FieldPlace {
+        QPDFObjGen owner;
+        QPDFObjGen next;
+    };
+    std::map<QPDFObjGen, FieldPlace> formerFieldPlaces;
 
     std::vector<Listener> listeners;
     // Pages whose /Annots holds only indirect dictionaries, with its length when that was

@@ -650,13 +650,44 @@ PDResult PDDocRenameField(PDDoc doc, PDField field, const char16_t* name, uint32
         eraseSubtreeNames(d, f.obj, oldName);
         if (!sameParent) {
             if (!parentExists) newParent = parentFor(d, parts, parts.size() - 1, true);
-            removeFrom(containerOf(d, f.obj), f.obj.getObjGen());
+            const QPDFObjGen og = f.obj.getObjGen();
+            auto ownerOf = [](QPDFObjectHandle parent) {
+                return parent.isDictionary() ? parent.getObjGen() : QPDFObjGen();
+            };
+            auto from = containerOf(d, f.obj);
+            Document::FieldPlace left{ownerOf(oldParent), QPDFObjGen()};
+            if (from.isArray()) {
+                const int n = from.getArrayNItems();
+                for (int i = 0; i + 1 < n; ++i) {
+                    if (from.getArrayItem(i).getObjGen() == og) {
+                        left.next = from.getArrayItem(i + 1).getObjGen();
+                        break;
+                    }
+                }
+            }
+            removeFrom(from, og);
             if (newParent.isDictionary()) {
                 f.obj.replaceKey("/Parent", newParent);
             } else {
                 f.obj.removeKey("/Parent");
             }
-            containerOf(d, f.obj).appendItem(f.obj);
+            // Back under the parent it was taken from: before the sibling it preceded.
+            auto to = containerOf(d, f.obj);
+            int at = -1;
+            auto former = d.formerFieldPlaces.find(og);
+            if (former != d.formerFieldPlaces.end() && former->second.owner == ownerOf(newParent) &&
+                to.isArray()) {
+                const int n = to.getArrayNItems();
+                for (int i = 0; i < n && at < 0; ++i) {
+                    if (to.getArrayItem(i).getObjGen() == former->second.next) at = i;
+                }
+            }
+            if (at >= 0) {
+                to.insertItem(at, f.obj);
+            } else {
+                to.appendItem(f.obj);
+            }
+            d.formerFieldPlaces[og] = left;
             d.formChanged = true;
         }
         // Under the same parent the field keeps its place in the tree, and so in the list

@@ -617,8 +617,9 @@ PDFCORE_API PDResult PDButtonWidgetAnnotSetIconFit(PDAnnot widget, const PDIconF
 /* The on-state name of a check box or radio widget: the appearance state other than
  * Off, as text (the name's bytes as UTF-8, or as Latin-1 when they are not UTF-8).
  * PD_ERR_NO_VALUE for a widget without one (push buttons). Setting renames the on state
- * (an empty name or "Off": PD_ERR_BAD_ARGUMENT; the state's own text keeps its bytes)
- * and keeps the widget on when it was on. */
+ * ("Off": PD_ERR_BAD_ARGUMENT; the state's own text keeps its bytes) and keeps the widget
+ * on when it was on; an empty name takes the on state away, leaving the widget off and
+ * without one, as it was before it had one. */
 PDFCORE_API PDResult PDButtonWidgetAnnotGetChoice(PDAnnot widget, char16_t* buf,
                                                   uint32_t bufLen, uint32_t* outLen);
 PDFCORE_API PDResult PDButtonWidgetAnnotSetChoice(PDAnnot widget, const char16_t* name,
