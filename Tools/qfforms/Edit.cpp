@@ -453,8 +453,14 @@ class Editor {
                                         {"signed", true}});
             signaturesBroken_ = true;
         }
-        if (auto problem = writeAtomically(target, saveToMemory(doc)))
-            throw StepFailure(std::nullopt, "cannot save " + target.string() + ": " + *problem);
+        const PDResult saved = PDDocSaveEx(doc.pdDoc(), target.string().c_str(), 0);
+        if (saved == PD_ERR_READ_ONLY)
+            throw StepFailure(std::nullopt, "cannot save " + target.string() +
+                                                ": the file is read-only; save the document "
+                                                "under another name with Save as");
+        if (saved != PD_OK)
+            throw StepFailure(std::nullopt, "cannot save " + target.string() + ": " +
+                                                writeProblem(saved, ""));
         doc.markSaved();
         path_ = target;
         sample_ = false;

@@ -35,12 +35,6 @@ class StepFailure : public std::runtime_error {
     std::optional<uint32_t> code_;
 };
 
-// A file a session keeps, written when the session is over.
-struct Output {
-    std::filesystem::path path;
-    std::string bytes;
-};
-
 class Session {
   public:
     // host and loader (with the module loaded) must outlive the session. Relative paths of
@@ -56,8 +50,8 @@ class Session {
     // Opens path in a new view, for editing with the session's password (StepFailure when
     // it is no file, OpenRefused as openDocument).
     void openFile(const std::filesystem::path& path);
-    // Keeps a file to be written when the session is over; a later output to the same
-    // path replaces the earlier one.
+    // Keeps a file to be written when the session is over (an Output, Files.h); a later
+    // output to the same path replaces the earlier one.
     void keep(std::filesystem::path path, std::string bytes);
     // The files that "save" and "render" steps kept, in the order first kept.
     const std::vector<Output>& outputs() const;

@@ -171,6 +171,11 @@ const char16_t* PDGetErrMessage(PDResult result) {
     case PD_ERR_OTHER_DOCUMENT: return u"The objects belong to different documents";
     case PD_ERR_BAD_NAME: return u"The field name has an empty part";
     case PD_ERR_UNSUPPORTED: return u"Not supported";
+    case PD_ERR_NOT_A_FILE: return u"The target is not a regular file";
+    case PD_ERR_READ_ONLY: return u"The file is read-only";
+    case PD_ERR_ACCESS: return u"No permission to write in the file's folder";
+    case PD_ERR_FILE_LIMIT: return u"The file would exceed the size limit for files";
+    case PD_ERR_DISK_FULL: return u"No space left on the disk";
     case PD_ERR_CYCLE: return u"The object structure loops";
     case PD_ERR_TOO_LARGE: return u"Too large";
     case PD_ERR_OUT_OF_MEMORY: return u"Out of memory";

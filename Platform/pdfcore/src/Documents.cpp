@@ -1,18 +1,16 @@
 // Opening, creating and saving documents; document-wide queries and notifications.
 #include "Core.h"
 #include "Fonts.h"
+#include "Save.h"
 
 #include <qpdf/QPDFPageDocumentHelper.hh>
 #include <qpdf/QPDFWriter.hh>
 #include <qpdf/QUtil.hh>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
-#include <random>
 
 namespace pdfcore {
 namespace {
@@ -69,16 +67,6 @@ bool readFile(const char* path, std::string& out) {
     if (!in) return false;
     out.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     return !in.bad();
-}
-
-bool writeFileChecked(const std::filesystem::path& path, const unsigned char* data,
-                      size_t size) {
-    FILE* f = std::fopen(path.string().c_str(), "wb");
-    if (!f) return false;
-    bool ok = std::fwrite(data, 1, size, f) == size;
-    ok = std::fflush(f) == 0 && ok;
-    ok = std::fclose(f) == 0 && ok;
-    return ok;
 }
 
 void writeTo(Document& doc, QPDFWriter& w, bool decrypted) {
@@ -186,32 +174,22 @@ PDResult PDDocCreate(uint32_t pageCount, float width, float height, PDDoc* outDo
     });
 }
 
-PDResult PDDocSave(PDDoc doc, const char* path) {
+PDResult PDDocSave(PDDoc doc, const char* path) { return PDDocSaveEx(doc, path, 0); }
+
+PDResult PDDocSaveEx(PDDoc doc, const char* path, uint32_t flags) {
     return guard([&] {
         Document& d = checkedDoc(doc);
-        if (!path || !*path) fail(PD_ERR_BAD_ARGUMENT);
-        namespace fs = std::filesystem;
-        fs::path target(path);
-        std::random_device rd;
-        fs::path tmp = target;
-        tmp += ".tmp-" + std::to_string(rd());
-        // The file is made in memory and written with every step checked: qpdf's own file
-        // output does not report a failed final flush (a full disk, a size limit).
+        // The target first: a folder or a read-only file is refused before the document is
+        // written.
+        SaveTarget target;
+        if (PDResult r = checkTarget(path, flags, target)) fail(r);
         QPDFWriter w(*d.qpdf);
         w.setOutputMemory();
         writeTo(d, w, false);
         auto buf = w.getBufferSharedPointer();
-        if (!writeFileChecked(tmp, buf->getBuffer(), buf->getSize())) {
-            std::error_code ec;
-            fs::remove(tmp, ec);
-            fail(PD_ERR_IO);
-        }
-        std::error_code ec;
-        fs::rename(tmp, target, ec);
-        if (ec) {
-            fs::remove(tmp, ec);
-            fail(PD_ERR_IO);
-        }
+        PDStagedFileRec file;
+        if (PDResult r = stageFile(target, buf->getBuffer(), buf->getSize(), file)) fail(r);
+        if (PDResult r = commitFile(file)) fail(r);
     });
 }
 
