@@ -34,6 +34,7 @@ echo "== fuzz: build $((SECONDS - started)) s"
 artifacts="$build_dir/fuzz-artifacts"
 mkdir -p "$artifacts"
 export ASAN_OPTIONS=detect_leaks=1
+export LSAN_OPTIONS="suppressions=$source_dir/scripts/lsan-suppressions.txt"
 python3 "$fuzz/make_seeds.py" "$build_dir/fuzz-corpus"
 failed=()
 for target in $targets; do
