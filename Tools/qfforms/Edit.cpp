@@ -238,7 +238,7 @@ class Editor {
 
             Json body;
             try {
-                body = Json::parse(request.body.empty() ? "{}" : request.body);
+                body = parseRequest(request.body.empty() ? "{}" : request.body);
             } catch (const Json::exception& e) {
                 return jsonAnswer(400, {{"error", std::string("the body is no JSON: ") + e.what()}});
             }

@@ -72,9 +72,16 @@ std::string saveToMemory(qfhost::Document& doc);
 // never for a file.
 std::string viewerCopy(qfhost::Document& doc);
 
+// How deep objects and arrays of a script or of a request of the editor may nest, the
+// outermost being level 1: steps are a few levels deep.
+inline constexpr int kMaxScriptNesting = 64;
+
 // Parses a script. An object that holds one key twice is refused (std::runtime_error):
-// JSON readers keep only one of the values, which would silently drop the other.
+// JSON readers keep only one of the values, which would silently drop the other. Nesting
+// deeper than kMaxScriptNesting levels is refused with the JSON library's parse_error.
 Json parseScript(const std::string& text);
+// Parses the body of a request of the editor; nesting as parseScript.
+Json parseRequest(const std::string& text);
 
 // text as a JSON string, for messages.
 std::string quoted(const std::string& text);

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <set>
 
 namespace pdfcore {
 namespace {
@@ -25,6 +26,35 @@ std::vector<std::string> passwordCandidates(const std::u16string& password) {
         if (std::find(out.begin(), out.end(), bytes) == out.end()) out.push_back(bytes);
     }
     return out;
+}
+
+// qpdf's walk of the page tree (getAllPages, and pushing inherited attributes down the
+// tree) calls itself once per level, so a file nested deep enough runs it out of stack.
+// This walks the tree as qpdf will, without recursion, and refuses one deeper than
+// PD_MAX_TREE_DEPTH levels before qpdf's walk runs: from the node qpdf starts at (the
+// catalog's /Pages, or the node its /Parent links lead up to) into every kid that has
+// /Kids, each node once (qpdf reports a loop itself).
+void checkPageTreeDepth(QPDF& qpdf) {
+    QPDFObjectHandle root = qpdf.getRoot().getKey("/Pages");
+    std::set<QPDFObjGen> climbed;
+    while (root.isDictionary() && root.hasKey("/Parent")) {
+        if (!climbed.insert(root.getObjGen()).second) break;
+        root = root.getKey("/Parent");
+    }
+    if (!root.isDictionary() || !root.hasKey("/Kids")) return;
+    std::set<QPDFObjGen> seen;
+    std::vector<std::pair<QPDFObjectHandle, int>> pending{{root, 1}};
+    while (!pending.empty()) {
+        auto [node, level] = std::move(pending.back());
+        pending.pop_back();
+        if (level > PD_MAX_TREE_DEPTH) fail(PD_ERR_TOO_DEEP);
+        if (!seen.insert(node.getObjGen()).second) continue;
+        QPDFObjectHandle kids = node.getKey("/Kids");
+        if (!kids.isArray()) continue;
+        for (auto& kid : kids.aitems()) {
+            if (kid.isDictionary() && kid.hasKey("/Kids")) pending.emplace_back(kid, level + 1);
+        }
+    }
 }
 
 PDResult openFrom(std::string bytes, const char* description, const char16_t* password,
@@ -43,6 +73,7 @@ PDResult openFrom(std::string bytes, const char* description, const char16_t* pa
             try {
                 doc->qpdf->processMemoryFile(description, doc->fileBytes.data(),
                                              doc->fileBytes.size(), candidates[i].c_str());
+                checkPageTreeDepth(*doc->qpdf);
                 doc->qpdf->getAllPages();  // a page tree that cannot be read fails here
                 break;
             } catch (const QPDFExc& e) {
@@ -57,6 +88,13 @@ PDResult openFrom(std::string bytes, const char* description, const char16_t* pa
             } catch (const std::exception&) {
                 fail(PD_ERR_DAMAGED);
             }
+        }
+        try {
+            checkFormDepth(*doc);
+        } catch (const std::bad_alloc&) {
+            throw;
+        } catch (const std::exception&) {
+            // A form that cannot be read is answered by the calls that read it.
         }
         *outDoc = &doc.release()->self;
     });

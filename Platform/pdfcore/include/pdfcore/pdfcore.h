@@ -40,6 +40,10 @@
  *   frame of text and choice fields under text drawn for the new size, a new value of a
  *   check box or radio button only sets /AS, and a change of style draws the widget anew
  *   but keeps any state of the author's that the new drawing would leave empty.
+ * - Depth. Trees of the file are followed to PD_MAX_TREE_DEPTH levels: a document whose
+ *   page tree or field tree is deeper does not open (PD_ERR_TOO_DEEP), and a call that
+ *   would make a field tree deeper fails with that code. Loops of references are followed
+ *   once.
  */
 #ifndef PDFCORE_PDFCORE_H
 #define PDFCORE_PDFCORE_H
@@ -105,8 +109,15 @@ enum {
     PD_ERR_CYCLE = 32,           /* the object graph loops (a field that is its own
                                     ancestor) */
     PD_ERR_TOO_LARGE = 33,       /* a count or size above what pdfcore holds */
-    PD_ERR_OUT_OF_MEMORY = 34
+    PD_ERR_OUT_OF_MEMORY = 34,
+    PD_ERR_TOO_DEEP = 35         /* a page tree or a field tree nested deeper than
+                                    PD_MAX_TREE_DEPTH levels */
 };
+
+/* How many levels of a page tree or a field tree pdfcore follows: a tree of pages has
+ * the root's /Pages at level 1 and its pages below the last level of /Pages nodes, a
+ * tree of fields its root fields at level 1. Real files use a handful. */
+#define PD_MAX_TREE_DEPTH 1000
 
 /* A fixed English text for a result code; never NULL, valid for the life of the
  * process. Unknown codes give "Unknown error". Any thread. */
@@ -200,9 +211,11 @@ PDFCORE_API PDResult PDAtomGetString(PDAtom atom, const char** outName);
  * that cannot be read gives PD_ERR_IO, one that is not a PDF or cannot be repaired
  * PD_ERR_DAMAGED, one that needs a password PD_ERR_PASSWORD (files encrypted with an
  * empty user password open), one encrypted otherwise than with passwords (certificates,
- * an unknown security handler) PD_ERR_UNSUPPORTED. The same as PDDocOpenWithPassword
- * with no password. The whole file is read: it may be overwritten while the document is
- * open. Any thread; the document is then used by one thread at a time. */
+ * an unknown security handler) PD_ERR_UNSUPPORTED, one whose page tree or field tree is
+ * nested deeper than PD_MAX_TREE_DEPTH levels PD_ERR_TOO_DEEP. The same as
+ * PDDocOpenWithPassword with no password. The whole file is read: it may be overwritten
+ * while the document is open. Any thread; the document is then used by one thread at a
+ * time. */
 PDFCORE_API PDResult PDDocOpen(const char* path, PDDoc* outDoc);
 /* The same from bytes in memory; the bytes are copied. */
 PDFCORE_API PDResult PDDocOpenMem(const void* data, size_t size, PDDoc* outDoc);
@@ -476,7 +489,8 @@ enum {
 /* Finds or creates the field of a fully qualified name (dots separate the parts;
  * missing parents are made as non-terminal fields) and gives it /FT type and /Ff
  * flags. type: PD_ATOM_Btn, _Ch, _Tx or _Sig, else PD_ERR_BAD_ARGUMENT. A name
- * already used, or one running through a terminal field: PD_ERR_NAME_IN_USE. */
+ * already used, or one running through a terminal field: PD_ERR_NAME_IN_USE. A name of
+ * more than PD_MAX_TREE_DEPTH parts: PD_ERR_TOO_DEEP. */
 PDFCORE_API PDResult PDDocCreateField(PDDoc doc, const char16_t* name, uint32_t nameLen,
                                       PDAtom type, uint32_t flags, PDField* outField);
 /* Typed variants. name may be NULL (nameLen 0): pdfcore then gives the field a
@@ -495,7 +509,8 @@ PDFCORE_API PDResult PDDocFindField(PDDoc doc, const char16_t* name, uint32_t na
                                     PDField* outField);
 /* Gives field the fully qualified name; a dotted name moves it under that parent
  * (made when missing). The field keeps its handle, kids, value and widgets. Another
- * field of that name: PD_ERR_NAME_IN_USE. */
+ * field of that name: PD_ERR_NAME_IN_USE. A move that would put a field below
+ * PD_MAX_TREE_DEPTH levels (the field's kids counted): PD_ERR_TOO_DEEP, nothing changed. */
 PDFCORE_API PDResult PDDocRenameField(PDDoc doc, PDField field, const char16_t* name,
                                       uint32_t nameLen);
 /* Terminal fields of the form in tree order (the order of /Fields, depth first). */
@@ -807,7 +822,14 @@ PDFCORE_API PDResult PDActionGetType(PDAction action, PDAtom* outType);
 PDFCORE_API PDResult PDActionGetNextLength(PDAction action, uint32_t* outCount);
 PDFCORE_API PDResult PDActionGetNext(PDAction action, uint32_t index, PDAction* outNext);
 /* Makes next the only next action; NULL removes /Next. An action that would become its
- * own successor: PD_ERR_CYCLE. */
+ * own successor: PD_ERR_CYCLE. A next action that stands for a direct object (one made by
+ * PDCreateActionFromObject from a new dictionary, or read inside another object) is stored
+ * as a copy that is an object of its own, which the handle next stands for from then on
+ * (the dictionary's handle, and a place that held the direct object, keep it): chained
+ * actions never nest inside each other. The check
+ * for a loop walks the chain that follows next, so a long chain is linked from its first
+ * action on (each new action without successors yet) in linear time, and from its last
+ * action back in quadratic time. */
 PDFCORE_API PDResult PDActionSetNext(PDAction action, PDAction next);
 
 /* GoTo: the destination (/D), or NULL. */
@@ -819,6 +841,7 @@ PDFCORE_API PDResult PDActionGoToESetDest(PDAction action, PDDest dest);
 PDFCORE_API PDResult PDActionGoToEGetNewWindow(PDAction action, PDBool* outNewWindow);
 PDFCORE_API PDResult PDActionGoToESetNewWindow(PDAction action, PDBool newWindow);
 PDFCORE_API PDResult PDActionGoToEGetTarget(PDAction action, PDObject* outTarget);
+/* A target that is the action, or holds it: PD_ERR_CYCLE. */
 PDFCORE_API PDResult PDActionGoToESetTarget(PDAction action, PDObject target);
 
 /* Hide: /H (true, hide, when absent) and the items of /T, each a field's fully
