@@ -1,4 +1,4 @@
-// libFuzzer target: a short authoring session replayed through qfforms' session runner
+// libFuzzer target: an authoring session replayed through qfforms' session runner
 // (the steps of `qfforms run`), the reference host and the loaded forms module. The bytes
 // are read as a sequence of steps of a valid shape: the first byte chooses the document
 // (the sample form of the repository, one page with a widget of every kind, or a new
@@ -50,8 +50,9 @@ namespace {
 namespace fs = std::filesystem;
 using qfforms::Json;
 
-// Steps per input; the longest drag's pointer moves.
-constexpr size_t kMaxSteps = 48;
+// Steps per input (a step takes about eight bytes, so that the longest inputs run_fuzzers.sh
+// gives, 4 KiB, are sessions of this many steps); the longest drag's pointer moves.
+constexpr size_t kMaxSteps = 512;
 constexpr uint32_t kMaxMoves = 8;
 
 struct Process {

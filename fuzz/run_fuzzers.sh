@@ -2,9 +2,12 @@
 # Builds the libFuzzer targets with Clang into their own build tree (incrementally) and
 # runs each of them for a bounded time on its seeds: paste_fuzzer and action_fuzzer on
 # records (seeds/paste, seeds/action, with record.dict), open_fuzzer on the corpus of real
-# forms, the repository's sample form and the PDFs of seeds/open, session_fuzzer from
-# nothing. Fails when a target finds a crash, a leak, an input slower than 10 s or a run
-# over 2 GB, after running the others; prints each target's final statistics.
+# forms, the repository's sample form and the PDFs of seeds/open (with pdf.dict),
+# session_fuzzer on long sessions; and each also on the seeds make_seeds.py writes (deep
+# nesting at and past every limit, sessions as long as an input holds). Inputs may be as
+# long as the deepest of those: 128 KiB of record, 4 KiB of session. Fails when a target
+# finds a crash, a leak, an input slower than 10 s or a run over 2 GB, after running the
+# others; prints each target's final statistics.
 #
 #   run_fuzzers.sh SOURCE_DIR FUZZ_BUILD_DIR [CORPUS_DIR [SECONDS]]
 #
@@ -32,14 +35,21 @@ artifacts="$build_dir/fuzz-artifacts"
 mkdir -p "$artifacts"
 export ASAN_OPTIONS=detect_leaks=1
 export LSAN_OPTIONS="suppressions=$source_dir/scripts/lsan-suppressions.txt"
+python3 "$fuzz/make_seeds.py" "$build_dir/fuzz-corpus"
 failed=()
 for target in $targets; do
   corpus="$build_dir/fuzz-corpus/$target"
   mkdir -p "$corpus"
   args=()
   case $target in
-    paste_fuzzer) cp "$fuzz"/seeds/paste/*.json "$corpus"/; args=(-dict="$fuzz/record.dict") ;;
-    action_fuzzer) cp "$fuzz"/seeds/action/*.json "$corpus"/; args=(-dict="$fuzz/record.dict") ;;
+    paste_fuzzer)
+      cp "$fuzz"/seeds/paste/*.json "$corpus"/
+      args=(-dict="$fuzz/record.dict" -max_len=131072) ;;
+    action_fuzzer)
+      cp "$fuzz"/seeds/action/*.json "$corpus"/
+      args=(-dict="$fuzz/record.dict" -max_len=131072) ;;
+    # Every byte string is a session: lengths up to the limit from the start.
+    session_fuzzer) args=(-max_len=4096 -len_control=0) ;;
     open_fuzzer)
       cp "$fuzz"/seeds/open/*.pdf "$source_dir/samples/field-types.pdf" "$corpus"/
       if [[ -n $corpus_dir && -d $corpus_dir ]]; then

@@ -23,8 +23,8 @@ const char* const kClipUsage =
     "       qfforms copy IN.pdf --field NAME [--widget K] [--password PASSWORD]\n"
     "                    [--password-file FILE] [--module PATH]\n"
     "       qfforms paste IN.pdf --page N --out OUT.pdf [--join] [--break-signatures]\n"
-    "                     [--password PASSWORD] [--password-file FILE] [--module PATH]\n"
-    "                     < RECORD.json\n";
+    "                     [--force] [--password PASSWORD] [--password-file FILE]\n"
+    "                     [--module PATH] < RECORD.json\n";
 
 namespace {
 
@@ -35,6 +35,7 @@ struct Options {
     bool help = false;
     bool breakSignatures = false;
     bool join = false;
+    bool force = false;
 };
 
 // The whole of text as a number from 0, or nothing.
@@ -64,7 +65,8 @@ std::optional<std::string> parse(const std::vector<std::string>& args, Options& 
                                {"--module", &o.module}},
                               {{"--help", &o.help},
                                {"--break-signatures", &o.breakSignatures},
-                               {"--join", &o.join}},
+                               {"--join", &o.join},
+                               {"--force", &o.force}},
                               files);
     if (problem || o.help) return problem;
     if (auto conflict = passwordUsage(o.password, o.passwordFile)) return conflict;
@@ -220,12 +222,9 @@ int pasteCommand(const std::vector<std::string>& args) {
         if (!o.breakSignatures && holdsSignatures(doc.pdDoc()))
             return fail(o.out, std::string(kSignedDocument) +
                                    " (pass --break-signatures to save anyway)");
-        void* data = nullptr;
-        size_t size = 0;
-        check(PDDocSaveMem(doc.pdDoc(), &data, &size));
-        const std::string bytes(static_cast<const char*>(data), size);
-        PDFreeBuffer(data);
-        if (auto problem = writeAtomically(fs::u8path(o.out), bytes)) return fail(o.out, *problem);
+        const PDResult saved =
+            PDDocSaveEx(doc.pdDoc(), o.out.c_str(), o.force ? PD_SAVE_FORCE : 0);
+        if (saved != PD_OK) return fail(o.out, writeProblem(saved, "--force"));
         Handle field;
         check(PDWidgetAnnotGetParent(pasted.get(), field.out()));
         const PDField f = field.get();

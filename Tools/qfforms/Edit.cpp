@@ -56,7 +56,7 @@ using qfhost::Document;
 using qfhost::HostError;
 using qfhost::View;
 
-constexpr const char* kEditTool = "Edit";
+constexpr const char* kEditTool = "WidgetEdit";
 
 std::atomic<bool> gStop{false};
 
@@ -239,7 +239,7 @@ class Editor {
 
             Json body;
             try {
-                body = Json::parse(request.body.empty() ? "{}" : request.body);
+                body = parseRequest(request.body.empty() ? "{}" : request.body);
             } catch (const Json::exception& e) {
                 return jsonAnswer(400, {{"error", "the body is no JSON: " + jsonDetail(e)}});
             }
@@ -454,8 +454,14 @@ class Editor {
                                         {"signed", true}});
             signaturesBroken_ = true;
         }
-        if (auto problem = writeAtomically(target, saveToMemory(doc)))
-            throw StepFailure(std::nullopt, "cannot save " + target.string() + ": " + *problem);
+        const PDResult saved = PDDocSaveEx(doc.pdDoc(), target.string().c_str(), 0);
+        if (saved == PD_ERR_READ_ONLY)
+            throw StepFailure(std::nullopt, "cannot save " + target.string() +
+                                                ": the file is read-only; save the document "
+                                                "under another name with Save as");
+        if (saved != PD_OK)
+            throw StepFailure(std::nullopt, "cannot save " + target.string() + ": " +
+                                                writeProblem(saved, ""));
         doc.markSaved();
         path_ = target;
         sample_ = false;

@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <random>
 #include <sstream>
 #include <system_error>
 
@@ -191,27 +190,72 @@ qfhost::Document& openDocument(qfhost::Host& host, const std::string& path,
     return *doc;
 }
 
-std::optional<std::string> writeAtomically(const fs::path& path, const std::string& bytes) {
-    std::random_device random;
-    const fs::path dir = path.parent_path().empty() ? fs::path(".") : path.parent_path();
-    fs::path temp;
-    std::FILE* file = nullptr;
-    for (int attempt = 0; attempt < 16 && !file; ++attempt) {
-        char suffix[16];
-        std::snprintf(suffix, sizeof suffix, "%08x", static_cast<unsigned>(random()));
-        temp = dir / ("." + path.filename().string() + ".qfforms-" + suffix);
-        file = std::fopen(temp.string().c_str(), "wbx"); // fails when the name is taken
+std::string writeProblem(PDResult r, const std::string& forceOption) {
+    switch (r) {
+    case PD_ERR_NOT_A_FILE:
+        return "not a regular file (a folder, a FIFO, a device, or a link that leads to "
+               "nothing); it is not written over";
+    case PD_ERR_READ_ONLY:
+        return forceOption.empty()
+                   ? "the file is read-only"
+                   : "the file is read-only; pass " + forceOption +
+                         " to write over it (it stays read-only)";
+    case PD_ERR_ACCESS:
+        return "no permission to write in its folder, or its file system is read-only";
+    case PD_ERR_FILE_LIMIT:
+        return "the file would exceed the size limit for files (ulimit -f); the file is as "
+               "it was";
+    case PD_ERR_DISK_FULL: return "no space left on the disk; the file is as it was";
+    case PD_ERR_IO: return "cannot write the file (is its folder there?)";
+    default: return errorText(r);
     }
-    if (!file) return "cannot create a file in " + dir.string();
-    const bool written = std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
-    const bool closed = std::fclose(file) == 0;
-    std::error_code ec;
-    if (written && closed) fs::rename(temp, path, ec);
-    if (!written || !closed || ec) {
-        fs::remove(temp, ec);
-        return "cannot write the file";
+}
+
+namespace {
+
+// The paths of outputs[from, to), for a message.
+std::string listed(const std::vector<Output>& outputs, size_t from, size_t to) {
+    std::string text;
+    for (size_t i = from; i < to; ++i)
+        text += (text.empty() ? "" : ", ") + outputs[i].path.string();
+    return text.empty() ? "none" : text;
+}
+
+} // namespace
+
+Written writeOutputs(const std::vector<Output>& outputs, bool force) {
+    Written result;
+    std::vector<PDStagedFile> staged;
+    for (const Output& o : outputs) {
+        PDStagedFile file = nullptr;
+        const PDResult r = PDFileStage(o.path.string().c_str(), o.bytes.data(), o.bytes.size(),
+                                       force ? PD_SAVE_FORCE : 0, &file);
+        if (r != PD_OK) {
+            for (PDStagedFile f : staged) PDStagedFileDiscard(f);
+            result.problems.push_back(o.path.string() + ": " + writeProblem(r, "--force"));
+            if (outputs.size() > 1) result.problems.push_back("no file was written");
+            return result;
+        }
+        staged.push_back(file);
     }
-    return std::nullopt;
+    for (size_t i = 0; i < staged.size(); ++i) {
+        const PDResult r = PDStagedFileCommit(staged[i]);
+        if (r == PD_OK) {
+            result.replaced.push_back(outputs[i].path);
+            continue;
+        }
+        for (size_t j = i + 1; j < staged.size(); ++j) PDStagedFileDiscard(staged[j]);
+        result.problems.push_back(
+            outputs[i].path.string() + ": " +
+            (r == PD_ERR_IO ? "the new file could not be renamed over it (did its folder change "
+                              "meanwhile?); it is as it was"
+                            : writeProblem(r, "")));
+        if (outputs.size() > 1)
+            result.problems.push_back("written: " + listed(outputs, 0, i) +
+                                      "; not written: " + listed(outputs, i, outputs.size()));
+        return result;
+    }
+    return result;
 }
 
 std::string modulePath(const std::string& given) {

@@ -86,10 +86,29 @@ std::string passwordProblem(bool given);
 // The line for a document whose permissions do not allow changing its form.
 extern const char* const kFormLocked;
 
-// Writes bytes to path through a new file beside it and a rename, so that a failure leaves
-// the target as it was. Returns the problem, or nothing.
-std::optional<std::string> writeAtomically(const std::filesystem::path& path,
-                                           const std::string& bytes);
+// A file a command writes: where, and its bytes.
+struct Output {
+    std::filesystem::path path;
+    std::string bytes;
+};
+
+// What writeOutputs did.
+struct Written {
+    std::vector<std::filesystem::path> replaced; // the targets written, in order
+    std::vector<std::string> problems;           // lines to show, empty when all went well
+};
+
+// Writes outputs all or none through pdfcore's staged files: each into a new file beside
+// its target first, and only when every one is written, each over its target. A target
+// that is read-only is written only with force. A target that cannot be written stops
+// before anything is replaced; a rename that fails after others went through (the folder
+// changed meanwhile) stops there, and the problems say what was replaced and what not.
+Written writeOutputs(const std::vector<Output>& outputs, bool force);
+
+// The line to show after a file's name when writing it failed with r (PDFileStage,
+// PDDocSaveEx, PDStagedFileCommit); forceOption names the option that writes over a
+// read-only file, or is empty where there is none.
+std::string writeProblem(PDResult r, const std::string& forceOption);
 
 // The forms module to load: given (when not empty), else $QF_FORMS_MODULE, else the one
 // built with this program.

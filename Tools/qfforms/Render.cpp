@@ -22,7 +22,7 @@ namespace qfforms {
 const char* const kRenderUsage =
     "usage: qfforms render IN.pdf --page N --out OUT.svg [--zoom Z] [--rotation 0|90|180|270]\n"
     "                      [--tool NAME [--module PATH]]\n"
-    "                      [--password PASSWORD | --password-file FILE]\n"
+    "                      [--password PASSWORD | --password-file FILE] [--force]\n"
     "\n"
     "  Writes page N (0 for the first) of IN.pdf as the editor shows it, at zoom Z (pixels\n"
     "  per point, 1 by default) and turned clockwise by the rotation, as an SVG picture:\n"
@@ -31,7 +31,8 @@ const char* const kRenderUsage =
     "  PATH, $QF_FORMS_MODULE or beside this program) and the tool NAME is active, with\n"
     "  what it draws over the page: --tool FormTabOrder shows every widget's place in\n"
     "  the tab order. An encrypted IN.pdf opens with its user or owner password,\n"
-    "  given as PASSWORD or as the first line of FILE. Prints where it wrote OUT.svg.\n";
+    "  given as PASSWORD or as the first line of FILE. Prints where it wrote OUT.svg;\n"
+    "  an OUT.svg that is read-only is written over with --force only.\n";
 
 namespace {
 
@@ -48,6 +49,7 @@ struct Options {
     std::string password;
     std::string passwordFile;
     bool help = false;
+    bool force = false;
 };
 
 // Fills options from the arguments; returns the usage problem, if any.
@@ -62,7 +64,7 @@ std::optional<std::string> parseOptions(const std::vector<std::string>& args, Op
                                        {"--password", &o.password},
                                        {"--password-file", &o.passwordFile},
                                        {"--module", &o.module}},
-                                      {{"--help", &o.help}}, files))
+                                      {{"--help", &o.help}, {"--force", &o.force}}, files))
         return problem;
     if (files.size() > 1) return "render takes one file";
     if (!files.empty() && files[0].empty()) return "empty file name";
@@ -162,7 +164,9 @@ int renderCommand(const std::vector<std::string>& args) {
     }
 
     const fs::path out = fs::u8path(o.out);
-    if (auto problem = writeAtomically(out, svg)) return fail(o.out, *problem);
+    const Written written = writeOutputs({{out, std::move(svg)}}, o.force);
+    for (const std::string& problem : written.problems) std::cerr << "qfforms: " << problem << "\n";
+    if (!written.problems.empty()) return 1;
     std::error_code ec;
     std::cout << "wrote " << fs::absolute(out, ec).lexically_normal().string() << "\n";
     return 0;

@@ -21,7 +21,7 @@ namespace qfforms {
 
 const char* const kRunHelp =
     R"(usage: qfforms run SCRIPT.json [--in IN.pdf] [--out OUT.pdf] [--lang en|ja]
-                      [--settings FILE] [--keep-going] [--break-signatures]
+                      [--settings FILE] [--keep-going] [--break-signatures] [--force]
                       [--password PASSWORD | --password-file FILE] [--module PATH]
 
 Replays an authoring session through the reference host and the forms module, as the
@@ -96,6 +96,7 @@ Options:
   --keep-going       report a failing step and go on; the outputs are still written
   --break-signatures save a document that holds signatures (--out and "save" steps):
                      the file is written anew, and its signatures no longer hold
+  --force            write over outputs that are read-only (they stay read-only)
   --password PASSWORD
                      the password of encrypted documents (--in and "open" steps); a
                      document whose permissions do not allow changing its form needs
@@ -106,8 +107,13 @@ Options:
   --module PATH      the forms module to load (default: $QF_FORMS_MODULE, else the one
                      built with this program)
 
-Outputs are written (each atomically) only when every step succeeded, or with
---keep-going; stdout names each file written. A failing step is reported on stderr as
+Outputs are written only when every step succeeded, or with --keep-going; stdout names
+each file written. They are written all or none: each into a new file beside it first, then
+each renamed over its target, which keeps its permissions, owner and group; a symbolic link
+is written through. A target that is not a regular file (a folder, a FIFO, a device) or is
+read-only (without --force), a full disk or the file size limit writes none of them.
+
+A failing step is reported on stderr as
   qfforms: step INDEX (VERB): code CODE (0xHEX): TEXT
 with INDEX counted from 0 and TEXT the module's own failure text when the module failed,
 or as "qfforms: step INDEX (VERB): TEXT" for problems of the script itself.
@@ -135,6 +141,7 @@ struct Options {
     std::string language = "en";
     bool keepGoing = false;
     bool breakSignatures = false;
+    bool force = false;
     bool help = false;
 };
 
@@ -164,7 +171,8 @@ std::optional<std::string> parseOptions(const std::vector<std::string>& args, Op
                                        {"--module", &o.module}},
                                       {{"--help", &o.help},
                                        {"--keep-going", &o.keepGoing},
-                                       {"--break-signatures", &o.breakSignatures}},
+                                       {"--break-signatures", &o.breakSignatures},
+                                       {"--force", &o.force}},
                                       scripts))
         return problem;
     if (scripts.size() > 1) return "run takes one script";
@@ -342,17 +350,13 @@ int runCommand(const std::vector<std::string>& args) {
             return 1;
         }
     }
-    bool written = true;
-    for (const Output& o : runner.outputs()) {
-        if (auto problem = writeAtomically(o.path, o.bytes)) {
-            std::cerr << "qfforms: " << o.path.string() << ": " << *problem << "\n";
-            written = false;
-            continue;
-        }
-        std::cout << "wrote " << fs::absolute(o.path, ec).lexically_normal().string() << "\n";
-    }
+    const Written written = writeOutputs(runner.outputs(), options.force);
+    for (const fs::path& path : written.replaced)
+        std::cout << "wrote " << fs::absolute(path, ec).lexically_normal().string() << "\n";
+    for (const std::string& problem : written.problems)
+        std::cerr << "qfforms: " << problem << "\n";
     if (failures != 0) std::cerr << "qfforms: " << failures << " of " << steps.size() << " steps failed\n";
-    return finish(failures == 0 && written ? 0 : 1);
+    return finish(failures == 0 && written.problems.empty() ? 0 : 1);
 }
 
 } // namespace qfforms

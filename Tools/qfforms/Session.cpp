@@ -36,7 +36,7 @@ namespace {
 namespace fs = std::filesystem;
 
 // The module's widget edit tool, active while a widget is selected.
-constexpr const char* kEditTool = "Edit";
+constexpr const char* kEditTool = "WidgetEdit";
 using qfhost::Document;
 using qfhost::HostError;
 using qfhost::View;
@@ -800,6 +800,17 @@ class Runner {
     Password password_;
 };
 
+// Stops the parser (whose own stack of open objects and arrays is a vector) before what
+// is parsed nests deeper than scripts may.
+void checkNesting(int depth, Json::parse_event_t event) {
+    if ((event == Json::parse_event_t::object_start ||
+         event == Json::parse_event_t::array_start) &&
+        depth >= kMaxScriptNesting)
+        throw Json::parse_error::create(
+            101, 0, "objects and arrays nested deeper than " + std::to_string(kMaxScriptNesting) +
+                        " levels",
+            nullptr);
+}
 
 } // namespace
 
@@ -809,6 +820,7 @@ Json parseScript(const std::string& text) {
     std::vector<std::set<std::string>> keys;
     int step = -1;
     auto callback = [&](int depth, Json::parse_event_t event, Json& parsed) {
+        checkNesting(depth, event);
         if (depth == 1 &&
             (event == Json::parse_event_t::object_start ||
              event == Json::parse_event_t::array_start || event == Json::parse_event_t::value))
@@ -828,6 +840,13 @@ Json parseScript(const std::string& text) {
         return true;
     };
     return Json::parse(text, callback);
+}
+
+Json parseRequest(const std::string& text) {
+    return Json::parse(text, [](int depth, Json::parse_event_t event, Json&) {
+        checkNesting(depth, event);
+        return true;
+    });
 }
 
 std::string quoted(const std::string& text) {

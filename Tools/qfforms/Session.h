@@ -35,12 +35,6 @@ class StepFailure : public std::runtime_error {
     std::optional<uint32_t> code_;
 };
 
-// A file a session keeps, written when the session is over.
-struct Output {
-    std::filesystem::path path;
-    std::string bytes;
-};
-
 class Session {
   public:
     // host and loader (with the module loaded) must outlive the session. Relative paths of
@@ -56,8 +50,8 @@ class Session {
     // Opens path in a new view, for editing with the session's password (StepFailure when
     // it is no file, OpenRefused as openDocument).
     void openFile(const std::filesystem::path& path);
-    // Keeps a file to be written when the session is over; a later output to the same
-    // path replaces the earlier one.
+    // Keeps a file to be written when the session is over (an Output, Files.h); a later
+    // output to the same path replaces the earlier one.
     void keep(std::filesystem::path path, std::string bytes);
     // The files that "save" and "render" steps kept, in the order first kept.
     const std::vector<Output>& outputs() const;
@@ -78,9 +72,16 @@ std::string saveToMemory(qfhost::Document& doc);
 // never for a file.
 std::string viewerCopy(qfhost::Document& doc);
 
+// How deep objects and arrays of a script or of a request of the editor may nest, the
+// outermost being level 1: steps are a few levels deep.
+inline constexpr int kMaxScriptNesting = 64;
+
 // Parses a script. An object that holds one key twice is refused (std::runtime_error):
-// JSON readers keep only one of the values, which would silently drop the other.
+// JSON readers keep only one of the values, which would silently drop the other. Nesting
+// deeper than kMaxScriptNesting levels is refused with the JSON library's parse_error.
 Json parseScript(const std::string& text);
+// Parses the body of a request of the editor; nesting as parseScript.
+Json parseRequest(const std::string& text);
 
 // text as a JSON string, for messages.
 std::string quoted(const std::string& text);

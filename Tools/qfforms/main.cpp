@@ -18,6 +18,7 @@
 #include "Render.h"
 #include "Run.h"
 
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <iostream>
@@ -31,12 +32,12 @@ constexpr const char* kUsage =
     "usage: qfforms inspect FILE.pdf\n"
     "       qfforms run SCRIPT.json [--in IN.pdf] [--out OUT.pdf] [--lang en|ja]\n"
     "                   [--settings FILE] [--keep-going] [--break-signatures]\n"
-    "                   [--module PATH]\n"
+    "                   [--force] [--module PATH]\n"
     "       qfforms render IN.pdf --page N --out OUT.svg [--zoom Z]\n"
-    "                      [--rotation 0|90|180|270]\n"
+    "                      [--rotation 0|90|180|270] [--force]\n"
     "       qfforms copy IN.pdf --field NAME [--widget K] [--module PATH]\n"
     "       qfforms paste IN.pdf --page N --out OUT.pdf [--join] [--break-signatures]\n"
-    "                     [--module PATH] < RECORD.json\n"
+    "                     [--force] [--module PATH] < RECORD.json\n"
     "       qfforms edit [IN.pdf] [--port N] [--lang en|ja] [--module PATH] [--web DIR]\n"
     "  each also [--password PASSWORD | --password-file FILE] for encrypted files\n"
     "\n"
@@ -58,7 +59,11 @@ constexpr const char* kUsage =
     "  An encrypted file opens with its user or owner password: --password PASSWORD, or\n"
     "  the first line of --password-file FILE (other users of the machine may see a\n"
     "  command line). run, paste and edit change a form only when its permissions allow\n"
-    "  it or the password is the owner password. Saved files keep their encryption.\n";
+    "  it or the password is the owner password. Saved files keep their encryption.\n"
+    "\n"
+    "  Files written replace their target whole or not at all and keep its permissions,\n"
+    "  owner and group; a link is written through. A target that is not a regular file\n"
+    "  is refused, and so is one that is read-only unless --force is given.\n";
 
 // pdfcore's warnings (a font file that cannot be read, a character no font draws), one line
 // each on standard error.
@@ -113,6 +118,9 @@ int inspect(const std::vector<std::string>& args) {
 
 int main(int argc, char** argv) {
     PDSetWarningHandler(printWarning, nullptr);
+    // A write past the file size limit then fails (EFBIG), and the save says so and leaves
+    // the file as it was, instead of the signal ending the program half way.
+    std::signal(SIGXFSZ, SIG_IGN);
     if (argc < 2) return usageError("");
     const std::string_view command = argv[1];
     if (command == "-h" || command == "--help" || command == "help") {

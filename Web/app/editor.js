@@ -278,7 +278,7 @@ function event(type, ev, code = 0, replace = false) {
   return post('/api/event', {type, code, x, y, modifiers: modifiers(ev)}, {replace});
 }
 
-const selectMode = () => state.tool === '' || state.tool === 'Edit';
+const selectMode = () => state.tool === '' || state.tool === 'WidgetEdit';
 
 view.addEventListener('pointerdown', (ev) => {
   if (!ready() || preview || (ev.button !== 0 && ev.button !== 2)) return;
@@ -433,7 +433,7 @@ function togglePreview() {
 function updateToolbar() {
   const s = state;
   for (const b of document.querySelectorAll('[data-tool]')) {
-    const active = b.dataset.tool === s.tool || (b.dataset.tool === '' && s.tool === 'Edit');
+    const active = b.dataset.tool === s.tool || (b.dataset.tool === '' && s.tool === 'WidgetEdit');
     b.classList.toggle('active', active);
     b.setAttribute('aria-pressed', String(active));
     b.disabled = preview || (b.dataset.tool !== '' && !s.tools.includes(b.dataset.tool));
@@ -443,7 +443,7 @@ function updateToolbar() {
   redo.disabled = !s.redo.length;
   undo.title = s.undo.length ? t('undoWhat', s.undo.at(-1)) : '';
   redo.title = s.redo.length ? t('redoWhat', s.redo.at(-1)) : '';
-  const editing = s.tool === 'Edit' && s.selection !== null;
+  const editing = s.tool === 'WidgetEdit' && s.selection !== null;
   for (const b of document.querySelectorAll('[data-edit]')) b.disabled = preview || !editing;
   $('#zoom').textContent = `${Math.round(s.layout.zoom * 100)}%`;
   $('#save-folder').textContent = t('saveAsIn', s.document.folder);

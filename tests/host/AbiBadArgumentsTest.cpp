@@ -195,11 +195,11 @@ TEST_F(AbiBadArguments, Exports) {
             std::function<uint32_t()> call;
         } rows[] = {
             {"Create: id 0", 3, [&] { return m.create(0, &out); }},
-            {"Create: id 0xFFFFFFFF", 3, [&] { return m.create(kNone, &out); }},
+            {"Create: id 0xFFFFFFFF", 0x10005, [&] { return m.create(kNone, &out); }},
             {"Create: null out", 3, [&] { return m.create(init, nullptr); }},
             {"Create: id 0, null out", 3, [&] { return m.create(0, nullptr); }},
             {"Create: unknown atom", 0x10005, [&] { return m.create(kUnknownAtom, &out); }},
-            {"Create: a tool's atom", 0x10005, [&] { return m.create(atom("Edit"), &out); }},
+            {"Create: a tool's atom", 0x10005, [&] { return m.create(atom("WidgetEdit"), &out); }},
             {"Reflect: null entries", 3, [&] { return m.reflect(nullptr, &count); }},
             {"Reflect: null count", 3, [&] { return m.reflect(&entries, nullptr); }},
             {"Reflect: both null", 3, [&] { return m.reflect(nullptr, nullptr); }},
@@ -294,7 +294,7 @@ TEST_F(AbiBadArguments, HostRegistries) {
         ROW(T, WithdrawTool, "atom 0", 3, 0),
         ROW(T, WithdrawTool, "atom 0xFFFFFFFF", 3, kNone),
         ROW(T, WithdrawTool, "nothing under the atom", 1, kUnknownAtom),
-        ROW(T, CreateTool, "null out", 3, atom("Edit"), nullptr),
+        ROW(T, CreateTool, "null out", 3, atom("WidgetEdit"), nullptr),
         ROW(T, CreateTool, "atom 0", 0x10005, 0, sink.put()),
         ROW(T, CreateTool, "unknown atom", 0x10005, kUnknownAtom, sink.put()),
         ROW(T, CreateTool, "a factory that makes nothing", 0x10006, atom("AbiPlain"), sink.put()),
@@ -923,7 +923,7 @@ TEST_F(AbiBadArguments, ModuleTools) {
                                                                              tool.put()),
                   0u);
         // The edit tool works on a selection, which it needs as Initialize's context.
-        const bool edit = name == "Edit";
+        const bool edit = name == "WidgetEdit";
         checkTool(name, tool.get(), view->object(), staleView.get(), staleWidget.get(),
                   edit ? 3 : 0);
         if (edit) continue;

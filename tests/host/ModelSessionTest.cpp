@@ -310,7 +310,7 @@ private:
     }
 
     void endedEditing() {
-        if (host_->selection().selection() && view_->activeToolName() != "Edit")
+        if (host_->selection().selection() && view_->activeToolName() != "WidgetEdit")
             host_->selection().clear();
     }
 

@@ -364,7 +364,7 @@ TEST(StringCatalogTest, FieldNameWordsMakeUsableNames) {
         EXPECT_TRUE(wordTranslations.insert(ja).second) << "two words, one translation";
     }
     EXPECT_EQ(wordTranslations.size(), words.size());
-    EXPECT_EQ(english.size(), words.size() + 5);  // and the five messages
+    EXPECT_EQ(english.size(), words.size() + 6);  // and the six messages
     EXPECT_FALSE(english.count(u"Not initialized"));
 }
 

@@ -1,11 +1,12 @@
 // PDF actions as JSON records and back (the module's action converters, compiled in): every
-// action type, destinations and targets, field lists, chains, and what the records
-// deliberately lose.
+// action type, destinations and targets, field lists, chains (long, looping and branching
+// ones among them), what the records deliberately lose, and the record text at any depth.
 #include "qf/internal/AnnotClipboardUtils"
 #include "qf/internal/ServiceObjectException.h"
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstring>
 #include <string>
 
@@ -196,6 +197,126 @@ TEST_F(ActionRecords, ALoopOfNextActionsEndsTheChain) {
     // The record makes a chain without the loop.
     const PDHandlePtr made = jsonToPDAction(b.get(), pdActionToJson(raw.get(), click.get()));
     EXPECT_EQ(pdActionToJson(b.get(), made.get()), pdActionToJson(raw.get(), click.get()));
+}
+
+// How many actions a record chains, and the last one's "url".
+std::pair<size_t, std::string> chainOf(const Json& record) {
+    size_t length = 0;
+    const Json* last = &record;
+    for (const Json* r = &record; r && !r->empty(); ++length) {
+        last = r;
+        const auto next = r->find("next-action");
+        r = next == r->end() ? nullptr : &*next;
+    }
+    return {length, last->value("url", "")};
+}
+
+// Chains tens of thousands long were read and made by a call per action (a copy of a widget
+// with one ran out of stack), and made from the last action back, each link looking for a
+// loop through the whole rest of the chain (a paste took 73 s); /Next arrays that branch at
+// every step were read branch by branch.
+TEST_F(ActionRecords, LongAndBranchingChainsTakeLinearTime) {
+    constexpr size_t kLength = 20000;
+    const auto start = std::chrono::steady_clock::now();
+    const PDHandlePtr first = make(a.get(), kURI, u"", "https://example.org/0");
+    PDHandlePtr previous;
+    for (size_t i = 1; i < kLength; ++i) {
+        const std::string url = "https://example.org/" + std::to_string(i);
+        PDHandlePtr action = make(a.get(), kURI, u"", url.c_str());
+        ASSERT_EQ(PDActionSetNext(previous ? previous.get() : first.get(), action.get()), PD_OK);
+        previous = std::move(action);
+    }
+    const Json record = pdActionToJson(a.get(), first.get());
+    EXPECT_EQ(chainOf(record), std::make_pair(kLength, std::string("https://example.org/19999")));
+    EXPECT_EQ(nestingOf(record), kLength);
+    const std::string text = recordText(record);
+    const PDHandlePtr made = jsonToPDAction(b.get(), parseRecord(text));
+    EXPECT_EQ(recordText(pdActionToJson(b.get(), made.get())), text);
+    EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), 20);
+
+    // Forty actions, each with /Next [k+1 k+1]: a walk of every branch takes 2^40 steps.
+    std::string pdf =
+        "%PDF-1.7\n1 0 obj << /Type /Catalog /Pages 2 0 R /AcroForm << /Fields [4 0 R] >> >>"
+        " endobj\n2 0 obj << /Type /Pages /Kids [3 0 R] /Count 1 >> endobj\n"
+        "3 0 obj << /Type /Page /Parent 2 0 R /MediaBox [0 0 200 200] /Annots [4 0 R] >> endobj\n"
+        "4 0 obj << /Type /Annot /Subtype /Widget /FT /Btn /Ff 65536 /T (go)"
+        " /Rect [10 10 90 40] /P 3 0 R /A 5 0 R >> endobj\n";
+    for (int k = 5; k < 45; ++k) {
+        const std::string next = std::to_string(k + 1) + " 0 R";
+        pdf += std::to_string(k) + " 0 obj << /S /URI /URI (" + std::to_string(k) + ")" +
+               (k < 44 ? " /Next [" + next + " " + next + "]" : "") + " >> endobj\n";
+    }
+    pdf += "trailer << /Root 1 0 R >>\n%%EOF\n";
+    PDHandlePtr raw, field, widget, action;
+    ASSERT_EQ(PDDocOpenMem(pdf.data(), pdf.size(), raw.put()), PD_OK);
+    ASSERT_EQ(PDDocFindField(raw.get(), u"go", 2, field.put()), PD_OK);
+    ASSERT_EQ(PDFieldGetWidget(field.get(), 0, widget.put()), PD_OK);
+    ASSERT_EQ(PDButtonWidgetAnnotGetAction(widget.get(), action.put()), PD_OK);
+    EXPECT_EQ(chainOf(pdActionToJson(raw.get(), action.get())),
+              std::make_pair(size_t{40}, std::string("44")));
+}
+
+TEST(RecordText, WrittenAsTheLibraryWritesItAndReadToTheLimit) {
+    const Json record = Json::parse(R"({"a":[1,-2,3.5,1e300,true,null,"\u00e9\"\\\n\u0001"],)"
+                                    R"("b":{},"c":[],"d":{"\u65e5":[[{}]]},"e":"\ud83d\ude00"})");
+    EXPECT_EQ(recordText(record), record.dump());
+    EXPECT_EQ(recordText(Json("x")), "\"x\"");
+    EXPECT_THROW(recordText(Json("\xff")), nlohmann::json::type_error);
+    EXPECT_EQ(recordText(Json("\xff"), Json::error_handler_t::replace), "\"\xef\xbf\xbd\"");
+
+    auto nest = [](size_t levels) {
+        return std::string(levels, '[') + std::string(levels, ']');
+    };
+    const Json deepest = parseRecord(nest(kMaxRecordNesting));
+    EXPECT_EQ(nestingOf(deepest), kMaxRecordNesting);
+    EXPECT_EQ(recordText(deepest), nest(kMaxRecordNesting));
+    for (size_t levels : {kMaxRecordNesting + 1, size_t{100000}}) {
+        try {
+            parseRecord("{\"x\":" + nest(levels) + "}");
+            ADD_FAILURE() << "no exception";
+        } catch (const Json::parse_error& e) {
+            EXPECT_EQ(e.id, 101);
+            EXPECT_STREQ(e.what(), "[json.exception.parse_error.101] parse error: objects and "
+                                   "arrays nested deeper than 50,000 levels");
+        }
+    }
+    EXPECT_THROW(parseRecord("{\"x\":"), Json::parse_error);
+}
+
+// A GoToE target whose /T leads back to itself ends there; a record of targets nested
+// beyond what pdfcore lets a dictionary hold fails as other refused records do.
+TEST_F(ActionRecords, NestedTargetsEndWhereTheyLoop) {
+    const char kLoop[] =
+        "%PDF-1.7\n1 0 obj << /Type /Catalog /Pages 2 0 R /AcroForm << /Fields [4 0 R] >> >>"
+        " endobj\n2 0 obj << /Type /Pages /Kids [3 0 R] /Count 1 >> endobj\n"
+        "3 0 obj << /Type /Page /Parent 2 0 R /MediaBox [0 0 200 200] /Annots [4 0 R] >> endobj\n"
+        "4 0 obj << /Type /Annot /Subtype /Widget /FT /Btn /Ff 65536 /T (go)"
+        " /Rect [10 10 90 40] /P 3 0 R /A 5 0 R >> endobj\n"
+        "5 0 obj << /S /GoToE /D [0 /Fit] /T 6 0 R >> endobj\n"
+        "6 0 obj << /R /C /N (a.pdf) /T 7 0 R >> endobj\n"
+        "7 0 obj << /R /C /N (b.pdf) /T 6 0 R >> endobj\n"
+        "trailer << /Root 1 0 R >>\n%%EOF\n";
+    PDHandlePtr raw, field, widget, action;
+    ASSERT_EQ(PDDocOpenMem(kLoop, sizeof kLoop - 1, raw.put()), PD_OK);
+    ASSERT_EQ(PDDocFindField(raw.get(), u"go", 2, field.put()), PD_OK);
+    ASSERT_EQ(PDFieldGetWidget(field.get(), 0, widget.put()), PD_OK);
+    ASSERT_EQ(PDButtonWidgetAnnotGetAction(widget.get(), action.put()), PD_OK);
+    const Json record = pdActionToJson(raw.get(), action.get());
+    EXPECT_EQ(record["go-to-e-action-target"],
+              (Json{{"file-path", "a.pdf"},
+                    {"relationship", 77},
+                    {"go-to-e-action-target", {{"file-path", "b.pdf"}, {"relationship", 77}}}}));
+
+    Json deep = {{"file-path", "last.pdf"}};
+    for (int level = 0; level < 200; ++level)
+        deep = Json{{"file-path", std::to_string(level)},
+                    {"go-to-e-action-target", std::move(deep)}};
+    try {
+        jsonToPDAction(a.get(), Json{{"action-type", kGoToE}, {"go-to-e-action-target", deep}});
+        ADD_FAILURE() << "no exception";
+    } catch (const ServiceObjectException& e) {
+        EXPECT_STREQ(e.what(), "Unspecified Error!");
+    }
 }
 
 TEST_F(ActionRecords, RecordsThatMakeNothingAndRecordsThatFail) {

@@ -205,6 +205,23 @@ TEST_F(CreationTools, NameWordsAndRefusalsFollowTheUsersLanguage) {
     makeField(pd(), u"Customer", PD_ATOM_Tx, 0);
     EXPECT_EQ(setName(u"Customer"), 14u);
     EXPECT_EQ(failureText(), u"この名前は、種類の異なるフィールドで既に使用されています。");
+
+    // Buttons take the Japanese family that goes with Helvetica, embedded when they draw
+    // their Japanese captions.
+    const std::pair<const char*, const char*> fonts[] = {{"PushButtonCreate", "MS Gothic"},
+                                                         {"PrintButtonCreate", "Meiryo UI"},
+                                                         {"SaveButtonCreate", "Meiryo UI"}};
+    for (const auto& [tool, family] : fonts) {
+        activate(tool);
+        ASSERT_EQ(click(0, 40, 600 - 50.0f * annotCount(pd(), 0)), 0u) << tool;
+        PDFontInfo font{};
+        const char* name = "?";
+        EXPECT_EQ(PDWidgetAnnotGetFontInfo(last(0).get(), &font), PD_OK);
+        PDAtomGetString(font.family, &name);
+        EXPECT_STREQ(name, family) << tool;
+    }
+    const PDHandlePtr fresh = reopened(pd());
+    EXPECT_EQ(nameOf(annotAt(fresh.get(), 0, 1).get()), u"ボタン1");
 }
 
 // The rule of which fields may share a name, as the tools apply it when the user types one.

@@ -44,6 +44,13 @@ class ModuleInHost : public ::testing::Test {
         if (SODetails::header(so)->base.GetLastErrorInfo(so, &info, nullptr) != 0) return u"";
         return info.message ? info.message : u"";
     }
+    // The function the module's failure record for this thread names, "" without one.
+    std::string failureFunction() {
+        SODetails::ErrorInfo info{};
+        SODetails::ServiceObject* so = loader.initService();
+        if (SODetails::header(so)->base.GetLastErrorInfo(so, &info, nullptr) != 0) return "";
+        return info.function ? info.function : "";
+    }
 
     qfhost::Host host;
     qfhost::ModuleLoader loader{&host};

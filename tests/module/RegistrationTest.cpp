@@ -5,7 +5,11 @@
 #include "qf/InitService"
 #include "qf/InputHandlerFactory"
 
+#include <dlfcn.h>
+
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 namespace moduletest {
 
@@ -177,6 +181,30 @@ TEST(Registration, ListsAreWalkedNewestFirstAndHandedOverOnce) {
     EXPECT_EQ(calls[5].atom, atomOf("QFFormsTestToolA"));
     for (auto* r = list.first; r; r = r->next)
         EXPECT_EQ(r->registered, 0);
+}
+
+// With the host's logger loaded, every failing call is logged as an error: the call, and
+// where a thrown failure started with its text; negative answers are not.
+TEST(Thunks, FailuresGoToTheHostsLogger) {
+    void* logger = dlopen(QF_TEST_LOGGER_PATH, RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(logger, nullptr) << dlerror();
+    using Messages = const std::vector<std::u16string>* (*)();
+    const auto& logged = *reinterpret_cast<Messages>(dlsym(logger, "FakeLoggerMessages"))();
+    ServiceObject* so = ProbeBase::CreateServiceObject();
+    auto& probe = SOImpl::ImplOf<ProbeBase>(so);
+    auto& ops = *SODetails::methods<QF::InitServiceTable>(so);
+    probe.answer = 2;
+    EXPECT_EQ(ops.Init(so), 2u);
+    probe.answer = 1;
+    EXPECT_EQ(ops.Init(so), 1u);
+    probe.thrown = 0x30005;
+    EXPECT_EQ(ops.OnRibbonInitialized(so), 0x30005u);
+    EXPECT_EQ(logged, (std::vector<std::u16string>{
+                          u"1 InitService::Init() failed, code: 0x00000002",
+                          u"1 InitService::OnRibbonInitialized() failed, code: 0x00030005: "
+                          u"probe failed"}));
+    SODetails::release(so);
+    dlclose(logger);
 }
 
 TEST(Registration, RecordsWaitForAMissingServiceAndAFailedCall) {

@@ -155,6 +155,7 @@ TEST_F(TabOrder, MovesFollowTheQueueArithmeticAndUndoReplaysEveryRun) {
     // The undo list keeps the first run: the next undo replays both, newest first.
     ASSERT_EQ(host.commands().redo(), 0u);
     EXPECT_EQ(order(), "01562347");
+    EXPECT_EQ(notes.back(), "0:0:5656"); // the redo's notice names both runs too
     ASSERT_EQ(host.commands().undo(), 0u);
     EXPECT_EQ(notes.back(), "1:0:6565");
     EXPECT_EQ(order(), "01234567");

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -219,7 +220,7 @@ TEST_F(WidgetClipboard, RadioButtonsKeepTheirStatesAndLandBesideTheOriginal) {
         const auto& selected = host.selection().selected();
         ASSERT_EQ(selected.size(), 1u);
         EXPECT_EQ(selected[0].annot, pasted.get());
-        EXPECT_EQ(host.currentView()->activeToolName(), "Edit");
+        EXPECT_EQ(host.currentView()->activeToolName(), "WidgetEdit");
     }
     ASSERT_EQ(paste(form, off, &pasted, Naming::Join), 0u);
     EXPECT_EQ(nameOf(pasted.get()), u"r1");
@@ -337,6 +338,80 @@ TEST_F(WidgetClipboard, BadRecordsFailCleanly) {
     ASSERT_EQ(paste(doc, list.dump(), &pasted), 0u);
     EXPECT_EQ(PDChoiceWidgetAnnotGetSelection(pasted.get(), &selection), PD_OK);
     EXPECT_EQ(selection, 2u);
+}
+
+// A form whose text field "chain" has a mouse-up action chaining length URI actions, the
+// last of which leads back to the first.
+std::string chainForm(size_t length) {
+    std::string pdf =
+        "%PDF-1.7\n1 0 obj << /Type /Catalog /Pages 2 0 R /AcroForm << /Fields [4 0 R] >> >>"
+        " endobj\n2 0 obj << /Type /Pages /Kids [3 0 R] /Count 1 >> endobj\n"
+        "3 0 obj << /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] /Annots [4 0 R] >> endobj\n"
+        "4 0 obj << /Type /Annot /Subtype /Widget /FT /Tx /T (chain) /Rect [10 10 110 30]"
+        " /P 3 0 R /AA << /U 5 0 R >> >> endobj\n";
+    for (size_t k = 0; k < length; ++k) {
+        const size_t next = k + 1 < length ? k + 6 : 5;
+        pdf += std::to_string(k + 5) + " 0 obj << /S /URI /URI (https://example.org/" +
+               std::to_string(k) + ") /Next " + std::to_string(next) + " 0 R >> endobj\n";
+    }
+    return pdf + "trailer << /Root 1 0 R >>\n%%EOF\n";
+}
+
+// Hostile depth, end to end: a chain of 20,000 actions that loops was copied by a call per
+// action until the stack ran out, and pasted in 73 s; a chain too long for a record is
+// refused on copy, and a record nested 100,000 levels deep as text that does not parse.
+TEST_F(WidgetClipboard, LongChainsAndDeepRecords) {
+    auto open = [&](const std::string& pdf) -> qfhost::Document& {
+        PDHandlePtr pd;
+        EXPECT_EQ(PDDocOpenMem(pdf.data(), pdf.size(), pd.put()), PD_OK);
+        return host.adoptDocument(pd.get());
+    };
+    const auto start = std::chrono::steady_clock::now();
+    qfhost::Document& form = open(chainForm(20000));
+    const std::string text = copy(form, u"chain");
+    size_t links = 0;
+    for (size_t at = 0; (at = text.find("\"next-action\"", at)) != std::string::npos; ++at) ++links;
+    EXPECT_EQ(links, 19999u);
+    qfhost::Document& doc = host.newDocument(1, 612, 792);
+    PDHandlePtr pasted, action;
+    ASSERT_EQ(paste(doc, text, &pasted), 0u);
+    ASSERT_EQ(PDWidgetAnnotGetMouseUpAction(pasted.get(), action.put()), PD_OK);
+    size_t length = 0;
+    for (PDHandlePtr current = std::move(action); current; ++length) {
+        uint32_t next = 0;
+        ASSERT_EQ(PDActionGetNextLength(current.get(), &next), PD_OK);
+        PDHandlePtr successor;
+        if (next) {
+            ASSERT_EQ(PDActionGetNext(current.get(), 0, successor.put()), PD_OK);
+        }
+        current = std::move(successor);
+    }
+    EXPECT_EQ(length, 20000u);
+    EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), 30);
+
+    qfhost::Document& tooLong = open(chainForm(50000));
+    host.setCurrentDocument(&tooLong);
+    qfhost::View& view = host.openView(tooLong);
+    ObjectPtr data;
+    const PDHandlePtr widget = annotAt(tooLong.pdDoc(), 0, 0);
+    EXPECT_EQ(SODetails::methods<QF::AnnotEditSelectFactoryTable>(factory().get())
+                  ->CopyAnnot(factory().get(), view.object(), 0, widget.get(), data.put()),
+              4u);
+    EXPECT_FALSE(data);
+    EXPECT_EQ(failureText(),
+              u"The widget's actions nest deeper than a record may (50,000 levels).");
+    host.closeView(view);
+
+    Json record = Json::parse(text);
+    record.erase("mouse-up");
+    record["mouse-up"] = Json::object();
+    const std::string plain = record.dump();
+    ASSERT_EQ(paste(doc, plain), 0u);
+    const std::string deep = plain.substr(0, plain.size() - 1) + ",\"z\":" +
+                             std::string(100000, '[') + std::string(100000, ']') + "}";
+    EXPECT_EQ(paste(doc, deep), 4u);
+    EXPECT_NE(failureText().find(u"nested deeper than 50,000 levels"), std::u16string::npos);
+    EXPECT_EQ(annotCount(doc.pdDoc(), 0), 2u);
 }
 
 // Copy and Cut go to the system clipboard, DuplicateCopy to the private one; a Locked

@@ -424,6 +424,30 @@ TEST_F(WidgetCommands, RenameJoinsRenamesInPlaceOrSplitsAndUndoes) {
     EXPECT_EQ(findField(doc.get(), u"a").get(), a.get());
     EXPECT_FALSE(Reopened(doc.get()).find(u"g.x"));
 
+    // Out from under its parent and back: between the siblings it was between.
+    auto names = [&] {
+        std::vector<std::u16string> out;
+        uint32_t n = 0;
+        EXPECT_EQ(PDDocGetNumFields(doc.get(), &n), PD_OK);
+        for (uint32_t i = 0; i < n; ++i) {
+            PDHandlePtr f;
+            EXPECT_EQ(PDDocGetField(doc.get(), i, f.put()), PD_OK);
+            const std::u16string name = QF::GetFieldFullName(f.get(), "test");
+            if (name.rfind(u"p.", 0) == 0) out.push_back(name);
+        }
+        return out;
+    };
+    auto px = field(doc.get(), u"p.x", PD_ATOM_Tx, 0);
+    auto pb = field(doc.get(), u"p.b", PD_ATOM_Tx, 0);
+    auto py = field(doc.get(), u"p.y", PD_ATOM_Tx, 0);
+    auto wpb = widget(doc.get(), pb.get(), 130);
+    const std::vector<std::u16string> before{u"p.x", u"p.b", u"p.y"};
+    ASSERT_EQ(names(), before);
+    ASSERT_EQ(run("Widget_Rename", QF::RenameWidgetParams{service.get(), 0, wpb.get(), u"q"}), 0u);
+    EXPECT_EQ(names(), (std::vector<std::u16string>{u"p.x", u"p.y"}));
+    ASSERT_EQ(host.commands().undo(), 0u);
+    EXPECT_EQ(names(), before);
+
     // One of two widgets: a new field of the same type and flags takes it.
     ASSERT_EQ(run("Widget_Rename", QF::RenameWidgetParams{service.get(), 0, wm2.get(), u"split"}),
               0u);
@@ -439,7 +463,7 @@ TEST_F(WidgetCommands, RenameJoinsRenamesInPlaceOrSplitsAndUndoes) {
     ASSERT_EQ(host.commands().redo(), 0u);
     EXPECT_EQ(parentName(wm2.get()), u"split");
     EXPECT_EQ(parent(wm1.get()).get(), multi.get());
-    EXPECT_EQ(kinds(), std::vector<uint32_t>(7, 3));
+    EXPECT_EQ(kinds(), std::vector<uint32_t>(9, 3));
     EXPECT_EQ(notes[0].second, std::vector<PDAnnot>{wb.get()});
 }
 
@@ -464,7 +488,21 @@ TEST_F(WidgetCommands, RenameRefusals) {
                   "RenameWidgetCommand::RenameWidgetCommand");
     expectFailure(make(none), 2, u"Not initialized", "RenameWidgetCommand::RenameWidgetCommand");
     expectFailure(make(clash), 14, u"This name is already set for a different field type.",
-                  "RenameWidgetCommand::CheckExistingField");
+                  "RenameWidgetCommand::RenameWidgetCommand");
+
+    // Undo refuses to put the widget into a field that took its former name since, and the
+    // step stays on the undo stack.
+    auto only = field(doc.get(), u"only", PD_ATOM_Tx, 0);
+    auto wo = widget(doc.get(), only.get(), 40);
+    ASSERT_EQ(run("Widget_Rename", QF::RenameWidgetParams{service.get(), 0, wo.get(), u"moved"}),
+              0u);
+    auto newcomer = field(doc.get(), u"only", PD_ATOM_Tx, 0);
+    auto wn = widget(doc.get(), newcomer.get(), 70);
+    EXPECT_EQ(host.commands().undo(), 14u);
+    EXPECT_EQ(parent(wo.get()).get(), only.get());
+    EXPECT_EQ(parentName(wo.get()), u"moved");
+    EXPECT_EQ(widgetCount(newcomer.get()), 1u);
+    EXPECT_EQ(host.commands().depths().undo, 1u);
 }
 
 // Three check boxes in fields of their own, each with its own on-state ("OnA", "OnB",
@@ -551,6 +589,23 @@ TEST_F(GroupRadioButtons, OneRadioFieldNumberedInHandleOrderAndUndoRestoresEach)
     ASSERT_EQ(host.commands().redo(), 0u);
     EXPECT_EQ(parent(widgets[2].get()).get(), parent(widgets[0].get()).get());
     EXPECT_EQ(choiceOf(widgets[2].get()), std::u16string(1, u'1' + rank[2]));
+}
+
+// A button without an on state gets one in the group and none again on undo.
+TEST_F(GroupRadioButtons, UndoTakesBackTheOnStateOfAButtonThatHadNone) {
+    auto bare = field(doc.get(), u"bare", PD_ATOM_Btn, 0);
+    auto w = widget(doc.get(), bare.get(), 200);
+    ASSERT_EQ(PDButtonWidgetAnnotSetChoice(w.get(), u"", 0), PD_OK);
+    ASSERT_EQ(choiceOf(w.get()), u"");
+    const PDAnnot items[] = {w.get(), widgets[0].get()};
+    const QF::WidgetList list{items, 2};
+    ASSERT_EQ(run("GroupRadioButtons", QF::GroupRadioButtonsParams{service.get(), 0, &list}), 0u);
+    EXPECT_NE(choiceOf(w.get()), u"");
+    ASSERT_EQ(host.commands().undo(), 0u);
+    EXPECT_EQ(parentName(w.get()), u"bare");
+    EXPECT_EQ(choiceOf(w.get()), u"");
+    EXPECT_EQ(stateOf(w.get()), "Off");
+    EXPECT_EQ(choiceOf(widgets[0].get()), u"OnA");
 }
 
 TEST_F(GroupRadioButtons, RepeatedHandlesCountOnceAndEmptyListsAreRefused) {

@@ -58,7 +58,7 @@ class WidgetEdit : public ModuleSession {
         EXPECT_TRUE(handled) << name;
         return rc;
     }
-    bool editing() { return view->activeToolName() == "Edit"; }
+    bool editing() { return view->activeToolName() == "WidgetEdit"; }
     QF::SelectionTable& selectionOps() {
         return *SODetails::methods<QF::SelectionTable>(host.selection().selection().get());
     }
@@ -85,6 +85,51 @@ TEST_F(WidgetEdit, PickingTakesTheTopMostWidgetEdgesIncluded) {
     EXPECT_TRUE(host.selection().selected().empty());
     EXPECT_EQ(host.selection().selectAt(2, 250, 615), 1u); // a page without annotations
     EXPECT_EQ(host.selection().type(), 0u);
+}
+
+// An edit object's point test takes the whole rectangle, edges included, of every kind and
+// on a turned page; its rectangle test keeps to the outline and corners.
+TEST_F(WidgetEdit, EditObjectsAreHitAnywhereInsideTheirRectangle) {
+    ObjectPtr factory = host.picker().editObjectFactories().find(atom("WidgetEdit"));
+    auto* ops = SODetails::methods<QF::EditObjectFactoryTable>(factory.get());
+    const struct {
+        const char* tool;
+        uint32_t page;
+    } cases[] = {{"TextFieldCreate", 0}, {"CheckBoxCreate", 0}, {"RadioGroupCreate", 0},
+                 {"ListBoxCreate", 0},   {"PushButtonCreate", 1}, {"ComboBoxCreate", 1}};
+    float bottom = 100;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.tool);
+        make(c.tool, c.page, 100, bottom, 180, bottom + 40);
+        const uint32_t n = annotCount(pd(), c.page);
+        const PDHandlePtr widget = annotAt(pd(), c.page, n - 1);
+        const PDRect r = rectOf(widget.get());
+        ObjectPtr object;
+        ASSERT_EQ(ops->CreateEditObject(factory.get(), document->object(), c.page, 0,
+                                        object.put(), widget.get()),
+                  0u);
+        auto* eo = SODetails::methods<QF::EditObjectTable>(object.get());
+        auto hit = [&](float x, float y) {
+            const float point[2] = {x, y};
+            uint8_t out = 9;
+            EXPECT_EQ(eo->HitTestPoint(object.get(), point, &out), 0u);
+            return out;
+        };
+        const float cx = (r.left + r.right) / 2, cy = (r.bottom + r.top) / 2;
+        EXPECT_EQ(hit(cx, cy), 1);
+        EXPECT_EQ(hit(r.left, r.bottom), 1);
+        EXPECT_EQ(hit(r.right, cy), 1);
+        EXPECT_EQ(hit(r.right + 0.5f, cy), 0);
+        EXPECT_EQ(hit(cx, r.top + 0.5f), 0);
+        uint8_t out = 9;
+        const PDRect within{cx - 1, cy + 1, cx + 1, cy - 1};
+        EXPECT_EQ(eo->HitTestRect(object.get(), &within, &out), 0u);
+        EXPECT_EQ(out, 0);
+        const PDRect across{r.left - 1, cy + 1, r.left + 1, cy - 1};
+        EXPECT_EQ(eo->HitTestRect(object.get(), &across, &out), 0u);
+        EXPECT_EQ(out, 1);
+        bottom += 60;
+    }
 }
 
 // A widget in optional content that is off is neither picked nor in the page's composite.
@@ -376,6 +421,20 @@ TEST_F(WidgetEdit, TheSelectionAnswersForItsWidget) {
               0u);
     EXPECT_EQ(SODetails::methods<QF::SelectionTable>(empty.get())->GetBounds(empty.get(), &bounds),
               2u);
+    EXPECT_EQ(SODetails::methods<QF::SelectionTable>(empty.get())
+                  ->GetProperties(empty.get(), view->object()),
+              2u);
+    EXPECT_EQ(failureFunction(), "QF::BaseAnnotEditSelection<struct WidgetEditSelection,"
+                                 "class std::shared_ptr<class WidgetEditObject> >::GetProperties");
+
+    // A point on a page the document does not have.
+    ObjectPtr objects = host.picker().editObjectFactories().find(atom("WidgetEdit"));
+    ObjectPtr none;
+    EXPECT_EQ(SODetails::methods<QF::EditObjectFactoryTable>(objects.get())
+                  ->CreateEditObjectByPagePoint(objects.get(), document->object(), 99, 0, inside,
+                                                none.put()),
+              2u);
+    EXPECT_EQ(failureFunction(), "`anonymous-namespace'::GetWidgetAtPos");
 }
 
 } // namespace

@@ -201,6 +201,20 @@ inline PDRect rect(float left, float bottom, float right, float top) {
 
 // ---- files -----------------------------------------------------------------------------
 
+// A PDF of the given objects (numbered from 1; 1 is the catalog) with a correct xref table.
+inline std::string makePdf(const std::vector<std::string>& objects) {
+    std::string out = "%PDF-1.7\n";
+    std::string xref = "xref\n0 " + std::to_string(objects.size() + 1) + "\n0000000000 65535 f \n";
+    for (size_t i = 0; i < objects.size(); ++i) {
+        char entry[24];
+        std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", out.size());
+        xref += entry;
+        out += std::to_string(i + 1) + " 0 obj\n" + objects[i] + "\nendobj\n";
+    }
+    return out + xref + "trailer\n<< /Size " + std::to_string(objects.size() + 1) +
+           " /Root 1 0 R >>\nstartxref\n" + std::to_string(out.size()) + "\n%%EOF\n";
+}
+
 inline std::string corpus(const std::string& file) {
     return std::string(QF_CORPUS_DIR) + "/" + file;
 }

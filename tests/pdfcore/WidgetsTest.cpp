@@ -377,7 +377,6 @@ TEST_F(Widgets, RenamingTheOnStateKeepsTheButtonOn) {
     EXPECT_EQ(get(PDButtonWidgetAnnotGetChoice, pw.get()), u"<error 3>");
     EXPECT_EQ(put(PDButtonWidgetAnnotSetChoice, pw.get(), u"x"), PD_ERR_FIELD_KIND);
     EXPECT_EQ(put(PDButtonWidgetAnnotSetChoice, bw.get(), u"Off"), PD_ERR_BAD_ARGUMENT);
-    EXPECT_EQ(put(PDButtonWidgetAnnotSetChoice, bw.get(), u""), PD_ERR_BAD_ARGUMENT);
 
     ASSERT_EQ(setValue(box.get(), u"Yes"), PD_OK);
     ASSERT_EQ(put(PDButtonWidgetAnnotSetChoice, bw.get(), u"Accept"), PD_OK);
@@ -397,6 +396,12 @@ TEST_F(Widgets, RenamingTheOnStateKeepsTheButtonOn) {
     EXPECT_EQ(get(PDButtonWidgetAnnotGetChoice, r2b.get()), u"right");
     EXPECT_EQ(atomText(get(PDAnnotGetAppearanceState, b2.get())), "Accept");
     EXPECT_EQ(atomText(get(PDAnnotGetAppearanceState, r1b.get())), "Off");
+
+    // An empty name takes the on state away: the check box is off, without one.
+    ASSERT_EQ(put(PDButtonWidgetAnnotSetChoice, bw.get(), u""), PD_OK);
+    EXPECT_EQ(get(PDButtonWidgetAnnotGetChoice, bw.get()), u"<error 3>");
+    EXPECT_EQ(atomText(get(PDAnnotGetAppearanceState, bw.get())), "Off");
+    EXPECT_EQ(fieldValue(box.get()), u"Off");
 
     std::string out =
         expectDescribed(path, {"box /N /Accept bbox=0 0 20 20 matrix=- fonts=/ZaDb tx=False tj=4",

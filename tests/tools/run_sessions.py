@@ -11,6 +11,8 @@ CHECK is one of:
   failures  failing steps, bad scripts and bad options: status, message, nothing written
   fonts     a font file that cannot be read and characters no font draws: warnings, and
             still a sound file
+  depth     hostile nesting at every door: page and field trees past the limit, a chain of
+            actions 20,000 long that loops, records and scripts nested 100,000 deep
 
 Run with Debian's /usr/bin/python3 (python3-pypdf). Exit status 0 when every check passed.
 """
@@ -410,6 +412,98 @@ def check_failures(args, folder):
         check('{"%s":' % verb in result.stdout, "run --help does not document " + verb)
 
 
+def pdf_of(objects):
+    """A PDF of the objects (numbered from 1, the catalog first) with its xref table."""
+    out = bytearray(b"%PDF-1.7\n")
+    offsets = []
+    for number, body in enumerate(objects, 1):
+        offsets.append(len(out))
+        out += b"%d 0 obj\n%s\nendobj\n" % (number, body.encode())
+    xref = len(out)
+    out += b"xref\n0 %d\n0000000000 65535 f \n" % (len(objects) + 1)
+    out += b"".join(b"%010d 00000 n \n" % at for at in offsets)
+    out += b"trailer\n<< /Size %d /Root 1 0 R >>\nstartxref\n%d\n%%%%EOF\n" % (
+        len(objects) + 1, xref)
+    return bytes(out)
+
+
+def write_pdf(folder, name, objects):
+    path = os.path.join(folder, name)
+    with open(path, "wb") as f:
+        f.write(pdf_of(objects))
+    return path
+
+
+def check_depth(args, folder):
+    out = os.path.join(folder, "never.pdf")
+    levels = 40000
+    pages = ["<< /Type /Catalog /Pages 2 0 R >>"]
+    for level in range(1, levels + 1):
+        parent = " /Parent %d 0 R" % level if level > 1 else " /MediaBox [0 0 612 792]"
+        pages.append("<< /Type /Pages /Count 1 /Kids [%d 0 R]%s >>" % (level + 2, parent))
+    pages.append("<< /Type /Page /Parent %d 0 R >>" % (levels + 1))
+    fields = ["<< /Type /Catalog /Pages 2 0 R /AcroForm << /Fields [4 0 R] >> >>",
+              "<< /Type /Pages /Count 1 /Kids [3 0 R] >>",
+              "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] /Annots [%d 0 R] >>"
+              % (levels + 4)]
+    for level in range(1, levels + 1):
+        parent = " /Parent %d 0 R" % (level + 2) if level > 1 else " /FT /Tx"
+        fields.append("<< /T (f%d) /Kids [%d 0 R]%s >>" % (level, level + 4, parent))
+    fields.append("<< /Type /Annot /Subtype /Widget /Rect [10 10 110 30] /P 3 0 R"
+                  " /Parent %d 0 R >>" % (levels + 3))
+    too_deep = "A page tree or field tree is nested deeper than 1,000 levels"
+    for name, objects in (("pages.pdf", pages), ("fields.pdf", fields)):
+        path = write_pdf(folder, name, objects)
+        for command in (["inspect", path], ["run", write_script(folder, "none.json", []),
+                                            "--in", path, "--out", out]):
+            result = qfforms(args.qfforms, *command)
+            check(result.returncode == 1 and too_deep in result.stderr and
+                  result.stderr.count("\n") == 1 and not os.path.exists(out),
+                  "%s, %s: exit %d, %r" % (name, command[0], result.returncode,
+                                           result.stderr[-300:]))
+
+    # A widget whose mouse-up action starts a chain of 20,000 that leads back to its start:
+    # copied and pasted in seconds (a paste took 73 s; a copy ran out of stack).
+    chain = ["<< /Type /Catalog /Pages 2 0 R /AcroForm << /Fields [4 0 R] >> >>",
+             "<< /Type /Pages /Count 1 /Kids [3 0 R] >>",
+             "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] /Annots [4 0 R] >>",
+             "<< /Type /Annot /Subtype /Widget /FT /Tx /T (chain) /Rect [10 10 110 30]"
+             " /P 3 0 R /AA << /U 5 0 R >> >>"]
+    length = 20000
+    for k in range(length):
+        chain.append("<< /S /URI /URI (https://example.org/%d) /Next %d 0 R >>"
+                     % (k, k + 6 if k + 1 < length else 5))
+    source = write_pdf(folder, "chain.pdf", chain)
+    copied = qfforms(args.qfforms, "copy", source, "--field", "chain")
+    check(copied.returncode == 0 and copied.stdout.count('"next-action"') == length - 1,
+          "chain: copy exit %d, %r" % (copied.returncode, copied.stderr[-300:]))
+    pasted = run([args.qfforms, "paste", source, "--page", "0", "--out", out],
+                 input=copied.stdout)
+    if check(pasted.returncode == 0 and os.path.exists(out),
+             "chain: paste exit %d, %r" % (pasted.returncode, pasted.stderr[-300:])):
+        again = qfforms(args.qfforms, "copy", out, "--field", "chain_2")
+        check(again.stdout.count('"next-action"') == length - 1,
+              "chain: the pasted widget's chain: %r" % again.stderr[-300:])
+        check(run(["qpdf", "--check", out]).returncode == 0, "chain: qpdf --check")
+        os.remove(out)
+
+    # Text nested 100,000 deep: one line naming the limit of its door.
+    nested = "[" * 100000 + "]" * 100000
+    record = '{"field-type": 536, "Rect": {"left": 1, "bottom": 1, "right": 9, "top": 9},' \
+             ' "x": %s}' % nested
+    result = run([args.qfforms, "paste", source, "--page", "0", "--out", out], input=record)
+    check(result.returncode == 1 and "nested deeper than 50,000 levels" in result.stderr and
+          result.stderr.count("\n") == 1 and not os.path.exists(out),
+          "record: exit %d, %r" % (result.returncode, result.stderr[-300:]))
+    script = os.path.join(folder, "nested.json")
+    with open(script, "w") as f:
+        f.write('[{"new": {}}, {"tool": %s}]' % nested)
+    result = qfforms(args.qfforms, "run", script, "--out", out)
+    check(result.returncode == 1 and "nested deeper than 64 levels" in result.stderr and
+          result.stderr.count("\n") == 1 and not os.path.exists(out),
+          "script: exit %d, %r" % (result.returncode, result.stderr[-300:]))
+
+
 def check_fonts(args, folder):
     """Fonts that fail: a font file that fontconfig lists but that cannot be read is skipped
     with a warning, and characters no other font draws come out as empty boxes with one
@@ -464,13 +558,13 @@ def main():
     parser.add_argument("--qfforms", required=True)
     parser.add_argument("--example", required=True)
     parser.add_argument("--corpus", required=True)
-    parser.add_argument("check", choices=["example", "undo", "failures", "fonts"])
+    parser.add_argument("check", choices=["example", "undo", "failures", "fonts", "depth"])
     args = parser.parse_args()
     with tempfile.TemporaryDirectory() as folder:
         # The user's own settings file stays out of the sessions.
         os.environ["XDG_CONFIG_HOME"] = os.path.join(folder, "config")
         {"example": check_example, "undo": check_undo, "failures": check_failures,
-         "fonts": check_fonts}[args.check](args, folder)
+         "fonts": check_fonts, "depth": check_depth}[args.check](args, folder)
     for f in failures:
         print("FAIL:", f)
     print("%s: %s" % (args.check, "ok" if not failures else "%d failures" % len(failures)))

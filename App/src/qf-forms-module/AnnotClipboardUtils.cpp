@@ -4,8 +4,8 @@
 #include "qf/internal/TextConversion.h"
 
 #include <algorithm>
-#include <functional>
 #include <stdexcept>
+#include <unordered_set>
 #include <vector>
 
 using QF::PDHandlePtr;
@@ -65,17 +65,83 @@ Json fieldsOf(PDDoc doc, PDResult (*get)(PDAction, PDActionFieldsData*), PDActio
     return data ? actionFieldsDataToJson(doc, data.get()) : Json::array();
 }
 
-// The two target converters reach each other for nested targets through these.
-const std::function<Json(PDObject)> kTargetToJson = [](PDObject target) {
-    return goToETargetToJson(target);
-};
-const std::function<PDHandlePtr(PDDoc, const Json&)> kJsonToTarget =
-    [](PDDoc doc, const Json& record) { return jsonToGoToETarget(doc, record); };
+// The record of one action without its next actions.
+Json actionToJson(PDDoc doc, PDAction action);
+// One action of record without its next actions; null as jsonToPDAction.
+PDHandlePtr jsonToOneAction(PDDoc doc, const Json& record);
 
-// The record of action, whose predecessors in its chain are path (alive while it runs).
-Json actionToJson(PDDoc doc, PDAction action, std::vector<PDAction>& path);
+// Nests a list of records, each under key of the one before it; the first.
+Json nested(std::vector<Json>& records, const char* key) {
+    for (size_t i = records.size(); i-- > 1;) records[i - 1][key] = std::move(records[i]);
+    return records.empty() ? Json::object() : std::move(records.front());
+}
 
 } // namespace
+
+// ---- record text ----------------------------------------------------------------------
+
+Json parseRecord(const std::string& text) {
+    // The parser keeps its own stack of open objects and arrays; this stops it at the limit.
+    auto guard = [](int depth, Json::parse_event_t event, Json&) {
+        if ((event == Json::parse_event_t::object_start ||
+             event == Json::parse_event_t::array_start) &&
+            static_cast<size_t>(depth) >= kMaxRecordNesting)
+            throw Json::parse_error::create(
+                101, 0, "objects and arrays nested deeper than 50,000 levels", nullptr);
+        return true;
+    };
+    static_assert(kMaxRecordNesting == 50000, "the parse error names the limit");
+    return Json::parse(text, guard);
+}
+
+std::string recordText(const Json& value, Json::error_handler_t notUtf8) {
+    std::string out;
+    struct Open {
+        const Json* container;
+        Json::const_iterator next;
+    };
+    std::vector<Open> open;
+    // A scalar whole, an object or array up to its first member.
+    auto begin = [&](const Json& v) {
+        if (!v.is_structured() || v.empty()) {
+            out += v.dump(-1, ' ', false, notUtf8);
+        } else {
+            out += v.is_object() ? '{' : '[';
+            open.push_back({&v, v.cbegin()});
+        }
+    };
+    begin(value);
+    while (!open.empty()) {
+        Open& top = open.back();
+        if (top.next == top.container->cend()) {
+            out += top.container->is_object() ? '}' : ']';
+            open.pop_back();
+            continue;
+        }
+        if (top.next != top.container->cbegin()) out += ',';
+        const Json& member = *top.next;
+        if (top.container->is_object()) {
+            out += Json(top.next.key()).dump(-1, ' ', false, notUtf8);
+            out += ':';
+        }
+        ++top.next;
+        begin(member);
+    }
+    return out;
+}
+
+size_t nestingOf(const Json& value) {
+    size_t deepest = 0;
+    std::vector<std::pair<const Json*, size_t>> pending{{&value, 1}};
+    while (!pending.empty()) {
+        const auto [v, level] = pending.back();
+        pending.pop_back();
+        if (!v->is_structured()) continue;
+        deepest = std::max(deepest, level);
+        for (const Json& member : *v) pending.emplace_back(&member, level + 1);
+    }
+    return deepest;
+}
 
 // ---- read helpers ---------------------------------------------------------------------
 
@@ -124,14 +190,35 @@ std::u16string getWideStringOr(const Json& record, const char* key,
 
 // ---- actions --------------------------------------------------------------------------
 
+// The chain is walked in a loop, each action once: a file's /Next may lead back to an
+// action of the chain (actions in files are indirect objects, whose handles are the same
+// while they are alive), and the chain ends before it repeats. Of several next actions the
+// last one that is not already in the chain is the one the record keeps, and only it is
+// read: /Next arrays of a file may branch at every step.
 Json pdActionToJson(PDDoc doc, PDAction action) {
-    std::vector<PDAction> path;
-    return actionToJson(doc, action, path);
+    std::vector<Json> records;
+    std::vector<PDHandlePtr> chain;  // holds the handles that identify the actions
+    std::unordered_set<PDAction> seen;
+    PDAction current = action;
+    while (current) {
+        records.push_back(actionToJson(doc, current));
+        seen.insert(current);
+        uint32_t next = 0;
+        check(PDActionGetNextLength(current, &next), kToJson);
+        PDHandlePtr successor;
+        for (uint32_t i = next; i-- > 0 && !successor;) {
+            check(PDActionGetNext(current, i, successor.put()), kToJson);
+            if (successor && seen.count(successor.get())) successor.reset();
+        }
+        current = successor.get();
+        if (successor) chain.push_back(std::move(successor));
+    }
+    return nested(records, "next-action");
 }
 
 namespace {
 
-Json actionToJson(PDDoc doc, PDAction action, std::vector<PDAction>& path) {
+Json actionToJson(PDDoc doc, PDAction action) {
     Json out = Json::object();
     if (!action) return out;
     PDAtom type = 0;
@@ -154,7 +241,8 @@ Json actionToJson(PDDoc doc, PDAction action, std::vector<PDAction>& path) {
         if (flag != kNoValue && flag != kNotOfKind) out["new-window"] = newWindow != 0;
         PDHandlePtr target;
         check(PDActionGoToEGetTarget(action, target.put()), kToJson);
-        out["go-to-e-action-target"] = target ? kTargetToJson(target.get()) : Json::object();
+        out["go-to-e-action-target"] =
+            target ? goToETargetToJson(target.get()) : Json::object();
         break;
     }
     case kHide: {
@@ -220,26 +308,32 @@ Json actionToJson(PDDoc doc, PDAction action, std::vector<PDAction>& path) {
     default:
         break;
     }
-
-    // One successor per record: each next action in turn takes the key, the last one stays.
-    // A file's /Next may lead back to an action of the chain (actions in files are indirect
-    // objects, whose handles are the same while alive): the chain ends before it repeats.
-    uint32_t next = 0;
-    check(PDActionGetNextLength(action, &next), kToJson);
-    path.push_back(action);
-    for (uint32_t i = 0; i < next; ++i) {
-        PDHandlePtr successor;
-        check(PDActionGetNext(action, i, successor.put()), kToJson);
-        if (successor && std::find(path.begin(), path.end(), successor.get()) == path.end())
-            out["next-action"] = actionToJson(doc, successor.get(), path);
-    }
-    path.pop_back();
     return out;
 }
 
 } // namespace
 
+// The chain is made from its first action on, each linked to the one before it as it is
+// made: the link's check for a loop then looks at an action without successors, where
+// linking from the last one back would walk the whole rest of the chain for each link.
 PDHandlePtr jsonToPDAction(PDDoc doc, const Json& record) {
+    PDHandlePtr first, previous;
+    for (const Json* current = &record; current;) {
+        PDHandlePtr action = jsonToOneAction(doc, *current);
+        if (previous) PDActionSetNext(previous.get(), action.get());
+        if (!action) break;
+        const auto next = current->find("next-action");
+        current = next != current->end() && next->is_object() && !next->empty() ? &*next : nullptr;
+        if (!current) PDActionSetNext(action.get(), nullptr);
+        if (!first) first = action;
+        previous = std::move(action);
+    }
+    return first;
+}
+
+namespace {
+
+PDHandlePtr jsonToOneAction(PDDoc doc, const Json& record) {
     const int64_t type = getIntOr(record, "action-type", -1);
     PDHandlePtr action;
     switch (type) {
@@ -264,7 +358,7 @@ PDHandlePtr jsonToPDAction(PDDoc doc, const Json& record) {
         }
         PDActionGoToESetNewWindow(action.get(), getBoolOr(record, "new-window", true) ? 1 : 0);
         if (record.contains("go-to-e-action-target")) {
-            const PDHandlePtr target = kJsonToTarget(doc, record["go-to-e-action-target"]);
+            const PDHandlePtr target = jsonToGoToETarget(doc, record["go-to-e-action-target"]);
             if (target) PDActionGoToESetTarget(action.get(), target.get());
         }
         break;
@@ -330,17 +424,10 @@ PDHandlePtr jsonToPDAction(PDDoc doc, const Json& record) {
     default:
         return {};
     }
-    if (!action) return {};
-
-    const auto next = record.find("next-action");
-    if (next != record.end() && next->is_object() && !next->empty()) {
-        const PDHandlePtr successor = jsonToPDAction(doc, *next);
-        PDActionSetNext(action.get(), successor.get());
-    } else {
-        PDActionSetNext(action.get(), nullptr);
-    }
     return action;
 }
+
+} // namespace
 
 // ---- destinations ---------------------------------------------------------------------
 
@@ -364,14 +451,15 @@ Json pdDestToJson(PDDest dest) {
 PDHandlePtr jsonToPDdest(PDDoc doc, const Json& record) {
     const int64_t type = getIntOr(record, "type", 0);
     const int64_t page = getIntOr(record, "page-index", 0);
-    std::vector<Json> params;
+    std::vector<const Json*> params;
     if (record.is_object()) {
         const auto it = record.find("params");
-        if (it != record.end() && it->is_array()) params.assign(it->begin(), it->end());
+        if (it != record.end() && it->is_array())
+            for (const Json& param : *it) params.push_back(&param);
     }
     // Exactly three, by position: booleans count as 0 or 1, other kinds are refused.
     float p[3];
-    for (size_t i = 0; i < 3; ++i) p[i] = params.at(i).get<float>();
+    for (size_t i = 0; i < 3; ++i) p[i] = params.at(i)->get<float>();
     PDHandlePtr dest;
     check(PDDestCreate(doc, static_cast<PDAtom>(type), static_cast<uint32_t>(page), p[0], p[1],
                        p[2], dest.put()),
@@ -423,7 +511,10 @@ PDHandlePtr jsonToFileSpec(PDDoc doc, const Json& record) {
 
 // ---- GoToE targets --------------------------------------------------------------------
 
-Json goToETargetToJson(PDObject target) {
+namespace {
+
+// The keys of one target dictionary, without the nested target.
+Json targetLevelToJson(PDObject target, PDHandlePtr& nestedTarget) {
     Json out = Json::object();
     auto entry = [target](PDAtom key, int32_t kind) {
         PDHandlePtr value;
@@ -455,11 +546,12 @@ Json goToETargetToJson(PDObject target) {
         check(PDObjectGetInt(a.get(), &annot), kToJson);
         out["annotation-index"] = static_cast<uint64_t>(static_cast<uint32_t>(annot));
     }
-    if (const PDHandlePtr t = entry(kT, -1)) out["go-to-e-action-target"] = kTargetToJson(t.get());
+    nestedTarget = entry(kT, -1);
     return out;
 }
 
-PDHandlePtr jsonToGoToETarget(PDDoc doc, const Json& record) {
+// One target dictionary of record, without the nested target; null when it writes nothing.
+PDHandlePtr targetLevelOf(PDDoc doc, const Json& record) {
     PDHandlePtr dict;
     auto target = [&]() -> PDObject {
         if (!dict) check(PDDocCreateDictObject(doc, dict.put()), kToAction);
@@ -488,11 +580,41 @@ PDHandlePtr jsonToGoToETarget(PDDoc doc, const Json& record) {
         check(PDObjectDictPut(target(), kP, page.get()), kToAction);
         check(PDObjectDictPut(target(), kA, annot.get()), kToAction);
     }
-    if (record.contains("go-to-e-action-target")) {
-        const PDHandlePtr nested = kJsonToTarget(doc, record["go-to-e-action-target"]);
-        if (nested) check(PDObjectDictPut(target(), kT, nested.get()), kToAction);
-    }
     return dict;
+}
+
+} // namespace
+
+// Nested targets are followed in a loop; a /T that leads back to a target already read (an
+// indirect object of a file) ends the nesting there.
+Json goToETargetToJson(PDObject target) {
+    std::vector<Json> levels;
+    std::vector<PDHandlePtr> held;  // keeps the handles that identify the targets
+    std::unordered_set<PDObject> seen;
+    for (PDObject current = target; current && seen.insert(current).second;) {
+        PDHandlePtr nestedTarget;
+        levels.push_back(targetLevelToJson(current, nestedTarget));
+        current = nestedTarget.get();
+        if (nestedTarget) held.push_back(std::move(nestedTarget));
+    }
+    return nested(levels, "go-to-e-action-target");
+}
+
+// Made from the innermost target out, each put as /T of the one around it.
+PDHandlePtr jsonToGoToETarget(PDDoc doc, const Json& record) {
+    std::vector<const Json*> levels{&record};
+    while (levels.back()->contains("go-to-e-action-target"))
+        levels.push_back(&(*levels.back())["go-to-e-action-target"]);
+    PDHandlePtr inner;
+    for (size_t i = levels.size(); i-- > 0;) {
+        PDHandlePtr dict = targetLevelOf(doc, *levels[i]);
+        if (inner) {
+            if (!dict) check(PDDocCreateDictObject(doc, dict.put()), kToAction);
+            check(PDObjectDictPut(dict.get(), kT, inner.get()), kToAction);
+        }
+        inner = std::move(dict);
+    }
+    return inner;
 }
 
 } // namespace JsonUtility::ActionSerialization

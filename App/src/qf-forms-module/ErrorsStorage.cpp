@@ -1,5 +1,6 @@
 #include "qf/internal/ErrorsStorage.h"
 
+#include "HostLogger.h"
 #include "ModulePlatform.h"
 #include "kr/KRRuntime.h"
 #include "qf/internal/SOImpl.h"
@@ -27,6 +28,8 @@ const FailureRecord* ErrorsStorage::Fetch(uint64_t thread) const {
 }
 
 namespace {
+
+constexpr uint32_t kLoggedError = 1;
 
 void destroyStorage(void* data) {
     delete static_cast<ErrorsStorage*>(data);
@@ -133,6 +136,13 @@ void RecordFailure(uint32_t code, const char16_t* interfaceName, const char16_t*
             if (const FailureRecord* cause = FetchFailure()) record.SetInner(*cause);
         }
         StoreFailure(record);
+        if (HostLogger::IsEnabled()) {
+            // The call that failed, then where the failure started and what it said.
+            std::u16string text = failureText(interfaceName, methodName, code);
+            if (record.Inner()) text += u": " + record.Message();
+            HostLogger::Log(kLoggedError, text, record.File().c_str(), record.Line(),
+                            record.Function().c_str());
+        }
     } catch (...) {
         // No storage or no memory: the caller still gets the code.
     }

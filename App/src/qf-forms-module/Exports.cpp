@@ -56,11 +56,11 @@ uint32_t moduleHook() {
 extern "C" {
 
 uint32_t CreateServiceObject(uint32_t serviceId, SODetails::ServiceObject** out) {
-    // 0xFFFFFFFF is what a record holds until its name is resolved: never a service's id.
-    if (serviceId == 0 || serviceId == SOImpl::kUnresolvedAtom || !out)
-        return SOImpl::kBadArgument;
+    if (serviceId == 0 || !out) return SOImpl::kBadArgument;
+    // 0xFFFFFFFF is what a record holds until its name is resolved: it names no service, and
+    // a record whose name cannot be resolved matches nothing.
     ExportedServiceRecord* record = SOImpl::PublicServices().first;
-    while (record && resolvedId(*record) != serviceId)
+    while (record && (resolvedId(*record) != serviceId || serviceId == SOImpl::kUnresolvedAtom))
         record = record->next;
     if (!record) return SOImpl::kServiceNotSupported;
     if (!record->factory) return SOImpl::kFactoryFailed;

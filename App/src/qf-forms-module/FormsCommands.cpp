@@ -240,7 +240,6 @@ uint32_t MoveOrderFocusCommandImpl::DO() {
     std::deque<uint64_t> queue(positions_.begin(), positions_.end());
     // Past the last annotation is the end of the array.
     uint64_t t = std::min<uint64_t>(target_, count);
-    const size_t first = undoList_.size();
     while (!queue.empty()) {
         const uint64_t i = queue.front();
         queue.pop_front();
@@ -261,9 +260,10 @@ uint32_t MoveOrderFocusCommandImpl::DO() {
     formerTabs_ = followAnnotOrder(page.Get(), kFunction);
     page.SetChanged(true);
 
+    // The undo list keeps every run (a redo appends to it), and the notice names them all.
     std::vector<PDAnnot> moved;
-    for (size_t k = first; k < undoList_.size(); ++k)
-        moved.push_back(undoList_[k].annot.get());
+    for (const Move& m : undoList_)
+        moved.push_back(m.annot.get());
     notifyAnnotsChanged(document_, kChangeInserted, pageIndex_, moved);
     return 0;
 }

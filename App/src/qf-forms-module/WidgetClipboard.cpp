@@ -476,14 +476,21 @@ bool Copy(ServiceObject* documentService, PDAnnot widget, std::string* out) {
     if (!serializer) return false;
     Qf_WidgetClipboard::Json record = Qf_WidgetClipboard::Json::object();
     serializer->Serialize(documentService, widget, record);
-    *out = record.dump();
+    // A record that no paste would read back (a chain of actions tens of thousands long).
+    if (AS::nestingOf(record) > AS::kMaxRecordNesting)
+        ThrowServiceObjectException(SOImpl::kGenericFailure,
+                                    u"The widget's actions nest deeper than a record may "
+                                    u"(50,000 levels).",
+                                    "WidgetClipboard::Copy");
+    *out = AS::recordText(record);
     return true;
 }
 
 PDHandlePtr Paste(ServiceObject* documentService, const std::string& text) {
-    const auto parsed = Qf_WidgetClipboard::Json::parse(text);
-    // Anything but an object is refused with the JSON library's type error.
-    const Qf_WidgetClipboard::Json record(parsed.get<Qf_WidgetClipboard::Json::object_t>());
+    const auto record = AS::parseRecord(text);
+    // Anything but an object is refused with the JSON library's type error (a value that is
+    // no object is not copied by asking).
+    if (!record.is_object()) (void)record.get<Qf_WidgetClipboard::Json::object_t>();
     const auto serializer =
         Qf_WidgetClipboard::SerializerFor(AS::getIntOr(record, "field-type", -1));
     if (!serializer) return {};

@@ -203,7 +203,8 @@ RenameWidgetCommand::RenameWidgetCommand(const QF::CommandArgs& args) : CommandB
 }
 
 void RenameWidgetCommand::CheckExistingField() {
-    static constexpr const char* kFunction = "RenameWidgetCommand::CheckExistingField";
+    // Part of the construction, and named so in failure records.
+    static constexpr const char* kFunction = "RenameWidgetCommand::RenameWidgetCommand";
     const PDHandlePtr doc = getPDDoc(document_);
     if (!doc) throwNotInitialized(kFunction);
     const PDHandlePtr parent = parentOf(widget_.get(), kFunction, u"Unspecified Error!");
@@ -216,7 +217,7 @@ void RenameWidgetCommand::CheckExistingField() {
             14, QF::Translate(u"This name is already set for a different field type."), kFunction);
 }
 
-void RenameWidgetCommand::RenameWidget(const std::u16string& name) {
+void RenameWidgetCommand::RenameWidget(const std::u16string& name, PDField former) {
     static constexpr const char* kFunction = "RenameWidgetCommand::RenameWidget";
     PDAnnot widget = widget_.get();
     const PDHandlePtr parent = parentOf(widget, kFunction, u"Unspecified Error!");
@@ -232,6 +233,13 @@ void RenameWidgetCommand::RenameWidget(const std::u16string& name) {
     CheckPDResult(PDDocFindField(doc.get(), name.data(), static_cast<uint32_t>(name.size()),
                                  found.put()),
                   kFunction);
+    // The name was given to another field since: going there would put the widget into a
+    // field it never had.
+    if (former && found && found.get() != former)
+        ThrowServiceObjectException(
+            14,
+            QF::Translate(u"This name now belongs to another field; the rename cannot be undone."),
+            kFunction);
     QF::WidgetUtilities::MoveWidgetToName(doc.get(), parent.get(), widget, name, found.get(), type,
                                           flags, kFunction);
     notifyAnnotChanged(document_, kChangeFieldName, pageIndex_, widget);
@@ -253,7 +261,7 @@ uint32_t RenameWidgetCommand::DO() {
 }
 
 uint32_t RenameWidgetCommand::UNDO() {
-    RenameWidget(oldName_);
+    RenameWidget(oldName_, formerField_.get());
     return 0;
 }
 
@@ -348,11 +356,10 @@ uint32_t GroupRadioButtonsCommand::UNDO() {
                       kPDFLayerError);
         CheckPDResult(PDWidgetAnnotSetHighlight(widget, entry.highlight), kFunction,
                       kPDFLayerError);
-        if (!entry.exportValue.empty())
-            CheckPDResult(
-                PDButtonWidgetAnnotSetChoice(widget, entry.exportValue.data(),
-                                             static_cast<uint32_t>(entry.exportValue.size())),
-                kFunction, kPDFLayerError);
+        // An empty on-state name takes away the one DO gave.
+        CheckPDResult(PDButtonWidgetAnnotSetChoice(widget, entry.exportValue.data(),
+                                                   static_cast<uint32_t>(entry.exportValue.size())),
+                      kFunction, kPDFLayerError);
         CheckPDResult(PDAnnotSetAppearanceState(widget, entry.appearanceState), kFunction,
                       kPDFLayerError);
     }

@@ -54,13 +54,15 @@ class RenameWidgetCommand : public QF::CommandBase {
 
   private:
     void CheckExistingField();
-    void RenameWidget(const std::u16string& name);
+    // former: the field UNDO expects to find under name (null for DO); a different field
+    // found there is refused with 14 and changes nothing.
+    void RenameWidget(const std::u16string& name, PDField former = nullptr);
 
     SODetails::BasicServiceObjectPtr<> document_;
     uint64_t pageIndex_ = 0;
     QF::PDHandlePtr widget_;
     // The field the widget had: UNDO finds it by name, and this reference keeps pdfcore
-    // from taking it back while it is left without widgets.
+    // from taking it back while it is left without widgets (and its handle the same).
     QF::PDHandlePtr formerField_;
     std::u16string oldName_;
     std::u16string newName_;

@@ -1,11 +1,13 @@
 #include "WidgetCreateInputHandler.h"
 
+#include "kr/KRRuntime.h"
 #include "pdmodel-proxy/FormField"
 #include "qf/Property.SO"
 #include "qf/internal/ServiceObjectException.h"
 
 #include <algorithm>
 #include <cmath>
+#include <string_view>
 #include <utility>
 
 using QF::PDHandlePtr;
@@ -105,6 +107,22 @@ PDAtom fontAtom(const char* family, const char* function) {
     return atom;
 }
 
+// Whether the user interface (the host's language, through the runtime) is Japanese.
+bool japaneseUser() {
+    char tag[9] = {};
+    size_t length = 0;
+    return KRGetUILanguage(tag, sizeof tag, &length) == KR_OK &&
+           std::string_view(tag, length) == "ja";
+}
+
+// A button's font: Helvetica, or for a Japanese user the Japanese family paired with it,
+// "Meiryo UI" on the buttons with a purpose (those with an action) and "MS Gothic" on plain
+// push buttons; both are TrueType families that pdfcore finds a face for.
+PDFontInfo buttonFont(const WidgetKind& kind, const char* function) {
+    if (!japaneseUser()) return PDFontInfo{fontAtom("Helvetica", function), 0, 0};
+    return PDFontInfo{fontAtom(kind.action ? "Meiryo UI" : "MS Gothic", function), 1, 0};
+}
+
 // The partial name of field.
 std::u16string fieldName(PDField field, const char* function) {
     uint32_t length = 0;
@@ -148,7 +166,7 @@ void applyStyling(PDAnnot widget, const WidgetKind& kind, const char* function) 
             QF::UserSettings::Integer(formsPath(group, u"Highlight"), kDefaultButtonHighlight);
         CheckPDResult(PDWidgetAnnotSetHighlight(widget, static_cast<int32_t>(highlight)),
                       function);
-        const PDFontInfo font{fontAtom("Helvetica", function), 0, 0};
+        const PDFontInfo font = buttonFont(kind, function);
         CheckPDResult(PDWidgetAnnotSetFontInfo(widget, &font), function);
         CheckPDResult(PDWidgetAnnotSetFontColor(
                           widget, argbSetting(group, u"Font color", kDefaultButtonFontColor)),

@@ -104,7 +104,7 @@ BasicServiceObjectPtr<> selectedOnPage(ServiceObject* document, uint64_t pageInd
 } // namespace
 
 QF::PDHandlePtr GetWidgetAtPos(ServiceObject* document, uint64_t pageIndex, const float* point) {
-    static constexpr const char* kFunction = "GetWidgetAtPos";
+    static constexpr const char* kFunction = "`anonymous-namespace'::GetWidgetAtPos";
     const QF::PDHandlePtr page = pageOf(document, pageIndex, kFunction);
     uint32_t count = 0;
     CheckPDResult(PDPageGetNumAnnots(page.get(), &count), kFunction);

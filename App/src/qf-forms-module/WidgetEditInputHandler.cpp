@@ -15,7 +15,7 @@ using QF::PDHandlePtr;
 
 namespace {
 
-const _AutoReg_QFInputHandler::Registration<WidgetEditInputHandler> kRegistration("Edit");
+const _AutoReg_QFInputHandler::Registration<WidgetEditInputHandler> kRegistration("WidgetEdit");
 
 const uint32_t kEditAtom = SP::ResolveAtom("Edit");
 const uint32_t kCopyAtom = SP::ResolveAtom("Copy");

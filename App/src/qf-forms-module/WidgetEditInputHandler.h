@@ -1,9 +1,10 @@
-// The widget edit tool ("Edit"): active while one form widget is selected. It moves the
-// widget with the mouse and the arrow keys, resizes it by its grips, deletes, cuts, copies
-// and duplicates it, opens its context menu, and gives the host a property sheet of the
-// field name, the radio choice and the option list. Changes of geometry and deletions go
-// to the host as annotation operations (undoable there); the sheet's setters change the
-// field directly. Everything runs on the host's user-interface thread.
+// The widget edit tool (registered as "WidgetEdit"; its tool name is "Edit"): active while
+// one form widget is selected. It moves the widget with the mouse and the arrow keys, resizes
+// it by its grips, deletes, cuts, copies and duplicates it, opens its context menu, and
+// gives the host a property sheet of the field name, the radio choice and the option list.
+// Changes of geometry and deletions go to the host as annotation operations (undoable
+// there); the sheet's setters change the field directly. Everything runs on the host's
+// user-interface thread.
 #pragma once
 
 #include "WidgetCreateInputHandler.h"

@@ -101,6 +101,21 @@ bool QuadHitsRect(const std::array<float, 8>& q, const PDRect& rect) {
     return false;
 }
 
+bool QuadContainsPoint(const std::array<float, 8>& q, float x, float y) {
+    // Inside when (x, y) is on the same side of every edge (or on it) and within the quad's
+    // box; the box settles a quad that collapsed onto a line, where every side test is 0.
+    if (!inside(x, y, BoundsOf(q))) return false;
+    bool left = false, right = false;
+    for (int i = 0; i < 4; ++i) {
+        const int j = (i + 1) % 4;
+        const float cross = (q[2 * j] - q[2 * i]) * (y - q[2 * i + 1]) -
+                            (q[2 * j + 1] - q[2 * i + 1]) * (x - q[2 * i]);
+        left = left || cross > 0;
+        right = right || cross < 0;
+    }
+    return !(left && right);
+}
+
 // ---- the document service ---------------------------------------------------------------
 
 namespace DocumentService {
@@ -269,7 +284,7 @@ bool QFWidgetEditObject::HitTestRect(const PDRect& rect) const {
 }
 
 bool QFWidgetEditObject::HitTestPoint(float x, float y) const {
-    return QF::QuadHitsRect(BoundsQuad(), PDRect{x, y, x, y});
+    return QF::QuadContainsPoint(BoundsQuad(), x, y);
 }
 
 void QFWidgetEditObject::Apply() {
@@ -412,7 +427,7 @@ uint32_t QFWidgetEditObject::HitTestPoint(const float* point, uint8_t* out) {
     if (children_.empty()) {
         *out = object.HitTestPoint(point[0], point[1]) ? 1 : 0;
     } else {
-        *out = QF::QuadHitsRect(GroupQuad(), PDRect{point[0], point[1], point[0], point[1]});
+        *out = QF::QuadContainsPoint(GroupQuad(), point[0], point[1]);
     }
     return 0;
 }

@@ -42,6 +42,9 @@ PDRect BoundsOf(const std::array<float, 8>& quad);
 // Whether the quadrilateral touches rect: one of its corners lies in rect (edges
 // included) or one of its edges crosses rect.
 bool QuadHitsRect(const std::array<float, 8>& quad, const PDRect& rect);
+// Whether (x, y) lies in the quadrilateral (a parallelogram or any convex quad), edges
+// included: what a click inside a widget means.
+bool QuadContainsPoint(const std::array<float, 8>& quad, float x, float y);
 // The rectangle as a PDRect with left <= right and bottom <= top.
 PDRect Normalized(const PDRect& rect);
 

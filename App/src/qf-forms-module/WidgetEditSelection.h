@@ -13,6 +13,11 @@ struct WidgetEditSelection
     : QF::BaseAnnotEditSelection<WidgetEditSelection, std::shared_ptr<WidgetEditObject>> {
     using BaseAnnotEditSelection::BaseAnnotEditSelection;
 
+    // The class as failure records name it, whatever the compiler's own spelling.
+    static constexpr const char* kFailureScope =
+        "QF::BaseAnnotEditSelection<struct WidgetEditSelection,"
+        "class std::shared_ptr<class WidgetEditObject> >";
+
     // The selection type atom "Widget".
     uint32_t GetType(uint32_t* out);
     // The widget's frame with its grips; a text field formatted as a date also gets the

@@ -248,7 +248,7 @@ uint32_t AnnotSelection::selectEditObject(ServiceObject* service, ServiceObject*
                       ->SelectObject(service, object);
     if (rc != codes::kOk) return rc;
     if (!selection_) return codes::kNegative;
-    rc = host_->currentView()->activateTool("Edit", selection_.get());
+    rc = host_->currentView()->activateTool("WidgetEdit", selection_.get());
     if (rc != codes::kOk) clear();
     return rc;
 }

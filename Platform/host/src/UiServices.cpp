@@ -677,6 +677,8 @@ std::optional<std::u16string> AnnotPropertiesValidate::checkOptionList(
 // ---- StringService -------------------------------------------------------------------------
 
 ServiceObject* StringService::create() {
+    // The host's language is the one modules see through the runtime.
+    KRSetUILanguage("en");
     return detail::makeHostObject<StringTable, StringService>(
         QF::kStringServiceId, kName, detail::kStringServiceImplId, kStringTable);
 }
@@ -688,6 +690,7 @@ StringService& StringService::of(ServiceObject* so) {
 bool StringService::setLanguage(const std::string& language) {
     if (language != "en" && language != "ja") return false;
     language_ = language;
+    KRSetUILanguage(language.c_str());
     return true;
 }
 
@@ -709,6 +712,8 @@ const std::vector<std::pair<std::u16string, std::u16string>>& StringService::jap
         {u"This name is already set for a different field type. Please type another name.",
          u"この名前は、種類の異なるフィールドで既に使用されています。"
          u"別の名前を入力してください。"},
+        {u"This name now belongs to another field; the rename cannot be undone.",
+         u"この名前は別のフィールドで使用されているため、名前の変更を元に戻せません。"},
         {u"Text", u"テキスト"},
         {u"CheckBox", u"チェックボックス"},
         {u"RadioGroup", u"ラジオボタングループ"},

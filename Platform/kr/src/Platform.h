@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 
 namespace kr::platform {
 
@@ -16,5 +17,9 @@ bool acpIsUtf8();
 // character (towards the code page).
 size_t acpToUtf16(const char* src, size_t srcLen, char16_t* dst);
 size_t utf16ToAcp(const char16_t* src, size_t srcLen, char* dst);
+
+// The user's language as the system gives it, in any of its spellings ("ja_JP.UTF-8",
+// "ja-JP", "C"); empty when the system says nothing.
+std::string systemLanguage();
 
 } // namespace kr::platform

@@ -423,6 +423,10 @@ PDResult PDActionSetNext(PDAction action, PDAction next) {
         auto& n = checkedAction(next);
         sameDoc(a, n);
         if (chainReaches(n.obj, a.obj)) fail(PD_ERR_CYCLE);
+        // A direct action (one made from a generic dictionary) would sit inside this one,
+        // and a chain of them would nest as deep as it is long, which qpdf's writer (one
+        // call per level) cannot write: it is kept as an object of its own.
+        makeHandleIndirect(*n.doc, n);
         a.obj.replaceKey("/Next", n.obj);
     });
 }
@@ -501,7 +505,8 @@ PDResult PDActionGoToESetTarget(PDAction action, PDObject target) {
         auto& t = checkedObject(target);
         sameDoc(a, t);
         if (!t.obj.isDictionary()) fail(PD_ERR_BAD_ARGUMENT);
-        if (sameObject(t.obj, a.obj)) fail(PD_ERR_CYCLE);
+        if (sameObject(t.obj, a.obj) || (!a.obj.isIndirect() && holdsDirect(t.obj, a.obj)))
+            fail(PD_ERR_CYCLE);
         a.obj.replaceKey("/T", t.obj);
     });
 }

@@ -76,6 +76,15 @@ void rekeyHandle(Document& doc, QPDFObjGen from, QPDFObjectHandle to, Kind kind)
     doc.handles[{to.getObjGen(), kind}] = rec;
 }
 
+void makeHandleIndirect(Document& doc, PDHandleRec& rec) {
+    if (rec.obj.isIndirect()) return;
+    QPDFObjectHandle made = makeIndirect(doc, rec.obj.shallowCopy());
+    std::lock_guard lock(doc.registryMutex);
+    doc.directHandles.erase(&rec);
+    rec.obj = made;
+    doc.handles[{made.getObjGen(), rec.kind}] = &rec;
+}
+
 static void freeObjectHandle(PDHandleRec* rec) {
     Document* doc = rec->doc;
     if (rec->obj.isIndirect()) {
@@ -148,6 +157,8 @@ void PDSetWarningHandler(PDWarningProc proc, void* clientData) {
     warningHandler = {proc, clientData};
 }
 
+static_assert(PD_MAX_TREE_DEPTH == 1000, "the text of PD_ERR_TOO_DEEP names the limit");
+
 const char16_t* PDGetErrMessage(PDResult result) {
     switch (result) {
     case PD_ERR_INTERNAL: return u"Internal error in the PDF library";
@@ -171,9 +182,15 @@ const char16_t* PDGetErrMessage(PDResult result) {
     case PD_ERR_OTHER_DOCUMENT: return u"The objects belong to different documents";
     case PD_ERR_BAD_NAME: return u"The field name has an empty part";
     case PD_ERR_UNSUPPORTED: return u"Not supported";
+    case PD_ERR_NOT_A_FILE: return u"The target is not a regular file";
+    case PD_ERR_READ_ONLY: return u"The file is read-only";
+    case PD_ERR_ACCESS: return u"No permission to write in the file's folder";
+    case PD_ERR_FILE_LIMIT: return u"The file would exceed the size limit for files";
+    case PD_ERR_DISK_FULL: return u"No space left on the disk";
     case PD_ERR_CYCLE: return u"The object structure loops";
     case PD_ERR_TOO_LARGE: return u"Too large";
     case PD_ERR_OUT_OF_MEMORY: return u"Out of memory";
+    case PD_ERR_TOO_DEEP: return u"A page tree or field tree is nested deeper than 1,000 levels";
     default: return u"Unknown error";
     }
 }
@@ -316,12 +333,28 @@ bool isWidget(QPDFObjectHandle annot) {
 
 QPDFObjectHandle inherited(QPDFObjectHandle dict, const std::string& key) {
     std::set<QPDFObjGen> seen;
-    for (int depth = 0; depth < 64 && dict.isDictionary(); ++depth) {
+    // A page or a widget lies one level below the deepest node of its tree.
+    for (int depth = 0; depth <= PD_MAX_TREE_DEPTH && dict.isDictionary(); ++depth) {
         if (dict.isIndirect() && !seen.insert(dict.getObjGen()).second) break;
         if (dict.hasKey(key)) return dict.getKey(key);
         dict = dict.getKey("/Parent");
     }
     return QPDFObjectHandle::newNull();
+}
+
+bool holdsDirect(QPDFObjectHandle value, QPDFObjectHandle target, int depth) {
+    if (value.isIndirect()) return false;
+    if (depth > kMaxDirectNesting || value.isSameObjectAs(target)) return true;
+    if (value.isArray()) {
+        for (auto& item : value.aitems()) {
+            if (holdsDirect(item, target, depth + 1)) return true;
+        }
+    } else if (value.isDictionary()) {
+        for (auto& entry : value.ditems()) {
+            if (holdsDirect(entry.second, target, depth + 1)) return true;
+        }
+    }
+    return false;
 }
 
 QPDFObjectHandle acroForm(Document& doc, bool create) {

@@ -175,6 +175,13 @@ struct Document {
     // object of a split merged field). Those still without widgets are not written
     // (UnusedFieldsDetached); entries stay when widgets come back.
     std::set<QPDFObjGen> emptiedFields;
+    // Where a rename took a field out of its parent (the parent, or no object for the
+    // form's /Fields, and the sibling that followed it): renamed back, it returns there.
+    struct FieldPlace {
+        QPDFObjGen owner;
+        QPDFObjGen next;
+    };
+    std::map<QPDFObjGen, FieldPlace> formerFieldPlaces;
 
     std::vector<Listener> listeners;
     // Pages whose /Annots holds only indirect dictionaries, with its length when that was
@@ -233,6 +240,10 @@ PDHandle handleFor(Document& doc, QPDFObjectHandle obj, Kind kind);
 // A handle of a generic object, action, destination, file specification or fields list:
 // registered (as handleFor) when obj is indirect, a new unregistered handle otherwise.
 PDHandle anyHandle(Document& doc, QPDFObjectHandle obj, Kind kind);
+// Makes rec (a handle of a direct object, as anyHandle hands them out) stand for a new
+// indirect object holding the same entries, registered as handleFor registers handles.
+// Other handles of the direct object keep standing for it. Nothing for an indirect one.
+void makeHandleIndirect(Document& doc, PDHandleRec& rec);
 // Points the live handle of (from, kind), if any, at object to instead (used when a
 // merged field is split and the field moves to a new object).
 void rekeyHandle(Document& doc, QPDFObjGen from, QPDFObjectHandle to, Kind kind);
@@ -300,8 +311,16 @@ std::string atomName(PDAtom atom);  // "" for an unknown atom
 // ---- object helpers --------------------------------------------------------------
 
 bool isWidget(QPDFObjectHandle annot);
-// A dictionary entry looked up through /Parent links (bounded, loop-safe).
+// A dictionary entry looked up through /Parent links (loop-safe, up to PD_MAX_TREE_DEPTH
+// levels above dict).
 QPDFObjectHandle inherited(QPDFObjectHandle dict, const std::string& key);
+// Whether the direct parts of value (not crossing indirect references) include target.
+// Putting such a value into target would make a direct object contain itself, which no
+// writer could finish. Nesting past kMaxDirectNesting levels is treated as such a loop:
+// direct objects read from files nest no deeper than qpdf's parser lets them (500), and
+// qpdf's writer calls itself once per level of them.
+inline constexpr int kMaxDirectNesting = 100;
+bool holdsDirect(QPDFObjectHandle value, QPDFObjectHandle target, int depth = 0);
 // /AcroForm of the catalog, made (with /Fields, /DR and /DA) when create is true.
 // Returns a null handle when absent and not created, or when it is not a dictionary.
 QPDFObjectHandle acroForm(Document& doc, bool create);
@@ -314,6 +333,10 @@ QPDFObjectHandle pageOf(Document& doc, uint32_t index);  // fails PD_ERR_RANGE
 // The roots of the field tree: the fields in /AcroForm /Fields (their number in *listed
 // when given), then the fields reached only from the pages' widgets.
 std::vector<QPDFObjectHandle> formRoots(Document& doc, size_t* listed = nullptr);
+// Fails with PD_ERR_TOO_DEEP when the field tree nests deeper than PD_MAX_TREE_DEPTH levels,
+// down /Kids from the roots of /Fields or up /Parent from the widgets of the pages; reads
+// only. When a document opens, so that such a form is refused at once.
+void checkFormDepth(Document& doc);
 // Whether a signature field of the form holds a signature (/V).
 bool anySignedField(Document& doc);
 // The field of a widget: the merged widget itself, its /Parent, or null.

@@ -1,18 +1,17 @@
 // Opening, creating and saving documents; document-wide queries and notifications.
 #include "Core.h"
 #include "Fonts.h"
+#include "Save.h"
 
 #include <qpdf/QPDFPageDocumentHelper.hh>
 #include <qpdf/QPDFWriter.hh>
 #include <qpdf/QUtil.hh>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
-#include <random>
+#include <set>
 
 namespace pdfcore {
 namespace {
@@ -27,6 +26,35 @@ std::vector<std::string> passwordCandidates(const std::u16string& password) {
         if (std::find(out.begin(), out.end(), bytes) == out.end()) out.push_back(bytes);
     }
     return out;
+}
+
+// qpdf's walk of the page tree (getAllPages, and pushing inherited attributes down the
+// tree) calls itself once per level, so a file nested deep enough runs it out of stack.
+// This walks the tree as qpdf will, without recursion, and refuses one deeper than
+// PD_MAX_TREE_DEPTH levels before qpdf's walk runs: from the node qpdf starts at (the
+// catalog's /Pages, or the node its /Parent links lead up to) into every kid that has
+// /Kids, each node once (qpdf reports a loop itself).
+void checkPageTreeDepth(QPDF& qpdf) {
+    QPDFObjectHandle root = qpdf.getRoot().getKey("/Pages");
+    std::set<QPDFObjGen> climbed;
+    while (root.isDictionary() && root.hasKey("/Parent")) {
+        if (!climbed.insert(root.getObjGen()).second) break;
+        root = root.getKey("/Parent");
+    }
+    if (!root.isDictionary() || !root.hasKey("/Kids")) return;
+    std::set<QPDFObjGen> seen;
+    std::vector<std::pair<QPDFObjectHandle, int>> pending{{root, 1}};
+    while (!pending.empty()) {
+        auto [node, level] = std::move(pending.back());
+        pending.pop_back();
+        if (level > PD_MAX_TREE_DEPTH) fail(PD_ERR_TOO_DEEP);
+        if (!seen.insert(node.getObjGen()).second) continue;
+        QPDFObjectHandle kids = node.getKey("/Kids");
+        if (!kids.isArray()) continue;
+        for (auto& kid : kids.aitems()) {
+            if (kid.isDictionary() && kid.hasKey("/Kids")) pending.emplace_back(kid, level + 1);
+        }
+    }
 }
 
 PDResult openFrom(std::string bytes, const char* description, const char16_t* password,
@@ -45,6 +73,7 @@ PDResult openFrom(std::string bytes, const char* description, const char16_t* pa
             try {
                 doc->qpdf->processMemoryFile(description, doc->fileBytes.data(),
                                              doc->fileBytes.size(), candidates[i].c_str());
+                checkPageTreeDepth(*doc->qpdf);
                 doc->qpdf->getAllPages();  // a page tree that cannot be read fails here
                 break;
             } catch (const QPDFExc& e) {
@@ -60,6 +89,13 @@ PDResult openFrom(std::string bytes, const char* description, const char16_t* pa
                 fail(PD_ERR_DAMAGED);
             }
         }
+        try {
+            checkFormDepth(*doc);
+        } catch (const std::bad_alloc&) {
+            throw;
+        } catch (const std::exception&) {
+            // A form that cannot be read is answered by the calls that read it.
+        }
         *outDoc = &doc.release()->self;
     });
 }
@@ -69,16 +105,6 @@ bool readFile(const char* path, std::string& out) {
     if (!in) return false;
     out.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     return !in.bad();
-}
-
-bool writeFileChecked(const std::filesystem::path& path, const unsigned char* data,
-                      size_t size) {
-    FILE* f = std::fopen(path.string().c_str(), "wb");
-    if (!f) return false;
-    bool ok = std::fwrite(data, 1, size, f) == size;
-    ok = std::fflush(f) == 0 && ok;
-    ok = std::fclose(f) == 0 && ok;
-    return ok;
 }
 
 void writeTo(Document& doc, QPDFWriter& w, bool decrypted) {
@@ -186,32 +212,22 @@ PDResult PDDocCreate(uint32_t pageCount, float width, float height, PDDoc* outDo
     });
 }
 
-PDResult PDDocSave(PDDoc doc, const char* path) {
+PDResult PDDocSave(PDDoc doc, const char* path) { return PDDocSaveEx(doc, path, 0); }
+
+PDResult PDDocSaveEx(PDDoc doc, const char* path, uint32_t flags) {
     return guard([&] {
         Document& d = checkedDoc(doc);
-        if (!path || !*path) fail(PD_ERR_BAD_ARGUMENT);
-        namespace fs = std::filesystem;
-        fs::path target(path);
-        std::random_device rd;
-        fs::path tmp = target;
-        tmp += ".tmp-" + std::to_string(rd());
-        // The file is made in memory and written with every step checked: qpdf's own file
-        // output does not report a failed final flush (a full disk, a size limit).
+        // The target first: a folder or a read-only file is refused before the document is
+        // written.
+        SaveTarget target;
+        if (PDResult r = checkTarget(path, flags, target)) fail(r);
         QPDFWriter w(*d.qpdf);
         w.setOutputMemory();
         writeTo(d, w, false);
         auto buf = w.getBufferSharedPointer();
-        if (!writeFileChecked(tmp, buf->getBuffer(), buf->getSize())) {
-            std::error_code ec;
-            fs::remove(tmp, ec);
-            fail(PD_ERR_IO);
-        }
-        std::error_code ec;
-        fs::rename(tmp, target, ec);
-        if (ec) {
-            fs::remove(tmp, ec);
-            fail(PD_ERR_IO);
-        }
+        PDStagedFileRec file;
+        if (PDResult r = stageFile(target, buf->getBuffer(), buf->getSize(), file)) fail(r);
+        if (PDResult r = commitFile(file)) fail(r);
     });
 }
 

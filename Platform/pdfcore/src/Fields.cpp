@@ -5,13 +5,16 @@
 
 #include <algorithm>
 #include <cmath>
+#include <map>
 #include <set>
 
 namespace pdfcore {
 
 namespace {
 
-constexpr int kMaxDepth = 64;
+// The levels of a field tree that pdfcore follows; a walk that finds more answers
+// PD_ERR_TOO_DEEP instead of running on through a hostile file.
+constexpr int kMaxDepth = PD_MAX_TREE_DEPTH;
 
 // Keys that move to the field when a merged field/widget dictionary is split; the rest are
 // the widget annotation's. /DA and /Q go to the field so that every widget the field gains
@@ -63,6 +66,7 @@ std::vector<std::u16string> splitName(const std::u16string& name) {
         size_t dot = name.find(u'.', start);
         parts.push_back(name.substr(start, dot == std::u16string::npos ? dot : dot - start));
         if (parts.back().empty()) fail(PD_ERR_BAD_NAME);
+        if (parts.size() > static_cast<size_t>(kMaxDepth)) fail(PD_ERR_TOO_DEEP);
         if (dot == std::u16string::npos) break;
         start = dot + 1;
     }
@@ -84,21 +88,38 @@ std::u16string qualified(const std::u16string& parent, QPDFObjectHandle node) {
     return parent.empty() ? t : parent + u'.' + t;
 }
 
-// Walks the field tree below node (whose qualified name is name), visiting each field
-// node once.
+// Walks the field tree below root (whose qualified name is name, at level of the tree),
+// visiting each field node once, a node before its kids and the kids in their order. A
+// field below level kMaxDepth: PD_ERR_TOO_DEEP, before it is visited.
 template <typename Visit>
-void walkFields(QPDFObjectHandle node, const std::u16string& name, std::set<QPDFObjGen>& seen,
-                int depth, Visit& visit) {
-    if (depth > kMaxDepth || !node.isDictionary()) return;
-    if (node.isIndirect() && !seen.insert(node.getObjGen()).second) return;
-    bool terminal = isTerminal(node);
-    visit(node, name, terminal);
-    if (terminal) return;
-    for (auto& kid : node.getKey("/Kids").aitems()) {
-        if (!kid.isDictionary()) continue;
-        // A kid whose /Parent is missing or broken gets the parent it is listed under.
-        if (node.isIndirect() && fieldParent(kid).isNull()) kid.replaceKey("/Parent", node);
-        if (isFieldKid(kid)) walkFields(kid, qualified(name, kid), seen, depth + 1, visit);
+void walkFields(QPDFObjectHandle root, std::u16string name, int level,
+                std::set<QPDFObjGen>& seen, Visit& visit) {
+    struct Pending {
+        QPDFObjectHandle node;
+        std::u16string name;
+        int level;
+    };
+    std::vector<Pending> pending;
+    pending.push_back({std::move(root), std::move(name), level});
+    std::vector<Pending> kids;
+    while (!pending.empty()) {
+        Pending p = std::move(pending.back());
+        pending.pop_back();
+        if (!p.node.isDictionary()) continue;
+        if (p.node.isIndirect() && !seen.insert(p.node.getObjGen()).second) continue;
+        bool terminal = isTerminal(p.node);
+        visit(p.node, p.name, terminal);
+        if (terminal) continue;
+        kids.clear();
+        for (auto& kid : p.node.getKey("/Kids").aitems()) {
+            if (!kid.isDictionary()) continue;
+            // A kid whose /Parent is missing or broken gets the parent it is listed under.
+            if (p.node.isIndirect() && fieldParent(kid).isNull()) kid.replaceKey("/Parent", p.node);
+            if (isFieldKid(kid)) kids.push_back({kid, qualified(p.name, kid), p.level + 1});
+        }
+        if (!kids.empty() && p.level >= kMaxDepth) fail(PD_ERR_TOO_DEEP);
+        pending.insert(pending.end(), std::make_move_iterator(kids.rbegin()),
+                       std::make_move_iterator(kids.rend()));
     }
 }
 
@@ -107,25 +128,86 @@ void walkFields(QPDFObjectHandle node, const std::u16string& name, std::set<QPDF
 // Read only: unlike the walks that index the form, it repairs nothing, so that asking
 // leaves the document as it was.
 bool anySignedField(Document& doc) {
-    std::set<QPDFObjGen> seen;
     // ft and v: the values the node inherits, down the /Kids it was reached through.
-    std::function<bool(QPDFObjectHandle, QPDFObjectHandle, QPDFObjectHandle, int)> signedBelow =
-        [&](QPDFObjectHandle node, QPDFObjectHandle ft, QPDFObjectHandle v, int depth) {
-            if (depth > kMaxDepth || !node.isDictionary()) return false;
-            if (node.isIndirect() && !seen.insert(node.getObjGen()).second) return false;
-            if (node.hasKey("/FT")) ft = node.getKey("/FT");
-            if (node.hasKey("/V")) v = node.getKey("/V");
-            if (isTerminal(node)) return ft.isName() && ft.getName() == "/Sig" && v.isDictionary();
-            for (auto& kid : node.getKey("/Kids").aitems()) {
-                if (kid.isDictionary() && isFieldKid(kid) && signedBelow(kid, ft, v, depth + 1))
-                    return true;
-            }
-            return false;
-        };
+    struct Pending {
+        QPDFObjectHandle node, ft, v;
+        int level;
+    };
+    std::set<QPDFObjGen> seen;
+    std::vector<Pending> pending;
     for (auto& root : formRoots(doc)) {
-        if (signedBelow(root, inherited(root, "/FT"), inherited(root, "/V"), 0)) return true;
+        pending.push_back({root, inherited(root, "/FT"), inherited(root, "/V"), 1});
+        while (!pending.empty()) {
+            Pending p = std::move(pending.back());
+            pending.pop_back();
+            if (!p.node.isDictionary()) continue;
+            if (p.node.isIndirect() && !seen.insert(p.node.getObjGen()).second) continue;
+            if (p.node.hasKey("/FT")) p.ft = p.node.getKey("/FT");
+            if (p.node.hasKey("/V")) p.v = p.node.getKey("/V");
+            if (isTerminal(p.node)) {
+                if (p.ft.isName() && p.ft.getName() == "/Sig" && p.v.isDictionary()) return true;
+                continue;
+            }
+            for (auto& kid : p.node.getKey("/Kids").aitems()) {
+                if (!kid.isDictionary() || !isFieldKid(kid)) continue;
+                if (p.level >= kMaxDepth) fail(PD_ERR_TOO_DEEP);
+                pending.push_back({kid, p.ft, p.v, p.level + 1});
+            }
+        }
     }
     return false;
+}
+
+void checkFormDepth(Document& doc) {
+    // Down /Kids from the roots of /Fields, as the walks that index the form go.
+    std::set<QPDFObjGen> seen;
+    std::vector<std::pair<QPDFObjectHandle, int>> pending;
+    auto form = acroForm(doc, false);
+    if (form.isDictionary() && form.getKey("/Fields").isArray()) {
+        for (auto& root : form.getKey("/Fields").aitems()) pending.emplace_back(root, 1);
+    }
+    while (!pending.empty()) {
+        auto [node, level] = std::move(pending.back());
+        pending.pop_back();
+        if (!node.isDictionary()) continue;
+        if (node.isIndirect() && !seen.insert(node.getObjGen()).second) continue;
+        auto kids = node.getKey("/Kids");
+        if (!kids.isArray()) continue;
+        for (auto& kid : kids.aitems()) {
+            if (!isFieldKid(kid)) continue;
+            if (level >= kMaxDepth) fail(PD_ERR_TOO_DEEP);
+            pending.emplace_back(kid, level + 1);
+        }
+    }
+    // Up /Parent from the widgets of the pages, as the search for roots that /Fields misses
+    // goes: how many fields lie above each field (itself included), each counted once.
+    std::map<QPDFObjGen, size_t> above;
+    for (QPDFObjectHandle page : doc.qpdf->getAllPages()) {
+        auto annots = page.getKey("/Annots");
+        if (!annots.isArray()) continue;
+        for (auto& annot : annots.aitems()) {
+            if (!isWidget(annot)) continue;
+            std::vector<QPDFObjGen> path;
+            std::set<QPDFObjGen> onPath;
+            size_t known = 0;
+            for (auto node = fieldParent(annot); node.isDictionary(); node = fieldParent(node)) {
+                const QPDFObjGen og = node.getObjGen();
+                if (node.isIndirect()) {
+                    auto it = above.find(og);
+                    if (it != above.end()) {
+                        known = it->second;
+                        break;
+                    }
+                    if (!onPath.insert(og).second) break;  // a loop: followed once
+                }
+                path.push_back(og);
+                if (known + path.size() > static_cast<size_t>(kMaxDepth)) fail(PD_ERR_TOO_DEEP);
+            }
+            for (size_t i = 0; i < path.size(); ++i) {
+                if (path[i].isIndirect()) above[path[i]] = known + path.size() - i;
+            }
+        }
+    }
 }
 
 std::vector<QPDFObjectHandle> formRoots(Document& doc, size_t* listed) {
@@ -151,8 +233,9 @@ std::vector<QPDFObjectHandle> formRoots(Document& doc, size_t* listed) {
             if (!isWidget(a)) continue;
             auto node = a;
             std::set<QPDFObjGen> chain;
-            for (int d = 0; d < kMaxDepth && fieldParent(node).isDictionary(); ++d) {
+            for (int d = 0; fieldParent(node).isDictionary(); ++d) {
                 if (node.isIndirect() && !chain.insert(node.getObjGen()).second) break;
+                if (d == kMaxDepth) fail(PD_ERR_TOO_DEEP);
                 node = fieldParent(node);
             }
             if (!node.isIndirect() || !node.isDictionary()) continue;
@@ -181,7 +264,7 @@ void walkForm(Document& doc, bool names, bool terminals) {
     auto roots = formRoots(doc, &listed);
     for (size_t i = 0; i < roots.size(); ++i) {
         if (i == listed && terminals) doc.listedTerminals = doc.terminalFields.size();
-        walkFields(roots[i], hasName(roots[i]) ? textOf(roots[i].getKey("/T")) : u"", seen, 0,
+        walkFields(roots[i], hasName(roots[i]) ? textOf(roots[i].getKey("/T")) : u"", 1, seen,
                    visit);
     }
     if (listed == roots.size() && terminals) doc.listedTerminals = doc.terminalFields.size();
@@ -395,15 +478,17 @@ void eraseSubtreeNames(Document& doc, QPDFObjectHandle node, const std::u16strin
         auto it = doc.nameIndex.find(nm);
         if (it != doc.nameIndex.end() && it->second == n.getObjGen()) doc.nameIndex.erase(it);
     };
-    walkFields(node, name, seen, 0, visit);
+    walkFields(node, name, 1, seen, visit);
 }
 
-void addSubtreeNames(Document& doc, QPDFObjectHandle node, const std::u16string& name) {
+// node at level of the tree.
+void addSubtreeNames(Document& doc, QPDFObjectHandle node, const std::u16string& name,
+                     int level) {
     std::set<QPDFObjGen> seen;
     auto visit = [&](QPDFObjectHandle n, const std::u16string& nm, bool) {
         if (n.isIndirect() && !nm.empty()) doc.nameIndex[nm] = n.getObjGen();
     };
-    walkFields(node, name, seen, 0, visit);
+    walkFields(node, name, level, seen, visit);
 }
 
 QPDFObjectHandle valueObject(QPDFObjectHandle field, const std::u16string& text) {
@@ -463,8 +548,9 @@ std::vector<QPDFObjectHandle> widgetsOf(QPDFObjectHandle field) {
 std::u16string fullNameOf(QPDFObjectHandle field) {
     std::vector<std::u16string> parts;
     std::set<QPDFObjGen> seen;
-    for (int d = 0; d < kMaxDepth && field.isDictionary(); ++d) {
+    for (int d = 0; field.isDictionary(); ++d) {
         if (field.isIndirect() && !seen.insert(field.getObjGen()).second) break;
+        if (d == kMaxDepth) fail(PD_ERR_TOO_DEEP);
         if (hasName(field)) parts.push_back(textOf(field.getKey("/T")));
         field = fieldParent(field);
     }
@@ -647,22 +733,61 @@ PDResult PDDocRenameField(PDDoc doc, PDField field, const char16_t* name, uint32
             parentExists && ((parts.size() == 1 && !oldParent.isDictionary()) ||
                              (newParent.isDictionary() && oldParent.isDictionary() &&
                               newParent.getObjGen() == oldParent.getObjGen()));
+        const int level = static_cast<int>(parts.size());
+        if (!sameParent) {
+            // The subtree keeps its shape under its new parent: one that would then reach
+            // deeper than a tree may is refused before anything changes.
+            std::set<QPDFObjGen> seen;
+            auto none = [](QPDFObjectHandle, const std::u16string&, bool) {};
+            walkFields(f.obj, n, level, seen, none);
+        }
         eraseSubtreeNames(d, f.obj, oldName);
         if (!sameParent) {
             if (!parentExists) newParent = parentFor(d, parts, parts.size() - 1, true);
-            removeFrom(containerOf(d, f.obj), f.obj.getObjGen());
+            const QPDFObjGen og = f.obj.getObjGen();
+            auto ownerOf = [](QPDFObjectHandle parent) {
+                return parent.isDictionary() ? parent.getObjGen() : QPDFObjGen();
+            };
+            auto from = containerOf(d, f.obj);
+            Document::FieldPlace left{ownerOf(oldParent), QPDFObjGen()};
+            if (from.isArray()) {
+                const int n = from.getArrayNItems();
+                for (int i = 0; i + 1 < n; ++i) {
+                    if (from.getArrayItem(i).getObjGen() == og) {
+                        left.next = from.getArrayItem(i + 1).getObjGen();
+                        break;
+                    }
+                }
+            }
+            removeFrom(from, og);
             if (newParent.isDictionary()) {
                 f.obj.replaceKey("/Parent", newParent);
             } else {
                 f.obj.removeKey("/Parent");
             }
-            containerOf(d, f.obj).appendItem(f.obj);
+            // Back under the parent it was taken from: before the sibling it preceded.
+            auto to = containerOf(d, f.obj);
+            int at = -1;
+            auto former = d.formerFieldPlaces.find(og);
+            if (former != d.formerFieldPlaces.end() && former->second.owner == ownerOf(newParent) &&
+                to.isArray()) {
+                const int n = to.getArrayNItems();
+                for (int i = 0; i < n && at < 0; ++i) {
+                    if (to.getArrayItem(i).getObjGen() == former->second.next) at = i;
+                }
+            }
+            if (at >= 0) {
+                to.insertItem(at, f.obj);
+            } else {
+                to.appendItem(f.obj);
+            }
+            d.formerFieldPlaces[og] = left;
             d.formChanged = true;
         }
         // Under the same parent the field keeps its place in the tree, and so in the list
         // of terminal fields.
         f.obj.replaceKey("/T", textString(parts.back()));
-        addSubtreeNames(d, f.obj, n);
+        addSubtreeNames(d, f.obj, n, level);
     });
 }
 

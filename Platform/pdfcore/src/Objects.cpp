@@ -34,24 +34,6 @@ QPDFObjectHandle dictOf(PDHandleRec& h) {
     return h.obj;
 }
 
-// Whether the direct parts of value (not crossing indirect references) include target.
-// Putting such a value into target would make a direct object contain itself, which no
-// writer could finish. Nesting past a sane depth is treated as such a loop.
-bool holdsDirect(QPDFObjectHandle value, QPDFObjectHandle target, int depth = 0) {
-    if (value.isIndirect()) return false;
-    if (depth > 100 || value.isSameObjectAs(target)) return true;
-    if (value.isArray()) {
-        for (auto& item : value.aitems()) {
-            if (holdsDirect(item, target, depth + 1)) return true;
-        }
-    } else if (value.isDictionary()) {
-        for (auto& entry : value.ditems()) {
-            if (holdsDirect(entry.second, target, depth + 1)) return true;
-        }
-    }
-    return false;
-}
-
 // ---- destinations --------------------------------------------------------------------
 
 // The fit types and how many numbers follow the type name in the array.

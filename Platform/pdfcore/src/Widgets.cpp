@@ -636,16 +636,55 @@ PDResult PDButtonWidgetAnnotGetChoice(PDAnnot widget, char16_t* buf, uint32_t bu
     });
 }
 
+namespace {
+
+// Takes the on state out of the widget's /N and /D (in copies: other widgets may share
+// them); a widget that showed it is off.
+void dropOnState(QPDFObjectHandle w, const std::string& state) {
+    if (state.empty()) return;
+    QPDFObjectHandle ap = w.getKey("/AP");
+    if (ap.isDictionary()) {
+        auto newAp = ap.shallowCopy();
+        for (const char* which : {"/N", "/D"}) {
+            QPDFObjectHandle states = newAp.getKey(which);
+            if (!states.isDictionary() || !states.hasKey(state)) continue;
+            auto kept = states.shallowCopy();
+            kept.removeKey(state);
+            newAp.replaceKey(which, kept);
+        }
+        w.replaceKey("/AP", newAp);
+    }
+    if (nameOf(w.getKey("/AS")) == state) w.replaceKey("/AS", QPDFObjectHandle::newName("/Off"));
+    // The field's value names the state no longer when no other widget of it has it.
+    QPDFObjectHandle field = holderOf(w);
+    if (!isStateOf(field.getKey("/V"), state)) return;
+    QPDFObjectHandle kids = field.getKey("/Kids");
+    if (kids.isArray()) {
+        for (auto kid : kids.aitems()) {
+            if (kid.isSameObjectAs(w)) continue;
+            QPDFObjectHandle normal = kid.getKey("/AP").getKey("/N");
+            if (normal.isDictionary() && normal.hasKey(state)) return;
+        }
+    }
+    field.replaceKey("/V", QPDFObjectHandle::newName("/Off"));
+}
+
+} // namespace
+
 PDResult PDButtonWidgetAnnotSetChoice(PDAnnot widget, const char16_t* text, uint32_t len) {
     return guard([&] {
         PDHandleRec& h = checkedWidget(widget);
         std::u16string value = textArg(text, len);
-        if (value.empty() || value == u"Off") fail(PD_ERR_BAD_ARGUMENT);
+        if (value == u"Off") fail(PD_ERR_BAD_ARGUMENT);
         requireCheckOrRadio(h.obj);
         QPDFObjectHandle w = h.obj;
         QPDFObjectHandle field = holderOf(w);
         flushAppearance(*h.doc, w);
         std::string oldState = onStateOf(w);
+        if (value.empty()) {
+            dropOnState(w, oldState);
+            return;
+        }
         // The same text keeps the state's bytes (a state of a file in another encoding).
         std::string newState = !oldState.empty() && toU16(oldState.substr(1)) == value
                                    ? oldState

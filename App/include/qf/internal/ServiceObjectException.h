@@ -129,7 +129,8 @@ bool StoreForeignFailure(const char* what) noexcept;
 // the thunk as function and the interface header as file. wrapStored: the implementation
 // threw, and the record it left (the thread's current one) becomes the inner record of the
 // new one, so that GetLastErrorInfo still reports the failure where it started, with its
-// own text. Never throws.
+// own text. The failure also goes to the host's logger, when there is one, as an error
+// naming the call, where the failure started and its text. Never throws.
 void RecordFailure(uint32_t code, const char16_t* interfaceName, const char16_t* methodName,
                    const char* thunkName, const char* headerPath, uint32_t line,
                    bool wrapStored = false) noexcept;

@@ -81,8 +81,10 @@ public:
     // document stops them. False after close().
     bool formEditable() const;
 
-    // Writes the document (PDDocSave); throws HostError(kPdfFailure) or (kDocumentClosed).
-    // Clears every page's changed flag.
+    // Writes the document (PDDocSave: the target replaced whole or not at all, its
+    // permissions kept, a read-only or odd target refused); throws HostError(kPdfFailure),
+    // the pdfcore result kept as the last one, or (kDocumentClosed). Clears every page's
+    // changed flag.
     void save(const std::string& path);
     // Clears every page's changed flag: the document as it is was written elsewhere (the
     // caller saved its bytes).

@@ -42,7 +42,7 @@ public:
     // What a click with the host's selection arrow does: asks the edit-object factory of
     // "WidgetEdit" for the top-most widget at page point (x, y) of the current view's page
     // pageIndex, selects it through the "WidgetEdit" select-edit-object service, and makes
-    // the module's edit tool "Edit" the view's tool, working on the selection. 1 when no
+    // the module's edit tool "WidgetEdit" the view's tool, working on the selection. 1 when no
     // widget is there (the selection is then empty); 0x10005 when the module registered no
     // factory, service or tool; otherwise the first failing call's result.
     uint32_t selectAt(uint64_t pageIndex, float x, float y);

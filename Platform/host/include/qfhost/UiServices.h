@@ -115,7 +115,8 @@ public:
     static ServiceObject* create();
     static StringService& of(ServiceObject* so);
 
-    // "en" or "ja"; false (and no change) for any other language.
+    // "en" or "ja"; false (and no change) for any other language. The language is also
+    // the runtime's (KRSetUILanguage), where modules read it; a new service sets "en".
     bool setLanguage(const std::string& language);
     const std::string& language() const { return language_; }
     // The translation of text in the current language, or nothing when the catalog has

@@ -138,6 +138,21 @@ KR_API uint32_t KRConvertUTF16ToUTF8(const char16_t* src, size_t srcLen, char* d
 KR_API uint32_t KRConvertUTF8ToUTF16(const char* src, size_t srcLen, char16_t* dst, size_t dstLen,
                                      size_t* outLen);
 
+/* ---- The user's language ----------------------------------------------- */
+
+/* The language of the user interface: a primary language subtag of BCP 47 ("en",
+ * "ja"), 2 to 8 lower-case ASCII letters. Until a host sets one it is the system's (on
+ * POSIX systems the first of LC_ALL, LC_MESSAGES and LANG that is set and not empty:
+ * "ja_JP.UTF-8" gives "ja"; "C", "POSIX" or none give "en").
+ * KRGetUILanguage writes the tag and a terminating zero to dst: dstLen must be at least
+ * its length + 1, else KR_ERR_BUFFER_SMALL; *outLen receives the length either way.
+ * dst NULL asks for the length only. outLen NULL: KR_ERR_BAD_ARGUMENT.
+ * KRSetUILanguage makes tag the process's language for every module (letters are
+ * lower-cased; a region or script after '-' or '_' is dropped). NULL, or a tag whose
+ * language part is not 2 to 8 ASCII letters: KR_ERR_BAD_ARGUMENT and no change. */
+KR_API uint32_t KRGetUILanguage(char* dst, size_t dstLen, size_t* outLen);
+KR_API uint32_t KRSetUILanguage(const char* tag);
+
 #ifdef __cplusplus
 }
 #endif

@@ -40,6 +40,10 @@
  *   frame of text and choice fields under text drawn for the new size, a new value of a
  *   check box or radio button only sets /AS, and a change of style draws the widget anew
  *   but keeps any state of the author's that the new drawing would leave empty.
+ * - Depth. Trees of the file are followed to PD_MAX_TREE_DEPTH levels: a document whose
+ *   page tree or field tree is deeper does not open (PD_ERR_TOO_DEEP), and a call that
+ *   would make a field tree deeper fails with that code. Loops of references are followed
+ *   once.
  */
 #ifndef PDFCORE_PDFCORE_H
 #define PDFCORE_PDFCORE_H
@@ -92,12 +96,28 @@ enum {
     PD_ERR_OTHER_DOCUMENT = 17,  /* handles of two different documents were mixed */
     PD_ERR_BAD_NAME = 18,        /* a field name with an empty part ("a..b", ".a") */
     PD_ERR_UNSUPPORTED = 19,     /* valid PDF that this version does not handle */
-    /* 20 to 31 are reserved and never returned. */
+    /* Saves (see "Writing files"). */
+    PD_ERR_NOT_A_FILE = 20,      /* the target is not a regular file: a folder, FIFO,
+                                    device or socket, or a link that leads to nothing */
+    PD_ERR_READ_ONLY = 21,       /* the target's permissions do not allow writing it */
+    PD_ERR_ACCESS = 22,          /* no permission to make or replace a file in the
+                                    target's folder, or its file system is read-only */
+    PD_ERR_FILE_LIMIT = 23,      /* the file would be larger than the process's or the
+                                    file system's limit for files */
+    PD_ERR_DISK_FULL = 24,       /* no space left on the device, or the quota is used up */
+    /* 25 to 31 are reserved and never returned. */
     PD_ERR_CYCLE = 32,           /* the object graph loops (a field that is its own
                                     ancestor) */
     PD_ERR_TOO_LARGE = 33,       /* a count or size above what pdfcore holds */
-    PD_ERR_OUT_OF_MEMORY = 34
+    PD_ERR_OUT_OF_MEMORY = 34,
+    PD_ERR_TOO_DEEP = 35         /* a page tree or a field tree nested deeper than
+                                    PD_MAX_TREE_DEPTH levels */
 };
+
+/* How many levels of a page tree or a field tree pdfcore follows: a tree of pages has
+ * the root's /Pages at level 1 and its pages below the last level of /Pages nodes, a
+ * tree of fields its root fields at level 1. Real files use a handful. */
+#define PD_MAX_TREE_DEPTH 1000
 
 /* A fixed English text for a result code; never NULL, valid for the life of the
  * process. Unknown codes give "Unknown error". Any thread. */
@@ -191,9 +211,11 @@ PDFCORE_API PDResult PDAtomGetString(PDAtom atom, const char** outName);
  * that cannot be read gives PD_ERR_IO, one that is not a PDF or cannot be repaired
  * PD_ERR_DAMAGED, one that needs a password PD_ERR_PASSWORD (files encrypted with an
  * empty user password open), one encrypted otherwise than with passwords (certificates,
- * an unknown security handler) PD_ERR_UNSUPPORTED. The same as PDDocOpenWithPassword
- * with no password. The whole file is read: it may be overwritten while the document is
- * open. Any thread; the document is then used by one thread at a time. */
+ * an unknown security handler) PD_ERR_UNSUPPORTED, one whose page tree or field tree is
+ * nested deeper than PD_MAX_TREE_DEPTH levels PD_ERR_TOO_DEEP. The same as
+ * PDDocOpenWithPassword with no password. The whole file is read: it may be overwritten
+ * while the document is open. Any thread; the document is then used by one thread at a
+ * time. */
 PDFCORE_API PDResult PDDocOpen(const char* path, PDDoc* outDoc);
 /* The same from bytes in memory; the bytes are copied. */
 PDFCORE_API PDResult PDDocOpenMem(const void* data, size_t size, PDDoc* outDoc);
@@ -217,23 +239,29 @@ PDFCORE_API PDResult PDDocOpenMemWithPassword(const void* data, size_t size,
 /* A new document of pageCount (1..100000) empty pages of width x height points. */
 PDFCORE_API PDResult PDDocCreate(uint32_t pageCount, float width, float height,
                                  PDDoc* outDoc);
-/* Writes the document to path: a temporary file beside it, then a rename, so that a
- * failed save leaves the target as it was (PD_ERR_IO). The document stays open and
- * unchanged. An encrypted document is written encrypted as it was read: the same security
- * handler, revision, method (RC4 or AES), key length, permissions and whether metadata
- * is encrypted, and the same user and owner passwords, whichever of them opened it; only
- * the second word of the file identifier is new, so such files are not the same byte for
- * byte from one save to the next (AES makes them differ anyway). A field (made here or
- * read from the file) whose last widget PDFieldRemoveWidget took out since the document
- * was opened, and that holds no widget when the document is written, is left out of the
- * file (as after undoing a widget's creation or deletion), and so is every parent left
- * without kids by that, up the tree; in memory they stay, and are written again once they
- * hold a widget. Fields that never lost a widget this way (a file's field that had none
- * to begin with, a made field that never got one) are always written. Every name is
- * written so that a reader reads back its bytes as they are: a '#' inside a name (an on
- * state "A#1", or "#e5#a5" as some writers leave escaped UTF-8) as #23. The same holds for
- * PDDocSaveMem. */
+/* Writes the document to path (UTF-8) as PDFileStage and PDStagedFileCommit write a
+ * file: the target is replaced whole or not at all, and keeps its permissions; a target
+ * that is read-only is refused (PD_ERR_READ_ONLY), one that is not a regular file too
+ * (PD_ERR_NOT_A_FILE), before anything is written; a failed save leaves the target as it
+ * was and no file of its own behind. The same as PDDocSaveEx with no flags. The document
+ * stays open and unchanged. An encrypted document is written encrypted as it was read:
+ * the same security handler, revision, method (RC4 or AES), key length, permissions and
+ * whether metadata is encrypted, and the same user and owner passwords, whichever of
+ * them opened it; only the second word of the file identifier is new, so such files are
+ * not the same byte for byte from one save to the next (AES makes them differ anyway). A
+ * field (made here or read from the file) whose last widget PDFieldRemoveWidget took out
+ * since the document was opened, and that holds no widget when the document is written,
+ * is left out of the file (as after undoing a widget's creation or deletion), and so is
+ * every parent left without kids by that, up the tree; in memory they stay, and are
+ * written again once they hold a widget. Fields that never lost a widget this way (a
+ * file's field that had none to begin with, a made field that never got one) are always
+ * written. Every name is written so that a reader reads back its bytes as they are: a
+ * '#' inside a name (an on state "A#1", or "#e5#a5" as some writers leave escaped UTF-8)
+ * as #23. The same holds for PDDocSaveMem. */
 PDFCORE_API PDResult PDDocSave(PDDoc doc, const char* path);
+/* PDDocSave with PD_SAVE_* flags (see "Writing files"); unknown flags:
+ * PD_ERR_BAD_ARGUMENT. */
+PDFCORE_API PDResult PDDocSaveEx(PDDoc doc, const char* path, uint32_t flags);
 /* Writes the document into a buffer allocated with malloc; the caller frees it with
  * PDFreeBuffer(). */
 PDFCORE_API PDResult PDDocSaveMem(PDDoc doc, void** outData, size_t* outSize);
@@ -300,6 +328,59 @@ PDFCORE_API PDResult PDDocAddAnnotChangedListener(PDDoc doc, PDAnnotChangedProc 
                                                   void* clientData, uint32_t* outCookie);
 /* Unknown cookie: PD_ERR_NOT_FOUND. */
 PDFCORE_API PDResult PDDocRemoveAnnotChangedListener(PDDoc doc, uint32_t cookie);
+
+/* ---- Writing files ------------------------------------------------------ */
+
+/* A file is written in two steps: PDFileStage writes the bytes into a new file beside the
+ * target, PDStagedFileCommit puts that file in the target's place with one rename. The
+ * target is therefore at every moment the old file or the new one, whole; a program that
+ * writes several files stages them all before it commits any, and commits none when one
+ * cannot be staged.
+ *
+ * - The target (a path in UTF-8) is looked at, never opened: a folder, FIFO, device or
+ *   socket there gives PD_ERR_NOT_A_FILE at once, without blocking. A symbolic link is
+ *   written through: the file it leads to is replaced and the link stays; a link that
+ *   leads to nothing is refused (PD_ERR_NOT_A_FILE).
+ * - A target whose permissions do not allow this process to write it, or that no one may
+ *   write (no write bit: root too is refused), gives PD_ERR_READ_ONLY unless the flags
+ *   hold PD_SAVE_FORCE; the file written then keeps those permissions.
+ * - The new file takes the target's permission bits, and its owner and group as far as
+ *   this process may set them (root: both; others: a group of their own); a new target is
+ *   made as any new file (the umask). Access lists and extended attributes are not carried
+ *   over. A target with other hard links is replaced under this name only.
+ * - The new file is flushed to the disk before the rename, and the folder after it.
+ * - The temporary file is named ".NAME.qfforms-PID-XXXXXXXX.tmp" (NAME the target's name,
+ *   shortened to 160 bytes; PID the writing process; 8 hexadecimal digits) and is removed
+ *   on every failure. A process killed while it wrote leaves its file; a later stage into
+ *   the same folder removes the files of that pattern that belong to this user, were last
+ *   changed more than ten minutes ago and whose process no longer runs, and nothing else.
+ * - Failures: PD_ERR_ACCESS (no permission to make or replace a file in the folder, or a
+ *   read-only file system), PD_ERR_FILE_LIMIT (the file size limit of the process, or of
+ *   the file system, EFBIG), PD_ERR_DISK_FULL, PD_ERR_IO (a missing folder, any other
+ *   failure). A process past its file size limit gets SIGXFSZ, which ends it unless it is
+ *   ignored: programs that want PD_ERR_FILE_LIMIT instead ignore it.
+ *
+ * Any thread; one staged file is used by one thread at a time. */
+
+/* Flags of PDDocSaveEx and PDFileStage. */
+enum {
+    PD_SAVE_FORCE = 1  /* write over a target whose permissions do not allow writing it */
+};
+
+typedef struct PDStagedFileRec* PDStagedFile;
+
+/* Writes size bytes of data into a new file beside path, after the checks above. On
+ * success *outFile receives the staged file, to be committed or discarded; on failure it
+ * is NULL, and nothing is left behind. NULL path or outFile, an empty path, NULL data with
+ * size > 0 or unknown flags: PD_ERR_BAD_ARGUMENT. */
+PDFCORE_API PDResult PDFileStage(const char* path, const void* data, size_t size,
+                                 uint32_t flags, PDStagedFile* outFile);
+/* Renames the staged file over its target and flushes the folder. On failure (the target
+ * or its folder changed since: PD_ERR_ACCESS, PD_ERR_IO) the target is as it was and the
+ * staged file is removed. Either way file is freed. NULL: PD_ERR_MISSING_OBJECT. */
+PDFCORE_API PDResult PDStagedFileCommit(PDStagedFile file);
+/* Removes the staged file without touching its target, and frees file. NULL: nothing. */
+PDFCORE_API void PDStagedFileDiscard(PDStagedFile file);
 
 /* ---- Pages -------------------------------------------------------------- */
 
@@ -408,7 +489,8 @@ enum {
 /* Finds or creates the field of a fully qualified name (dots separate the parts;
  * missing parents are made as non-terminal fields) and gives it /FT type and /Ff
  * flags. type: PD_ATOM_Btn, _Ch, _Tx or _Sig, else PD_ERR_BAD_ARGUMENT. A name
- * already used, or one running through a terminal field: PD_ERR_NAME_IN_USE. */
+ * already used, or one running through a terminal field: PD_ERR_NAME_IN_USE. A name of
+ * more than PD_MAX_TREE_DEPTH parts: PD_ERR_TOO_DEEP. */
 PDFCORE_API PDResult PDDocCreateField(PDDoc doc, const char16_t* name, uint32_t nameLen,
                                       PDAtom type, uint32_t flags, PDField* outField);
 /* Typed variants. name may be NULL (nameLen 0): pdfcore then gives the field a
@@ -427,7 +509,8 @@ PDFCORE_API PDResult PDDocFindField(PDDoc doc, const char16_t* name, uint32_t na
                                     PDField* outField);
 /* Gives field the fully qualified name; a dotted name moves it under that parent
  * (made when missing). The field keeps its handle, kids, value and widgets. Another
- * field of that name: PD_ERR_NAME_IN_USE. */
+ * field of that name: PD_ERR_NAME_IN_USE. A move that would put a field below
+ * PD_MAX_TREE_DEPTH levels (the field's kids counted): PD_ERR_TOO_DEEP, nothing changed. */
 PDFCORE_API PDResult PDDocRenameField(PDDoc doc, PDField field, const char16_t* name,
                                       uint32_t nameLen);
 /* Terminal fields of the form in tree order (the order of /Fields, depth first). */
@@ -617,8 +700,9 @@ PDFCORE_API PDResult PDButtonWidgetAnnotSetIconFit(PDAnnot widget, const PDIconF
 /* The on-state name of a check box or radio widget: the appearance state other than
  * Off, as text (the name's bytes as UTF-8, or as Latin-1 when they are not UTF-8).
  * PD_ERR_NO_VALUE for a widget without one (push buttons). Setting renames the on state
- * (an empty name or "Off": PD_ERR_BAD_ARGUMENT; the state's own text keeps its bytes)
- * and keeps the widget on when it was on. */
+ * ("Off": PD_ERR_BAD_ARGUMENT; the state's own text keeps its bytes) and keeps the widget
+ * on when it was on; an empty name takes the on state away, leaving the widget off and
+ * without one, as it was before it had one. */
 PDFCORE_API PDResult PDButtonWidgetAnnotGetChoice(PDAnnot widget, char16_t* buf,
                                                   uint32_t bufLen, uint32_t* outLen);
 PDFCORE_API PDResult PDButtonWidgetAnnotSetChoice(PDAnnot widget, const char16_t* name,
@@ -738,7 +822,14 @@ PDFCORE_API PDResult PDActionGetType(PDAction action, PDAtom* outType);
 PDFCORE_API PDResult PDActionGetNextLength(PDAction action, uint32_t* outCount);
 PDFCORE_API PDResult PDActionGetNext(PDAction action, uint32_t index, PDAction* outNext);
 /* Makes next the only next action; NULL removes /Next. An action that would become its
- * own successor: PD_ERR_CYCLE. */
+ * own successor: PD_ERR_CYCLE. A next action that stands for a direct object (one made by
+ * PDCreateActionFromObject from a new dictionary, or read inside another object) is stored
+ * as a copy that is an object of its own, which the handle next stands for from then on
+ * (the dictionary's handle, and a place that held the direct object, keep it): chained
+ * actions never nest inside each other. The check
+ * for a loop walks the chain that follows next, so a long chain is linked from its first
+ * action on (each new action without successors yet) in linear time, and from its last
+ * action back in quadratic time. */
 PDFCORE_API PDResult PDActionSetNext(PDAction action, PDAction next);
 
 /* GoTo: the destination (/D), or NULL. */
@@ -750,6 +841,7 @@ PDFCORE_API PDResult PDActionGoToESetDest(PDAction action, PDDest dest);
 PDFCORE_API PDResult PDActionGoToEGetNewWindow(PDAction action, PDBool* outNewWindow);
 PDFCORE_API PDResult PDActionGoToESetNewWindow(PDAction action, PDBool newWindow);
 PDFCORE_API PDResult PDActionGoToEGetTarget(PDAction action, PDObject* outTarget);
+/* A target that is the action, or holds it: PD_ERR_CYCLE. */
 PDFCORE_API PDResult PDActionGoToESetTarget(PDAction action, PDObject target);
 
 /* Hide: /H (true, hide, when absent) and the items of /T, each a field's fully
