@@ -1,5 +1,7 @@
 #include "Records.h"
 
+#include "qf/internal/AnnotClipboardUtils"
+
 #include <nlohmann/json.hpp>
 #include <valijson/adapters/nlohmann_json_adapter.hpp>
 #include <valijson/schema.hpp>
@@ -9,6 +11,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <deque>
 #include <memory>
 #include <vector>
 
@@ -20,16 +23,32 @@ extern const char* const kRecordSchema;
 namespace {
 
 using Json = nlohmann::json;
+using JsonUtility::ActionSerialization::kMaxRecordNesting;
 
-// The schema, as JSON (to describe what a key must hold) and as valijson's checker.
-struct RecordFormat {
+// A schema, as JSON (to describe what a key must hold) and as valijson's checker.
+struct Format {
     Json json;
     valijson::Schema schema;
 
-    RecordFormat() : json(Json::parse(kRecordSchema)) {
+    explicit Format(Json text) : json(std::move(text)) {
         valijson::SchemaParser parser(valijson::SchemaParser::kDraft7);
         valijson::adapters::NlohmannJsonAdapter adapter(json);
         parser.populateSchema(adapter, schema);
+    }
+};
+
+// The record's schema, and its definitions of an action and of a GoToE target on their
+// own: chains of them are checked a link at a time.
+struct RecordFormat {
+    Format record, action, target;
+
+    RecordFormat()
+        : record(Json::parse(kRecordSchema)), action(part("action")), target(part("target")) {}
+
+  private:
+    static Json part(const char* name) {
+        return Json{{"$ref", std::string("#/definitions/") + name},
+                    {"definitions", Json::parse(kRecordSchema)["definitions"]}};
     }
 };
 
@@ -97,10 +116,21 @@ bool plainKey(const std::string& key) {
     });
 }
 
-// "Rect.left", "options[2].option-value", "[\"odd key\"]".
+// "Rect.left", "options[2].option-value", "[\"odd key\"]"; a key repeated more than
+// twice in a row (a chain of actions) once, with the count: "next-action (x12000)".
 std::string pathText(const std::vector<Step>& steps) {
     std::string out;
-    for (const Step& s : steps) {
+    for (size_t i = 0; i < steps.size(); ++i) {
+        const Step& s = steps[i];
+        size_t run = 1;
+        while (!s.index && i + run < steps.size() && !steps[i + run].index &&
+               steps[i + run].key == s.key)
+            ++run;
+        if (run > 2) {
+            out += (out.empty() ? "" : ".") + s.key + " (x" + std::to_string(run) + ")";
+            i += run - 1;
+            continue;
+        }
         if (s.index) {
             out += "[" + std::to_string(*s.index) + "]";
         } else if (plainKey(s.key)) {
@@ -215,20 +245,24 @@ std::string quotedName(const std::string& description) {
     return description.substr(start + 1, end - start - 1);
 }
 
-std::string sentence(const valijson::ValidationResults::Error& error, const Json& record,
-                     const Json& schema) {
-    const std::vector<Step> steps = stepsOf(error.context, record);
+// The sentence for error, found in value (at prefix in the record) against schema.
+std::string sentence(const valijson::ValidationResults::Error& error, const Json& value,
+                     const Json& schema, const std::vector<Step>& prefix) {
+    const std::vector<Step> inside = stepsOf(error.context, value);
+    std::vector<Step> steps = prefix;
+    steps.insert(steps.end(), inside.begin(), inside.end());
+    const Json& record = value;
     const std::string& d = error.description;
     if (d.rfind("Missing required property", 0) == 0) {
         const std::string key = quotedName(d);
-        std::vector<Step> keyPath = steps;
+        std::vector<Step> keyPath = inside;
         keyPath.push_back({key, std::nullopt});
         const std::string expected = expectation(schemaAt(schema, keyPath));
         return where(steps) + " lacks " + Json(key).dump() +
                (expected.empty() ? "" : ", which must be " + expected);
     }
     if (d.rfind("Object contains a property that could not be validated", 0) == 0) {
-        const SchemaNode at = schemaAt(schema, steps);
+        const SchemaNode at = schemaAt(schema, inside);
         std::string known;
         if (at.node && at.node->contains("properties") && (*at.node)["properties"].size() <= 8) {
             for (const auto& [key, value] : (*at.node)["properties"].items())
@@ -240,10 +274,10 @@ std::string sentence(const valijson::ValidationResults::Error& error, const Json
         return where(steps) + " holds the unknown key " +
                Json(quotedName(d)).dump(-1, ' ', false, Json::error_handler_t::replace) + known;
     }
-    const Json* value = valueAt(record, steps);
-    const std::string expected = expectation(schemaAt(schema, steps));
+    const Json* found = valueAt(record, inside);
+    const std::string expected = expectation(schemaAt(schema, inside));
     if (expected.empty()) return where(steps) + " is not of the record format (" + d + ")";
-    return where(steps) + " must be " + expected + (value ? ", not " + valueText(*value) : "");
+    return where(steps) + " must be " + expected + (found ? ", not " + valueText(*found) : "");
 }
 
 // The first control character of name (UTF-8), or nothing.
@@ -260,6 +294,64 @@ std::string hexByte(unsigned char c) {
     return std::string("U+00") + digits[c >> 4] + digits[c & 15];
 }
 
+// A link of a chain taken out of the record to be checked on its own: an action or a GoToE
+// target, found below the record's trigger key after `actions` next actions and `targets`
+// targets.
+struct Link {
+    Json value;
+    bool isTarget;
+    std::string key;
+    size_t actions;
+    size_t targets;
+
+    std::vector<Step> path() const {
+        std::vector<Step> steps{{key, std::nullopt}};
+        for (size_t i = 0; i < actions; ++i) steps.push_back({"next-action", std::nullopt});
+        for (size_t i = 0; i < targets; ++i)
+            steps.push_back({"go-to-e-action-target", std::nullopt});
+        return steps;
+    }
+};
+
+// Takes the value of key out of holder (an object) when it is an object, leaving {} in
+// its place, which the schema takes for either kind of link.
+std::optional<Json> detach(Json& holder, const char* key) {
+    if (!holder.is_object()) return std::nullopt;
+    const auto it = holder.find(key);
+    if (it == holder.end() || !it->is_object()) return std::nullopt;
+    Json taken = std::move(*it);
+    *it = Json::object();
+    return taken;
+}
+
+// Cuts the chains of the record's actions into links, so that a chain of any length is
+// checked in time and stack proportional to it: the record keeps each trigger's first
+// action and that action's first target, every further link goes to links.
+void cutChains(Json& record, std::deque<Link>& links) {
+    for (auto& [key, first] : record.items()) {
+        if (!first.is_object() || key == "Rect" || key == "border-style" || key == "icon-fit")
+            continue;
+        Json* action = &first;
+        size_t actions = 0;
+        for (;;) {
+            if (auto target = detach(*action, "go-to-e-action-target")) {
+                // The action's own target stays with it; deeper ones become links.
+                Json* holder = &*target;
+                size_t targets = 1;
+                while (auto nested = detach(*holder, "go-to-e-action-target")) {
+                    links.push_back({std::move(*nested), true, key, actions, ++targets});
+                    holder = &links.back().value;
+                }
+                (*action)["go-to-e-action-target"] = std::move(*target);
+            }
+            auto next = detach(*action, "next-action");
+            if (!next) break;
+            links.push_back({std::move(*next), false, key, ++actions, 0});
+            action = &links.back().value;
+        }
+    }
+}
+
 } // namespace
 
 std::optional<std::string> recordProblem(std::string_view text) {
@@ -268,7 +360,17 @@ std::optional<std::string> recordProblem(std::string_view text) {
                std::to_string(kMaxRecordBytes >> 20) + " MiB a record may hold";
     Json record;
     try {
-        record = Json::parse(text.begin(), text.end());
+        // As deep as the module reads records, and no deeper.
+        auto guard = [](int depth, Json::parse_event_t event, Json&) {
+            if ((event == Json::parse_event_t::object_start ||
+                 event == Json::parse_event_t::array_start) &&
+                static_cast<size_t>(depth) >= kMaxRecordNesting)
+                throw Json::parse_error::create(
+                    101, 0, "objects and arrays nested deeper than 50,000 levels", nullptr);
+            return true;
+        };
+        static_assert(kMaxRecordNesting == 50000, "the parse error names the limit");
+        record = Json::parse(text.begin(), text.end(), guard);
     } catch (const Json::parse_error& e) {
         return "the record is not JSON (" + jsonDetail(e) + ")";
     }
@@ -276,16 +378,28 @@ std::optional<std::string> recordProblem(std::string_view text) {
         return "the record must be a JSON object of a widget's keys, not " + valueText(record);
 
     const RecordFormat& format = recordFormat();
+    const auto name = record.is_object() && record.contains("name") && record["name"].is_string()
+                          ? std::optional<std::string>(record["name"].get<std::string>())
+                          : std::nullopt;
+    std::deque<Link> links;
+    cutChains(record, links);
     valijson::Validator validator;
-    valijson::ValidationResults results;
-    if (!validator.validate(format.schema, valijson::adapters::NlohmannJsonAdapter(record),
-                            &results)) {
+    auto problem = [&](const Format& f, const Json& value,
+                       const std::vector<Step>& prefix) -> std::optional<std::string> {
+        valijson::ValidationResults results;
+        if (validator.validate(f.schema, valijson::adapters::NlohmannJsonAdapter(value),
+                               &results))
+            return std::nullopt;
         valijson::ValidationResults::Error error;
         results.popError(error);
-        return sentence(error, record, format.json);
-    }
-    if (const auto name = record.find("name"); name != record.end())
-        return nameProblem(name->get<std::string>(), "the record's \"name\"");
+        return sentence(error, value, f.json, prefix);
+    };
+    if (auto p = problem(format.record, record, {})) return p;
+    for (const Link& link : links)
+        if (auto p = problem(link.isTarget ? format.target : format.action, link.value,
+                             link.path()))
+            return p;
+    if (name) return nameProblem(*name, "the record's \"name\"");
     return std::nullopt;
 }
 

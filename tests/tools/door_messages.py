@@ -207,6 +207,11 @@ def check_doors(args, folder):
          "control character U+0000"),
         ("a name with a tab", dict(record, name="a\tb"), "control character U+0009"),
         ("5 MiB", dict(record, tooltip="x" * (5 << 20)), "more than the 4 MiB"),
+        # Chains are checked a link at a time: the path names the link without listing it.
+        ("a chain of 20,000 actions, the last wrong",
+         json.dumps(record).replace('"mouse-up": {}', '"mouse-up": ' + '{"next-action": ' * 20000
+                                    + '{"url": 5}' + "}" * 20000),
+         "mouse-up.next-action (x20000).url must be a text, not 5"),
     ]
     for label, value, *names in records:
         text = value if isinstance(value, str) else json.dumps(value)
