@@ -261,6 +261,25 @@ def check_undo(args, folder):
     check(form_of(out) == before, "undo on a form: the form is not as it was")
     check(open(copy, "rb").read() == open(source, "rb").read(), "undo on a form: input changed")
 
+    # A radio grouping numbers its buttons in the order of their handles: the same session
+    # writes the same bytes however the allocator reuses memory.
+    script = [{"new": {}}, {"tool": "CheckBoxCreate"}]
+    script += [{"click": {"page": 0, "at": [72 + 30 * i, 700]}} for i in range(6)]
+    script += [{"command": {"name": "GroupRadioButtons",
+                            "widgets": [{"field": "CheckBox%d" % i} for i in (4, 1, 6, 2)]}},
+               {"save": "grouped.pdf"}]
+    path = write_script(folder, "grouped.json", script)
+    outputs = []
+    for tunables in ("", "glibc.malloc.tcache_count=0:glibc.malloc.perturb=165",
+                     "glibc.malloc.mmap_threshold=0"):
+        env = dict(os.environ, GLIBC_TUNABLES=tunables, QF_PAD="x" * len(outputs) * 4096)
+        result = run([args.qfforms, "run", path], env=env)
+        check(result.returncode == 0, "grouping: exit %d: %s" % (result.returncode,
+                                                                 result.stderr))
+        with open(os.path.join(folder, "grouped.pdf"), "rb") as f:
+            outputs.append(f.read())
+    check(len(set(outputs)) == 1, "grouping: the same session wrote different bytes")
+
 
 def check_failures(args, folder):
     out = os.path.join(folder, "never.pdf")
