@@ -1,46 +1,58 @@
 #include "HttpServer.h"
 
-// Sockets are POSIX here; a Windows build puts Winsock behind the same few calls.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/signal_set.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/core/tcp_stream.hpp>
+#include <boost/beast/http/read.hpp>
+#include <boost/beast/http/string_body.hpp>
+#include <boost/beast/http/write.hpp>
+
+// accept4 and fcntl: descriptors are opened close-on-exec, so that the programs the host
+// starts (the clipboard's) do not inherit the listener or the connections.
+#include <fcntl.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
-#include <cstring>
+#include <csignal>
+#include <list>
+#include <optional>
 #include <stdexcept>
+#include <thread>
 
 namespace qfforms {
 
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
+using tcp = asio::ip::tcp;
+using Clock = std::chrono::steady_clock;
+
 namespace {
 
-// How long a connection may take to send its request.
-constexpr int kReadTimeoutSeconds = 10;
+// What a connection reads at a time while it waits for a request.
+constexpr size_t kReadChunk = 4096;
+// After a refusal or the last answer of a connection, what the client still sends is read
+// and dropped for up to this long before the connection closes, so that the client reads
+// the answer instead of a reset.
+constexpr std::chrono::milliseconds kLinger{1000};
+// Accepting again after the system refused a connection (out of descriptors, memory).
+constexpr std::chrono::milliseconds kMinBackoff{50};
+constexpr std::chrono::milliseconds kMaxBackoff{1000};
 
-const char* reason(int status) {
-    switch (status) {
-    case 200: return "OK";
-    case 400: return "Bad Request";
-    case 403: return "Forbidden";
-    case 404: return "Not Found";
-    case 405: return "Method Not Allowed";
-    case 409: return "Conflict";
-    case 413: return "Payload Too Large";
-    case 422: return "Unprocessable Content";
-    case 500: return "Internal Server Error";
-    case 503: return "Service Unavailable";
-    default: return "Status";
-    }
-}
+std::string_view view(beast::string_view s) { return {s.data(), s.size()}; }
 
-std::string lower(std::string s) {
-    std::transform(s.begin(), s.end(), s.begin(),
+std::string lower(std::string_view s) {
+    std::string out(s);
+    std::transform(out.begin(), out.end(), out.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return s;
+    return out;
 }
 
 std::string trim(const std::string& s) {
@@ -51,7 +63,7 @@ std::string trim(const std::string& s) {
 
 // %-decoding ("+" stays: the editor's own URLs never use it for spaces). Nothing on a
 // malformed escape.
-bool decode(const std::string& in, std::string& out) {
+bool decode(std::string_view in, std::string& out) {
     out.clear();
     for (size_t i = 0; i < in.size(); ++i) {
         if (in[i] != '%') {
@@ -61,106 +73,34 @@ bool decode(const std::string& in, std::string& out) {
         if (i + 2 >= in.size() || !std::isxdigit(static_cast<unsigned char>(in[i + 1])) ||
             !std::isxdigit(static_cast<unsigned char>(in[i + 2])))
             return false;
-        out += static_cast<char>(std::stoi(in.substr(i + 1, 2), nullptr, 16));
+        out += static_cast<char>(std::stoi(std::string(in.substr(i + 1, 2)), nullptr, 16));
         i += 2;
     }
     return true;
 }
 
-void sendAll(int fd, const std::string& data) {
-    size_t sent = 0;
-    while (sent < data.size()) {
-        const ssize_t n = ::send(fd, data.data() + sent, data.size() - sent, MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return; // the peer went away
-        sent += static_cast<size_t>(n);
-    }
-}
-
-void respond(int fd, const HttpResponse& r) {
-    std::string head = "HTTP/1.1 " + std::to_string(r.status) + " " + reason(r.status) + "\r\n";
-    head += "Content-Type: " + r.contentType + "\r\n";
-    head += "Content-Length: " + std::to_string(r.body.size()) + "\r\n";
-    head += "Cache-Control: no-store\r\nX-Content-Type-Options: nosniff\r\n";
-    head += "Connection: close\r\n";
-    for (const auto& [name, value] : r.headers) head += name + ": " + value + "\r\n";
-    sendAll(fd, head + "\r\n" + r.body);
-}
-
-// Reads one request; the status to refuse it with, or 0.
-int readRequest(int fd, HttpRequest& request) {
-    std::string data;
-    size_t headEnd = std::string::npos;
-    char buffer[8192];
-    while (headEnd == std::string::npos) {
-        const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return 400;
-        data.append(buffer, static_cast<size_t>(n));
-        headEnd = data.find("\r\n\r\n");
-        if (headEnd == std::string::npos && data.size() > HttpServer::kMaxHead) return 413;
-    }
-    if (headEnd > HttpServer::kMaxHead) return 413;
-
-    const std::string head = data.substr(0, headEnd);
-    size_t lineEnd = head.find("\r\n");
-    const std::string requestLine = head.substr(0, lineEnd);
-    const size_t sp1 = requestLine.find(' ');
-    const size_t sp2 = requestLine.find(' ', sp1 + 1);
-    if (sp1 == std::string::npos || sp2 == std::string::npos) return 400;
-    const std::string version = requestLine.substr(sp2 + 1);
-    if (version != "HTTP/1.1" && version != "HTTP/1.0") return 400;
-    request.method = requestLine.substr(0, sp1);
-    const std::string target = requestLine.substr(sp1 + 1, sp2 - sp1 - 1);
-    if (target.empty() || target[0] != '/') return 400;
+// The path and query of an origin-form target ("/path?a=b"); false for another form or a
+// malformed escape.
+bool parseTarget(std::string_view target, HttpRequest& request) {
+    if (target.empty() || target[0] != '/') return false;
     const size_t q = target.find('?');
-    if (!decode(target.substr(0, q), request.path)) return 400;
-    if (q != std::string::npos) {
-        const std::string query = target.substr(q + 1);
-        size_t at = 0;
-        while (at <= query.size()) {
-            const size_t amp = std::min(query.find('&', at), query.size());
-            const std::string pair = query.substr(at, amp - at);
-            const size_t eq = pair.find('=');
-            std::string key, value;
-            if (!decode(pair.substr(0, eq), key) ||
-                !decode(eq == std::string::npos ? "" : pair.substr(eq + 1), value))
-                return 400;
-            if (!key.empty()) request.query[key] = value;
-            at = amp + 1;
-        }
+    if (!decode(target.substr(0, q), request.path)) return false;
+    if (q == std::string_view::npos) return true;
+    const std::string_view query = target.substr(q + 1);
+    size_t at = 0;
+    while (at <= query.size()) {
+        const size_t amp = std::min(query.find('&', at), query.size());
+        const std::string_view pair = query.substr(at, amp - at);
+        const size_t eq = pair.find('=');
+        std::string key, value;
+        if (!decode(pair.substr(0, eq), key) ||
+            !decode(eq == std::string_view::npos ? std::string_view() : pair.substr(eq + 1),
+                    value))
+            return false;
+        if (!key.empty()) request.query[key] = value;
+        at = amp + 1;
     }
-    while (lineEnd != std::string::npos) {
-        const size_t next = head.find("\r\n", lineEnd + 2);
-        const std::string line = head.substr(lineEnd + 2, next == std::string::npos
-                                                                ? std::string::npos
-                                                                : next - lineEnd - 2);
-        lineEnd = next;
-        const size_t colon = line.find(':');
-        if (colon == std::string::npos || colon == 0) return 400;
-        const std::string name = lower(line.substr(0, colon));
-        if (request.headers.count(name) && (name == "host" || name == "content-length"))
-            return 400; // two answers to one question
-        request.headers[name] = trim(line.substr(colon + 1));
-    }
-    if (request.headers.count("transfer-encoding")) return 400; // not spoken here
-
-    size_t length = 0;
-    if (const std::string cl = request.header("content-length"); !cl.empty()) {
-        if (cl.size() > 10 || cl.find_first_not_of("0123456789") != std::string::npos)
-            return 400;
-        length = std::stoul(cl);
-        if (length > HttpServer::kMaxBody) return 413;
-    }
-    request.body = data.substr(headEnd + 4);
-    while (request.body.size() < length) {
-        const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return 400;
-        request.body.append(buffer, static_cast<size_t>(n));
-    }
-    if (request.body.size() > length) return 400; // one request per connection
-    return 0;
+    return true;
 }
 
 } // namespace
@@ -198,93 +138,390 @@ HttpResponse HttpResponse::json(int status, std::string body) {
     return r;
 }
 
-HttpServer::HttpServer(uint16_t port, Handler handler) : handler_(std::move(handler)) {
-    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (listener_ < 0) throw std::runtime_error(std::string("socket: ") + std::strerror(errno));
-    const int on = 1;
-    ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port);
-    if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        ::listen(listener_, 64) != 0) {
-        const std::string why = std::strerror(errno);
-        ::close(listener_);
-        throw std::runtime_error("cannot listen on 127.0.0.1:" + std::to_string(port) + ": " +
-                                 why);
+// Everything below runs on the network thread, but Owed, which a reply carries to
+// whichever thread answers.
+struct HttpServer::Impl {
+    class Connection;
+    struct Owed;
+
+    Impl(Handler h, HttpHeaders hs) : handler(std::move(h)), headers(std::move(hs)) {}
+
+    void listen(uint16_t port);
+    void accept();
+    void acceptReady(const boost::system::error_code& ec);
+    void admit(tcp::socket socket);
+    bool evictIdle();
+    void markIdle(Connection& c);
+    void unmarkIdle(Connection& c);
+    void forget(Connection& c);
+    void waitForSignal();
+    void shutdown();
+    void closeAll();
+
+    // First, so that it goes last: the connections' sockets and timers belong to it.
+    asio::io_context io{1};
+    tcp::acceptor acceptor{io};
+    asio::signal_set signals{io, SIGINT, SIGTERM};
+    asio::steady_timer backoff{io};
+    asio::steady_timer grace{io};
+    std::chrono::milliseconds backoffDelay{0};
+    Handler handler;
+    const HttpHeaders headers;
+    std::function<void()> onSignal;
+    std::list<std::shared_ptr<Connection>> connections; // every open one
+    std::list<Connection*> idle; // those waiting for a request, the longest waiting first
+    size_t serving = 0;          // connections not being refused
+    bool stopping = false;
+    uint16_t port = 0;
+    std::thread thread;
+};
+
+// The answer a request is owed. The reply that holds it may go to any thread; the answer
+// goes back to the network thread.
+struct HttpServer::Impl::Owed {
+    std::shared_ptr<Connection> connection;
+
+    ~Owed();
+    void pay(HttpResponse answer);
+};
+
+// One client's connection: requests read one after the other (keep-alive), each handed to
+// the handler, its answer written before the next request is read.
+class HttpServer::Impl::Connection : public std::enable_shared_from_this<Connection> {
+  public:
+    enum class Phase { Idle, Reading, Handling, Writing, Lingering, Closed };
+
+    Connection(Impl& server, tcp::socket socket)
+        : server_(server), executor_(server.io.get_executor()), stream_(std::move(socket)) {}
+
+    // Waits for a request: a byte of it within kIdleTimeout, the rest of it within
+    // kRequestTimeout of that byte.
+    void awaitRequest() {
+        if (buffer_.size() > 0) return readRequest(); // it came with the last one
+        phase_ = Phase::Idle;
+        server_.markIdle(*this);
+        stream_.expires_after(kIdleTimeout);
+        stream_.async_read_some(buffer_.prepare(kReadChunk),
+                                [self = shared_from_this()](beast::error_code ec, size_t n) {
+                                    if (self->phase_ == Phase::Closed) return;
+                                    self->server_.unmarkIdle(*self);
+                                    if (ec) return self->finish();
+                                    self->buffer_.commit(n);
+                                    self->readRequest();
+                                });
     }
-    socklen_t size = sizeof address;
-    ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size);
-    port_ = ntohs(address.sin_port);
+
+    // Answers status with its reason and closes.
+    void refuse(int status) {
+        http::response<http::string_body> r{static_cast<http::status>(status), 11};
+        r.set(http::field::content_type, "text/plain; charset=utf-8");
+        r.body() = std::string(http::obsolete_reason(r.result())) + "\n";
+        write(std::move(r), false);
+    }
+
+    // The handler's answer to the request of this connection.
+    void respond(HttpResponse answer) {
+        if (phase_ != Phase::Handling) return; // closed meanwhile
+        http::response<http::string_body> r{static_cast<http::status>(answer.status), 11};
+        r.set(http::field::content_type, answer.contentType);
+        for (const auto& [name, value] : answer.headers) r.insert(name, value);
+        r.body() = std::move(answer.body);
+        write(std::move(r), keepAlive_);
+    }
+
+    // Closes at once; what is pending ends with operation_aborted.
+    void finish() {
+        if (phase_ == Phase::Closed) return;
+        phase_ = Phase::Closed;
+        const auto keep = shared_from_this(); // the server's list may hold the last one
+        server_.unmarkIdle(*this);
+        beast::error_code ignored;
+        stream_.socket().shutdown(tcp::socket::shutdown_both, ignored);
+        stream_.close();
+        server_.forget(*this);
+    }
+
+    // An answer is owed or being written.
+    bool answering() const { return phase_ == Phase::Handling || phase_ == Phase::Writing; }
+    const asio::io_context::executor_type& executor() const { return executor_; }
+
+    std::list<std::shared_ptr<Connection>>::iterator place; // in the server's list
+    std::optional<std::list<Connection*>::iterator> idleEntry;
+    Clock::time_point idleSince;
+    bool counted = false; // among the connections served, not one being refused
+
+  private:
+    void readRequest() {
+        phase_ = Phase::Reading;
+        stream_.expires_after(kRequestTimeout); // for the head and the body together
+        parser_.emplace();
+        parser_->header_limit(static_cast<uint32_t>(kMaxHead));
+        parser_->body_limit(kMaxBody);
+        http::async_read_header(stream_, buffer_, *parser_,
+                                [self = shared_from_this()](beast::error_code ec, size_t) {
+                                    if (self->phase_ != Phase::Closed) self->headRead(ec);
+                                });
+    }
+
+    void headRead(beast::error_code ec) {
+        if (ec) return readFailed(ec);
+        const auto& head = parser_->get();
+        // Two answers to one question, a body length this server does not take, or a
+        // version it does not speak.
+        if (head.count(http::field::host) > 1 || head.count(http::field::content_length) > 1 ||
+            head.count(http::field::transfer_encoding) > 0 ||
+            (head.version() != 10 && head.version() != 11))
+            return refuse(400);
+        if (parser_->is_done()) return dispatch();
+        http::async_read(stream_, buffer_, *parser_,
+                         [self = shared_from_this()](beast::error_code e, size_t) {
+                             if (self->phase_ == Phase::Closed) return;
+                             if (e) return self->readFailed(e);
+                             self->dispatch();
+                         });
+    }
+
+    void readFailed(beast::error_code ec) {
+        if (ec == http::error::header_limit || ec == http::error::body_limit) return refuse(413);
+        // A client gone, or past its deadline (the stream closed itself): nobody to answer.
+        if (ec == http::error::end_of_stream || ec == http::error::partial_message ||
+            ec.category() != http::make_error_code(http::error::bad_target).category())
+            return finish();
+        refuse(400); // malformed
+    }
+
+    void dispatch() {
+        auto& message = parser_->get();
+        HttpRequest request;
+        if (!parseTarget(view(message.target()), request)) return refuse(400);
+        request.method = std::string(message.method_string());
+        for (const auto& field : message) {
+            const std::string value(field.value());
+            auto [it, added] = request.headers.try_emplace(lower(view(field.name_string())), value);
+            if (!added) it->second += ", " + value; // a list, as HTTP reads repeated fields
+        }
+        request.body = std::move(message.body());
+        keepAlive_ = message.keep_alive();
+        parser_.reset();
+        phase_ = Phase::Handling;
+        stream_.expires_never();
+
+        auto owed = std::make_shared<Owed>();
+        owed->connection = shared_from_this();
+        Reply reply = [owed](HttpResponse answer) { owed->pay(std::move(answer)); };
+        try {
+            server_.handler(std::move(request), reply);
+        } catch (const std::exception& e) {
+            reply(HttpResponse::text(500, std::string(e.what()) + "\n"));
+        }
+    }
+
+    void write(http::response<http::string_body> r, bool keepAlive) {
+        phase_ = Phase::Writing;
+        keepAlive_ = keepAlive && !server_.stopping;
+        for (const auto& [name, value] : server_.headers) r.set(name, value);
+        r.keep_alive(keepAlive_);
+        r.prepare_payload();
+        response_ = std::move(r);
+        stream_.expires_after(kWriteTimeout);
+        http::async_write(stream_, response_,
+                          [self = shared_from_this()](beast::error_code ec, size_t) {
+                              if (self->phase_ != Phase::Closed) self->written(ec);
+                          });
+    }
+
+    void written(beast::error_code ec) {
+        response_ = {};
+        if (ec || server_.stopping) return finish();
+        if (!keepAlive_) return linger();
+        awaitRequest();
+    }
+
+    // Stops sending and reads what still comes until the client closes or kLinger passes.
+    void linger() {
+        phase_ = Phase::Lingering;
+        beast::error_code ignored;
+        stream_.socket().shutdown(tcp::socket::shutdown_send, ignored);
+        stream_.expires_after(kLinger);
+        drain();
+    }
+
+    void drain() {
+        buffer_.clear();
+        stream_.async_read_some(buffer_.prepare(kReadChunk),
+                                [self = shared_from_this()](beast::error_code ec, size_t) {
+                                    if (self->phase_ == Phase::Closed) return;
+                                    if (ec) return self->finish();
+                                    self->drain();
+                                });
+    }
+
+    Impl& server_;
+    const asio::io_context::executor_type executor_;
+    beast::tcp_stream stream_;
+    beast::flat_buffer buffer_;
+    std::optional<http::request_parser<http::string_body>> parser_;
+    http::response<http::string_body> response_; // the one being written
+    Phase phase_ = Phase::Idle;
+    bool keepAlive_ = false;
+};
+
+HttpServer::Impl::Owed::~Owed() { pay(HttpResponse::text(503, "the server is stopping\n")); }
+
+void HttpServer::Impl::Owed::pay(HttpResponse answer) {
+    const std::shared_ptr<Connection> c = std::move(connection);
+    connection.reset();
+    if (!c) return; // paid already
+    asio::post(c->executor(),
+               [c, answer = std::move(answer)]() mutable { c->respond(std::move(answer)); });
 }
 
-HttpServer::~HttpServer() {
-    stop();
-    if (listener_ >= 0) ::close(listener_);
+void HttpServer::Impl::listen(uint16_t requested) {
+    const tcp::endpoint endpoint(asio::ip::address_v4::loopback(), requested);
+    boost::system::error_code ec;
+    acceptor.open(endpoint.protocol(), ec);
+    if (!ec) ::fcntl(acceptor.native_handle(), F_SETFD, FD_CLOEXEC);
+    if (!ec) acceptor.set_option(tcp::acceptor::reuse_address(true), ec);
+    if (!ec) acceptor.bind(endpoint, ec);
+    if (!ec) acceptor.listen(asio::socket_base::max_listen_connections, ec);
+    if (!ec) acceptor.non_blocking(true, ec);
+    if (ec)
+        throw std::runtime_error("cannot listen on 127.0.0.1:" + std::to_string(requested) +
+                                 ": " + ec.message());
+    port = acceptor.local_endpoint().port();
 }
 
-void HttpServer::start() {
-    for (int i = 0; i < kWorkers; ++i) workers_.emplace_back([this] { workerLoop(); });
-    acceptor_ = std::thread([this] { acceptLoop(); });
+void HttpServer::Impl::accept() {
+    acceptor.async_wait(tcp::acceptor::wait_read,
+                        [this](const boost::system::error_code& ec) { acceptReady(ec); });
+}
+
+void HttpServer::Impl::acceptReady(const boost::system::error_code& ec) {
+    if (ec || stopping) return;
+    // A few at a time, so that the connections already open get their turn.
+    for (int i = 0; i < 32; ++i) {
+        const int fd = ::accept4(acceptor.native_handle(), nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0) {
+            if (errno == EINTR || errno == ECONNABORTED) continue;
+            if (errno == EAGAIN || errno == EWOULDBLOCK) break;
+            // Out of descriptors or memory. The connection stays in the backlog and the
+            // listener stays ready: waiting on it again would wake at once, for ever. A
+            // connection that has long waited for a request gives its descriptor back.
+            if (evictIdle()) continue;
+            backoffDelay = std::clamp(backoffDelay * 2, kMinBackoff, kMaxBackoff);
+            backoff.expires_after(backoffDelay);
+            backoff.async_wait([this](const boost::system::error_code& e) {
+                if (!e && !stopping) accept();
+            });
+            return;
+        }
+        backoffDelay = {};
+        tcp::socket socket(io);
+        boost::system::error_code assigned;
+        socket.assign(tcp::v4(), fd, assigned);
+        if (assigned) {
+            ::close(fd);
+            continue;
+        }
+        admit(std::move(socket));
+    }
+    accept();
+}
+
+void HttpServer::Impl::admit(tcp::socket socket) {
+    const bool room = serving < kMaxConnections || evictIdle();
+    // Past twice the cap not even a refusal is written: the socket just closes.
+    if (!room && connections.size() >= 2 * kMaxConnections) return;
+    auto c = std::make_shared<Connection>(*this, std::move(socket));
+    connections.push_front(c);
+    c->place = connections.begin();
+    if (!room) return c->refuse(503);
+    c->counted = true;
+    ++serving;
+    c->awaitRequest();
+}
+
+bool HttpServer::Impl::evictIdle() {
+    if (idle.empty() || Clock::now() - idle.front()->idleSince < kEvictAfter) return false;
+    idle.front()->finish();
+    return true;
+}
+
+void HttpServer::Impl::markIdle(Connection& c) {
+    c.idleSince = Clock::now();
+    c.idleEntry = idle.insert(idle.end(), &c);
+}
+
+void HttpServer::Impl::unmarkIdle(Connection& c) {
+    if (!c.idleEntry) return;
+    idle.erase(*c.idleEntry);
+    c.idleEntry.reset();
+}
+
+void HttpServer::Impl::forget(Connection& c) {
+    if (c.counted) --serving;
+    connections.erase(c.place);
+    if (stopping && connections.empty()) grace.cancel();
+}
+
+void HttpServer::Impl::waitForSignal() {
+    signals.async_wait([this](const boost::system::error_code& ec, int) {
+        if (ec) return;
+        if (onSignal) onSignal();
+        waitForSignal();
+    });
+}
+
+void HttpServer::Impl::shutdown() {
+    stopping = true;
+    boost::system::error_code ignored;
+    acceptor.close(ignored);
+    signals.cancel(ignored);
+    backoff.cancel();
+    const std::vector<std::shared_ptr<Connection>> all(connections.begin(), connections.end());
+    for (const auto& c : all)
+        if (!c->answering()) c->finish();
+    if (connections.empty()) return;
+    grace.expires_after(kStopGrace);
+    grace.async_wait([this](const boost::system::error_code& ec) {
+        if (!ec) closeAll();
+    });
+}
+
+void HttpServer::Impl::closeAll() {
+    const std::vector<std::shared_ptr<Connection>> all(connections.begin(), connections.end());
+    for (const auto& c : all) c->finish();
+}
+
+HttpServer::HttpServer(uint16_t port, Handler handler, HttpHeaders headers)
+    : impl_(std::make_unique<Impl>(std::move(handler), std::move(headers))) {
+    impl_->listen(port);
+}
+
+HttpServer::~HttpServer() { stop(); }
+
+uint16_t HttpServer::port() const { return impl_->port; }
+
+void HttpServer::start(std::function<void()> onSignal) {
+    impl_->onSignal = std::move(onSignal);
+    impl_->accept();
+    impl_->waitForSignal();
+    impl_->thread = std::thread([impl = impl_.get()] {
+        for (;;) {
+            try {
+                impl->io.run();
+                return;
+            } catch (const std::exception&) {
+                // Out of memory in a handler: that connection is lost, the others go on.
+            }
+        }
+    });
 }
 
 void HttpServer::stop() {
-    if (stopping_.exchange(true)) return;
-    ready_.notify_all();
-    if (acceptor_.joinable()) acceptor_.join();
-    for (std::thread& w : workers_) w.join();
-    workers_.clear();
-    std::lock_guard lock(mutex_);
-    for (int fd : connections_) ::close(fd);
-    connections_.clear();
-}
-
-void HttpServer::acceptLoop() {
-    while (!stopping_) {
-        pollfd p{listener_, POLLIN, 0};
-        if (::poll(&p, 1, 100) <= 0) continue; // wakes to see stopping_
-        const int fd = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0) continue;
-        timeval timeout{kReadTimeoutSeconds, 0};
-        ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-        {
-            std::lock_guard lock(mutex_);
-            connections_.push_back(fd);
-        }
-        ready_.notify_one();
-    }
-}
-
-void HttpServer::workerLoop() {
-    for (;;) {
-        int fd = -1;
-        {
-            std::unique_lock lock(mutex_);
-            ready_.wait(lock, [this] { return stopping_ || !connections_.empty(); });
-            if (stopping_) return;
-            fd = connections_.front();
-            connections_.pop_front();
-        }
-        serve(fd);
-        ::close(fd);
-    }
-}
-
-void HttpServer::serve(int fd) {
-    HttpRequest request;
-    const int refused = readRequest(fd, request);
-    if (refused) {
-        respond(fd, HttpResponse::text(refused, std::string(reason(refused)) + "\n"));
-        return;
-    }
-    HttpResponse response;
-    try {
-        response = handler_(request);
-    } catch (const std::exception& e) {
-        response = HttpResponse::text(500, std::string(e.what()) + "\n");
-    }
-    respond(fd, response);
+    if (!impl_->thread.joinable()) return;
+    asio::post(impl_->io, [impl = impl_.get()] { impl->shutdown(); });
+    impl_->thread.join();
 }
 
 } // namespace qfforms

@@ -1,17 +1,17 @@
-// A small HTTP/1.1 server for the editor: loopback only, one request per connection,
-// bounded heads and bodies. Requests are read on a few worker threads and answered by the
-// handler, which may be called on any of them at once.
+// The editor's HTTP/1.1 server, over Boost.Beast: loopback only, keep-alive, bounded heads
+// and bodies, a deadline for each whole request and each whole answer, a cap on
+// connections, and SIGINT and SIGTERM watched. One network thread runs every socket; the
+// handler is called on it and must not block: it answers at once or hands the request on,
+// and the answer may then come from any thread.
 #pragma once
 
-#include <atomic>
-#include <condition_variable>
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <map>
-#include <mutex>
+#include <memory>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -40,42 +40,56 @@ struct HttpResponse {
     static HttpResponse json(int status, std::string body);
 };
 
+using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
+
 class HttpServer {
   public:
+    // A head or a body larger than these is refused with 413.
     static constexpr size_t kMaxHead = 16 * 1024;
     static constexpr size_t kMaxBody = 4 * 1024 * 1024;
-    static constexpr int kWorkers = 4;
+    // Connections served at once. One more is answered 503, unless a connection has been
+    // waiting for a request for kEvictAfter: that one is closed to make room.
+    static constexpr size_t kMaxConnections = 64;
+    static constexpr std::chrono::milliseconds kEvictAfter{1000};
+    // A connection waits this long for the first byte of a request (also between
+    // requests); from that byte the whole request, head and body, must arrive within
+    // kRequestTimeout, and the whole answer must be taken within kWriteTimeout. A
+    // connection past a deadline is closed.
+    static constexpr std::chrono::seconds kIdleTimeout{15};
+    static constexpr std::chrono::seconds kRequestTimeout{5};
+    static constexpr std::chrono::seconds kWriteTimeout{20};
+    // After stop(), answers being written get this long before their connections close.
+    static constexpr std::chrono::milliseconds kStopGrace{1000};
 
-    using Handler = std::function<HttpResponse(const HttpRequest&)>;
+    // Answers one request. Call it once, from any thread; the answer is written on the
+    // network thread. A reply dropped without being called answers 503. No reply may
+    // outlive its server.
+    using Reply = std::function<void(HttpResponse)>;
+    // Called on the network thread for every request read in full. Must not block; an
+    // exception it throws answers 500.
+    using Handler = std::function<void(HttpRequest, Reply)>;
 
-    // Listens on 127.0.0.1:port (0: a free port). Throws std::runtime_error when it cannot.
-    HttpServer(uint16_t port, Handler handler);
+    // Listens on 127.0.0.1:port (0: a free port) and takes over SIGINT and SIGTERM from
+    // now on. headers go into every answer, the server's own refusals included. Throws
+    // std::runtime_error when it cannot listen.
+    HttpServer(uint16_t port, Handler handler, HttpHeaders headers);
     // stop().
     ~HttpServer();
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
 
-    uint16_t port() const { return port_; }
-    // Starts accepting on a thread of its own and the workers.
-    void start();
-    // Stops accepting, drops connections not yet read and joins every thread; a request
-    // being answered is answered first. Idempotent.
+    uint16_t port() const;
+    // Starts the network thread. onSignal is called on it for every SIGINT and SIGTERM
+    // (also those that came since the constructor); the server serves on until stop().
+    void start(std::function<void()> onSignal);
+    // Stops accepting, closes the connections waiting for or reading a request, gives
+    // answers under way kStopGrace, then closes the rest and joins the network thread.
+    // Idempotent; not on the network thread.
     void stop();
 
   private:
-    void acceptLoop();
-    void workerLoop();
-    void serve(int connection);
-
-    Handler handler_;
-    int listener_ = -1;
-    uint16_t port_ = 0;
-    std::atomic<bool> stopping_{false};
-    std::thread acceptor_;
-    std::vector<std::thread> workers_;
-    std::mutex mutex_;
-    std::condition_variable ready_;
-    std::deque<int> connections_;
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
 };
 
 } // namespace qfforms

@@ -1,0 +1,146 @@
+#include "Gate.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <exception>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <utility>
+
+namespace qfforms {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Compares without stopping at the first difference.
+bool sameSecret(const std::string& a, const std::string& b) {
+    if (a.size() != b.size() || a.empty()) return false;
+    unsigned char diff = 0;
+    for (size_t i = 0; i < a.size(); ++i) diff |= static_cast<unsigned char>(a[i] ^ b[i]);
+    return diff == 0;
+}
+
+std::string contentTypeOf(const fs::path& file) {
+    const std::string ext = file.extension().string();
+    if (ext == ".html") return "text/html; charset=utf-8";
+    if (ext == ".js" || ext == ".mjs") return "text/javascript; charset=utf-8";
+    if (ext == ".css") return "text/css; charset=utf-8";
+    if (ext == ".svg") return "image/svg+xml";
+    if (ext == ".png") return "image/png";
+    if (ext == ".json" || ext == ".map") return "application/json";
+    if (ext == ".wasm") return "application/wasm";
+    return "application/octet-stream";
+}
+
+// The file under root named by the relative URL path rest; nothing for a path that leaves
+// root or names no file.
+std::optional<fs::path> fileUnder(const fs::path& root, const std::string& rest) {
+    fs::path path = root;
+    size_t at = 0;
+    while (at <= rest.size()) {
+        const size_t slash = std::min(rest.find('/', at), rest.size());
+        const std::string part = rest.substr(at, slash - at);
+        if (part.empty() || part == "." || part == ".." || part.find('\\') != std::string::npos ||
+            part.find('\0') != std::string::npos)
+            return std::nullopt;
+        path /= fs::u8path(part);
+        at = slash + 1;
+    }
+    std::error_code ec;
+    if (!fs::is_regular_file(path, ec)) return std::nullopt;
+    return path;
+}
+
+std::optional<std::string> readFile(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return std::nullopt;
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+HttpResponse forbidden(std::string why) { return HttpResponse::text(403, std::move(why) + "\n"); }
+
+} // namespace
+
+Gate::Gate(std::string token, fs::path web, MainQueue& queue, Api api)
+    : token_(std::move(token)), web_(std::move(web)), queue_(queue), api_(std::move(api)) {}
+
+void Gate::setPort(uint16_t port) { port_ = port; }
+
+HttpHeaders Gate::securityHeaders() {
+    return {{"X-Content-Type-Options", "nosniff"}, {"Cache-Control", "no-store"}};
+}
+
+std::string Gate::newToken() {
+    std::random_device device;
+    std::string out;
+    for (int i = 0; i < 4; ++i) {
+        char word[9];
+        std::snprintf(word, sizeof word, "%08x", static_cast<unsigned>(device()));
+        out += word;
+    }
+    return out;
+}
+
+void Gate::operator()(HttpRequest request, HttpServer::Reply reply) const {
+    if (auto refused = refusal(request)) return reply(std::move(*refused));
+    if (request.path.rfind("/api/", 0) != 0) return reply(file(request));
+    auto job = [this, request = std::move(request), reply] {
+        HttpResponse answer;
+        try {
+            answer = api_(request);
+        } catch (const std::exception& e) {
+            answer = HttpResponse::text(500, std::string(e.what()) + "\n");
+        }
+        reply(std::move(answer));
+    };
+    if (!queue_.post(std::move(job))) reply(HttpResponse::text(503, "the editor is stopping\n"));
+}
+
+std::optional<HttpResponse> Gate::refusal(const HttpRequest& request) const {
+    // A name of another site that resolves to 127.0.0.1 brings its own Host.
+    const std::string host = request.header("host");
+    const std::string port = std::to_string(port_);
+    if (host != "127.0.0.1:" + port && host != "localhost:" + port)
+        return forbidden("this server answers to 127.0.0.1:" + port + " only");
+
+    const auto query = request.query.find("token");
+    const std::string header = request.header("x-qf-token");
+    const std::string given =
+        !header.empty() ? header
+                        : (query != request.query.end() ? query->second : request.cookie("qf_token"));
+    if (sameSecret(given, token_)) return std::nullopt;
+    return forbidden("this editor needs its session token: open the address that `qfforms "
+                     "edit` printed");
+}
+
+HttpResponse Gate::file(const HttpRequest& request) const {
+    if (request.method != "GET") return HttpResponse::text(405, "not allowed\n");
+    const std::string& path = request.path;
+    const bool page = path == "/" || path == "/index.html";
+    std::optional<fs::path> file;
+    if (page) {
+        file = fileUnder(web_, "index.html");
+    } else if (path.rfind("/app/", 0) == 0) {
+        file = fileUnder(web_ / "app", path.substr(5));
+    } else if (path.rfind("/vendor/pdfjs/", 0) == 0) {
+        const fs::path pdfjs = web_ / "node_modules" / "pdfjs-dist";
+        file = fileUnder(pdfjs / "build", path.substr(14));
+        if (!file) file = fileUnder(pdfjs, path.substr(14));
+    }
+    if (!file) return HttpResponse::text(404, "no such file\n");
+    auto bytes = readFile(*file);
+    if (!bytes) return HttpResponse::text(404, "cannot read the file\n");
+    HttpResponse r;
+    r.contentType = contentTypeOf(*file);
+    r.body = std::move(*bytes);
+    if (page)
+        r.headers.emplace_back("Set-Cookie",
+                               "qf_token=" + token_ + "; Path=/; HttpOnly; SameSite=Strict");
+    return r;
+}
+
+} // namespace qfforms
