@@ -4,9 +4,10 @@
     editor_server.py --qfforms BIN --corpus DIR CHECK
 
 CHECK is one of:
-  doors     the token, the Host header, oversized and malformed requests, static files
-            that leave their folder, steps the editor does not take, saves outside the
-            document's folder; a clean stop on SIGINT
+  doors     the token, the Host header, requests from other sites, the headers of every
+            answer, keep-alive, oversized and malformed requests, static files that leave
+            their folder, steps the editor does not take, saves outside the document's
+            folder; a clean stop on SIGINT
   session   a field drawn with a creation tool, selected and moved in select mode, undone,
             renamed, saved as a new file that pypdf reads with that field
   limits    clients that dribble their requests, hundreds of idle connections, clients
@@ -143,6 +144,71 @@ def blank_pdf(args, folder):
     return path
 
 
+SECURITY_HEADERS = {
+    "Content-Security-Policy": "frame-ancestors 'none'",
+    "X-Content-Type-Options": "nosniff",
+    "Referrer-Policy": "no-referrer",
+}
+
+
+def check_cross_site(editor, jar):
+    """What a page of another site can make a browser send: refused, nothing changed."""
+    own = "http://127.0.0.1:%d" % editor.port
+    _, before = editor.api("/api/state")
+    for headers, token, why in (
+            (jar, False, "a post with the cookie only"),
+            ({"Origin": "http://127.0.0.1:%d" % (editor.port + 1)}, True, "another Origin"),
+            ({"Origin": "null"}, True, "the Origin of a sandboxed page"),
+            ({"Sec-Fetch-Site": "same-site"}, True, "a page of another port"),
+            ({"Sec-Fetch-Site": "cross-site"}, True, "a page of another site")):
+        for path, body in (("/api/step", {"tool": "TextFieldCreate"}),
+                           ("/api/language", {"lang": "ja"}),
+                           ("/api/save", {"replace": True})):
+            status, _, _ = editor.request("POST", path, body, token=token, headers=headers)
+            check(status == 403, "%s to %s: %d" % (why, path, status))
+    status, _, _ = editor.request("POST", "/api/step?token=" + editor.token, {"tool": ""},
+                                  token=False)
+    check(status == 403, "a post with the token in the query: %d" % status)
+    status, _, _ = editor.request("GET", "/api/state", headers={"Sec-Fetch-Site": "cross-site"})
+    check(status == 403, "a read from another site: %d" % status)
+    answer = editor.raw("POST /api/language HTTP/1.1\r\nHost: 127.0.0.1:%d\r\nX-QF-Token: %s\r\n"
+                        "Origin: %s\r\nOrigin: http://evil.example\r\nContent-Length: 15\r\n"
+                        "Connection: close\r\n\r\n"
+                        '{"lang": "ja"}\n' % (editor.port, editor.token, own))
+    check(answer.startswith(b"HTTP/1.1 403"), "two Origins: %r" % answer[:40])
+    _, after = editor.api("/api/state")
+    check(after["state"]["tool"] == before["state"]["tool"] and
+          after["state"]["lang"] == "en" and not after["state"]["document"]["modified"],
+          "a refused request changed the editor: %s" % after["state"])
+
+    # The page's own requests go through.
+    status, _, _ = editor.request("POST", "/api/step", {"tool": "TextFieldCreate"},
+                                  headers={"Origin": own, "Sec-Fetch-Site": "same-origin"})
+    check(status == 200, "the page's own post: %d" % status)
+    editor.api("/api/step", {"tool": ""})
+
+    # Every answer carries the headers, the server's own refusals too; one connection
+    # carries several requests.
+    for path, kind in (("/", "the page"), ("/api/state?token=x", "a refusal")):
+        _, _, response = editor.request("GET", path, token=False)
+        for name, part in SECURITY_HEADERS.items():
+            check(part in (response.getheader(name) or ""), "%s: %s is %r" % (
+                kind, name, response.getheader(name)))
+    answer = editor.raw("GET / HTTP/1.1\r\nHost: 127.0.0.1:%d\r\nHost: x\r\n\r\n" % editor.port)
+    check(answer.startswith(b"HTTP/1.1 400") and b"frame-ancestors 'none'" in answer,
+          "a malformed request's answer: %r" % answer[:200])
+    connection = http.client.HTTPConnection("127.0.0.1", editor.port, timeout=30)
+    sockets = set()
+    for _ in range(3):
+        connection.request("GET", "/api/state", headers={"X-QF-Token": editor.token})
+        response = connection.getresponse()
+        response.read()
+        sockets.add(id(connection.sock))
+        check(response.status == 200, "keep-alive: %d" % response.status)
+    connection.close()
+    check(len(sockets) == 1, "keep-alive: %d connections for 3 requests" % len(sockets))
+
+
 def check_doors(args, folder):
     form = os.path.join(folder, "form.pdf")
     shutil.copyfile(os.path.join(args.corpus, "qpdf-field-types.pdf"), form)
@@ -160,11 +226,16 @@ def check_doors(args, folder):
         check(status == 403, "another Host: %d" % status)
         status, _, response = editor.request("GET", "/?token=" + editor.token, token=False)
         cookie = response.getheader("Set-Cookie") or ""
-        check(status == 200 and "HttpOnly" in cookie and "SameSite=Strict" in cookie,
-              "the page and its cookie: %d %r" % (status, cookie))
-        status, _, _ = editor.request("GET", "/app/editor.js", token=False,
-                                      headers={"Cookie": "qf_token=" + editor.token})
+        check(status == 200 and "HttpOnly" in cookie and "SameSite=Strict" in cookie and
+              editor.token not in cookie, "the page and its cookie: %d %r" % (status, cookie))
+        # The cookie opens the page's files, which scripts load without the header, but
+        # never the API: the browser sends it to every port of 127.0.0.1.
+        jar = {"Cookie": cookie.split(";")[0]}
+        status, _, _ = editor.request("GET", "/app/editor.js", token=False, headers=jar)
         check(status == 200, "a file with the cookie: %d" % status)
+        status, _, _ = editor.request("GET", "/api/state", token=False, headers=jar)
+        check(status == 403, "the API with the cookie: %d" % status)
+        check_cross_site(editor, jar)
         for path in ("/app/../secret.txt", "/app/%2e%2e/secret.txt", "/app//etc/passwd",
                      "/vendor/pdfjs/../../secret.txt", "/secret.txt"):
             status, _, _ = editor.request("GET", path)

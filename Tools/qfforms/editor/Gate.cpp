@@ -66,12 +66,24 @@ HttpResponse forbidden(std::string why) { return HttpResponse::text(403, std::mo
 } // namespace
 
 Gate::Gate(std::string token, fs::path web, MainQueue& queue, Api api)
-    : token_(std::move(token)), web_(std::move(web)), queue_(queue), api_(std::move(api)) {}
+    : token_(std::move(token)), pageToken_(newToken()), web_(std::move(web)), queue_(queue),
+      api_(std::move(api)) {}
 
 void Gate::setPort(uint16_t port) { port_ = port; }
 
 HttpHeaders Gate::securityHeaders() {
-    return {{"X-Content-Type-Options", "nosniff"}, {"Cache-Control", "no-store"}};
+    // pdf.js compiles its image decoders from WebAssembly ('wasm-unsafe-eval' allows
+    // that and no JavaScript from text); the overlays are SVG put into the page, with
+    // neither scripts nor styles of their own.
+    return {{"Content-Security-Policy",
+             "default-src 'self'; script-src 'self' 'wasm-unsafe-eval'; style-src 'self'; "
+             "img-src 'self' data: blob:; font-src 'self' data:; connect-src 'self'; "
+             "worker-src 'self'; object-src 'none'; base-uri 'none'; form-action 'self'; "
+             "frame-ancestors 'none'"},
+            {"X-Content-Type-Options", "nosniff"},
+            {"Referrer-Policy", "no-referrer"},
+            {"Cross-Origin-Resource-Policy", "same-origin"},
+            {"Cache-Control", "no-store"}};
 }
 
 std::string Gate::newToken() {
@@ -83,6 +95,11 @@ std::string Gate::newToken() {
         out += word;
     }
     return out;
+}
+
+std::string Gate::cookieName() const {
+    // Cookies do not tell ports apart: one name per editor, so that two at once keep theirs.
+    return "qf_page_" + std::to_string(port_);
 }
 
 void Gate::operator()(HttpRequest request, HttpServer::Reply reply) const {
@@ -107,12 +124,31 @@ std::optional<HttpResponse> Gate::refusal(const HttpRequest& request) const {
     if (host != "127.0.0.1:" + port && host != "localhost:" + port)
         return forbidden("this server answers to 127.0.0.1:" + port + " only");
 
-    const auto query = request.query.find("token");
+    // A page of another site (another port of this machine is one) can make the browser
+    // send requests here, the cookie with them; the browser says where they come from.
+    const std::string origin = request.header("origin");
+    const std::string site = request.header("sec-fetch-site");
+    if ((!origin.empty() && origin != "http://" + host) || site == "cross-site" ||
+        site == "same-site")
+        return forbidden("this editor answers its own page only, not requests from other sites");
+
+    // A request that changes something carries the token in a header, which only the
+    // editor's own page can add: a form or a fetch of another page cannot without the
+    // browser asking here first (a preflight, refused above for its Origin).
     const std::string header = request.header("x-qf-token");
-    const std::string given =
-        !header.empty() ? header
-                        : (query != request.query.end() ? query->second : request.cookie("qf_token"));
-    if (sameSecret(given, token_)) return std::nullopt;
+    if (!header.empty()) {
+        if (sameSecret(header, token_)) return std::nullopt;
+        return forbidden("the session token is wrong: open the address that `qfforms edit` "
+                         "printed");
+    }
+    if (request.method != "GET")
+        return forbidden("a request that changes something needs the session token in the "
+                         "X-QF-Token header");
+    const auto query = request.query.find("token");
+    if (query != request.query.end() && sameSecret(query->second, token_)) return std::nullopt;
+    if (request.path.rfind("/api/", 0) != 0 &&
+        sameSecret(request.cookie(cookieName()), pageToken_))
+        return std::nullopt;
     return forbidden("this editor needs its session token: open the address that `qfforms "
                      "edit` printed");
 }
@@ -138,8 +174,8 @@ HttpResponse Gate::file(const HttpRequest& request) const {
     r.contentType = contentTypeOf(*file);
     r.body = std::move(*bytes);
     if (page)
-        r.headers.emplace_back("Set-Cookie",
-                               "qf_token=" + token_ + "; Path=/; HttpOnly; SameSite=Strict");
+        r.headers.emplace_back("Set-Cookie", cookieName() + "=" + pageToken_ +
+                                                 "; Path=/; HttpOnly; SameSite=Strict");
     return r;
 }
 

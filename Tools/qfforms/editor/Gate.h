@@ -1,7 +1,7 @@
 // The editor's door, on the network thread: it refuses what does not come from the
-// editor's own page (another Host, no session token), serves the page and its files, and
-// hands every API request to the main thread. It never calls the host or the module
-// itself.
+// editor's own page (another Host, another site, no session token), serves the page and its
+// files, and hands every API request to the main thread. It never calls the host or the
+// module itself.
 #pragma once
 
 #include "HttpServer.h"
@@ -30,7 +30,8 @@ class Gate {
     // The server's handler. [network thread]
     void operator()(HttpRequest request, HttpServer::Reply reply) const;
 
-    // The headers of every answer of the editor's server: no sniffing, nothing cached.
+    // The headers of every answer of the editor's server: no framing, scripts from the
+    // editor's own origin only, no sniffing, no referrer, nothing cached.
     static HttpHeaders securityHeaders();
     // A new secret: 128 random bits in hex.
     static std::string newToken();
@@ -38,8 +39,14 @@ class Gate {
   private:
     std::optional<HttpResponse> refusal(const HttpRequest& request) const;
     HttpResponse file(const HttpRequest& request) const;
+    std::string cookieName() const;
 
     const std::string token_;
+    // What the page's cookie holds: it opens the page's files (module scripts and pdf.js's
+    // worker and data are fetched without the header), never the API, so that a server on
+    // another port of this machine, to which the browser sends the cookie too, learns
+    // nothing that matters.
+    const std::string pageToken_;
     const std::filesystem::path web_;
     MainQueue& queue_;
     const Api api_;
