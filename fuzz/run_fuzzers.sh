@@ -31,6 +31,7 @@ echo "== fuzz: build $((SECONDS - started)) s"
 artifacts="$build_dir/fuzz-artifacts"
 mkdir -p "$artifacts"
 export ASAN_OPTIONS=detect_leaks=1
+export LSAN_OPTIONS="suppressions=$source_dir/scripts/lsan-suppressions.txt"
 failed=()
 for target in $targets; do
   corpus="$build_dir/fuzz-corpus/$target"

@@ -12,6 +12,7 @@ if [[ $stage == all || $stage == asan ]]; then
   echo "== sanitize: AddressSanitizer, LeakSanitizer, UndefinedBehaviorSanitizer"
   export ASAN_OPTIONS=detect_leaks=1:halt_on_error=1:abort_on_error=0
   export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
+  export LSAN_OPTIONS="suppressions=$PWD/scripts/lsan-suppressions.txt"
   cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQF_SANITIZE=ON \
     -DQF_BUILD_BENCH=OFF >/dev/null
   cmake --build build-asan

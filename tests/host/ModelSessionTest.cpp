@@ -13,6 +13,8 @@
 // QF_MODEL_SEED runs that one seed instead of the fixed ones, QF_MODEL_STEPS sets the length
 // of each session, QF_MODEL_TRACE=1 prints every step. A failure names the document, seed,
 // step and the step's description.
+#include "TestObjects.h"
+
 #include "qfhost/Host.h"
 #include "qfhost/ModuleLoader.h"
 
@@ -45,56 +47,19 @@
 namespace {
 
 namespace fs = std::filesystem;
+using hosttest::Handle;
 using qfhost::Host;
 using qfhost::ModuleLoader;
 using qfhost::View;
 
 // ---- pdfcore reading ----------------------------------------------------------------------
 
-// One pdfcore reference, dropped at the end of the scope.
-class Ref {
-public:
-    Ref() = default;
-    Ref(const Ref&) = delete;
-    Ref& operator=(const Ref&) = delete;
-    ~Ref() {
-        if (h_) PDHandleRelease(h_);
-    }
-    PDHandle* out() {
-        if (h_) PDHandleRelease(h_);
-        h_ = nullptr;
-        return &h_;
-    }
-    PDHandle get() const { return h_; }
-    explicit operator bool() const { return h_ != nullptr; }
-
-private:
-    PDHandle h_ = nullptr;
-};
-
 std::string utf8(const std::u16string& text) {
-    std::string out;
-    for (size_t i = 0; i < text.size(); ++i) {
-        uint32_t c = text[i];
-        if (c >= 0xD800 && c < 0xDC00 && i + 1 < text.size() && text[i + 1] >= 0xDC00 &&
-            text[i + 1] < 0xE000)
-            c = 0x10000 + ((c - 0xD800) << 10) + (text[++i] - 0xDC00);
-        if (c < 0x80) {
-            out += char(c);
-        } else if (c < 0x800) {
-            out += char(0xC0 | (c >> 6));
-            out += char(0x80 | (c & 0x3F));
-        } else if (c < 0x10000) {
-            out += char(0xE0 | (c >> 12));
-            out += char(0x80 | ((c >> 6) & 0x3F));
-            out += char(0x80 | (c & 0x3F));
-        } else {
-            out += char(0xF0 | (c >> 18));
-            out += char(0x80 | ((c >> 12) & 0x3F));
-            out += char(0x80 | ((c >> 6) & 0x3F));
-            out += char(0x80 | (c & 0x3F));
-        }
-    }
+    size_t length = 0;
+    KRConvertUTF16ToUTF8(text.data(), text.size(), nullptr, 0, &length);
+    std::string out(length + 1, '\0');
+    KRConvertUTF16ToUTF8(text.data(), text.size(), out.data(), out.size(), &length);
+    out.resize(length);
     return out;
 }
 
@@ -170,41 +135,43 @@ struct Reading {
     std::vector<std::u16string> terminals;
 };
 
+// The annotations of page p of doc, in order.
+std::vector<Annot> readPage(PDDoc doc, uint32_t p) {
+    std::vector<Annot> out;
+    Handle page;
+    PDDocGetPage(doc, p, page.put());
+    uint32_t count = 0;
+    PDPageGetNumAnnots(page.get(), &count);
+    for (uint32_t k = 0; k < count; ++k) {
+        Handle annot, field;
+        PDPageGetAnnot(page.get(), k, annot.put());
+        Annot a;
+        PDAtom subtype = 0;
+        PDAnnotGetSubtype(annot.get(), &subtype);
+        a.subtype = atomName(subtype);
+        PDRect r{};
+        PDAnnotGetRect(annot.get(), &r);
+        a.rect = boxOf(r);
+        if (subtype == PD_ATOM_Widget &&
+            PDWidgetAnnotGetParent(annot.get(), field.put()) == PD_OK && field) {
+            a.kind = kindOf(field.get());
+            a.name = fullName(field.get());
+        }
+        out.push_back(std::move(a));
+    }
+    return out;
+}
+
 Reading readDoc(PDDoc doc) {
     Reading out;
     uint32_t pages = 0;
     PDDocGetNumPages(doc, &pages);
-    out.state.pages.resize(pages);
-    for (uint32_t p = 0; p < pages; ++p) {
-        Ref page;
-        PDDocGetPage(doc, p, page.out());
-        uint32_t count = 0;
-        PDPageGetNumAnnots(page.get(), &count);
-        for (uint32_t k = 0; k < count; ++k) {
-            Ref annot;
-            PDPageGetAnnot(page.get(), k, annot.out());
-            Annot a;
-            PDAtom subtype = 0;
-            PDAnnotGetSubtype(annot.get(), &subtype);
-            a.subtype = atomName(subtype);
-            PDRect r{};
-            PDAnnotGetRect(annot.get(), &r);
-            a.rect = boxOf(r);
-            if (subtype == PD_ATOM_Widget) {
-                Ref field;
-                if (PDWidgetAnnotGetParent(annot.get(), field.out()) == PD_OK && field) {
-                    a.kind = kindOf(field.get());
-                    a.name = fullName(field.get());
-                }
-            }
-            out.state.pages[p].push_back(std::move(a));
-        }
-    }
+    for (uint32_t p = 0; p < pages; ++p) out.state.pages.push_back(readPage(doc, p));
     uint32_t fields = 0;
     PDDocGetNumFields(doc, &fields);
     for (uint32_t i = 0; i < fields; ++i) {
-        Ref field;
-        if (PDDocGetField(doc, i, field.out()) == PD_OK && field)
+        Handle field;
+        if (PDDocGetField(doc, i, field.put()) == PD_OK && field)
             out.terminals.push_back(fullName(field.get()));
     }
     return out;
@@ -311,8 +278,8 @@ private:
     bool chance(double p) { return std::bernoulli_distribution(p)(rng_); }
 
     Box cropBox(uint32_t page) {
-        Ref handle;
-        PDDocGetPage(doc_->pdDoc(), page, handle.out());
+        Handle handle;
+        PDDocGetPage(doc_->pdDoc(), page, handle.put());
         PDRect r{};
         PDPageGetBox(handle.get(), PD_BOX_CROP, &r);
         return boxOf(r);
@@ -360,16 +327,16 @@ private:
 
     // ---- model helpers ----
     std::u16string liveName(uint32_t page, uint32_t index) {
-        Ref handle, annot, field;
-        PDDocGetPage(doc_->pdDoc(), page, handle.out());
-        if (PDPageGetAnnot(handle.get(), index, annot.out()) != PD_OK) return {};
-        if (PDWidgetAnnotGetParent(annot.get(), field.out()) != PD_OK || !field) return {};
+        Handle handle, annot, field;
+        PDDocGetPage(doc_->pdDoc(), page, handle.put());
+        if (PDPageGetAnnot(handle.get(), index, annot.put()) != PD_OK) return {};
+        if (PDWidgetAnnotGetParent(annot.get(), field.put()) != PD_OK || !field) return {};
         return fullName(field.get());
     }
 
     uint32_t liveCount(uint32_t page) {
-        Ref handle;
-        PDDocGetPage(doc_->pdDoc(), page, handle.out());
+        Handle handle;
+        PDDocGetPage(doc_->pdDoc(), page, handle.put());
         uint32_t count = 0;
         PDPageGetNumAnnots(handle.get(), &count);
         return count;
@@ -579,9 +546,9 @@ private:
         }
         record("Widget_Rename of annotation " + std::to_string(k) + " of page " +
                std::to_string(p) + " (" + describe(target) + ") to \"" + utf8(newName) + "\"");
-        Ref page, annot;
-        PDDocGetPage(doc_->pdDoc(), p, page.out());
-        PDPageGetAnnot(page.get(), k, annot.out());
+        Handle page, annot;
+        PDDocGetPage(doc_->pdDoc(), p, page.put());
+        PDPageGetAnnot(page.get(), k, annot.put());
         QF::RenameWidgetParams params{doc_->object(), p, annot.get(), newName.c_str()};
         if (!execute("Widget_Rename", &params)) return fail();
         State next = model();
@@ -603,12 +570,12 @@ private:
         std::shuffle(list.begin(), list.end(), rng_);
         list.resize(size_t(uniform(2, int(std::min<size_t>(list.size(), 4)))));
         std::string text = "GroupRadioButtons on page " + std::to_string(p) + ":";
-        Ref page;
-        PDDocGetPage(doc_->pdDoc(), p, page.out());
-        std::vector<Ref> refs(list.size());
+        Handle page;
+        PDDocGetPage(doc_->pdDoc(), p, page.put());
+        std::vector<Handle> refs(list.size());
         std::vector<PDAnnot> items;
         for (size_t i = 0; i < list.size(); ++i) {
-            PDPageGetAnnot(page.get(), list[i], refs[i].out());
+            PDPageGetAnnot(page.get(), list[i], refs[i].put());
             items.push_back(refs[i].get());
             text += " " + std::to_string(list[i]);
         }
@@ -985,30 +952,7 @@ private:
         }
     }
 
-    std::vector<Annot> readLivePage(uint32_t p) {
-        std::vector<Annot> out;
-        Ref page;
-        PDDocGetPage(doc_->pdDoc(), p, page.out());
-        uint32_t count = 0;
-        PDPageGetNumAnnots(page.get(), &count);
-        for (uint32_t k = 0; k < count; ++k) {
-            Ref annot, field;
-            PDPageGetAnnot(page.get(), k, annot.out());
-            Annot a;
-            PDAtom subtype = 0;
-            PDAnnotGetSubtype(annot.get(), &subtype);
-            a.subtype = atomName(subtype);
-            PDRect r{};
-            PDAnnotGetRect(annot.get(), &r);
-            a.rect = boxOf(r);
-            if (PDWidgetAnnotGetParent(annot.get(), field.out()) == PD_OK && field) {
-                a.kind = kindOf(field.get());
-                a.name = fullName(field.get());
-            }
-            out.push_back(std::move(a));
-        }
-        return out;
-    }
+    std::vector<Annot> readLivePage(uint32_t p) { return readPage(doc_->pdDoc(), p); }
 
     bool undo() {
         if (cursor_ == 0) return false;

@@ -5,6 +5,7 @@
 #include "qfhost/HostObjects.h"
 
 #include "kr/KRRuntime.h"
+#include "pdfcore/pdfcore.h"
 #include "qf/Interfaces.h"
 
 #include <string>
@@ -22,6 +23,39 @@ inline uint32_t atom(const char* name) {
 }
 
 inline int32_t refs(ServiceObject* so) { return SODetails::header(so)->base.GetRefCount(so); }
+
+// One pdfcore reference, dropped at the end of the scope.
+struct Handle {
+    PDHandle h = nullptr;
+    Handle() = default;
+    explicit Handle(PDHandle x) : h(x) {}
+    Handle(const Handle&) = delete;
+    Handle& operator=(const Handle&) = delete;
+    ~Handle() { PDHandleRelease(h); }
+    PDHandle* put() {
+        PDHandleRelease(h);
+        h = nullptr;
+        return &h;
+    }
+    PDHandle get() const { return h; }
+    explicit operator bool() const { return h != nullptr; }
+};
+
+// A text widget of a new field, put at the end of the page's /Annots (one reference for the
+// caller; NULL when a call failed).
+inline PDAnnot addTextWidget(PDDoc doc, uint32_t pageIndex, const PDRect& rect) {
+    Handle page, field;
+    PDAnnot widget = nullptr;
+    uint32_t n = 0;
+    if (PDDocGetPage(doc, pageIndex, page.put()) != PD_OK ||
+        PDCreateTextField(doc, nullptr, 0, 0, field.put()) != PD_OK ||
+        PDCreateTextWidgetAnnot(doc, field.h, page.h, &rect, &widget) != PD_OK ||
+        PDPageGetNumAnnots(page.h, &n) != PD_OK || PDPageAddAnnot(page.h, n, widget) != PD_OK) {
+        PDHandleRelease(widget);
+        return nullptr;
+    }
+    return widget;
+}
 
 // What the test commands did, in order: "do:<tag>", "undo:<tag>", "gone:<tag>".
 using Journal = std::vector<std::string>;

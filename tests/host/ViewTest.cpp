@@ -301,13 +301,10 @@ TEST_F(ViewTest, TheViewObjectAnswersThroughItsTable) {
     ObjectPtr so;
     ASSERT_EQ(ServiceProviderGetServiceObject(atom("QFDocumentView"), so.put(), nullptr), 0u);
     ASSERT_EQ(so.get(), view.object());
-    EXPECT_EQ(SODetails::header(so.get())->interfaceId, QF::kDocumentViewId);
-    EXPECT_EQ(SODetails::header(so.get())->tableSize, 176u);
     ServiceObject* self = so.get();
     auto* t = viewTable(self);
 
     ObjectPtr document;
-    EXPECT_EQ(t->GetDocument(self, nullptr), 3u);
     ASSERT_EQ(t->GetDocument(self, document.put()), 0u);
     EXPECT_EQ(document.get(), doc.object());
     EXPECT_EQ(refs(doc.object()), 2);
@@ -339,15 +336,6 @@ TEST_F(ViewTest, TheViewObjectAnswersThroughItsTable) {
     EXPECT_EQ(t->GetPageViewRect(self, 1, rect), 0u);
     EXPECT_EQ((Rect{rect[0], rect[1], rect[2], rect[3]}), rectOf(view.pageRect(1)));
 
-    // Null outputs and pages past the end.
-    EXPECT_EQ(t->GetPageIndexAtPoint(self, 0, 0, nullptr), 3u);
-    EXPECT_EQ(t->ViewToPage(self, 0, 0, 0, nullptr), 3u);
-    EXPECT_EQ(t->PageToView(self, 0, nullptr, pixel), 3u);
-    EXPECT_EQ(t->GetPageViewRect(self, 0, nullptr), 3u);
-    EXPECT_EQ(t->ViewToPage(self, 2, 0, 0, point), 5u);
-    EXPECT_EQ(t->PageToView(self, 2, corner, pixel), 5u);
-    EXPECT_EQ(t->GetPageViewRect(self, 2, rect), 5u);
-
     // What tools ask of the view.
     const float frame[4] = {10, 80, 60, 20};
     EXPECT_EQ(t->Redraw(self), 0u);
@@ -369,11 +357,6 @@ TEST_F(ViewTest, TheViewObjectAnswersThroughItsTable) {
     EXPECT_EQ(view.contextMenus()[0].pageIndex, 1u);
     EXPECT_EQ(t->ShowFrame(self, -1, nullptr, 0), 0u);
     EXPECT_FALSE(view.frame());
-    EXPECT_EQ(t->ShowFrame(self, 2, frame, 0), 5u);
-    EXPECT_EQ(t->ShowFrame(self, 0, nullptr, 0), 3u);
-    EXPECT_EQ(t->ShowContextMenu(self, 0, 5, 6, 0), 3u);
-    EXPECT_EQ(t->ShowContextMenu(self, atom("Widget"), 5, 6, 2), 5u);
-    EXPECT_EQ(view.contextMenus().size(), 1u);
 }
 
 // ---- tools ----------------------------------------------------------------------------------
@@ -464,30 +447,11 @@ TEST_F(ViewTest, TheViewObjectAnswersDocumentClosedOnceTheViewIsGone) {
     EXPECT_EQ(log.terminated, 1);
     EXPECT_EQ(log.disconnects, 1);
 
-    auto* t = viewTable(self);
-    ObjectPtr document;
+    // The block the tool kept answers that the view is gone (every method of it is in
+    // AbiBadArgumentsTest).
     PDDoc pd = nullptr;
-    int64_t page = 0;
-    float point[2] = {}, zoom = 0;
-    const float rect[4] = {0, 1, 1, 0};
-    int32_t pixel[4] = {};
-    uint32_t degrees = 0;
-    const uint32_t closed = codes::kDocumentClosed;
-    EXPECT_EQ(t->GetDocument(self, document.put()), closed);
-    EXPECT_EQ(t->GetPDDoc(self, &pd), closed);
-    EXPECT_EQ(t->GetPageIndexAtPoint(self, 20, 20, &page), closed);
-    EXPECT_EQ(t->ViewToPage(self, 0, 20, 20, point), closed);
-    EXPECT_EQ(t->PageToView(self, 0, point, pixel), closed);
-    EXPECT_EQ(t->GetRotation(self, &degrees), closed);
-    EXPECT_EQ(t->GetZoom(self, &zoom), closed);
-    EXPECT_EQ(t->GetPageViewRect(self, 0, pixel), closed);
-    EXPECT_EQ(t->Redraw(self), closed);
-    EXPECT_EQ(t->SetCursor(self, 5), closed);
-    EXPECT_EQ(t->ShowFrame(self, 0, rect, 0), closed);
-    EXPECT_EQ(t->CaptureDrag(self, 1), closed);
-    EXPECT_EQ(t->ReleaseAnnotFocus(self), closed);
-    EXPECT_EQ(t->ShowContextMenu(self, atom("Widget"), 0, 0, 0), closed);
-    EXPECT_FALSE(document);
+    EXPECT_EQ(viewTable(self)->GetPDDoc(self, &pd), codes::kDocumentClosed);
+    EXPECT_EQ(viewTable(self)->Redraw(self), codes::kDocumentClosed);
     EXPECT_EQ(pd, nullptr);
 }
 

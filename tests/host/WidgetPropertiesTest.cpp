@@ -110,14 +110,11 @@ TEST_F(WidgetPropertiesTest, RowsAndValuesOfARealWidget) {
     }
     EXPECT_EQ(fresh(), expected);
 
-    // Other subtypes have no rows; null arguments are refused.
-    auto& factory = host.annotProperties();
+    // Other subtypes have no rows.
     ServiceObject* context = sheet.context.get();
-    EXPECT_EQ(factory.addAnnotProperties(u"Text", doc.object(), 0, sheet.widget, {}, context),
+    EXPECT_EQ(host.annotProperties().addAnnotProperties(u"Text", doc.object(), 0, sheet.widget,
+                                                        {}, context),
               codes::kNegative);
-    EXPECT_EQ(factory.addAnnotProperties(u"Widget", doc.object(), 0, nullptr, {}, context), 3u);
-    EXPECT_EQ(factory.addAnnotProperties(u"Widget", doc.object(), 0, sheet.widget, {}, nullptr),
-              3u);
     EXPECT_EQ(PropertiesContext::of(context).properties(u"AnnotArea").size(), kRowNames.size());
 }
 

@@ -23,35 +23,16 @@ std::string get(PDAtom atom) {
 }
 
 TEST(Atoms, FixedNumbersOfTheHeader) {
+#define FIXED(name) std::pair<PDAtom, const char*>(PD_ATOM_##name, #name)
     const std::pair<PDAtom, const char*> fixed[] = {
-        {PD_ATOM_A, "A"},
-        {PD_ATOM_Action, "Action"},
-        {PD_ATOM_Btn, "Btn"},
-        {PD_ATOM_C, "C"},
-        {PD_ATOM_Ch, "Ch"},
-        {PD_ATOM_Filespec, "Filespec"},
-        {PD_ATOM_GoTo, "GoTo"},
-        {PD_ATOM_GoToE, "GoToE"},
-        {PD_ATOM_Hide, "Hide"},
-        {PD_ATOM_JavaScript, "JavaScript"},
-        {PD_ATOM_Launch, "Launch"},
-        {PD_ATOM_Link, "Link"},
-        {PD_ATOM_N, "N"},
-        {PD_ATOM_Named, "Named"},
-        {PD_ATOM_Off, "Off"},
-        {PD_ATOM_P, "P"},
-        {PD_ATOM_Popup, "Popup"},
-        {PD_ATOM_R, "R"},
-        {PD_ATOM_ResetForm, "ResetForm"},
-        {PD_ATOM_S, "S"},
-        {PD_ATOM_Sig, "Sig"},
-        {PD_ATOM_SubmitForm, "SubmitForm"},
-        {PD_ATOM_T, "T"},
-        {PD_ATOM_Tx, "Tx"},
-        {PD_ATOM_Type, "Type"},
-        {PD_ATOM_URI, "URI"},
-        {PD_ATOM_Widget, "Widget"},
+        FIXED(A),        FIXED(Action),     FIXED(Btn),        FIXED(C),      FIXED(Ch),
+        FIXED(Filespec), FIXED(GoTo),       FIXED(GoToE),      FIXED(Hide),   FIXED(JavaScript),
+        FIXED(Launch),   FIXED(Link),       FIXED(N),          FIXED(Named),  FIXED(Off),
+        FIXED(P),        FIXED(Popup),      FIXED(R),          FIXED(ResetForm), FIXED(S),
+        FIXED(Sig),      FIXED(SubmitForm), FIXED(T),          FIXED(Tx),     FIXED(Type),
+        FIXED(URI),      FIXED(Widget),
     };
+#undef FIXED
     for (const auto& [atom, name] : fixed) {
         EXPECT_EQ(put(name), atom) << name;
         EXPECT_EQ(get(atom), name);

@@ -2,6 +2,7 @@
 // widgets, scratch files and the independent checkers (qpdf, pdftoppm).
 #pragma once
 
+#include "kr/KRRuntime.h"
 #include "pdfcore/pdfcore.h"
 
 #include <algorithm>
@@ -28,39 +29,22 @@ inline std::u16string u16(const std::string& ascii) {
     return {ascii.begin(), ascii.end()};
 }
 
+// UTF-8 and UTF-16 through the host runtime's conversions (tested in tests/kr).
 inline std::string utf8(const std::u16string& s) {
-    std::string out;
-    for (size_t i = 0; i < s.size(); ++i) {
-        uint32_t c = s[i];
-        if (c >= 0xD800 && c < 0xDC00 && i + 1 < s.size() && s[i + 1] >= 0xDC00 &&
-            s[i + 1] < 0xE000)
-            c = 0x10000 + ((c - 0xD800) << 10) + (s[++i] - 0xDC00);
-        int extra = c < 0x80 ? 0 : c < 0x800 ? 1 : c < 0x10000 ? 2 : 3;
-        static const unsigned char lead[] = {0, 0xC0, 0xE0, 0xF0};
-        out += static_cast<char>(lead[extra] | (c >> (6 * extra)));
-        for (int k = extra - 1; k >= 0; --k)
-            out += static_cast<char>(0x80 | ((c >> (6 * k)) & 0x3F));
-    }
+    size_t n = 0;
+    KRConvertUTF16ToUTF8(s.data(), s.size(), nullptr, 0, &n);
+    std::string out(n + 1, '\0');
+    KRConvertUTF16ToUTF8(s.data(), s.size(), out.data(), out.size(), &n);
+    out.resize(n);
     return out;
 }
 
 inline std::u16string utf16(const std::string& s) {
-    std::u16string out;
-    for (size_t i = 0; i < s.size();) {
-        auto b = static_cast<unsigned char>(s[i]);
-        int extra = b < 0x80 ? 0 : b < 0xE0 ? 1 : b < 0xF0 ? 2 : 3;
-        uint32_t c = extra == 0 ? b : b & (0x3F >> extra);
-        for (int k = 1; k <= extra && i + k < s.size(); ++k)
-            c = (c << 6) | (static_cast<unsigned char>(s[i + k]) & 0x3F);
-        i += 1 + extra;
-        if (c >= 0x10000) {
-            c -= 0x10000;
-            out += static_cast<char16_t>(0xD800 + (c >> 10));
-            out += static_cast<char16_t>(0xDC00 + (c & 0x3FF));
-        } else {
-            out += static_cast<char16_t>(c);
-        }
-    }
+    size_t n = 0;
+    KRConvertUTF8ToUTF16(s.data(), s.size(), nullptr, 0, &n);
+    std::u16string out(n + 1, u'\0');
+    KRConvertUTF8ToUTF16(s.data(), s.size(), out.data(), out.size(), &n);
+    out.resize(n);
     return out;
 }
 

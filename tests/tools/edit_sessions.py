@@ -4,8 +4,9 @@
     edit_sessions.py --qfforms BIN --example SCRIPT --docs SCRIPTING_MD --corpus DIR CHECK
 
 CHECK is one of:
-  edit       select, drag, nudge, resize and delete widgets of real forms (also on a turned
-             page at zoom 2), undo and redo them; the editing example of the docs runs
+  edit       delete a widget of a real form, undo and redo it; drag one off a turned page
+             at zoom 2; move a widget the creation tools made; the editing example of the
+             docs runs
   clipboard  copy a widget of every field type into another document and compare what
              pypdf reads; clipboard file across runs, duplicates, naming, Cut
   corpus     every widget of every corpus form copies and pastes into a new document and
@@ -20,19 +21,15 @@ import json
 import os
 import re
 import shutil
+import subprocess
 import sys
 import tempfile
 
 from pypdf import PdfReader, PdfWriter
 from pypdf.generic import DictionaryObject, NameObject, TextStringObject
 
-from run_sessions import (check, dark_pixels, failures, field_of, form_of, full_name, qfforms,
-                          render_gray, resolved, run, to_pixels, widgets_of, write_script)
-
-
-def run_script(args, folder, name, steps, *options, env=None):
-    path = write_script(folder, name, steps)
-    return run([args.qfforms, "run", path, *options], env=env)
+from run_sessions import (check, failures, field_of, form_of, full_name, qfforms, resolved, run,
+                          run_script, widgets_of)
 
 
 def rect_of(path, page, field):
@@ -53,54 +50,48 @@ def close(a, b):
     return len(a) == len(b) and all(abs(x - y) < 0.02 for x, y in zip(a, b))
 
 
+def ink(pdf, rect):
+    """The dark pixels pdftoppm draws inside rect (points) on page 0, a US Letter page."""
+    crop = [round(rect[0]), round(792 - rect[3]), round(rect[2] - rect[0]),
+            round(rect[3] - rect[1])]
+    options = [o for pair in zip(("-x", "-y", "-W", "-H"), map(str, crop)) for o in pair]
+    result = subprocess.run(["pdftoppm", "-gray", "-r", "72", "-f", "1", "-l", "1", *options,
+                             pdf], capture_output=True, timeout=120)
+    return sum(1 for value in result.stdout.split(b"\n", 3)[3] if value < 230)
+
+
 # ---- edit -----------------------------------------------------------------------------------
 
 
 def check_edit(args, folder):
-    # A real form: move, nudge, resize from a corner grip, delete, then all of it undone.
+    # Moves, nudges and resizes of real forms' widgets, at zoom 2 and on a turned page, are
+    # the reader matrix's (reader_matrix.py edits). Here: Delete on a real form, undone and
+    # redone, and a drag off a turned page.
     form = os.path.join(folder, "form.pdf")
     shutil.copyfile(os.path.join(args.corpus, "qpdf-field-types.pdf"), form)
     original = form_of(form)
-    start = rect_of(form, 0, "text")[0]
-    at = centre(start)
-    moved = shifted(start, 30, -20)
+    at = centre(rect_of(form, 0, "text")[0])
     steps = [
         {"open": "form.pdf"},
         {"select": {"page": 0, "at": at}},
-        {"drag": {"page": 0, "from": at, "to": [at[0] + 30, at[1] - 20]}},
-        {"save": "moved.pdf"},
-        {"key": {"code": 39}},
-        {"save": "nudged.pdf"},
-        {"drag": {"page": 0, "from": [moved[2] + 10, moved[3]], "to": [moved[2] + 30, moved[3] + 5]}},
-        {"save": "resized.pdf"},
         {"key": {"code": 46}},
         {"save": "deleted.pdf"},
-        {"undo": 4}, {"save": "undone.pdf"},
-        {"redo": 4}, {"save": "redone.pdf"},
+        {"undo": 1}, {"save": "undone.pdf"},
+        {"redo": 1}, {"save": "redone.pdf"},
     ]
     result = run_script(args, folder, "form-edit.json", steps)
     if not check(result.returncode == 0, "edit form: exit %d: %s" % (result.returncode,
                                                                      result.stderr)):
         return
     out = lambda name: os.path.join(folder, name)
-    check(close(rect_of(out("moved.pdf"), 0, "text")[0], moved),
-          "edit form: drag gives %s" % rect_of(out("moved.pdf"), 0, "text"))
-    nudged = shifted(moved, 10, 0)
-    check(close(rect_of(out("nudged.pdf"), 0, "text")[0], nudged), "edit form: the right arrow")
-    resized = [nudged[0], nudged[1], nudged[2] + 20, nudged[3] + 5]
-    check(close(rect_of(out("resized.pdf"), 0, "text")[0], resized),
-          "edit form: the top-right grip gives %s" % rect_of(out("resized.pdf"), 0, "text"))
     deleted = form_of(out("deleted.pdf"))
     check("text" not in deleted["fields"] and not rect_of(out("deleted.pdf"), 0, "text"),
           "edit form: Delete left the widget or its emptied field")
     check(len(deleted["fields"]) == len(original["fields"]) - 1, "edit form: other fields lost")
     check(form_of(out("undone.pdf")) == original, "edit form: undoing does not give the form back")
     check(form_of(out("redone.pdf")) == deleted, "edit form: redoing does not delete again")
-    qpdf = run(["qpdf", "--check", out("resized.pdf")])
-    check(qpdf.returncode == 0, "edit form: qpdf --check: " + qpdf.stdout)
 
-    # A page shown turned by 90 degrees at zoom 2: the widget follows the pointer in page
-    # space, "right" on the screen is up the page, and a drag off the page is pulled back.
+    # A page shown turned by 90 degrees at zoom 2: a drag off the page is pulled back.
     turned = os.path.join(folder, "turned.pdf")
     shutil.copyfile(os.path.join(args.corpus, "pdfbox-rotated-page-widget-rotation.pdf"), turned)
     name = "acrobat.page90.single.rotation90"
@@ -109,20 +100,12 @@ def check_edit(args, folder):
     steps = [
         {"open": "turned.pdf"}, {"view": {"zoom": 2}},
         {"select": {"page": 1, "at": at}},
-        {"drag": {"page": 1, "from": at, "to": [at[0] + 15, at[1] + 25]}},
-        {"save": "turned-moved.pdf"},
-        {"key": {"code": 39}},
-        {"save": "turned-nudged.pdf"},
-        {"drag": {"page": 1, "from": [at[0] + 15, at[1] + 35], "to": [-3000, at[1] + 35]}},
+        {"drag": {"page": 1, "from": at, "to": [-3000, at[1] + 35]}},
         {"save": "turned-off.pdf"},
-        {"undo": 3}, {"save": "turned-undone.pdf"},
+        {"undo": 1}, {"save": "turned-undone.pdf"},
     ]
     result = run_script(args, folder, "turned.json", steps)
     if check(result.returncode == 0, "turned: exit %d: %s" % (result.returncode, result.stderr)):
-        got = rect_of(out("turned-moved.pdf"), 1, name)[0]
-        check(close(got, shifted(start, 15, 25)), "turned: drag gives %s" % got)
-        got = rect_of(out("turned-nudged.pdf"), 1, name)[0]
-        check(close(got, shifted(start, 15, 35)), "turned: the right arrow gives %s" % got)
         got = rect_of(out("turned-off.pdf"), 1, name)[0]
         width = start[2] - start[0]
         check(close(got, [0, start[1] + 35, width, start[3] + 35]),
@@ -141,12 +124,8 @@ def check_edit(args, folder):
     if check(result.returncode == 0, "made: exit %d: %s" % (result.returncode, result.stderr)):
         rect = rect_of(made, 0, "Text1")[0]
         check(rect == [272, 398, 472, 420], "made: moved to %s" % rect)
-        page = PdfReader(made).pages[0]
-        image = render_gray(made, folder, 0, 72)
-        box = to_pixels(rect, page, 72)
-        check(dark_pixels(image, box, 230) >= 100, "made: nothing drawn at the new place")
-        old = to_pixels([72, 698, 272, 720], page, 72)
-        check(dark_pixels(image, old, 230) == 0, "made: still drawn at the old place")
+        check(ink(made, rect) >= 100, "made: nothing drawn at the new place")
+        check(ink(made, [72, 698, 272, 720]) == 0, "made: still drawn at the old place")
 
     # The editing example of docs/scripting.md runs as written.
     with open(args.docs, encoding="utf-8") as f:

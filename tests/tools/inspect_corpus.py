@@ -515,45 +515,7 @@ def check_sample(c, args):
         "sample: fields of the page's widgets, in page order",
     )
     c.expect(all(a["flags"] == 4 for a in page["annotations"]), "sample: widgets carry the Print flag")
-    first = page["annotations"][0]["rect"]
-    c.expect(
-        rect_close(first, {"left": 123.499, "bottom": 689.901, "right": 260.801, "top": 704.699}),
-        f"sample: rect of the first widget, left/bottom/right/top {first}",
-    )
-    fields = {f["name"]: f for f in doc["fields"]}
-    c.equal(
-        [f["name"] for f in doc["fields"]],
-        ["text", "r1", "checkbox1", "checkbox2", "checkbox3", "r2", "text2", "list1", "drop1",
-         "combolist1", "combodrop1"],
-        "sample: terminal fields in tree order",
-    )
-    if len(fields) != 11:
-        return
-    c.equal(
-        {n: f["type"] for n, f in fields.items()},
-        {"text": "Tx", "text2": "Tx", "r1": "Btn", "r2": "Btn", "checkbox1": "Btn",
-         "checkbox2": "Btn", "checkbox3": "Btn", "list1": "Ch", "drop1": "Ch",
-         "combolist1": "Ch", "combodrop1": "Ch"},
-        "sample: field types",
-    )
-    c.equal(fields["r1"]["flags"], 0xC000, "sample: r1 is a radio group (radio + no toggle to off)")
-    c.equal(fields["drop1"]["flags"], 0x20000, "sample: drop1 is a combo box")
-    c.equal(fields["combolist1"]["flags"], 0x60000, "sample: combolist1 is an editable combo")
-    c.equal(fields["text2"]["value"], "salad πʬ", "sample: non-Latin text value")
-    c.equal(fields["text"]["value"], "", "sample: an empty text value is empty, not absent")
-    c.equal(fields["checkbox2"]["value"], "Yes", "sample: checked box value")
-    c.equal(fields["checkbox1"]["value"], "Off", "sample: unchecked box value")
-    c.equal([f["value"] for f in (fields["r1"], fields["r2"])], ["1", "2"], "sample: radio values")
-    c.equal([w["onState"] for w in fields["r1"]["widgets"]], ["1", "2", "3"], "sample: r1 on-states")
-    c.equal([w["annotation"] for w in fields["r1"]["widgets"]], [1, 2, 3], "sample: r1 widget places")
-    c.equal([w["onState"] for w in fields["checkbox3"]["widgets"]], ["Yes"], "sample: check box on-state")
-    c.equal(fields["text"]["maxLength"], None, "sample: no MaxLen")
-    c.equal(
-        fields["list1"]["options"],
-        [{"display": o, "export": o} for o in ("five", "six", "seven", "eight")],
-        "sample: list1 options",
-    )
-    c.equal(len(fields["text"]["widgets"]), 1, "sample: one widget for a text field")
+    # Names, types, flags, values, on-states, options and places of the fields: as pypdf reads.
     compare_with_pypdf(c, doc, path, "sample")
 
 

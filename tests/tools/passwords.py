@@ -23,28 +23,21 @@ import argparse
 import json
 import logging
 import os
-import subprocess
 import sys
 import tempfile
 
 from pypdf import PdfReader
 
-from run_sessions import check, failures
+from run_sessions import check, failures, run
 
 logging.getLogger("pypdf").setLevel(logging.CRITICAL)
 
-TIMEOUT = 120
 HERE = os.path.dirname(os.path.abspath(__file__))
 
 NEEDS = "the file is encrypted and needs a password; give it with --password or --password-file"
 WRONG = "the password is wrong"
 LOCKED = ("the document's permissions do not allow changing its form; give its owner "
           "password with --password or --password-file to edit it")
-
-
-def run(args, **kwargs):
-    return subprocess.run([*map(str, args)], capture_output=True, text=True, timeout=TIMEOUT,
-                          **kwargs)
 
 
 def encrypt(source, path, user, owner, bits, *options):

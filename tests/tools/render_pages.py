@@ -15,33 +15,18 @@ Run with Debian's /usr/bin/python3 (python3-pypdf). Exit status 0 when every che
 """
 
 import argparse
-import logging
 import math
 import os
-import subprocess
 import sys
 import tempfile
 import xml.etree.ElementTree as ET
 
 from pypdf import PdfReader
 
-logging.getLogger("pypdf").setLevel(logging.CRITICAL)
+from run_sessions import check, failures, qfforms
 
-TIMEOUT = 120
 SVG = "{http://www.w3.org/2000/svg}"
 HIDDEN, NOVIEW = 2, 32
-failures = []
-
-
-def check(condition, message):
-    if not condition:
-        failures.append(message)
-    return condition
-
-
-def qfforms(binary, *args):
-    return subprocess.run([binary, *map(str, args)], capture_output=True, text=True,
-                          timeout=TIMEOUT)
 
 
 def to_view(box, rotation, zoom, x, y):

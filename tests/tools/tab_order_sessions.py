@@ -19,7 +19,6 @@ Run with Debian's /usr/bin/python3 (python3-pypdf). Exit status 0 when every che
 import argparse
 import os
 import re
-import shutil
 import struct
 import sys
 import tempfile
@@ -27,11 +26,7 @@ import tempfile
 from pypdf import PdfReader, PdfWriter
 from pypdf.generic import ArrayObject, FloatObject, NameObject
 
-from run_sessions import check, failures, field_of, full_name, resolved, run, write_script
-
-
-def run_script(args, folder, name, steps, *options):
-    return run([args.qfforms, "run", write_script(folder, name, steps), *options])
+from run_sessions import check, failures, field_of, full_name, resolved, run, run_script
 
 
 def f32(value):

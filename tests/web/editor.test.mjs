@@ -217,21 +217,7 @@ after(async () => {
   fs.rmSync(folder, {recursive: true, force: true});
 });
 
-describe('the server refuses what the page never asks', () => {
-  test('a request without the session token', async () => {
-    assert.equal((await api('/api/state', {token: null})).status, 403);
-    assert.equal((await api('/api/state', {token: '0'.repeat(32)})).status, 403);
-    assert.equal((await api('/api/state')).status, 200);
-  });
-
-  test('Save as outside the document folder', async () => {
-    for (const name of ['../x.pdf', '/tmp/x.pdf']) {
-      assert.equal((await api('/api/save', {body: {as: name}})).status, 403, name);
-    }
-    assert.ok(!fs.existsSync(path.join(path.dirname(folder), 'x.pdf')));
-  });
-});
-
+// The server's own doors (token, Host, paths, saves): tests/tools/editor_server.py.
 describe('an editing session in the browser', () => {
   stage('canvas and overlay lie on the host\'s page rectangle, zoomed and turned', async () => {
     const fits = async () => {
@@ -272,6 +258,7 @@ describe('an editing session in the browser', () => {
         .every(([got, want]) => Math.abs(got - want) <= 1), `${tool}: ${JSON.stringify(w)}`);
     }
     assert.deepEqual((await overlayWidgets()).map((w) => w.kind), ['Tx', 'Btn', 'Ch']);
+    assert.equal(await page.locator('.overlay g#page').count(), 0, 'the overlay hides the page');
     await shot('02-fields.png');
   });
 
