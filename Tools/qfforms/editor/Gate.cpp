@@ -3,9 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
-#include <fstream>
 #include <random>
-#include <sstream>
 #include <utility>
 
 namespace qfforms {
@@ -51,14 +49,6 @@ std::optional<fs::path> fileUnder(const fs::path& root, const std::string& rest)
     std::error_code ec;
     if (!fs::is_regular_file(path, ec)) return std::nullopt;
     return path;
-}
-
-std::optional<std::string> readFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return std::nullopt;
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
 }
 
 HttpResponse forbidden(std::string why) { return HttpResponse::text(403, std::move(why) + "\n"); }
@@ -168,11 +158,9 @@ HttpResponse Gate::file(const HttpRequest& request) const {
         if (!file) file = fileUnder(pdfjs, path.substr(14));
     }
     if (!file) return HttpResponse::text(404, "no such file\n");
-    auto bytes = readFile(*file);
-    if (!bytes) return HttpResponse::text(404, "cannot read the file\n");
     HttpResponse r;
     r.contentType = contentTypeOf(*file);
-    r.body = std::move(*bytes);
+    r.file = std::move(*file);
     if (page)
         r.headers.emplace_back("Set-Cookie", cookieName() + "=" + pageToken_ +
                                                  "; Path=/; HttpOnly; SameSite=Strict");

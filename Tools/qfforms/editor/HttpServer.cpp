@@ -7,6 +7,7 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
+#include <boost/beast/http/file_body.hpp>
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/string_body.hpp>
 #include <boost/beast/http/write.hpp>
@@ -216,17 +217,27 @@ class HttpServer::Impl::Connection : public std::enable_shared_from_this<Connect
         http::response<http::string_body> r{static_cast<http::status>(status), 11};
         r.set(http::field::content_type, "text/plain; charset=utf-8");
         r.body() = std::string(http::obsolete_reason(r.result())) + "\n";
-        write(std::move(r), false);
+        write(response_, std::move(r), false);
     }
 
     // The handler's answer to the request of this connection.
     void respond(HttpResponse answer) {
         if (phase_ != Phase::Handling) return; // closed meanwhile
-        http::response<http::string_body> r{static_cast<http::status>(answer.status), 11};
-        r.set(http::field::content_type, answer.contentType);
-        for (const auto& [name, value] : answer.headers) r.insert(name, value);
+        const auto status = static_cast<http::status>(answer.status);
+        if (!answer.file.empty()) {
+            // Read as it is sent, so that a large file neither stalls the other
+            // connections while it is read nor sits in memory whole.
+            http::response<http::file_body> r{status, 11};
+            beast::error_code ec;
+            r.body().open(answer.file.c_str(), beast::file_mode::scan, ec);
+            if (ec) return respond(HttpResponse::text(404, "cannot read the file\n"));
+            fill(r, answer);
+            return write(fileResponse_, std::move(r), keepAlive_);
+        }
+        http::response<http::string_body> r{status, 11};
+        fill(r, answer);
         r.body() = std::move(answer.body);
-        write(std::move(r), keepAlive_);
+        write(response_, std::move(r), keepAlive_);
     }
 
     // Closes at once; what is pending ends with operation_aborted.
@@ -316,22 +327,30 @@ class HttpServer::Impl::Connection : public std::enable_shared_from_this<Connect
         }
     }
 
-    void write(http::response<http::string_body> r, bool keepAlive) {
+    template <class Body>
+    static void fill(http::response<Body>& r, const HttpResponse& answer) {
+        r.set(http::field::content_type, answer.contentType);
+        for (const auto& [name, value] : answer.headers) r.insert(name, value);
+    }
+
+    // Writes r, kept in slot until it is written.
+    template <class Body>
+    void write(http::response<Body>& slot, http::response<Body> r, bool keepAlive) {
         phase_ = Phase::Writing;
         keepAlive_ = keepAlive && !server_.stopping;
         for (const auto& [name, value] : server_.headers) r.set(name, value);
         r.keep_alive(keepAlive_);
         r.prepare_payload();
-        response_ = std::move(r);
+        slot = std::move(r);
         stream_.expires_after(kWriteTimeout);
-        http::async_write(stream_, response_,
-                          [self = shared_from_this()](beast::error_code ec, size_t) {
-                              if (self->phase_ != Phase::Closed) self->written(ec);
-                          });
+        http::async_write(stream_, slot, [self = shared_from_this()](beast::error_code ec, size_t) {
+            if (self->phase_ != Phase::Closed) self->written(ec);
+        });
     }
 
     void written(beast::error_code ec) {
         response_ = {};
+        fileResponse_ = {};
         if (ec || server_.stopping) return finish();
         if (!keepAlive_) return linger();
         awaitRequest();
@@ -361,7 +380,8 @@ class HttpServer::Impl::Connection : public std::enable_shared_from_this<Connect
     beast::tcp_stream stream_;
     beast::flat_buffer buffer_;
     std::optional<http::request_parser<http::string_body>> parser_;
-    http::response<http::string_body> response_; // the one being written
+    http::response<http::string_body> response_; // the one being written, or
+    http::response<http::file_body> fileResponse_;
     Phase phase_ = Phase::Idle;
     bool keepAlive_ = false;
 };

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
@@ -34,6 +35,9 @@ struct HttpResponse {
     int status = 200;
     std::string contentType = "text/plain; charset=utf-8";
     std::string body;
+    // When not empty, the body is this file's bytes instead, read a little at a time as
+    // they are sent; a file that cannot be opened answers 404.
+    std::filesystem::path file;
     std::vector<std::pair<std::string, std::string>> headers; // added as they are
 
     static HttpResponse text(int status, std::string body);
