@@ -403,7 +403,7 @@ describe('an editing session in the browser', () => {
   stage('the page raised no script errors', () => assert.deepEqual(pageErrors, []));
 });
 
-// What a page of another site does to a editor it finds on this machine: posts that need no
+// What a page of another site does to an editor it finds on this machine: posts that need no
 // preflight (fetch without CORS, forms), with the browser's cookies, and a fetch that sends
 // a guessed token (which needs a preflight). Sets window.attacked to the outcome of the
 // fetches that could read their answers.
