@@ -416,6 +416,9 @@ void HttpServer::Impl::accept() {
                         [this](const boost::system::error_code& ec) { acceptReady(ec); });
 }
 
+// The reactor reports the listener when it becomes ready, not while it stays ready: a wait
+// starts only once accept has found the backlog empty, else connections left in it would
+// wait for the next one to come.
 void HttpServer::Impl::acceptReady(const boost::system::error_code& ec) {
     if (ec || stopping) return;
     // A few at a time, so that the connections already open get their turn.
@@ -423,15 +426,15 @@ void HttpServer::Impl::acceptReady(const boost::system::error_code& ec) {
         const int fd = ::accept4(acceptor.native_handle(), nullptr, nullptr, SOCK_CLOEXEC);
         if (fd < 0) {
             if (errno == EINTR || errno == ECONNABORTED) continue;
-            if (errno == EAGAIN || errno == EWOULDBLOCK) break;
-            // Out of descriptors or memory. The connection stays in the backlog and the
-            // listener stays ready: waiting on it again would wake at once, for ever. A
-            // connection that has long waited for a request gives its descriptor back.
+            if (errno == EAGAIN || errno == EWOULDBLOCK) return accept();
+            // Out of descriptors or memory: the connection stays in the backlog. A
+            // connection that has long waited for a request gives its descriptor back;
+            // else accept is tried again after a pause, not at once and for ever.
             if (evictIdle()) continue;
             backoffDelay = std::clamp(backoffDelay * 2, kMinBackoff, kMaxBackoff);
             backoff.expires_after(backoffDelay);
             backoff.async_wait([this](const boost::system::error_code& e) {
-                if (!e && !stopping) accept();
+                if (!e) acceptReady({});
             });
             return;
         }
@@ -445,7 +448,8 @@ void HttpServer::Impl::acceptReady(const boost::system::error_code& ec) {
         }
         admit(std::move(socket));
     }
-    accept();
+    // More may be waiting: the rest after the handlers already queued.
+    asio::post(io, [this] { acceptReady({}); });
 }
 
 void HttpServer::Impl::admit(tcp::socket socket) {
@@ -524,7 +528,7 @@ uint16_t HttpServer::port() const { return impl_->port; }
 
 void HttpServer::start(std::function<void()> onSignal) {
     impl_->onSignal = std::move(onSignal);
-    impl_->accept();
+    impl_->acceptReady({}); // those that came since the constructor too
     impl_->waitForSignal();
     impl_->thread = std::thread([impl = impl_.get()] {
         for (;;) {
