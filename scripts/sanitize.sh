@@ -26,7 +26,7 @@ if [[ $stage == all || $stage == tsan ]]; then
   cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQF_TSAN=ON \
     -DQF_BUILD_BENCH=OFF >/dev/null
   # Atoms made from several threads, the module's per-thread failure records, the service
-  # provider's counts, and the editor's server (network workers and the main queue).
+  # provider's counts, and the editor's server (its network thread and the main queue).
   cmake --build build-tsan --target kr_tests pdfcore_tests module_tests host_tests qfforms \
     qf-forms-module
   ctest --test-dir build-tsan --output-on-failure \

@@ -11,12 +11,12 @@
 // script failed or the run could not start or write its outputs; 2 wrong usage.
 
 #include "Clip.h"
-#include "Edit.h"
 #include "Files.h"
 #include "Inspect.h"
 #include "Pd.h"
 #include "Render.h"
 #include "Run.h"
+#include "editor/Edit.h"
 
 #include <csignal>
 #include <cstdio>

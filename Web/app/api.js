@@ -1,6 +1,8 @@
-// Talking to `qfforms edit`: every request carries the session token, and the posts go
-// one at a time in the order they were made, so that a press, the moves of its drag and
-// the release reach the host in that order.
+// Talking to `qfforms edit`: every request carries the session token in the X-QF-Token
+// header, which the server wants of every change (a page of another site cannot add it;
+// the cookie only opens the page's files), and the posts go one at a time in the order
+// they were made, so that a press, the moves of its drag and the release reach the host in
+// that order.
 
 const token = new URLSearchParams(location.search).get('token') ?? '';
 

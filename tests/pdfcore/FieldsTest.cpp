@@ -256,6 +256,28 @@ TEST(Fields, HandlesAreStableAndKeepTheDocumentAlive) {
     EXPECT_EQ(PDFieldGetFlags(f.get(), nullptr), PD_ERR_BAD_ARGUMENT);
 }
 
+// Handles grow in the order objects are first reached, whatever became of the memory of
+// handles released before: the order some commands follow does not depend on the allocator.
+TEST(Fields, HandlesGrowInTheOrderObjectsAreReached) {
+    PDDoc doc = nullptr;
+    ASSERT_EQ(PDDocCreate(1, 200, 200, &doc), PD_OK);
+    Owned owned(doc);
+    std::vector<Owned> kept;
+    uintptr_t last = 0;
+    for (int i = 0; i < 2000; ++i) {
+        const std::string name = "f" + std::to_string(i);
+        auto f = createField(doc, name, PD_ATOM_Tx);
+        const auto value = reinterpret_cast<uintptr_t>(f.get());
+        EXPECT_GT(value, last) << i;
+        last = value;
+        // Every other handle is released at once, its memory free for the next.
+        if (i % 2 == 0) kept.push_back(std::move(f));
+    }
+    // A released handle's object reached again gets a new, larger handle.
+    auto again = findField(doc, "f1");
+    EXPECT_GT(reinterpret_cast<uintptr_t>(again.get()), last);
+}
+
 TEST(Fields, TextsRoundTripThroughSaveIncludingNonLatin) {
     const std::u16string name = u"\u540d\u524d";              // CJK
     const std::u16string value = u"\u00e9t\u00e9 \U0001F600"; // Latin-1 and a surrogate pair

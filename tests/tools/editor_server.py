@@ -4,9 +4,13 @@
     editor_server.py --qfforms BIN --corpus DIR CHECK
 
 CHECK is one of:
-  doors     the token, the Host header, oversized and malformed requests, static files
-            that leave their folder, steps the editor does not take, saves outside the
-            document's folder; a clean stop on SIGINT
+  doors     the token, the Host header, requests from other sites, the headers of every
+            answer, keep-alive, oversized and malformed requests, static files that leave
+            their folder, steps the editor does not take, saves outside the document's
+            folder; a clean stop on SIGINT
+  limits    clients that dribble their requests, hundreds of idle connections, clients
+            killed mid-request, file descriptors running out, SIGTERM while an answer is
+            stuck: other clients are answered in time and the editor stops within 2 s
   password  an encrypted form whose permissions keep it from changing: the state asks for
             its password, then for its owner password, and nothing else goes through
             meanwhile; the owner password opens it; the page gets a copy without
@@ -21,12 +25,16 @@ import io
 import json
 import os
 import re
+import resource
+import select
 import shutil
 import signal
 import socket
 import subprocess
 import sys
 import tempfile
+import threading
+import time
 
 from pypdf import PdfReader
 
@@ -37,7 +45,7 @@ from run_sessions import check, failures
 class Editor:
     """A running `qfforms edit` and a client of it."""
 
-    def __init__(self, args, folder, pdf):
+    def __init__(self, args, folder, pdf, max_files=None):
         web = os.path.join(folder, "web")
         os.makedirs(os.path.join(web, "app"), exist_ok=True)
         with open(os.path.join(web, "index.html"), "w") as f:
@@ -46,8 +54,21 @@ class Editor:
             f.write("export {};")
         with open(os.path.join(folder, "secret.txt"), "w") as f:
             f.write("not for the browser")
+        limit, env = None, None
+        if max_files:
+            limit = lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (max_files, max_files))
+            # In the sanitizer build UndefinedBehaviorSanitizer reads an object's type
+            # through a pipe, which it cannot make with no descriptors left: every check
+            # of a type would fail.
+            ignored = os.path.join(folder, "ubsan-suppressions.txt")
+            with open(ignored, "w") as f:
+                f.write("vptr:*\n")
+            env = dict(os.environ, UBSAN_OPTIONS="%s:suppressions=%s" % (
+                os.environ.get("UBSAN_OPTIONS", ""), ignored))
         self.proc = subprocess.Popen([args.qfforms, "edit", pdf, "--port", "0", "--web", web],
-                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                                     preexec_fn=limit, env=env)
+        self.web = web
         line = self.proc.stdout.readline()
         match = re.search(r"http://127\.0\.0\.1:(\d+)/\?token=([0-9a-f]+)", line)
         if not match:
@@ -69,9 +90,31 @@ class Editor:
         connection.close()
         return response.status, payload, response
 
+    def timed(self, path="/api/state"):
+        """The status of a GET and the seconds it took."""
+        start = time.monotonic()
+        status, _, _ = self.request("GET", path)
+        return status, time.monotonic() - start
+
+    def connect(self):
+        return socket.create_connection(("127.0.0.1", self.port), timeout=30)
+
+    def head(self, method, path, length=None):
+        """The head of a request with the token, as bytes."""
+        return ("%s %s HTTP/1.1\r\nHost: 127.0.0.1:%d\r\nX-QF-Token: %s\r\n%s\r\n" % (
+            method, path, self.port, self.token,
+            "" if length is None else "Content-Length: %d\r\n" % length)).encode()
+
+    def descriptors(self):
+        return len(os.listdir("/proc/%d/fd" % self.proc.pid))
+
+    def cpu_seconds(self):
+        fields = open("/proc/%d/stat" % self.proc.pid).read().rsplit(")", 1)[1].split()
+        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
     def raw(self, text):
         """Sends text as it is and returns what comes back."""
-        with socket.create_connection(("127.0.0.1", self.port), timeout=30) as s:
+        with self.connect() as s:
             s.sendall(text.encode())
             data = b""
             while True:
@@ -98,6 +141,71 @@ class Editor:
         return self.proc.returncode, out, err
 
 
+SECURITY_HEADERS = {
+    "Content-Security-Policy": "frame-ancestors 'none'",
+    "X-Content-Type-Options": "nosniff",
+    "Referrer-Policy": "no-referrer",
+}
+
+
+def check_cross_site(editor, jar):
+    """What a page of another site can make a browser send: refused, nothing changed."""
+    own = "http://127.0.0.1:%d" % editor.port
+    _, before = editor.api("/api/state")
+    for headers, token, why in (
+            (jar, False, "a post with the cookie only"),
+            ({"Origin": "http://127.0.0.1:%d" % (editor.port + 1)}, True, "another Origin"),
+            ({"Origin": "null"}, True, "the Origin of a sandboxed page"),
+            ({"Sec-Fetch-Site": "same-site"}, True, "a page of another port"),
+            ({"Sec-Fetch-Site": "cross-site"}, True, "a page of another site")):
+        for path, body in (("/api/step", {"tool": "TextFieldCreate"}),
+                           ("/api/language", {"lang": "ja"}),
+                           ("/api/save", {"replace": True})):
+            status, _, _ = editor.request("POST", path, body, token=token, headers=headers)
+            check(status == 403, "%s to %s: %d" % (why, path, status))
+    status, _, _ = editor.request("POST", "/api/step?token=" + editor.token, {"tool": ""},
+                                  token=False)
+    check(status == 403, "a post with the token in the query: %d" % status)
+    status, _, _ = editor.request("GET", "/api/state", headers={"Sec-Fetch-Site": "cross-site"})
+    check(status == 403, "a read from another site: %d" % status)
+    answer = editor.raw("POST /api/language HTTP/1.1\r\nHost: 127.0.0.1:%d\r\nX-QF-Token: %s\r\n"
+                        "Origin: %s\r\nOrigin: http://evil.example\r\nContent-Length: 15\r\n"
+                        "Connection: close\r\n\r\n"
+                        '{"lang": "ja"}\n' % (editor.port, editor.token, own))
+    check(answer.startswith(b"HTTP/1.1 403"), "two Origins: %r" % answer[:40])
+    _, after = editor.api("/api/state")
+    check(after["state"]["tool"] == before["state"]["tool"] and
+          after["state"]["lang"] == "en" and not after["state"]["document"]["modified"],
+          "a refused request changed the editor: %s" % after["state"])
+
+    # The page's own requests go through.
+    status, _, _ = editor.request("POST", "/api/step", {"tool": "TextFieldCreate"},
+                                  headers={"Origin": own, "Sec-Fetch-Site": "same-origin"})
+    check(status == 200, "the page's own post: %d" % status)
+    editor.api("/api/step", {"tool": ""})
+
+    # Every answer carries the headers, the server's own refusals too; one connection
+    # carries several requests.
+    for path, kind in (("/", "the page"), ("/api/state?token=x", "a refusal")):
+        _, _, response = editor.request("GET", path, token=False)
+        for name, part in SECURITY_HEADERS.items():
+            check(part in (response.getheader(name) or ""), "%s: %s is %r" % (
+                kind, name, response.getheader(name)))
+    answer = editor.raw("GET / HTTP/1.1\r\nHost: 127.0.0.1:%d\r\nHost: x\r\n\r\n" % editor.port)
+    check(answer.startswith(b"HTTP/1.1 400") and b"frame-ancestors 'none'" in answer,
+          "a malformed request's answer: %r" % answer[:200])
+    connection = http.client.HTTPConnection("127.0.0.1", editor.port, timeout=30)
+    sockets = set()
+    for _ in range(3):
+        connection.request("GET", "/api/state", headers={"X-QF-Token": editor.token})
+        response = connection.getresponse()
+        response.read()
+        sockets.add(id(connection.sock))
+        check(response.status == 200, "keep-alive: %d" % response.status)
+    connection.close()
+    check(len(sockets) == 1, "keep-alive: %d connections for 3 requests" % len(sockets))
+
+
 def check_doors(args, folder):
     form = os.path.join(folder, "form.pdf")
     shutil.copyfile(os.path.join(args.corpus, "qpdf-field-types.pdf"), form)
@@ -115,11 +223,16 @@ def check_doors(args, folder):
         check(status == 403, "another Host: %d" % status)
         status, _, response = editor.request("GET", "/?token=" + editor.token, token=False)
         cookie = response.getheader("Set-Cookie") or ""
-        check(status == 200 and "HttpOnly" in cookie and "SameSite=Strict" in cookie,
-              "the page and its cookie: %d %r" % (status, cookie))
-        status, _, _ = editor.request("GET", "/app/editor.js", token=False,
-                                      headers={"Cookie": "qf_token=" + editor.token})
+        check(status == 200 and "HttpOnly" in cookie and "SameSite=Strict" in cookie and
+              editor.token not in cookie, "the page and its cookie: %d %r" % (status, cookie))
+        # The cookie opens the page's files, which scripts load without the header, but
+        # never the API: the browser sends it to every port of 127.0.0.1.
+        jar = {"Cookie": cookie.split(";")[0]}
+        status, _, _ = editor.request("GET", "/app/editor.js", token=False, headers=jar)
         check(status == 200, "a file with the cookie: %d" % status)
+        status, _, _ = editor.request("GET", "/api/state", token=False, headers=jar)
+        check(status == 403, "the API with the cookie: %d" % status)
+        check_cross_site(editor, jar)
         for path in ("/app/../secret.txt", "/app/%2e%2e/secret.txt", "/app//etc/passwd",
                      "/vendor/pdfjs/../../secret.txt", "/secret.txt"):
             status, _, _ = editor.request("GET", path)
@@ -255,17 +368,178 @@ def check_password(args, folder):
         editor.stop()
 
 
+def answered_in_time(editor, seconds, why):
+    status, took = editor.timed()
+    check(status == 200 and took < seconds, "%s: %d after %.2f s" % (why, status, took))
+    return took
+
+
+def dribble(editor, cut):
+    """Sends the first bytes of a request's head one every 2 s; cut receives the seconds
+    from the first byte until the server closed the connection (None: it did not within
+    10 s)."""
+    with editor.connect() as s:
+        start = time.monotonic()
+        for byte in editor.head("GET", "/api/state")[:5]:
+            try:
+                s.send(bytes([byte]))
+            except OSError:
+                break
+            if select.select([s], [], [], 2)[0]:
+                try:
+                    if s.recv(100):
+                        break  # an answer to half a head
+                except OSError:
+                    pass
+                cut.append(time.monotonic() - start)
+                return
+        cut.append(None)
+
+
+def check_limits(args, folder):
+    form = os.path.join(folder, "form.pdf")
+    shutil.copyfile(os.path.join(args.corpus, "qpdf-field-types.pdf"), form)
+    editor = Editor(args, folder, form)
+    figures = []
+    try:
+        # Clients that send a byte every 2 s are cut off 5 s after their first byte, the
+        # whole head's deadline, while the others are answered at once.
+        cuts = []
+        dribblers = [threading.Thread(target=dribble, args=(editor, cuts)) for _ in range(8)]
+        for t in dribblers:
+            t.start()
+        slowest = 0
+        while any(t.is_alive() for t in dribblers):
+            status, took = editor.timed()
+            check(status == 200, "beside the dribblers: %d" % status)
+            slowest = max(slowest, took)
+            time.sleep(0.2)
+        check(slowest < 0.5, "beside the dribblers an answer took %.2f s" % slowest)
+        check(len(cuts) == 8 and all(c is not None and 4.5 < c < 6.5 for c in cuts),
+              "dribblers cut after %s s" % cuts)
+        done = [c for c in cuts if c is not None] or [0]
+        figures.append("8 dribblers cut after %.1f-%.1f s, the slowest answer beside them %.3f s"
+                       % (min(done), max(done), slowest))
+
+        # Idle connections: past the cap of 64 the server answers 503 (or, past twice the
+        # cap, just closes); a normal client still gets in, the oldest idle connection
+        # making room for it.
+        idle = [editor.connect() for _ in range(300)]
+        time.sleep(0.5)
+        answers = {"503": 0, "closed": 0, "nothing": 0}
+        for s in idle[64:]:
+            s.setblocking(False)
+            try:
+                data = s.recv(100)
+                answers["503" if data.startswith(b"HTTP/1.1 503") else "closed"] += 1
+            except BlockingIOError:
+                answers["nothing"] += 1
+            except OSError:
+                answers["closed"] += 1
+        check(answers["503"] >= 32 and answers["nothing"] == 0,
+              "300 idle connections: %s" % answers)
+        time.sleep(0.6)
+        figures.append("300 idle connections: %s past the cap, then an answer in %.3f s" % (
+            answers, answered_in_time(editor, 1, "beside 300 idle connections")))
+        for s in idle:
+            s.close()
+
+        # Clients killed in the middle of a head, of a body, of an answer too large for
+        # the sockets' buffers: the server lets their connections go.
+        big = os.path.join(editor.web, "app", "big.js")
+        with open(big, "wb") as f:
+            f.write(b"//" * (16 << 20))
+        time.sleep(0.3)
+        baseline = editor.descriptors()
+        requests = [editor.head("GET", "/api/state")[:20],
+                    editor.head("POST", "/api/step", 1000) + b'{"tool": ',
+                    editor.head("GET", "/app/big.js")]
+        killed = []
+        for request in requests:
+            child = subprocess.Popen([sys.executable, "-c", (
+                "import socket, sys, time\n"
+                "s = socket.create_connection(('127.0.0.1', %d))\n"
+                "s.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)\n"
+                "s.sendall(sys.stdin.buffer.read())\n"
+                "print(flush=True)\n"
+                "time.sleep(60)\n") % editor.port],
+                stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+            child.stdin.write(request)
+            child.stdin.close()
+            child.stdout.readline()
+            killed.append(child)
+        time.sleep(0.3)
+        for child in killed:
+            child.kill()
+            child.wait()
+        answered_in_time(editor, 1, "after clients were killed")
+        deadline = time.monotonic() + 3
+        while editor.descriptors() > baseline and time.monotonic() < deadline:
+            time.sleep(0.1)
+        check(editor.descriptors() <= baseline,
+              "killed clients left %d descriptors open" % (editor.descriptors() - baseline))
+
+        # SIGTERM while an answer waits for a client that does not read: the editor stops
+        # within 2 s all the same.
+        stuck = socket.socket()
+        stuck.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+        stuck.connect(("127.0.0.1", editor.port))
+        stuck.sendall(editor.head("GET", "/app/big.js"))
+        half = editor.connect()
+        half.sendall(b"GET /api/st")
+        time.sleep(0.5)
+        start = time.monotonic()
+        editor.proc.send_signal(signal.SIGTERM)
+        try:
+            out, _ = editor.proc.communicate(timeout=10)
+        except subprocess.TimeoutExpired:
+            out = ""
+        took = time.monotonic() - start
+        check(editor.proc.returncode == 0 and "stopped" in out and took < 2,
+              "SIGTERM during a stuck answer: exit %r after %.2f s" % (editor.proc.returncode,
+                                                                         took))
+        figures.append("SIGTERM during a stuck answer: stopped in %.2f s" % took)
+        stuck.close()
+        half.close()
+    finally:
+        if editor.proc.poll() is None:
+            editor.stop()
+
+    # Out of file descriptors: accept fails until some are free again, and the server
+    # waits instead of trying again at once; connections that have waited long for a
+    # request give theirs up, so that a normal client still gets in.
+    editor = Editor(args, folder, form, max_files=32)
+    try:
+        clients = [editor.connect() for _ in range(60)]
+        time.sleep(0.3)
+        cpu = editor.cpu_seconds()
+        time.sleep(2)
+        cpu = editor.cpu_seconds() - cpu
+        check(cpu < 0.3, "out of descriptors the server used %.2f s of CPU in 2 s" % cpu)
+        figures.append("out of descriptors: %.2f s of CPU in 2 s, an answer in %.2f s" % (
+            cpu, answered_in_time(editor, 3, "out of descriptors")))
+        answered_in_time(editor, 3, "out of descriptors, a second client")
+        for s in clients:
+            s.close()
+        answered_in_time(editor, 1.5, "descriptors free again")
+    finally:
+        code, _, err = editor.stop()
+    check(code == 0, "stopped: %r %s" % (code, err))
+    print("\n".join(figures))
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--qfforms", required=True)
     parser.add_argument("--corpus", required=True)
-    parser.add_argument("check", choices=["doors", "password"])
+    parser.add_argument("check", choices=["doors", "limits", "password"])
     args = parser.parse_args()
     with tempfile.TemporaryDirectory() as folder:
         os.environ["XDG_CONFIG_HOME"] = os.path.join(folder, "config")
         work = os.path.join(folder, "work")
         os.makedirs(work)
-        {"doors": check_doors, "password": check_password}[args.check](args, work)
+        {"doors": check_doors, "limits": check_limits,
+         "password": check_password}[args.check](args, work)
     for f in failures:
         print("FAIL:", f)
     print("%s: %s" % (args.check, "ok" if not failures else "%d failures" % len(failures)))

@@ -28,6 +28,10 @@ import tempfile
 
 from pypdf import PdfReader
 
+# The hostile files the fuzzers start from.
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "fuzz"))
+import make_seeds  # noqa: E402
+
 logging.getLogger("pypdf").setLevel(logging.CRITICAL)
 
 TIMEOUT = 120
@@ -261,6 +265,25 @@ def check_undo(args, folder):
     check(form_of(out) == before, "undo on a form: the form is not as it was")
     check(open(copy, "rb").read() == open(source, "rb").read(), "undo on a form: input changed")
 
+    # A radio grouping numbers its buttons in the order of their handles: the same session
+    # writes the same bytes however the allocator reuses memory.
+    script = [{"new": {}}, {"tool": "CheckBoxCreate"}]
+    script += [{"click": {"page": 0, "at": [72 + 30 * i, 700]}} for i in range(6)]
+    script += [{"command": {"name": "GroupRadioButtons",
+                            "widgets": [{"field": "CheckBox%d" % i} for i in (4, 1, 6, 2)]}},
+               {"save": "grouped.pdf"}]
+    path = write_script(folder, "grouped.json", script)
+    outputs = []
+    for tunables in ("", "glibc.malloc.tcache_count=0:glibc.malloc.perturb=165",
+                     "glibc.malloc.mmap_threshold=0"):
+        env = dict(os.environ, GLIBC_TUNABLES=tunables, QF_PAD="x" * len(outputs) * 4096)
+        result = run([args.qfforms, "run", path], env=env)
+        check(result.returncode == 0, "grouping: exit %d: %s" % (result.returncode,
+                                                                 result.stderr))
+        with open(os.path.join(folder, "grouped.pdf"), "rb") as f:
+            outputs.append(f.read())
+    check(len(set(outputs)) == 1, "grouping: the same session wrote different bytes")
+
 
 def check_failures(args, folder):
     out = os.path.join(folder, "never.pdf")
@@ -412,45 +435,17 @@ def check_failures(args, folder):
         check('{"%s":' % verb in result.stdout, "run --help does not document " + verb)
 
 
-def pdf_of(objects):
-    """A PDF of the objects (numbered from 1, the catalog first) with its xref table."""
-    out = bytearray(b"%PDF-1.7\n")
-    offsets = []
-    for number, body in enumerate(objects, 1):
-        offsets.append(len(out))
-        out += b"%d 0 obj\n%s\nendobj\n" % (number, body.encode())
-    xref = len(out)
-    out += b"xref\n0 %d\n0000000000 65535 f \n" % (len(objects) + 1)
-    out += b"".join(b"%010d 00000 n \n" % at for at in offsets)
-    out += b"trailer\n<< /Size %d /Root 1 0 R >>\nstartxref\n%d\n%%%%EOF\n" % (
-        len(objects) + 1, xref)
-    return bytes(out)
-
-
-def write_pdf(folder, name, objects):
+def write_pdf(folder, name, data):
     path = os.path.join(folder, name)
     with open(path, "wb") as f:
-        f.write(pdf_of(objects))
+        f.write(data)
     return path
 
 
 def check_depth(args, folder):
     out = os.path.join(folder, "never.pdf")
     levels = 40000
-    pages = ["<< /Type /Catalog /Pages 2 0 R >>"]
-    for level in range(1, levels + 1):
-        parent = " /Parent %d 0 R" % level if level > 1 else " /MediaBox [0 0 612 792]"
-        pages.append("<< /Type /Pages /Count 1 /Kids [%d 0 R]%s >>" % (level + 2, parent))
-    pages.append("<< /Type /Page /Parent %d 0 R >>" % (levels + 1))
-    fields = ["<< /Type /Catalog /Pages 2 0 R /AcroForm << /Fields [4 0 R] >> >>",
-              "<< /Type /Pages /Count 1 /Kids [3 0 R] >>",
-              "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] /Annots [%d 0 R] >>"
-              % (levels + 4)]
-    for level in range(1, levels + 1):
-        parent = " /Parent %d 0 R" % (level + 2) if level > 1 else " /FT /Tx"
-        fields.append("<< /T (f%d) /Kids [%d 0 R]%s >>" % (level, level + 4, parent))
-    fields.append("<< /Type /Annot /Subtype /Widget /Rect [10 10 110 30] /P 3 0 R"
-                  " /Parent %d 0 R >>" % (levels + 3))
+    pages, fields = make_seeds.page_tree(levels), make_seeds.field_tree(levels)
     too_deep = "A page tree or field tree is nested deeper than 1,000 levels"
     for name, objects in (("pages.pdf", pages), ("fields.pdf", fields)):
         path = write_pdf(folder, name, objects)
@@ -462,26 +457,19 @@ def check_depth(args, folder):
                   "%s, %s: exit %d, %r" % (name, command[0], result.returncode,
                                            result.stderr[-300:]))
 
-    # A widget whose mouse-up action starts a chain of 20,000 that leads back to its start:
+    # A button whose click action starts a chain of 20,000 that leads back to its start:
     # copied and pasted in seconds (a paste took 73 s; a copy ran out of stack).
-    chain = ["<< /Type /Catalog /Pages 2 0 R /AcroForm << /Fields [4 0 R] >> >>",
-             "<< /Type /Pages /Count 1 /Kids [3 0 R] >>",
-             "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] /Annots [4 0 R] >>",
-             "<< /Type /Annot /Subtype /Widget /FT /Tx /T (chain) /Rect [10 10 110 30]"
-             " /P 3 0 R /AA << /U 5 0 R >> >>"]
     length = 20000
-    for k in range(length):
-        chain.append("<< /S /URI /URI (https://example.org/%d) /Next %d 0 R >>"
-                     % (k, k + 6 if k + 1 < length else 5))
+    chain = make_seeds.action_chain(length)
     source = write_pdf(folder, "chain.pdf", chain)
-    copied = qfforms(args.qfforms, "copy", source, "--field", "chain")
+    copied = qfforms(args.qfforms, "copy", source, "--field", "go")
     check(copied.returncode == 0 and copied.stdout.count('"next-action"') == length - 1,
           "chain: copy exit %d, %r" % (copied.returncode, copied.stderr[-300:]))
     pasted = run([args.qfforms, "paste", source, "--page", "0", "--out", out],
                  input=copied.stdout)
     if check(pasted.returncode == 0 and os.path.exists(out),
              "chain: paste exit %d, %r" % (pasted.returncode, pasted.stderr[-300:])):
-        again = qfforms(args.qfforms, "copy", out, "--field", "chain_2")
+        again = qfforms(args.qfforms, "copy", out, "--field", "go_2")
         check(again.stdout.count('"next-action"') == length - 1,
               "chain: the pasted widget's chain: %r" % again.stderr[-300:])
         check(run(["qpdf", "--check", out]).returncode == 0, "chain: qpdf --check")

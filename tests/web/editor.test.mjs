@@ -6,7 +6,9 @@
 // folder is edited as a person would with the mouse and the keyboard: fields drawn, one
 // moved and the move undone, one renamed in the panel, a combo box's options typed into
 // its table, the tab order set, the form previewed and saved as a new file that pypdf
-// then reads. Then an encrypted copy whose permissions keep its form from changing: the
+// then reads. A page served from another port of 127.0.0.1, in the same browser, then tries
+// to change the tool and the language and to save over the files: all refused, nothing
+// changed. Then an encrypted copy whose permissions keep its form from changing: the
 // page asks for its password, says when it is wrong or not the owner's, opens it with the
 // owner password, and the field drawn is saved with the encryption kept. DIR receives a
 // screenshot of every stage and the servers' logs.
@@ -14,6 +16,7 @@
 import assert from 'node:assert/strict';
 import {execFileSync, spawn} from 'node:child_process';
 import fs from 'node:fs';
+import http from 'node:http';
 import {createRequire} from 'node:module';
 import os from 'node:os';
 import path from 'node:path';
@@ -40,7 +43,11 @@ let editor; // {proc, exited, url, port, token}
 let browser;
 let page;
 let page0; // page 0's rectangle in the view at zoom 1
-const pageErrors = [];
+const pageErrors = []; // script errors, and whatever the Content-Security-Policy refused
+const watch = (p) => {
+  p.on('pageerror', (e) => pageErrors.push(e.message));
+  p.on('console', (m) => /Content Security Policy/.test(m.text()) && pageErrors.push(m.text()));
+};
 
 // ---- the server ----
 
@@ -197,8 +204,8 @@ before(async () => {
   editor = await startEditor();
   browser = await chromium.launch(
     {executablePath: '/usr/bin/chromium', headless: true, args: ['--no-sandbox']});
-  page = await browser.newPage({viewport: {width: 1280, height: 1000}});
-  page.on('pageerror', (e) => pageErrors.push(e.message));
+  page = await (await browser.newContext({viewport: {width: 1280, height: 1000}})).newPage();
+  watch(page);
   await page.goto(editor.url);
   await page.waitForSelector('.page[data-page="0"] .overlay svg >> nth=0');
   await settled();
@@ -396,6 +403,78 @@ describe('an editing session in the browser', () => {
   stage('the page raised no script errors', () => assert.deepEqual(pageErrors, []));
 });
 
+// What a page of another site does to an editor it finds on this machine: posts that need no
+// preflight (fetch without CORS, forms), with the browser's cookies, and a fetch that sends
+// a guessed token (which needs a preflight). Sets window.attacked to the outcome of the
+// fetches that could read their answers.
+function attackingPage(editorOrigin) {
+  return `<!doctype html><title>elsewhere</title><iframe name="sink"></iframe><script>
+(async () => {
+  const target = ${JSON.stringify(editorOrigin)};
+  const changes = [['/api/step', {tool: 'TextFieldCreate'}], ['/api/language', {lang: 'ja'}],
+    ['/api/save', {replace: true}], ['/api/save', {as: 'form.pdf', replace: true}]];
+  const outcome = [];
+  for (const [path, body] of changes) {
+    await fetch(target + path, {method: 'POST', mode: 'no-cors', credentials: 'include',
+      headers: {'Content-Type': 'text/plain'}, body: JSON.stringify(body)}).catch(() => {});
+    await fetch(target + path, {method: 'POST', credentials: 'include',
+      headers: {'Content-Type': 'application/json', 'X-QF-Token': '0'.repeat(32)},
+      body: JSON.stringify(body)}).then((r) => outcome.push(r.status), () => outcome.push('refused'));
+  }
+  // A form's text/plain body reads as JSON: name {"lang":"ja","x":" value "}.
+  for (const [path, body] of changes.slice(1)) {
+    const form = document.createElement('form');
+    Object.assign(form, {method: 'POST', action: target + path, enctype: 'text/plain', target: 'sink'});
+    const input = document.createElement('input');
+    input.name = JSON.stringify(body).slice(0, -1) + ',"x":"';
+    input.value = '"}';
+    form.append(input);
+    document.body.append(form);
+    const sent = new Promise((resolve) => { document.querySelector('iframe').onload = resolve; });
+    form.submit();
+    await Promise.race([sent, new Promise((resolve) => setTimeout(resolve, 2000))]);
+  }
+  window.attacked = outcome;
+})();
+</script>`;
+}
+
+describe('a page served from another port of 127.0.0.1', () => {
+  test('cannot change the tool or the language, nor save over the document', async () => {
+    const files = ['form.pdf', 'edited.pdf'].map((name) => path.join(folder, name));
+    const bytes = files.map((f) => fs.readFileSync(f));
+    const before = await serverState();
+    const editorOrigin = `http://127.0.0.1:${editor.port}`;
+    const attacker = http.createServer((request, response) => {
+      response.writeHead(200, {'Content-Type': 'text/html'});
+      response.end(attackingPage(editorOrigin));
+    });
+    await new Promise((resolve) => attacker.listen(0, '127.0.0.1', resolve));
+    // What the editor answered the forms' posts (the browser keeps the answers of the
+    // fetches from the page: Cross-Origin-Resource-Policy).
+    const answers = [];
+    let tab;
+    try {
+      // The same browser holds the editor's cookie; a tab of its own plays the other site.
+      tab = await page.context().newPage();
+      tab.on('response', (r) => r.url().startsWith(editorOrigin) &&
+        r.request().method() === 'POST' && answers.push(r.status()));
+      await tab.goto(`http://127.0.0.1:${attacker.address().port}/`);
+      const outcome = await tab.waitForFunction(() => window.attacked, null, {timeout: 20000});
+      assert.deepEqual(await outcome.jsonValue(), Array(4).fill('refused'));
+    } finally {
+      await tab?.close();
+      attacker.close();
+      attacker.closeAllConnections();
+    }
+    assert.deepEqual(answers, [403, 403, 403]);
+    const after = await serverState();
+    assert.deepEqual([after.tool, after.lang, after.document, after.undo],
+      [before.tool, before.lang, before.document, before.undo]);
+    files.forEach((f, i) => assert.ok(fs.readFileSync(f).equals(bytes[i]), `${f} changed`));
+  });
+});
+
 describe('the end of the session', () => {
   test('SIGINT stops the server cleanly', async () => {
     await browser.close();
@@ -445,7 +524,7 @@ describe('an encrypted form whose permissions keep it from changing', () => {
     browser = await chromium.launch(
       {executablePath: '/usr/bin/chromium', headless: true, args: ['--no-sandbox']});
     page = await browser.newPage({viewport: {width: 1280, height: 1000}});
-    page.on('pageerror', (e) => pageErrors.push(e.message));
+    watch(page);
     await page.goto(editor.url);
   });
 

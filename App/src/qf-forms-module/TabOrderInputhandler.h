@@ -7,7 +7,7 @@
 // host's user-interface thread.
 #pragma once
 
-#include "WidgetCreateInputHandler.h"
+#include "DocumentView.h"
 
 #include "qf/InputHandler"
 

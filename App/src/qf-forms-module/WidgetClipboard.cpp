@@ -1,6 +1,6 @@
 #include "WidgetClipboard.h"
 
-#include "WidgetCreateInputHandler.h"
+#include "DocumentView.h"
 #include "WidgetEditObject.h"
 
 #include "qf/internal/ServiceObjectException.h"

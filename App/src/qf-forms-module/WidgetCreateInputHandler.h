@@ -11,6 +11,8 @@
 // Everything runs on the host's user-interface thread.
 #pragma once
 
+#include "DocumentView.h"
+#include "FrameTracker.h"
 #include "pdfcore/pdfcore.h"
 #include "qf/DocumentInterfaces.h"
 #include "qf/InputHandler"
@@ -31,60 +33,6 @@ using SODetails::ServiceObject;
 
 namespace QF {
 
-struct PagePoint {
-    float x = 0;
-    float y = 0;
-};
-
-// A "QFDocumentView" held by one reference. Every operation checks that the view offers it
-// (SODetails::hasMethod) and falls back as its comment says when it does not or fails.
-class DocumentViewRef {
-  public:
-    DocumentViewRef() = default;
-    // Adds a reference of its own to view (may be null).
-    explicit DocumentViewRef(ServiceObject* view);
-
-    ServiceObject* get() const { return view_.get(); }
-    explicit operator bool() const { return static_cast<bool>(view_); }
-
-    // The viewed "QFDocument" (one reference); null when the view gives none.
-    SODetails::BasicServiceObjectPtr<> Document() const;
-    // The viewed pdfcore document; null when the view gives none.
-    PDHandlePtr PDDoc() const;
-    // The page under a view point (pixels); -1 beside the pages or when the view cannot say.
-    int64_t PageAt(int32_t x, int32_t y) const;
-    // A view point in the space of page pageIndex; nothing when the view cannot convert.
-    std::optional<PagePoint> ViewToPage(uint64_t pageIndex, int32_t x, int32_t y) const;
-    // A page point in view pixels; nothing when the view cannot convert.
-    std::optional<std::array<int32_t, 2>> PageToView(uint64_t pageIndex, PagePoint p) const;
-    // The view's own rotation in degrees clockwise; 0 when unknown.
-    uint32_t Rotation() const;
-    // Pixels per point; 1 when unknown.
-    float Zoom() const;
-    // Requests that are skipped when the view lacks them.
-    void Redraw() const;
-    void SetCursor(uint32_t shape) const;
-    // rect in PDRect order, page space; pageIndex -1 removes the frame.
-    void ShowFrame(int64_t pageIndex, const PDRect& rect, uint32_t argb) const;
-    void CaptureDrag(bool capture) const;
-    void ReleaseAnnotFocus() const;
-    void ShowContextMenu(uint32_t kindAtom, int32_t x, int32_t y, uint64_t pageIndex) const;
-    void StartViewDrag(int32_t x, int32_t y) const;
-    void ContinueViewDrag(int32_t x, int32_t y) const;
-    // annot null: no annotation has the focus.
-    void SetAnnotFocus(uint64_t pageIndex, PDAnnot annot) const;
-
-    // Subscriptions to the view's events (0 when the view offers none); Disconnect of 0
-    // does nothing.
-    uint64_t ConnectDrawPageView(DrawPageViewProc proc, void* context) const;
-    void DisconnectDrawPageView(uint64_t connection) const;
-    uint64_t ConnectFocusPageChanged(FocusPageChangedProc proc, void* context) const;
-    void DisconnectFocusPageChanged(uint64_t connection) const;
-
-  private:
-    SODetails::BasicServiceObjectPtr<> view_;
-};
-
 // The host's "QFUserSettings" as the creation tools read it: every read has the module's own
 // fallback, used when the host offers no settings, lacks the operation or the value.
 namespace UserSettings {
@@ -94,83 +42,6 @@ std::u16string Text(const std::u16string& path, const std::u16string& fallback);
 } // namespace UserSettings
 
 } // namespace QF
-
-// ---- the drag frame -----------------------------------------------------------------------
-
-// The state of one drag on one page: where it started, where the pointer is, and whether it
-// is running (active) or completed (done). Points are in the space of the press's page.
-// Subclasses draw the frame through the three hooks.
-class FrameTrackerBase {
-  public:
-    explicit FrameTrackerBase(const QF::DocumentViewRef& view) : view_(view) {}
-    virtual ~FrameTrackerBase() = default;
-    FrameTrackerBase(const FrameTrackerBase&) = delete;
-    FrameTrackerBase& operator=(const FrameTrackerBase&) = delete;
-
-    // A left press at point on page pageIndex: start = current = point, active.
-    void Begin(int64_t pageIndex, QF::PagePoint point);
-    // Pointer moved during the drag. modifiers: QF::kModifierShift sets the first constrain
-    // flag, else QF::kModifierControl the second, else both are cleared.
-    void Track(QF::PagePoint point, uint32_t modifiers);
-    // The release: point is the end of the frame; the drag is done and the view redrawn.
-    void End(QF::PagePoint point);
-    // Drops a running drag without completing it (the tool goes away mid-drag).
-    void Cancel();
-
-    bool Active() const { return active_; }
-    bool Done() const { return done_; }
-    int64_t Page() const { return page_; }
-    QF::PagePoint Start() const { return start_; }
-    QF::PagePoint Current() const { return current_; }
-    bool FirstConstrain() const { return constrainFirst_; }
-    bool SecondConstrain() const { return constrainSecond_; }
-    // start and current as a rectangle with left <= right and bottom <= top (PDRect order).
-    PDRect NormalizedFrame() const;
-
-  protected:
-    virtual void OnBegin() {}
-    virtual void OnTrack() {}
-    virtual void OnEnd() {}
-
-    QF::DocumentViewRef view_;
-
-  private:
-    int64_t page_ = -1;
-    QF::PagePoint start_;
-    QF::PagePoint current_;
-    bool active_ = false;
-    bool done_ = false;
-    bool constrainFirst_ = false;
-    bool constrainSecond_ = false;
-};
-
-// The creation tools' tracker: shows the frame with the view's ShowFrame in the frame colour
-// while the drag runs and keeps the pointer (CaptureDrag) until the release; knows the
-// kind's default widget size for clicks.
-class StrokeFillFrameTracker : public FrameTrackerBase {
-  public:
-    // defaultWidth, defaultHeight: points; frameColor: ARGB.
-    StrokeFillFrameTracker(const QF::DocumentViewRef& view, float defaultWidth,
-                           float defaultHeight, uint32_t frameColor);
-    ~StrokeFillFrameTracker() override;
-
-    float DefaultWidth() const { return defaultWidth_; }
-    float DefaultHeight() const { return defaultHeight_; }
-    uint32_t FrameColor() const { return frameColor_; }
-
-  protected:
-    void OnBegin() override;
-    void OnTrack() override;
-    void OnEnd() override;
-
-  private:
-    void Release();
-
-    float defaultWidth_;
-    float defaultHeight_;
-    uint32_t frameColor_;
-    bool shown_ = false;
-};
 
 // ---- names of new fields ------------------------------------------------------------------
 

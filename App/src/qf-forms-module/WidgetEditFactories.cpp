@@ -1,7 +1,7 @@
 #include "WidgetEditFactories.h"
 
 #include "WidgetClipboard.h"
-#include "WidgetCreateInputHandler.h"
+#include "DocumentView.h"
 #include "WidgetEditObject.h"
 #include "WidgetEditSelection.h"
 

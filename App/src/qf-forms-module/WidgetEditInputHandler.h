@@ -7,7 +7,7 @@
 // user-interface thread.
 #pragma once
 
-#include "WidgetCreateInputHandler.h"
+#include "DocumentView.h"
 #include "WidgetEditObject.h"
 
 #include "qf/InputHandler"

@@ -1,8 +1,12 @@
 // Handles, texts and small object helpers shared by all pdfcore sources.
 #include "Core.h"
 
+#include "AddressSpace.h"
 
+#include <mutex>
+#include <new>
 #include <set>
+#include <vector>
 
 namespace pdfcore {
 
@@ -32,6 +36,92 @@ static void releaseDocRef(Document* doc) {
     if (doc->self.refs.fetch_sub(1) == 1) destroyDocument(doc);
 }
 
+namespace {
+
+// Handle records come from one range of addresses, each at a higher address than every
+// record made before it, so that handles compare in the order their objects were first
+// reached (a radio grouping numbers its buttons in the order of their handles) whatever the
+// allocator does with freed memory. A page of records goes back to the system once none of
+// them is alive and the arena has moved past it. When the range cannot be reserved or is
+// used up, records come from the heap, and their order is the allocator's.
+class HandleArena {
+public:
+    static constexpr size_t kSlot = 64;
+    static constexpr size_t kReserved = size_t(1) << 34;  // 268 million records
+
+    // Room for one record; null when the arena has none.
+    void* allocate() {
+        std::lock_guard lock(mutex_);
+        if (!tried_) {
+            tried_ = true;
+            base_ = static_cast<char*>(addressSpace::reserve(kReserved));
+        }
+        if (!base_ || next_ + kSlot > kReserved) return nullptr;
+        const size_t page = addressSpace::pageSize();
+        if (next_ + kSlot > committed_) {
+            if (!addressSpace::commit(base_ + committed_, page)) return nullptr;
+            committed_ += page;
+            live_.push_back(0);
+        }
+        void* slot = base_ + next_;
+        ++live_[next_ / page];
+        next_ += kSlot;
+        if (next_ % page == 0) release(next_ / page - 1);
+        return slot;
+    }
+
+    bool owns(const void* p) const {
+        return base_ && p >= base_ && p < base_ + kReserved;
+    }
+
+    void free(void* p) {
+        std::lock_guard lock(mutex_);
+        const size_t page = static_cast<size_t>(static_cast<char*>(p) - base_) /
+                            addressSpace::pageSize();
+        --live_[page];
+        release(page);
+    }
+
+private:
+    // Gives page back when nothing on it is alive and no record will be made there.
+    void release(size_t page) {
+        const size_t size = addressSpace::pageSize();
+        if (live_[page] == 0 && (page + 1) * size <= next_)
+            addressSpace::discard(base_ + page * size, size);
+    }
+
+    std::mutex mutex_;
+    bool tried_ = false;
+    char* base_ = nullptr;
+    size_t next_ = 0;       // offset of the next record
+    size_t committed_ = 0;  // bytes usable from base_
+    std::vector<uint32_t> live_;  // records alive, per page
+};
+static_assert(sizeof(PDHandleRec) <= HandleArena::kSlot);
+
+// Never destroyed: handles may be released while the process ends.
+HandleArena& handleArena() {
+    static HandleArena* arena = new HandleArena;
+    return *arena;
+}
+
+PDHandleRec* newHandleRec() {
+    if (void* slot = handleArena().allocate()) return new (slot) PDHandleRec;
+    return new PDHandleRec;
+}
+
+void deleteHandleRec(PDHandleRec* rec) {
+    HandleArena& arena = handleArena();
+    if (!arena.owns(rec)) {
+        delete rec;
+        return;
+    }
+    rec->~PDHandleRec();
+    arena.free(rec);
+}
+
+}  // namespace
+
 PDHandle handleFor(Document& doc, QPDFObjectHandle obj, Kind kind) {
     if (!obj.isIndirect()) fail(PD_ERR_INTERNAL);
     std::lock_guard lock(doc.registryMutex);
@@ -45,7 +135,7 @@ PDHandle handleFor(Document& doc, QPDFObjectHandle obj, Kind kind) {
             if (it->second->refs.compare_exchange_weak(r, r + 1)) return it->second;
         }
     }
-    auto* rec = new PDHandleRec;
+    auto* rec = newHandleRec();
     rec->kind = kind;
     rec->doc = &doc;
     rec->obj = obj;
@@ -56,7 +146,7 @@ PDHandle handleFor(Document& doc, QPDFObjectHandle obj, Kind kind) {
 
 PDHandle anyHandle(Document& doc, QPDFObjectHandle obj, Kind kind) {
     if (obj.isIndirect()) return handleFor(doc, obj, kind);
-    auto* rec = new PDHandleRec;
+    auto* rec = newHandleRec();
     rec->kind = kind;
     rec->doc = &doc;
     rec->obj = obj;
@@ -96,7 +186,7 @@ static void freeObjectHandle(PDHandleRec* rec) {
         doc->directHandles.erase(rec);
     }
     rec->magic = 0;
-    delete rec;
+    deleteHandleRec(rec);
     releaseDocRef(doc);
 }
 

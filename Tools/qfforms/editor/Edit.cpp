@@ -1,7 +1,9 @@
 #include "Edit.h"
 
 #include "Files.h"
+#include "Gate.h"
 #include "HttpServer.h"
+#include "MainQueue.h"
 #include "Pd.h"
 #include "Records.h"
 #include "Session.h"
@@ -16,22 +18,11 @@
 #include "qfhost/View.h"
 
 #include <algorithm>
-#include <atomic>
 #include <charconv>
-#include <chrono>
-#include <csignal>
-#include <condition_variable>
-#include <deque>
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <future>
 #include <iostream>
-#include <memory>
-#include <mutex>
 #include <optional>
-#include <random>
-#include <sstream>
 
 namespace qfforms {
 
@@ -57,125 +48,6 @@ using qfhost::HostError;
 using qfhost::View;
 
 constexpr const char* kEditTool = "WidgetEdit";
-
-std::atomic<bool> gStop{false};
-
-extern "C" void onSignal(int) { gStop = true; }
-
-// ---- the main thread's queue --------------------------------------------------------------
-
-// Jobs that network threads hand to the thread that owns the host.
-class MainQueue {
-  public:
-    // Runs f on the main thread and waits for its answer; nothing once the queue is closed.
-    std::optional<HttpResponse> call(std::function<HttpResponse()> f) {
-        auto task = std::make_shared<std::packaged_task<HttpResponse()>>(std::move(f));
-        std::future<HttpResponse> answer = task->get_future();
-        {
-            std::lock_guard lock(mutex_);
-            if (closed_) return std::nullopt;
-            jobs_.push_back([task] { (*task)(); });
-        }
-        ready_.notify_one();
-        try {
-            return answer.get();
-        } catch (const std::future_error&) {
-            return std::nullopt; // dropped when the queue closed
-        }
-    }
-
-    // Runs jobs on the calling thread until stop is set.
-    void serve(const std::atomic<bool>& stop) {
-        while (!stop) {
-            std::function<void()> job;
-            {
-                std::unique_lock lock(mutex_);
-                ready_.wait_for(lock, std::chrono::milliseconds(100),
-                                [this] { return !jobs_.empty(); });
-                if (jobs_.empty()) continue;
-                job = std::move(jobs_.front());
-                jobs_.pop_front();
-            }
-            job();
-        }
-    }
-
-    // Refuses further jobs and drops those waiting: their callers get nothing.
-    void close() {
-        std::deque<std::function<void()>> dropped;
-        {
-            std::lock_guard lock(mutex_);
-            closed_ = true;
-            dropped.swap(jobs_);
-        }
-    }
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable ready_;
-    std::deque<std::function<void()>> jobs_;
-    bool closed_ = false;
-};
-
-// ---- small helpers ------------------------------------------------------------------------
-
-std::string randomToken() {
-    std::random_device device;
-    std::ostringstream out;
-    for (int i = 0; i < 4; ++i) {
-        char word[9];
-        std::snprintf(word, sizeof word, "%08x", static_cast<unsigned>(device()));
-        out << word;
-    }
-    return out.str();
-}
-
-// Compares without stopping at the first difference.
-bool sameSecret(const std::string& a, const std::string& b) {
-    if (a.size() != b.size()) return false;
-    unsigned char diff = 0;
-    for (size_t i = 0; i < a.size(); ++i) diff |= static_cast<unsigned char>(a[i] ^ b[i]);
-    return diff == 0;
-}
-
-std::string contentTypeOf(const fs::path& file) {
-    const std::string ext = file.extension().string();
-    if (ext == ".html") return "text/html; charset=utf-8";
-    if (ext == ".js" || ext == ".mjs") return "text/javascript; charset=utf-8";
-    if (ext == ".css") return "text/css; charset=utf-8";
-    if (ext == ".svg") return "image/svg+xml";
-    if (ext == ".png") return "image/png";
-    if (ext == ".json" || ext == ".map") return "application/json";
-    if (ext == ".wasm") return "application/wasm";
-    return "application/octet-stream";
-}
-
-// The file under root named by the relative URL path rest; nothing for a path that leaves
-// root or names no file.
-std::optional<fs::path> fileUnder(const fs::path& root, const std::string& rest) {
-    fs::path path = root;
-    size_t at = 0;
-    while (at <= rest.size()) {
-        const size_t slash = std::min(rest.find('/', at), rest.size());
-        const std::string part = rest.substr(at, slash - at);
-        if (part.empty() || part == "." || part == ".." || part.find('\\') != std::string::npos ||
-            part.find('\0') != std::string::npos)
-            return std::nullopt;
-        path /= fs::u8path(part);
-        at = slash + 1;
-    }
-    std::error_code ec;
-    if (!fs::is_regular_file(path, ec)) return std::nullopt;
-    return path;
-}
-
-std::optional<std::string> readFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return std::nullopt;
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
 
 std::string dump(const Json& j) { return j.dump(-1, ' ', false, Json::error_handler_t::replace); }
 
@@ -686,7 +558,7 @@ class Editor {
     void setLanguage(const std::string& lang) { lang_ = lang; }
 };
 
-// ---- the network side ---------------------------------------------------------------------
+// ---- the command ---------------------------------------------------------------------------
 
 struct Options {
     std::string in;
@@ -723,64 +595,6 @@ int usageError(const std::string& message) {
     std::cerr << "qfforms: " << message << "\n" << kEditUsage;
     return 2;
 }
-
-// Answers what needs no host (the page and its files) and hands the rest to the queue.
-class Gate {
-  public:
-    Gate(std::string token, fs::path web, MainQueue& queue, Editor& editor)
-        : token_(std::move(token)), web_(std::move(web)), queue_(queue), editor_(editor) {}
-
-    void setPort(uint16_t port) { port_ = port; }
-
-    HttpResponse operator()(const HttpRequest& request) {
-        const std::string host = request.header("host");
-        const std::string port = std::to_string(port_);
-        if (host != "127.0.0.1:" + port && host != "localhost:" + port)
-            return HttpResponse::text(403, "this server answers to 127.0.0.1:" + port + " only\n");
-        const auto q = request.query.find("token");
-        const std::string given = request.header("x-qf-token").empty()
-                                      ? (q != request.query.end() ? q->second
-                                                                  : request.cookie("qf_token"))
-                                      : request.header("x-qf-token");
-        if (!sameSecret(given, token_))
-            return HttpResponse::text(403, "this editor needs its session token: open the "
-                                           "address that `qfforms edit` printed\n");
-
-        const std::string& path = request.path;
-        if (path.rfind("/api/", 0) == 0) {
-            auto answer = queue_.call([&] { return editor_.handle(request); });
-            return answer ? *answer : HttpResponse::text(503, "the editor is stopping\n");
-        }
-        if (request.method != "GET") return HttpResponse::text(405, "not allowed\n");
-        std::optional<fs::path> file;
-        if (path == "/" || path == "/index.html") {
-            file = fileUnder(web_, "index.html");
-        } else if (path.rfind("/app/", 0) == 0) {
-            file = fileUnder(web_ / "app", path.substr(5));
-        } else if (path.rfind("/vendor/pdfjs/", 0) == 0) {
-            const fs::path pdfjs = web_ / "node_modules" / "pdfjs-dist";
-            file = fileUnder(pdfjs / "build", path.substr(14));
-            if (!file) file = fileUnder(pdfjs, path.substr(14));
-        }
-        if (!file) return HttpResponse::text(404, "no such file\n");
-        auto bytes = readFile(*file);
-        if (!bytes) return HttpResponse::text(404, "cannot read the file\n");
-        HttpResponse r;
-        r.contentType = contentTypeOf(*file);
-        r.body = std::move(*bytes);
-        if (path == "/" || path == "/index.html")
-            r.headers.emplace_back("Set-Cookie", "qf_token=" + token_ +
-                                                     "; Path=/; HttpOnly; SameSite=Strict");
-        return r;
-    }
-
-  private:
-    std::string token_;
-    fs::path web_;
-    MainQueue& queue_;
-    Editor& editor_;
-    uint16_t port_ = 0;
-};
 
 } // namespace
 
@@ -854,24 +668,20 @@ int editCommand(const std::vector<std::string>& args) {
     MainQueue queue;
     Editor editor(*host, *loader, session, document, sample, lock);
     editor.setLanguage(o.language);
-    const std::string secret = randomToken();
-    Gate gate(secret, web, queue, editor);
+    const std::string secret = Gate::newToken();
+    Gate gate(secret, web, queue, [&editor](const HttpRequest& r) { return editor.handle(r); });
     std::optional<HttpServer> server;
     try {
-        server.emplace(port, [&](const HttpRequest& r) { return gate(r); });
+        server.emplace(port, std::cref(gate), Gate::securityHeaders());
     } catch (const std::exception& e) {
         std::cerr << "qfforms: " << e.what() << "\n";
         return 1;
     }
     gate.setPort(server->port());
 
-    struct sigaction action {};
-    action.sa_handler = onSignal;
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
-
-    server->start();
+    // SIGINT and SIGTERM come to the network thread, which closes the queue: the main
+    // thread ends the job it is running, the jobs still waiting answer 503.
+    server->start([&queue] { queue.close(); });
     std::cout << "qfforms edit: " << document.filename().string() << " at http://127.0.0.1:"
               << server->port() << "/?token=" << secret << "\n";
     if (lock != Editor::Lock::None)
@@ -880,7 +690,7 @@ int editCommand(const std::vector<std::string>& args) {
                           : "The document's permissions do not allow changing its form: the "
                             "page asks for its owner password.\n");
     std::cout << "Ctrl+C stops the editor." << std::endl;
-    queue.serve(gStop);
+    queue.serve();
 
     queue.close();
     server->stop();
