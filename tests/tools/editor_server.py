@@ -11,6 +11,9 @@ CHECK is one of:
   limits    clients that dribble their requests, hundreds of idle connections, clients
             killed mid-request, file descriptors running out, SIGTERM while an answer is
             stuck: other clients are answered in time and the editor stops within 2 s
+  records   bad records pasted from the clipboard and names with control characters: 422
+            with the sentence that names the key, and the session goes on; a document the
+            program cannot use ends the command with one line
   password  an encrypted form whose permissions keep it from changing: the state asks for
             its password, then for its owner password, and nothing else goes through
             meanwhile; the owner password opens it; the page gets a copy without
@@ -45,7 +48,7 @@ from run_sessions import check, failures
 class Editor:
     """A running `qfforms edit` and a client of it."""
 
-    def __init__(self, args, folder, pdf, max_files=None):
+    def __init__(self, args, folder, pdf, max_files=None, clipboard=None):
         web = os.path.join(folder, "web")
         os.makedirs(os.path.join(web, "app"), exist_ok=True)
         with open(os.path.join(web, "index.html"), "w") as f:
@@ -65,6 +68,8 @@ class Editor:
                 f.write("vptr:*\n")
             env = dict(os.environ, UBSAN_OPTIONS="%s:suppressions=%s" % (
                 os.environ.get("UBSAN_OPTIONS", ""), ignored))
+        if clipboard:
+            env = dict(env or os.environ, QF_CLIPBOARD=clipboard)
         self.proc = subprocess.Popen([args.qfforms, "edit", pdf, "--port", "0", "--web", web],
                                      stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
                                      preexec_fn=limit, env=env)
@@ -290,6 +295,55 @@ def check_doors(args, folder):
         check(status == 200, "a second save asked again: %d %s" % (status, answer))
     finally:
         editor.stop()
+
+
+def check_records(args, folder):
+    form = os.path.join(folder, "form.pdf")
+    shutil.copyfile(os.path.join(args.corpus, "qpdf-field-types.pdf"), form)
+    clipboard = os.path.join(folder, "clipboard.json")
+    copied = subprocess.run([args.qfforms, "copy", form, "--field", "text"],
+                            capture_output=True, text=True, timeout=60)
+    if not check(copied.returncode == 0, "copy: %r" % copied.stderr):
+        return
+    good = json.loads(copied.stdout)
+    editor = Editor(args, folder, form, clipboard=clipboard)
+    try:
+        bad = [
+            (dict(good, Rect=dict(good["Rect"], left="abc")),
+             "paste: on the clipboard, the record's Rect.left must be a number"),
+            ("{\"Rect\": ", "paste: on the clipboard, the record is not JSON"),
+            (dict(good, name="text\u0000x"), "control character U+0000"),
+        ]
+        for record, text in bad:
+            with open(clipboard, "w") as f:
+                json.dump({"UnicodeText": {"text": record if isinstance(record, str)
+                                           else json.dumps(record)}}, f)
+            status, payload, _ = editor.request("POST", "/api/step", {"paste": {"page": 0}})
+            error = json.loads(payload).get("error", "")
+            check(status == 422 and text in error, "paste %.40r: %d %r" % (record, status, error))
+        # The session goes on: a good record pastes, and the pasted widget, selected, is not
+        # renamed to a name holding a tab.
+        with open(clipboard, "w") as f:
+            json.dump({"UnicodeText": {"text": json.dumps(good)}}, f)
+        status, payload, _ = editor.request("POST", "/api/step", {"paste": {"page": 0}})
+        check(status == 200, "a good record after the bad ones: %d %r" % (status, payload[:200]))
+        status, payload, _ = editor.request("POST", "/api/step",
+                                            {"set": {"property": "FieldName", "value": "a\tb"}})
+        check(status == 422 and "U+0009" in json.loads(payload).get("error", ""),
+              "a name with a tab: %d %r" % (status, payload[:200]))
+    finally:
+        editor.stop()
+    # A document the program cannot use is refused before the server listens.
+    broken = os.path.join(folder, "broken.pdf")
+    with open(form, "rb") as f:
+        data = f.read()
+    with open(broken, "wb") as f:
+        f.write(data.replace(b"/MediaBox [", b"/MediaBox [ nan ", 1))
+    result = subprocess.run([args.qfforms, "edit", broken, "--port", "0"], capture_output=True,
+                            text=True, timeout=60)
+    check(result.returncode == 1 and "broken.pdf: page 0: its MediaBox is not four numbers"
+          in result.stderr and result.stdout == "", "a page box that is no box: %d %r" %
+          (result.returncode, result.stderr))
 
 
 def check_password(args, folder):
@@ -532,13 +586,13 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--qfforms", required=True)
     parser.add_argument("--corpus", required=True)
-    parser.add_argument("check", choices=["doors", "limits", "password"])
+    parser.add_argument("check", choices=["doors", "limits", "records", "password"])
     args = parser.parse_args()
     with tempfile.TemporaryDirectory() as folder:
         os.environ["XDG_CONFIG_HOME"] = os.path.join(folder, "config")
         work = os.path.join(folder, "work")
         os.makedirs(work)
-        {"doors": check_doors, "limits": check_limits,
+        {"doors": check_doors, "limits": check_limits, "records": check_records,
          "password": check_password}[args.check](args, work)
     for f in failures:
         print("FAIL:", f)
