@@ -3,6 +3,7 @@
 
 #include "AddressSpace.h"
 
+#include <atomic>
 #include <mutex>
 #include <new>
 #include <set>
@@ -54,29 +55,32 @@ public:
         std::lock_guard lock(mutex_);
         if (!tried_) {
             tried_ = true;
-            base_ = static_cast<char*>(addressSpace::reserve(kReserved));
+            base_.store(static_cast<char*>(addressSpace::reserve(kReserved)));
         }
-        if (!base_ || next_ + kSlot > kReserved) return nullptr;
+        char* base = base_.load();
+        if (!base || next_ + kSlot > kReserved) return nullptr;
         const size_t page = addressSpace::pageSize();
         if (next_ + kSlot > committed_) {
-            if (!addressSpace::commit(base_ + committed_, page)) return nullptr;
+            if (!addressSpace::commit(base + committed_, page)) return nullptr;
             committed_ += page;
             live_.push_back(0);
         }
-        void* slot = base_ + next_;
+        void* slot = base + next_;
         ++live_[next_ / page];
         next_ += kSlot;
         if (next_ % page == 0) release(next_ / page - 1);
         return slot;
     }
 
+    // Any thread, without the lock: the range is set once.
     bool owns(const void* p) const {
-        return base_ && p >= base_ && p < base_ + kReserved;
+        const char* base = base_.load();
+        return base && p >= base && p < base + kReserved;
     }
 
     void free(void* p) {
         std::lock_guard lock(mutex_);
-        const size_t page = static_cast<size_t>(static_cast<char*>(p) - base_) /
+        const size_t page = static_cast<size_t>(static_cast<char*>(p) - base_.load()) /
                             addressSpace::pageSize();
         --live_[page];
         release(page);
@@ -87,12 +91,12 @@ private:
     void release(size_t page) {
         const size_t size = addressSpace::pageSize();
         if (live_[page] == 0 && (page + 1) * size <= next_)
-            addressSpace::discard(base_ + page * size, size);
+            addressSpace::discard(base_.load() + page * size, size);
     }
 
     std::mutex mutex_;
     bool tried_ = false;
-    char* base_ = nullptr;
+    std::atomic<char*> base_{nullptr};
     size_t next_ = 0;       // offset of the next record
     size_t committed_ = 0;  // bytes usable from base_
     std::vector<uint32_t> live_;  // records alive, per page
