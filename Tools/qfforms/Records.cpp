@@ -23,7 +23,6 @@ extern const char* const kRecordSchema;
 namespace {
 
 using Json = nlohmann::json;
-using JsonUtility::ActionSerialization::kMaxRecordNesting;
 
 // A schema, as JSON (to describe what a key must hold) and as valijson's checker.
 struct Format {
@@ -361,16 +360,7 @@ std::optional<std::string> recordProblem(std::string_view text) {
     Json record;
     try {
         // As deep as the module reads records, and no deeper.
-        auto guard = [](int depth, Json::parse_event_t event, Json&) {
-            if ((event == Json::parse_event_t::object_start ||
-                 event == Json::parse_event_t::array_start) &&
-                static_cast<size_t>(depth) >= kMaxRecordNesting)
-                throw Json::parse_error::create(
-                    101, 0, "objects and arrays nested deeper than 50,000 levels", nullptr);
-            return true;
-        };
-        static_assert(kMaxRecordNesting == 50000, "the parse error names the limit");
-        record = Json::parse(text.begin(), text.end(), guard);
+        record = JsonUtility::ActionSerialization::parseRecord(text);
     } catch (const Json::parse_error& e) {
         return "the record is not JSON (" + jsonDetail(e) + ")";
     }

@@ -80,20 +80,6 @@ Json nested(std::vector<Json>& records, const char* key) {
 
 // ---- record text ----------------------------------------------------------------------
 
-Json parseRecord(const std::string& text) {
-    // The parser keeps its own stack of open objects and arrays; this stops it at the limit.
-    auto guard = [](int depth, Json::parse_event_t event, Json&) {
-        if ((event == Json::parse_event_t::object_start ||
-             event == Json::parse_event_t::array_start) &&
-            static_cast<size_t>(depth) >= kMaxRecordNesting)
-            throw Json::parse_error::create(
-                101, 0, "objects and arrays nested deeper than 50,000 levels", nullptr);
-        return true;
-    };
-    static_assert(kMaxRecordNesting == 50000, "the parse error names the limit");
-    return Json::parse(text, guard);
-}
-
 std::string recordText(const Json& value, Json::error_handler_t notUtf8) {
     std::string out;
     struct Open {
