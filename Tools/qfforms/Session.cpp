@@ -1,5 +1,6 @@
 #include "Session.h"
 
+#include "FieldActions.h"
 #include "Files.h"
 
 #include "Inspect.h"
@@ -154,6 +155,7 @@ class Runner {
             {"undo", &Runner::undo},       {"redo", &Runner::redo}, {"save", &Runner::save},
             {"select", &Runner::select},   {"edit", &Runner::edit}, {"get", &Runner::get},
             {"render", &Runner::render},   {"paste", &Runner::paste},
+            {"actions", &Runner::actions}, {"calculationOrder", &Runner::calculationOrder},
         };
         for (const Verb& v : kVerbs) {
             if (verb == v.name) return (this->*v.run)(args);
@@ -429,6 +431,16 @@ class Runner {
             fail(out.str());
         }
         if (rc != 0) failed(rc, "select: the widget could not be selected");
+    }
+
+    void actions(const Json& a) {
+        currentView();
+        setActions(host_, a);
+    }
+
+    void calculationOrder(const Json& a) {
+        currentView();
+        setCalculationOrder(host_, a);
     }
 
     void edit(const Json& a) {

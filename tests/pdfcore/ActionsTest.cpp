@@ -406,6 +406,23 @@ TEST(ActionsCorpus, CalculationOrderAndEmptyTriggersAreCleanedUp) {
     Owned calc = makeAction(doc.get(), PD_ATOM_JavaScript, u"event.value = 2;");
     ASSERT_EQ(PDFieldSetCalculateAction(text1.get(), calc.get()), PD_OK);
     ASSERT_EQ(PDFieldSetCalculateAction(text1.get(), calc.get()), PD_OK);
+
+    // The order is read and put as a whole: the same fields, each once, or nothing changes.
+    ASSERT_EQ(PDFieldSetCalculateAction(text2.get(), calc.get()), PD_OK);
+    uint32_t count = 0;
+    ASSERT_EQ(PDDocGetNumCalculatedFields(doc.get(), &count), PD_OK);
+    ASSERT_EQ(count, 2u);
+    PDField swapped[] = {text2.get(), text1.get()}, twice[] = {text1.get(), text1.get()};
+    EXPECT_EQ(PDDocSetCalculationOrder(doc.get(), twice, 2), PD_ERR_BAD_ARGUMENT);
+    EXPECT_EQ(PDDocSetCalculationOrder(doc.get(), swapped, 1), PD_ERR_BAD_ARGUMENT);
+    EXPECT_EQ(PDDocSetCalculationOrder(doc.get(), nullptr, 2), PD_ERR_BAD_ARGUMENT);
+    ASSERT_EQ(PDDocSetCalculationOrder(doc.get(), swapped, 2), PD_OK);
+    PDField first = nullptr;
+    ASSERT_EQ(PDDocGetCalculatedField(doc.get(), 0, &first), PD_OK);
+    EXPECT_EQ(Owned(first).get(), text2.get());
+    EXPECT_EQ(PDDocGetCalculatedField(doc.get(), 2, &first), PD_ERR_RANGE);
+    ASSERT_EQ(PDFieldSetCalculateAction(text2.get(), nullptr), PD_OK);
+
     ASSERT_EQ(PDDocSave(doc.get(), saved.c_str()), PD_OK);
     auto after = pypdfActions(dir, saved);
     EXPECT_EQ(after["CO"], "Text1");

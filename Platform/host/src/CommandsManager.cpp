@@ -4,6 +4,7 @@
 
 #include "kr/KRRuntime.h"
 
+#include <atomic>
 #include <iterator>
 #include <utility>
 
@@ -77,6 +78,59 @@ uint32_t CommandsManager::execute(const QF::CommandArgs* args) {
     if (rc != codes::kOk) return rc;
     if (!command) return codes::kFactoryFailed;
     return runOwned(std::move(command));
+}
+
+namespace {
+
+// A command made of a name and one function (CommandsManager::run).
+struct FunctionCommand {
+    uint32_t name;
+    uint32_t id;
+    std::function<uint32_t(bool)> apply;
+    FunctionCommand(uint32_t n, std::function<uint32_t(bool)> f)
+        : name(n), id(nextId()), apply(std::move(f)) {}
+    static uint32_t nextId() {
+        static std::atomic<uint32_t> last{0x51000000};
+        return ++last;
+    }
+};
+
+FunctionCommand& functionCommandOf(ServiceObject* so) {
+    return SODetails::implOf<QF::CommandTable, FunctionCommand>(so);
+}
+
+uint32_t nameOf(ServiceObject* self, uint32_t* out) {
+    if (!out) return codes::kBadArgument;
+    *out = functionCommandOf(self).name;
+    return codes::kOk;
+}
+
+const QF::CommandTable kFunctionCommandTable = {
+    nameOf,
+    [](ServiceObject* self, uint32_t* out) -> uint32_t {
+        if (!out) return codes::kBadArgument;
+        *out = functionCommandOf(self).id;
+        return codes::kOk;
+    },
+    nameOf,
+    nameOf,
+    [](ServiceObject* self) -> uint32_t {
+        return detail::guarded([&] { return functionCommandOf(self).apply(false); });
+    },
+    [](ServiceObject* self) -> uint32_t {
+        return detail::guarded([&] { return functionCommandOf(self).apply(true); });
+    },
+};
+
+}  // namespace
+
+uint32_t CommandsManager::run(const std::string& name, std::function<uint32_t(bool)> apply) {
+    uint32_t atom = 0;
+    if (!apply || KRGetAtomFromString(name.c_str(), &atom) != KR_OK) return codes::kBadArgument;
+    return runOwned(ObjectPtr::adopt(
+        SODetails::makeServiceObject<QF::CommandTable, FunctionCommand, HostTraits>(
+            QF::kCommandId, "Command", detail::kFunctionCommandImplId, kFunctionCommandTable,
+            atom, std::move(apply))));
 }
 
 uint32_t CommandsManager::run(ServiceObject* command) {

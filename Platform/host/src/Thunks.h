@@ -48,6 +48,7 @@ enum : uint32_t {
     kDataObjectImplId = 0x51480114,
     kWinServicesImplId = 0x51480115,
     kSystemClipboardImplId = 0x51480116,
+    kFunctionCommandImplId = 0x51480117,
 };
 
 }  // namespace qfhost::detail

@@ -308,6 +308,19 @@ void updateCalculationOrder(Document& doc, QPDFObjectHandle field, bool calculat
     }
 }
 
+// The field dictionaries of /AcroForm /CO, in its order.
+std::vector<QPDFObjectHandle> calculatedFields(Document& doc) {
+    std::vector<QPDFObjectHandle> fields;
+    auto form = acroForm(doc, false);
+    auto co = form.isDictionary() ? form.getKey("/CO") : QPDFObjectHandle::newNull();
+    if (!co.isArray()) return fields;
+    for (int i = 0; i < co.getArrayNItems(); ++i) {
+        auto item = co.getArrayItem(i);
+        if (item.isDictionary() && item.isIndirect()) fields.push_back(item);
+    }
+    return fields;
+}
+
 PDResult setFieldTrigger(PDField field, const char* key, PDAction action) {
     return guard([&] {
         auto& f = checked(field, Kind::Field);
@@ -709,5 +722,48 @@ PD_FIELD_TRIGGER(Validate, "/V")
 PD_FIELD_TRIGGER(Calculate, "/C")
 PD_FIELD_TRIGGER(Modify, "/K")
 #undef PD_FIELD_TRIGGER
+
+// ---- the calculation order --------------------------------------------------------------
+
+PDResult PDDocGetNumCalculatedFields(PDDoc doc, uint32_t* outCount) {
+    return guard([&] {
+        Document& d = checkedDoc(doc);
+        checkOut(outCount);
+        *outCount = static_cast<uint32_t>(calculatedFields(d).size());
+    });
+}
+
+PDResult PDDocGetCalculatedField(PDDoc doc, uint32_t index, PDField* outField) {
+    if (outField) *outField = nullptr;
+    return guard([&] {
+        Document& d = checkedDoc(doc);
+        checkOut(outField);
+        auto fields = calculatedFields(d);
+        if (index >= fields.size()) fail(PD_ERR_RANGE);
+        *outField = handleFor(d, fields[index], Kind::Field);
+    });
+}
+
+PDResult PDDocSetCalculationOrder(PDDoc doc, const PDField* fields, uint32_t count) {
+    return guard([&] {
+        Document& d = checkedDoc(doc);
+        if (count > 0 && !fields) fail(PD_ERR_BAD_ARGUMENT);
+        auto current = calculatedFields(d);
+        if (count != current.size()) fail(PD_ERR_BAD_ARGUMENT);
+        std::vector<QPDFObjectHandle> order;
+        std::vector<bool> taken(current.size(), false);
+        for (uint32_t i = 0; i < count; ++i) {
+            auto& f = checked(fields[i], Kind::Field);
+            sameDoc(d.self, f);
+            size_t at = 0;
+            while (at < current.size() && !sameObject(current[at], f.obj)) ++at;
+            if (at == current.size() || taken[at]) fail(PD_ERR_BAD_ARGUMENT);
+            taken[at] = true;
+            order.push_back(current[at]);
+        }
+        if (order.empty()) return;
+        acroForm(d, false).replaceKey("/CO", QPDFObjectHandle::newArray(order));
+    });
+}
 
 } // extern "C"

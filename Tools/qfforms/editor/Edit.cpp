@@ -1,5 +1,6 @@
 #include "Edit.h"
 
+#include "FieldActions.h"
 #include "Files.h"
 #include "Gate.h"
 #include "HttpServer.h"
@@ -265,8 +266,9 @@ class Editor {
             throw StepFailure(std::nullopt, "a step is an object with exactly one verb");
         const std::string verb = body.begin().key();
         const Json& args = body.begin().value();
-        static const char* const kVerbs[] = {"tool", "view", "set", "command", "undo",
-                                             "redo", "edit", "paste", "key"};
+        static const char* const kVerbs[] = {"tool", "view",    "set",     "command",
+                                             "undo", "redo",    "edit",    "paste",
+                                             "key",  "actions", "calculationOrder"};
         if (std::none_of(std::begin(kVerbs), std::end(kVerbs),
                          [&](const char* v) { return verb == v; }))
             throw StepFailure(std::nullopt, "the editor does not take the step " + quoted(verb));
@@ -537,6 +539,8 @@ class Editor {
         fillSheets();
         s["sheet"] = sheet(u"ToolArea");
         s["widgetSheet"] = sheet(u"AnnotArea");
+        s["actions"] = describeActions(host_);
+        s["calculationOrder"] = calculationOrder(host_);
         s["lang"] = lang_;
         return s;
     }

@@ -74,6 +74,11 @@ public:
     // The same for a command the caller made (the host's own annotation commands): its DO
     // result, 3 for null, 2 without DO; the stacks take a reference of their own.
     uint32_t run(ServiceObject* command);
+    // The same for a command of the caller's own made of one function: apply(false) does
+    // it, apply(true) undoes it, each answering a result code (0: done). name is what
+    // undoNames gives for it ("SetActions"). apply runs on the thread that runs the
+    // stacks; an exception it throws is code 4 (kHostFailure).
+    uint32_t run(const std::string& name, std::function<uint32_t(bool undo)> apply);
     // UNDO of the newest command, which moves to the redo stack. 1 when there is none; a
     // failing UNDO (or a command without it: 2) leaves the command where it was.
     uint32_t undo();

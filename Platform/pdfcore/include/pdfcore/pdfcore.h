@@ -927,6 +927,19 @@ PDFCORE_API PDResult PDFieldSetCalculateAction(PDField field, PDAction action);
 PDFCORE_API PDResult PDFieldGetModifyAction(PDField field, PDAction* outAction);
 PDFCORE_API PDResult PDFieldSetModifyAction(PDField field, PDAction action);
 
+/* The form's calculation order (/AcroForm /CO): the fields whose values readers compute,
+ * in the order they compute them. Entries that are no field dictionaries are skipped
+ * (and count for nothing). A form without /CO has none. */
+PDFCORE_API PDResult PDDocGetNumCalculatedFields(PDDoc doc, uint32_t* outCount);
+/* The field at index in that order (a new reference for the caller to release);
+ * PD_ERR_RANGE past the end. */
+PDFCORE_API PDResult PDDocGetCalculatedField(PDDoc doc, uint32_t index, PDField* outField);
+/* Puts the calculation order in the order of fields: the same fields as the order holds,
+ * each once, in any order. Anything else (a field missing or added, one given twice, a
+ * field of another document) is PD_ERR_BAD_ARGUMENT and changes nothing. count 0 with
+ * fields NULL is the order of a form that calculates nothing. Main thread. */
+PDFCORE_API PDResult PDDocSetCalculationOrder(PDDoc doc, const PDField* fields, uint32_t count);
+
 #ifdef __cplusplus
 }
 #endif
