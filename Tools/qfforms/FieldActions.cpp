@@ -220,19 +220,34 @@ Json describeActions(qfhost::Host& host) {
         else
             out[t.field ? "field" : "widget"][t.name] = common.value_or(nullptr);
     }
+    // What a calculation, a reset or a hide action may name.
+    out["fields"] = Json::array();
+    uint32_t count = 0;
+    check(PDDocGetNumFields(doc, &count));
+    for (uint32_t i = 0; i < count; ++i) {
+        PDHandlePtr field;
+        check(PDDocGetField(doc, i, field.put()));
+        auto name = readUtf8([&](char16_t* b, uint32_t n, uint32_t* len) {
+            return PDFieldGetFullName(field.get(), b, n, len);
+        });
+        if (name && !name->empty()) out["fields"].push_back(*name);
+    }
     return out;
 }
 
 void setActions(qfhost::Host& host, const Json& request) {
-    if (!request.is_object() || !request.contains("trigger") || !request.contains("action") ||
-        request.size() != 2 || !request["trigger"].is_string())
-        refuse("actions: the step is {\"trigger\": NAME, \"action\": RECORD or null}");
-    const Trigger* trigger = triggerNamed(request["trigger"].get<std::string>());
-    if (!trigger) {
-        std::string names;
-        for (const Trigger& t : kTriggers) names += (names.empty() ? "" : ", ") + std::string(t.name);
-        refuse("actions: no trigger " + quoted(request["trigger"].get<std::string>()) + " (" +
-               names + ")");
+    if (!request.is_object() || request.empty())
+        refuse("actions: the step is {TRIGGER: RECORD or null, ...}");
+    std::vector<std::pair<const Trigger*, const Json*>> asked;
+    for (const auto& [name, record] : request.items()) {
+        const Trigger* trigger = triggerNamed(name);
+        if (!trigger) {
+            std::string names;
+            for (const Trigger& t : kTriggers)
+                names += (names.empty() ? "" : ", ") + std::string(t.name);
+            refuse("actions: no trigger " + quoted(name) + " (" + names + ")");
+        }
+        asked.emplace_back(trigger, &record);
     }
     const auto& selected = host.selection().selected();
     if (selected.empty()) refuse("actions: no widget is selected");
@@ -240,25 +255,31 @@ void setActions(qfhost::Host& host, const Json& request) {
     PDDoc doc = document.pdDoc();
 
     struct Change {
+        const Trigger* trigger;
         PDHandlePtr owner, before, after;
     };
     std::vector<Change> changes;
     std::set<uint64_t> pages;
+    bool calculate = false;
     try {
-        for (const auto& s : selected) {
-            PDHandlePtr owner = trigger->field ? fieldOf(s.annot) : PDHandlePtr::share(s.annot);
-            if (trigger->field && !textOrChoice(owner.get()))
-                refuse("actions: only text fields and lists have " + quoted(trigger->name) +
-                       " actions");
-            pages.insert(s.pageIndex);
-            if (std::any_of(changes.begin(), changes.end(),
-                            [&](const Change& c) { return c.owner.get() == owner.get(); }))
-                continue;  // a field of several selected widgets
-            Change c;
-            c.owner = std::move(owner);
-            check(trigger->get(c.owner.get(), c.before.put()));
-            c.after = actionOf(doc, request["action"]);
-            changes.push_back(std::move(c));
+        for (const auto& [trigger, record] : asked) {
+            calculate = calculate || std::string(trigger->name) == "Calculate";
+            for (const auto& s : selected) {
+                PDHandlePtr owner =
+                    trigger->field ? fieldOf(s.annot) : PDHandlePtr::share(s.annot);
+                if (trigger->field && !textOrChoice(owner.get()))
+                    refuse("actions: only text fields and lists have " +
+                           quoted(trigger->name) + " actions");
+                pages.insert(s.pageIndex);
+                if (std::any_of(changes.begin(), changes.end(), [&](const Change& c) {
+                        return c.trigger == trigger && c.owner.get() == owner.get();
+                    }))
+                    continue;  // a field of several selected widgets
+                Change c{trigger, std::move(owner), {}, {}};
+                check(trigger->get(c.owner.get(), c.before.put()));
+                c.after = actionOf(doc, *record);
+                changes.push_back(std::move(c));
+            }
         }
     } catch (const StepFailure&) {
         throw;
@@ -268,14 +289,14 @@ void setActions(qfhost::Host& host, const Json& request) {
         refuse(std::string("actions: the action record is not usable: ") + e.what());
     }
 
-    const bool calculate = std::string(trigger->name) == "Calculate";
     auto order = std::make_shared<std::vector<PDHandlePtr>>(calculated(doc));
     auto flags = std::make_shared<PageFlags>(document, pages);
     auto held = std::make_shared<std::vector<Change>>(std::move(changes));
     const uint32_t rc = host.commands().run(
-        "SetActions", [doc, trigger, calculate, order, flags, held](bool undo) -> uint32_t {
+        "SetActions", [doc, calculate, order, flags, held](bool undo) -> uint32_t {
             for (const Change& c : *held) {
-                if (trigger->set(c.owner.get(), undo ? c.before.get() : c.after.get()) != PD_OK)
+                if (c.trigger->set(c.owner.get(), undo ? c.before.get() : c.after.get()) !=
+                    PD_OK)
                     return 4;
             }
             // Undone, the calculated fields stand in their former order again.
@@ -283,7 +304,8 @@ void setActions(qfhost::Host& host, const Json& request) {
             flags->mark(undo);
             return 0;
         });
-    if (rc != 0) refuse("actions: the document refused the action (code " + std::to_string(rc) + ")");
+    if (rc != 0)
+        refuse("actions: the document refused the actions (code " + std::to_string(rc) + ")");
 }
 
 Json calculationOrder(qfhost::Host& host) {

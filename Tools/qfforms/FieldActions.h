@@ -15,12 +15,13 @@ namespace qfforms {
 // "MouseExit", "Focus", "Blur"; field triggers "Keystroke", "Format", "Validate",
 // "Calculate" (only when every selected widget belongs to a text or choice field). A
 // trigger whose action differs between the selected widgets is left out of its group and
-// listed in "mixed". Null without a selection.
+// listed in "mixed"; "fields" lists the full names of the form's fields. Null without a
+// selection.
 Json describeActions(qfhost::Host& host);
 
-// Sets one trigger's action on every selected widget (a field trigger once per field):
-// {"trigger": NAME, "action": RECORD or null to remove it}. One undoable command; the
-// calculation order follows calculate actions. Throws StepFailure with a sentence for a
+// Sets actions on every selected widget (a field trigger once per field): {TRIGGER:
+// RECORD or null to remove it, ...}. One undoable command; the calculation order follows
+// calculate actions. Throws StepFailure with a sentence for a
 // bad request or an action pdfcore refuses, and then changes nothing.
 void setActions(qfhost::Host& host, const Json& request);
 

@@ -4,6 +4,7 @@
 
 import * as pdfjs from '/vendor/pdfjs/pdf.mjs';
 import {getBytes, getText, onBusyChange, post, setAnswerHandler, tracked} from './api.js';
+import {renderActions} from './actions.js';
 import {renderPanel} from './panel.js';
 import {askPassword, closePasswordPrompt} from './password.js';
 import {setLanguage, t, translate} from './texts.js';
@@ -67,6 +68,7 @@ function show(s) {
   drawPages();
   updateToolbar();
   renderPanel(s, step);
+  renderActions(s, step);
 }
 
 function say(text) {

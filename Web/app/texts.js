@@ -128,6 +128,11 @@ const table = {
 
 let lang = 'en';
 
+// Adds a panel's own words ({en: {...}, ja: {...}}) to the table.
+export function addTexts(words) {
+  for (const [l, entries] of Object.entries(words)) Object.assign(table[l], entries);
+}
+
 export function setLanguage(l) {
   lang = table[l] ? l : 'en';
   document.documentElement.lang = lang;
