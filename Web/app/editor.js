@@ -7,7 +7,7 @@ import {getBytes, getText, onBusyChange, post, setAnswerHandler, tracked} from '
 import {renderActions} from './actions.js';
 import {renderPanel} from './panel.js';
 import {askPassword, closePasswordPrompt} from './password.js';
-import {setLanguage, t, translate} from './texts.js';
+import {commandLabel, setLanguage, t, translate} from './texts.js';
 
 pdfjs.GlobalWorkerOptions.workerSrc = '/vendor/pdfjs/pdf.worker.mjs';
 
@@ -25,9 +25,10 @@ const view = $('#view');
 let state = null;
 let preview = false;
 let focusPage = 0; // the page under the last press: where Paste puts the widget
-let marking = false; // a Shift+press in select mode: it and its release stay in the page
+let marking = false; // a Shift+press in select mode: its moves and release stay in the page
+let pressed = false; // a left press went to the host and its release has not
+let cancelled = false; // Escape ended the drag: its moves and release stay in the page
 let lastMove = '';
-const marked = new Map(); // widgets marked for grouping, by "page:index"
 const pages = []; // per page: {element, canvas, overlay, annotations, live, loading, again}
 let drawnKey = '';
 let drawing = 0; // the latest drawing of the canvases; older ones give up
@@ -38,9 +39,16 @@ onBusyChange((busy) => document.body.toggleAttribute('data-busy', busy));
 
 setAnswerHandler((answer, path) => {
   if (answer.body.state) show(answer.body.state);
-  // The password prompt says itself what went wrong.
-  if (!answer.ok && path !== '/api/password') say(answer.body.error ?? `${answer.status}`);
+  // The password prompt says itself what went wrong; a question is asked where it was made.
+  const question = answer.status === 409 && (answer.body.signed || answer.body.exists);
+  if (!answer.ok && path !== '/api/password' && !question) say(failure(answer));
 });
+
+// What to tell the person of a failed request: the server's sentence, or what failed.
+function failure(answer) {
+  if (answer.status === 0) return t('serverGone');
+  return answer.body.error ?? t('requestFailed', answer.status);
+}
 
 // Whether the document is open: until then only the password prompt takes input.
 const ready = () => state && !state.locked;
@@ -69,11 +77,15 @@ function show(s) {
   updateToolbar();
   renderPanel(s, step);
   renderActions(s, step);
+  pages.forEach((_, i) => markWidgets(i));
 }
 
 function say(text) {
   $('#message').textContent = text;
 }
+
+// The message lies over the pages: a click puts it away.
+$('#message').addEventListener('click', () => say(''));
 
 function notice(text) {
   $('#notice').textContent = text;
@@ -165,7 +177,9 @@ function drawPages() {
         pages[i].canvas = canvas;
       }
     } catch (e) {
-      if (mine === drawing) say(t('drawFailed', e.message ?? e));
+      if (mine === drawing) {
+        say(t('drawFailed', e instanceof TypeError ? t('serverGone') : e.message ?? e));
+      }
     } finally {
       await task?.destroy();
     }
@@ -196,7 +210,7 @@ function loadOverlay(i) {
         p.overlay.dataset.revision = revision;
         markWidgets(i);
       } catch (e) {
-        say(t('pageFailed', i + 1, e.message ?? e));
+        say(t('pageFailed', i + 1, e instanceof TypeError ? t('serverGone') : e.message ?? e));
       }
     } while (p.again && pages[i] === p);
     p.loading = false;
@@ -216,51 +230,72 @@ function placeSvg(layer, text) {
     g.classList.add(g.id);
     g.removeAttribute('id');
   }
-  layer.replaceChildren(document.importNode(svg, true));
+  const shown = document.importNode(svg, true);
+  layer.replaceChildren(shown);
+  clipLabels(shown);
+  badgeNumbers(shown);
 }
 
-// ---- marks for grouping ----
+const svgNs = 'http://www.w3.org/2000/svg';
+
+// Each field name shows inside its widget only (a nested svg clips what overflows); the
+// widget's title gives the whole name on hover.
+function clipLabels(svg) {
+  for (const label of svg.querySelectorAll('text.label')) {
+    const box = label.previousElementSibling;
+    if (box?.localName !== 'rect') continue;
+    const clip = document.createElementNS(svgNs, 'svg');
+    clip.setAttribute('class', 'label-clip');
+    for (const a of ['x', 'y', 'width', 'height']) clip.setAttribute(a, box.getAttribute(a));
+    label.replaceWith(clip);
+    label.setAttribute('x', Number(label.getAttribute('x')) - Number(box.getAttribute('x')));
+    label.setAttribute('y', Number(label.getAttribute('y')) - Number(box.getAttribute('y')));
+    clip.append(label);
+    const title = document.createElementNS(svgNs, 'title');
+    title.textContent = box.dataset.field ?? label.textContent;
+    box.append(title);
+  }
+}
+
+// The tab-order numbers on badges: at least 11 pixels high, dark on white with a border,
+// so that they read on any widget, however small.
+function badgeNumbers(svg) {
+  for (const text of svg.querySelectorAll('g.marks text.text')) {
+    const size = Math.max(11, Number(text.getAttribute('font-size')) || 0);
+    text.setAttribute('font-size', size);
+    text.classList.add('badge-text');
+    const box = text.getBBox();
+    const badge = document.createElementNS(svgNs, 'rect');
+    badge.setAttribute('class', 'badge');
+    badge.setAttribute('x', box.x - 2);
+    badge.setAttribute('y', box.y - 1);
+    badge.setAttribute('width', box.width + 4);
+    badge.setAttribute('height', box.height + 2);
+    badge.setAttribute('rx', 2);
+    text.before(badge);
+  }
+}
+
+// ---- the selection ----
+
+// Every selected widget (the host's selection: a click, and Shift+click for more) is
+// outlined on its page; Group as radio buttons takes them.
+function selectedWidgets() {
+  return state?.selection?.all ?? [];
+}
 
 function markWidgets(i) {
-  for (const [key, w] of marked) {
-    const rect = pages[i].overlay.querySelector(`rect.widget[data-index="${w.index}"]`);
-    if (w.page === i && rect?.dataset.field !== w.field) {
-      marked.delete(key); // deleted, undone or moved in the page's list
-    }
-  }
+  const keys = new Set(selectedWidgets().map((w) => `${w.page}:${w.index}`));
   for (const r of pages[i].overlay.querySelectorAll('rect[data-index]')) {
-    r.classList.toggle('marked', marked.has(`${i}:${r.dataset.index}`));
+    r.classList.toggle('marked', keys.size > 1 && keys.has(`${i}:${r.dataset.index}`));
   }
-  $('#marked-count').textContent = marked.size ? t('marked', marked.size) : '';
-  $('#group-radio').disabled = marked.size === 0;
+  const count = selectedWidgets().length;
+  $('#marked-count').textContent = count > 1 ? t('marked', count) : '';
 }
 
-// Marks or unmarks the top-most widget under view pixel (x, y).
-function toggleMark(x, y) {
-  const i = pageAt(x, y);
-  if (i < 0) return;
-  const r = state.layout.pages[i];
-  const px = x - r.left, py = y - r.top;
-  const widgets = [...pages[i].overlay.querySelectorAll('g.annotations rect.widget')];
-  const hit = widgets.reverse().find((e) => {
-    const [left, top, w, h] = ['x', 'y', 'width', 'height'].map((a) => Number(e.getAttribute(a)));
-    return px >= left && px <= left + w && py >= top && py <= top + h;
-  });
-  if (!hit) return;
-  const key = `${i}:${hit.dataset.index}`;
-  if (marked.has(key)) marked.delete(key);
-  else marked.set(key, {page: i, index: Number(hit.dataset.index), field: hit.dataset.field});
-  markWidgets(i);
-}
-
-async function groupMarked() {
-  const widgets = [...marked.values()].sort((a, b) => a.page - b.page || a.index - b.index)
-    .map(({page, index}) => ({page, index}));
-  const answer = await step({command: {name: 'GroupRadioButtons', widgets}});
-  if (answer.ok) {
-    marked.clear();
-    pages.forEach((_, i) => markWidgets(i));
-  }
+async function groupSelected() {
+  const widgets = selectedWidgets().map(({page, index}) => ({page, index}));
+  await step({command: {name: 'GroupRadioButtons', widgets}});
 }
 
 // ---- pointer and keys ----
@@ -291,18 +326,18 @@ view.addEventListener('pointerdown', (ev) => {
   const page = pageAt(x, y);
   if (page >= 0) focusPage = page;
   view.setPointerCapture(ev.pointerId);
-  if (ev.shiftKey && ev.button === 0 && selectMode()) {
-    marking = true;
-    toggleMark(x, y);
-    return;
-  }
   say('');
+  cancelled = false;
+  // Shift+click and Ctrl+click in select mode add a widget to the selection or take it out.
+  marking = ev.button === 0 && (ev.shiftKey || ev.ctrlKey || ev.metaKey) && selectMode();
+  pressed = ev.button === 0 && !marking;
   event(2, ev, ev.button === 2 ? 1 : 0);
 });
 
 view.addEventListener('pointermove', (ev) => {
   // With no tool active the host has no use for a move unless a press started a drag.
-  if (!ready() || preview || marking || (state.tool === '' && ev.buttons === 0)) return;
+  if (!ready() || preview || marking || cancelled ||
+      (state.tool === '' && ev.buttons === 0)) return;
   const box = view.getBoundingClientRect();
   const at = `${Math.floor(ev.clientX - box.left)},${Math.floor(ev.clientY - box.top)}`;
   if (at === lastMove) return;
@@ -311,8 +346,9 @@ view.addEventListener('pointermove', (ev) => {
 });
 
 view.addEventListener('pointerup', (ev) => {
-  if (marking) {
-    marking = false;
+  if (ev.button === 0) pressed = false;
+  if (marking || cancelled) {
+    marking = cancelled = false;
     return;
   }
   if (!ready() || preview || (ev.button !== 0 && ev.button !== 2)) return;
@@ -320,9 +356,18 @@ view.addEventListener('pointerup', (ev) => {
 });
 
 view.addEventListener('pointercancel', (ev) => {
-  marking = false;
-  if (ready() && !preview) event(11, ev);
+  marking = pressed = false;
+  if (ready() && !preview && !cancelled) event(11, ev);
+  cancelled = false;
 });
+
+// Escape during a drag puts the widget back where it was (a drawing tool draws nothing);
+// the rest of the drag stays in the page.
+function cancelDrag() {
+  pressed = false;
+  cancelled = true;
+  post('/api/event', {type: 11, code: 0, x: 0, y: 0, modifiers: 0});
+}
 
 view.addEventListener('contextmenu', (ev) => ev.preventDefault());
 
@@ -338,6 +383,11 @@ const shortcuts = {
 
 function key(type, ev) {
   if (!ready() || preview || ev.target.closest?.('input, select, textarea')) return;
+  if (ev.key === 'Escape' && pressed) {
+    ev.preventDefault();
+    if (type === 7) cancelDrag();
+    return;
+  }
   if ((ev.ctrlKey || ev.metaKey) && !ev.altKey) {
     const key = ev.key.toLowerCase();
     const name = !ev.shiftKey ? key : key === 'z' ? 'y' : key === 'v' ? 'V' : key;
@@ -377,9 +427,10 @@ function zoomTo(direction) {
   if (next) step({view: {zoom: next}});
 }
 
-// Orders every page's widgets, then shows the order with the tab-order tool's numbers.
+// Orders every page's widgets in rows (or columns) that allow a few points of
+// unevenness, then shows the order with the tab-order tool's numbers.
 async function autoTabOrder(order) {
-  const answer = await step({command: {name: 'AutoTabOrderAnnot', order}});
+  const answer = await step({tabOrder: order});
   if (answer.ok && state.tool !== 'FormTabOrder') step({tool: 'FormTabOrder'});
 }
 
@@ -387,10 +438,14 @@ async function save(body) {
   say('');
   notice('');
   const answer = await post('/api/save', body);
-  if (answer.ok) notice(t('saved', answer.body.saved));
-  // A signed document is saved only when the person agrees to break its signatures.
-  else if (answer.status === 409 && answer.body.signed && window.confirm(answer.body.error)) {
-    save({...body, breakSignatures: true});
+  if (answer.ok) {
+    notice(t('saved', answer.body.saved));
+  } else if (answer.status === 409 && answer.body.exists) {
+    // A file of that name is replaced only when the person says so.
+    if (window.confirm(answer.body.error)) save({...body, replace: true});
+  } else if (answer.status === 409 && answer.body.signed) {
+    // A signed document is saved only when the person agrees to break its signatures.
+    if (window.confirm(answer.body.error)) save({...body, breakSignatures: true});
   }
 }
 
@@ -403,7 +458,7 @@ $('#toolbar').addEventListener('click', (ev) => {
     ({
       'tab-rows': () => autoTabOrder('rows'),
       'tab-columns': () => autoTabOrder('columns'),
-      'group-radio': groupMarked,
+      'group-radio': groupSelected,
       'undo': () => step({undo: 1}),
       'redo': () => step({redo: 1}),
       'paste': () => step({paste: {page: focusPage}}),
@@ -424,13 +479,21 @@ $('#save-as-name').addEventListener('keydown', (ev) => {
 
 $('#lang').addEventListener('change', (ev) => post('/api/language', {lang: ev.target.value}));
 
+// Preview shows the form as a reader does: nothing authors meanwhile (tools, panel,
+// overlays, keys, pointer); leaving it gives everything back as it was.
 function togglePreview() {
   preview = !preview;
   document.body.classList.toggle('preview', preview);
   $('#preview').setAttribute('aria-pressed', String(preview));
+  $('#panel').inert = preview;
   updateToolbar();
   drawPages();
 }
+
+// Asks before the tab closes on changes not saved.
+window.addEventListener('beforeunload', (ev) => {
+  if (state && !state.locked && state.document.modified) ev.preventDefault();
+});
 
 function updateToolbar() {
   const s = state;
@@ -441,12 +504,13 @@ function updateToolbar() {
     b.disabled = preview || (b.dataset.tool !== '' && !s.tools.includes(b.dataset.tool));
   }
   const undo = $('#undo'), redo = $('#redo');
-  undo.disabled = !s.undo.length;
-  redo.disabled = !s.redo.length;
-  undo.title = s.undo.length ? t('undoWhat', s.undo.at(-1)) : '';
-  redo.title = s.redo.length ? t('redoWhat', s.redo.at(-1)) : '';
+  undo.disabled = preview || !s.undo.length;
+  redo.disabled = preview || !s.redo.length;
+  undo.title = s.undo.length ? t('undoWhat', commandLabel(s.undo.at(-1))) : '';
+  redo.title = s.redo.length ? t('redoWhat', commandLabel(s.redo.at(-1))) : '';
   const editing = s.tool === 'WidgetEdit' && s.selection !== null;
   for (const b of document.querySelectorAll('[data-edit]')) b.disabled = preview || !editing;
+  for (const id of ['tab-rows', 'tab-columns', 'paste', 'paste-linked']) $(`#${id}`).disabled = preview;
   $('#zoom').textContent = `${Math.round(s.layout.zoom * 100)}%`;
   $('#save-folder').textContent = t('saveAsIn', s.document.folder);
   $('#save-folder').title = s.document.folder;
@@ -454,7 +518,7 @@ function updateToolbar() {
   $('#doc-modified').textContent = s.document.modified ? ' *' : '';
   $('#doc-encrypted').hidden = !s.document.encrypted;
   document.title = `${s.document.name}${s.document.modified ? ' *' : ''} — qfforms edit`;
-  $('#group-radio').disabled = marked.size === 0;
+  $('#group-radio').disabled = preview || selectedWidgets().length === 0;
 }
 
 // ---- start ----
@@ -462,4 +526,4 @@ function updateToolbar() {
 translate();
 getText('/api/state').then(
   (text) => show(JSON.parse(text).state),
-  (e) => say(String(e.message ?? e)));
+  (e) => say(e instanceof TypeError ? t('serverGone') : String(e.message ?? e)));

@@ -19,7 +19,7 @@ const table = {
     tabRows: 'Tab order: rows',
     tabColumns: 'Tab order: columns',
     group: 'Group as radio buttons',
-    groupHint: 'Shift+click widgets in select mode to mark them',
+    groupHint: 'Shift+click widgets in select mode to select them together',
     undo: 'Undo',
     redo: 'Redo',
     undoWhat: 'Undo {0}',
@@ -49,7 +49,10 @@ const table = {
     addRow: 'Add row',
     removeRow: 'Remove',
     apply: 'Apply',
-    marked: '{0} marked',
+    marked: '{0} selected',
+    serverGone: 'The editor\'s server does not answer: is qfforms edit still running? ' +
+      'Start it again and reload the page.',
+    requestFailed: 'The editor\'s server refused the request ({0}).',
     pageFailed: 'Page {0} could not be drawn: {1}',
     drawFailed: 'The pages could not be drawn: {0}',
     encrypted: 'Encrypted',
@@ -79,7 +82,7 @@ const table = {
     tabRows: 'タブ順序: 行ごと',
     tabColumns: 'タブ順序: 列ごと',
     group: 'ラジオボタンにまとめる',
-    groupHint: '選択モードで Shift+クリックしてウィジェットに印を付けます',
+    groupHint: '選択モードで Shift+クリックして複数のウィジェットを選択します',
     undo: '元に戻す',
     redo: 'やり直し',
     undoWhat: '元に戻す: {0}',
@@ -109,7 +112,10 @@ const table = {
     addRow: '行を追加',
     removeRow: '削除',
     apply: '適用',
-    marked: '{0} 個に印',
+    marked: '{0} 個を選択',
+    serverGone: 'エディターのサーバーが応答しません。qfforms edit は実行中ですか? ' +
+      'もう一度起動して、ページを再読み込みしてください。',
+    requestFailed: 'エディターのサーバーが要求を拒否しました（{0}）。',
     pageFailed: '{0} ページ目を描けません: {1}',
     drawFailed: 'ページを描けません: {0}',
     encrypted: '暗号化',
@@ -126,11 +132,43 @@ const table = {
   },
 };
 
+// What the person reads for the host's command names on the undo and redo stacks.
+const commandLabels = {
+  en: {
+    Annot_SetRect: 'move', AddWidget: 'add field', Annot_Delete: 'delete',
+    Annot_Insert: 'add', Annot_Lock: 'lock', Annot_Unlock: 'unlock',
+    Widget_Rename: 'rename', Widget_SetAttribute: 'change property',
+    GroupRadioButtons: 'group as radio buttons', TabOrderAnnot: 'tab order',
+    MoveAnnotsFocusOrder: 'tab order', AutoTabOrderAnnot: 'tab order',
+    Field_SetOptions: 'option list', PasteAnnot: 'paste', SetProperty: 'change property',
+    SetActions: 'change behaviour', SetCalculationOrder: 'calculation order',
+    other: 'change',
+  },
+  ja: {
+    Annot_SetRect: '移動', AddWidget: 'フィールドの追加', Annot_Delete: '削除',
+    Annot_Insert: '追加', Annot_Lock: 'ロック', Annot_Unlock: 'ロック解除',
+    Widget_Rename: '名前の変更', Widget_SetAttribute: 'プロパティの変更',
+    GroupRadioButtons: 'ラジオボタンにまとめる', TabOrderAnnot: 'タブ順序',
+    MoveAnnotsFocusOrder: 'タブ順序', AutoTabOrderAnnot: 'タブ順序',
+    Field_SetOptions: '選択肢リスト', PasteAnnot: '貼り付け', SetProperty: 'プロパティの変更',
+    SetActions: '動作の変更', SetCalculationOrder: '計算の順序',
+    other: '変更',
+  },
+};
+
 let lang = 'en';
 
 // Adds a panel's own words ({en: {...}, ja: {...}}) to the table.
 export function addTexts(words) {
   for (const [l, entries] of Object.entries(words)) Object.assign(table[l], entries);
+}
+
+// The words for a command on the undo stack: never its internal name. Every property
+// command ("SetProperty...") is a change of property.
+export function commandLabel(name) {
+  const labels = commandLabels[lang];
+  const key = name.startsWith('SetProperty') ? 'SetProperty' : name;
+  return labels[key] ?? labels.other;
 }
 
 export function setLanguage(l) {

@@ -99,6 +99,40 @@ TEST_F(CommandsManagerTest, FailuresLeaveTheStacksAsTheyWere) {
     EXPECT_EQ(depths(), std::make_pair(1u, 0u));
 }
 
+// A group is one entry: undone newest first, redone in order, taken back in the same call
+// when one of its commands fails; a group closed without keeping undoes what it did.
+TEST_F(CommandsManagerTest, AGroupIsOneStepDoneAndUndoneWhole) {
+    auto a = script("a"), b = script("b"), c = script("c", 0, 14);
+    qfhost::CommandsManager& commands = host.commands();
+    ASSERT_EQ(commands.beginGroup("Step"), 0u);
+    EXPECT_EQ(commands.beginGroup("Step"), 1u);  // no nesting
+    run(a);
+    run(b);
+    EXPECT_EQ(table->Undo(manager.get()), 1u);  // not while the group is open
+    ASSERT_EQ(commands.endGroup(), 0u);
+    EXPECT_EQ(commands.undoNames(), std::vector<std::string>{"Step"});
+    EXPECT_EQ(table->Undo(manager.get()), 0u);
+    EXPECT_EQ(table->Redo(manager.get()), 0u);
+    EXPECT_EQ(journal, (Journal{"do:a", "do:b", "undo:b", "undo:a", "do:a", "do:b"}));
+
+    // c refuses its UNDO: the group's UNDO does b again and stays on the undo stack.
+    journal.clear();
+    commands.beginGroup("Step");
+    run(b);
+    run(c);
+    commands.endGroup();
+    EXPECT_EQ(table->Undo(manager.get()), 14u);
+    EXPECT_EQ(journal, (Journal{"do:b", "do:c", "undo:c"}));
+    EXPECT_EQ(depths(), std::make_pair(2u, 0u));
+
+    journal.clear();
+    commands.beginGroup("Step");
+    run(a);
+    EXPECT_EQ(commands.endGroup(false), 0u);
+    EXPECT_EQ(journal, (Journal{"do:a", "undo:a", "gone:a"}));
+    EXPECT_EQ(depths(), std::make_pair(2u, 0u));
+}
+
 // The undo stack keeps the user setting's number of commands, releasing the oldest, also
 // when a redo fills it again or the setting is lowered between commands.
 TEST_F(CommandsManagerTest, TheUndoStackKeepsTheSettingsLevels) {

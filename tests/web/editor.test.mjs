@@ -254,11 +254,19 @@ describe('an editing session in the browser', () => {
       assert.equal(widgets.length, before.length + 1, `${tool} drew one widget`);
       const w = widgets.find((r) => !before.some((b) => b.field === r.field));
       names[tool] = w.field;
+      const {tool: active, selection} = await serverState();
+      assert.deepEqual([active, selection?.field], ['WidgetEdit', w.field], 'the new field is selected');
       assert.ok([[w.x, from[0]], [w.y, from[1]], [w.x + w.width, to[0]], [w.y + w.height, to[1]]]
         .every(([got, want]) => Math.abs(got - want) <= 1), `${tool}: ${JSON.stringify(w)}`);
     }
     assert.deepEqual((await overlayWidgets()).map((w) => w.kind), ['Tx', 'Btn', 'Ch']);
     assert.equal(await page.locator('.overlay g#page').count(), 0, 'the overlay hides the page');
+    // A name longer than its widget is cut at the widget's edge; the outline's title has it whole.
+    const clips = await page.$$eval('.page[data-page="0"] svg.label-clip', (svgs) => svgs.map((c) =>
+      [c.getAttribute('width'), c.previousElementSibling.getAttribute('width'),
+        c.previousElementSibling.querySelector('title').textContent]));
+    assert.deepEqual(clips.map(([w, rect]) => w === rect), [true, true, true]);
+    assert.deepEqual(clips.map(([, , title]) => title), Object.values(names));
     await shot('02-fields.png');
   });
 
@@ -268,22 +276,52 @@ describe('an editing session in the browser', () => {
     await drag(on(text, 50, 10), on(text, 90, 40));
     const moved = await widget(names.TextFieldCreate);
     assert.deepEqual([moved.x - text.x, moved.y - text.y, moved.width], [40, 30, text.width]);
-    assert.match(await page.getAttribute('#undo', 'title'), /Annot_SetRect/);
+    assert.equal(await page.getAttribute('#undo', 'title'), 'Undo move');
     await shot('03-moved.png');
     await page.keyboard.press('Control+z');
     await settled();
     const back = await widget(names.TextFieldCreate);
     assert.deepEqual([back.x, back.y], [text.x, text.y]);
     await shot('04-undone.png');
-    // Keys go to the host from the view, not from the panel.
+    // Keys go to the host from the view, not from the panel: an arrow moves by a point,
+    // with Shift by ten.
     await page.keyboard.press('ArrowRight');
     await settled();
+    await page.keyboard.press('Shift+ArrowDown');
+    await settled();
     const nudged = await widget(names.TextFieldCreate);
-    assert.ok(nudged.x > text.x && nudged.y === text.y);
+    assert.deepEqual([nudged.x - text.x, nudged.y - text.y], [1, 10]);
     await page.locator('#tool-sheet [data-property="FieldName"] input').press('ArrowLeft');
     await settled();
     assert.equal((await widget(names.TextFieldCreate)).x, nudged.x);
     await press('#undo');
+    await press('#undo');
+    assert.deepEqual((await serverState()).undo.length, 3, 'each nudge is one step');
+  });
+
+  stage('Escape ends a drag where it began, with nothing to undo', async () => {
+    const before = await serverState();
+    const text = await widget(names.TextFieldCreate);
+    const frames = () => page.locator('.page[data-page="0"] polygon.frame').count();
+    for (const tool of [null, 'TextFieldCreate']) {
+      if (tool) await press(`[data-tool="${tool}"]`);
+      const framed = await frames();
+      const [a, b] = await inWindow(on(text, 20, 5), on(text, 70, 200));
+      await page.mouse.move(...a);
+      await page.mouse.down();
+      await page.mouse.move(...b, {steps: 5});
+      await settled();
+      await page.keyboard.press('Escape');
+      await page.mouse.move(b[0] + 30, b[1] + 30, {steps: 3});
+      await page.mouse.up();
+      await settled();
+      const {undo} = await serverState();
+      assert.deepEqual(undo, before.undo, `${tool ?? 'a move'}: nothing done`);
+      const same = await widget(names.TextFieldCreate);
+      assert.deepEqual([same.x, same.y, (await overlayWidgets()).length], [text.x, text.y, 3]);
+      assert.equal(await frames(), framed, 'no frame left');
+    }
+    await press('[data-tool=""]');
   });
 
   stage('the panel renames the selected field', async () => {
@@ -302,6 +340,14 @@ describe('an editing session in the browser', () => {
     assert.deepEqual(steps, [{set: {property: 'FieldName', value: 'Customer'}}]);
     assert.equal(await page.textContent('#doc-modified'), ' *');
     await shot('05-renamed.png');
+    // The rename is one step to undo and redo.
+    assert.equal(await page.getAttribute('#undo', 'title'), 'Undo rename');
+    await page.keyboard.press('Control+z');
+    await settled();
+    assert.equal(await input.inputValue(), 'Text1');
+    await page.keyboard.press('Control+y');
+    await settled();
+    await widget('Customer');
   });
 
   stage('the combo box takes its options from the table', async () => {
@@ -319,32 +365,90 @@ describe('an editing session in the browser', () => {
     const shown = await cells.evaluateAll((c) => c.map((i) => i.value));
     assert.deepEqual(shown, options.slice(0, 2).flat());
     await shot('06-options.png');
+    // The new list is one step: undone, the field has no options again; redone, the two.
+    assert.equal(await page.getAttribute('#undo', 'title'), 'Undo option list');
+    const list = async () => (await serverState()).sheet.find((r) => r.name === 'ComboOptList').value;
+    await press('#undo');
+    assert.deepEqual(await list(), []);
+    await press('#redo');
+    assert.deepEqual(await list(), options.slice(0, 2));
   });
 
-  stage('Shift+click marks a widget in the page only', async () => {
-    const before = await serverState();
-    const box = on(await widget(names.CheckBoxCreate), 9, 9);
-    await click(box, 'Shift');
-    assert.ok((await widget(names.CheckBoxCreate)).marked && await page.isEnabled('#group-radio'));
-    const after = await serverState(); // a press would have selected the check box
-    assert.deepEqual([after.selection, after.undo], [before.selection, before.undo]);
-    await click(box, 'Shift');
-    assert.ok(!(await widget(names.CheckBoxCreate)).marked);
+  stage('Shift+click selects more widgets: arrows, Delete and Undo take them together', async () => {
+    const box = await widget(names.CheckBoxCreate), combo = await widget(names.ComboBoxCreate);
+    await click(on(box, 9, 9));
+    await click(on(combo, 20, 5), 'Shift');
+    const all = async () => (await serverState()).selection.all.map((w) => w.field);
+    assert.deepEqual(await all(), [names.CheckBoxCreate, names.ComboBoxCreate]);
+    assert.ok((await widget(names.ComboBoxCreate)).marked && (await widget(names.CheckBoxCreate)).marked);
+    assert.equal(await page.textContent('#marked-count'), '2 selected');
+    const depth = (await serverState()).undo.length;
+    await page.keyboard.press('ArrowLeft');
+    await settled();
+    assert.deepEqual([(await widget(names.CheckBoxCreate)).x, (await widget(names.ComboBoxCreate)).x],
+      [box.x - 1, combo.x - 1]);
+    await page.keyboard.press('Delete');
+    await settled();
+    assert.deepEqual((await overlayWidgets()).map((w) => w.field), ['Customer']);
+    assert.equal((await serverState()).undo.length, depth + 2);
+    await press('#undo');
+    await press('#undo');
+    assert.deepEqual([(await widget(names.CheckBoxCreate)).x, (await widget(names.ComboBoxCreate)).x],
+      [box.x, combo.x]);
+    // Grouping as radio buttons takes check boxes and radio buttons only.
+    await click(on(box, 9, 9));
+    await click(on(combo, 20, 5), 'Shift');
+    await press('#group-radio');
+    assert.equal(await page.textContent('#message'), 'The fields could not be grouped as radio ' +
+      `buttons. Only check boxes and radio buttons can be grouped as radio buttons; ${names.ComboBoxCreate} is a combo box.`);
+    await click(on(combo, 20, 5), 'Shift'); // out again
+    assert.deepEqual(await all(), [names.CheckBoxCreate]);
   });
 
-  stage('a refused step shows the server\'s reason until the next step', async () => {
+  stage('a refused step is said in the page\'s language over the pages, which stay put', async () => {
+    const before = await page.locator('.page[data-page="0"]').boundingBox();
     await press('#paste'); // nothing was copied
-    assert.match(await page.textContent('#message'), /clipboard/);
+    assert.equal(await page.textContent('#message'), 'The clipboard holds no field: copy one first.');
+    assert.deepEqual(await page.locator('.page[data-page="0"]').boundingBox(), before);
+    await shot('07-message.png');
     await press('[data-tool=""]');
     assert.equal(await page.textContent('#message'), '');
+    await page.selectOption('#lang', 'ja');
+    await settled();
+    await press('#paste');
+    assert.equal(await page.textContent('#message'),
+      'クリップボードにフィールドがありません。先にフィールドをコピーしてください。');
+    await page.selectOption('#lang', 'en');
+    await settled();
+    // A server that is gone is said so, not as "Failed to fetch".
+    await page.route('**/api/step', (route) => route.abort());
+    await page.click('[data-tool=""]');
+    await page.waitForFunction(() => /does not answer/.test(document.getElementById('message').textContent));
+    await page.unroute('**/api/step');
+    await press('[data-tool=""]');
   });
 
-  stage('the tab order by rows numbers the widgets top to bottom', async () => {
+  stage('the tab order by rows numbers the widgets top to bottom, a point or two is one row', async () => {
+    // A field right of the combo box and a point higher: in the combo box's row, after it.
+    await press('[data-tool="TextFieldCreate"]');
+    await drag(at([300, 299]), at([400, 321]));
+    const extra = (await serverState()).selection.field;
     await press('#tab-rows');
     assert.equal(await page.getAttribute('[data-tool="FormTabOrder"]', 'aria-pressed'), 'true');
+    assert.deepEqual((await overlayWidgets()).map((w) => w.field),
+      [names.CheckBoxCreate, names.ComboBoxCreate, extra, 'Customer']);
+    assert.equal(await page.getAttribute('#undo', 'title'), 'Undo tab order');
+    await press('[data-tool=""]');
+    await click(on(await widget(extra), 20, 5));
+    await press('[data-edit="Delete"]');
+    await press('#tab-rows');
     const widgets = await overlayWidgets();
     assert.deepEqual(widgets.map((w) => w.field),
       [names.CheckBoxCreate, names.ComboBoxCreate, 'Customer']);
+    // The numbers sit on badges at least 11 pixels high, also on the small check box.
+    const badges = await page.$$eval('.page[data-page="0"] g.marks text.text', (texts) =>
+      texts.map((e) => [Number(e.getAttribute('font-size')), e.previousElementSibling?.getAttribute('class')]));
+    assert.ok(badges.length === 3 && badges.every(([size, c]) => size >= 11 && c === 'badge'));
     const numbers = await page.$$eval('.page[data-page="0"] g.marks text.text', (texts) =>
       texts.map((e) => [e.textContent, e.getAttribute('x'), e.getAttribute('y')].map(Number)));
     assert.deepEqual(numbers.map(([n]) => n).sort(), [1, 2, 3]);
@@ -359,14 +463,23 @@ describe('an editing session in the browser', () => {
   stage('the preview hides the overlays and ignores the pointer', async () => {
     await press('[data-tool=""]');
     const text = await widget('Customer');
+    await click(on(text, 20, 5));
     const before = (await serverState()).revision;
     await press('#preview');
     assert.ok(!(await page.isVisible('.page[data-page="0"] .overlay svg >> nth=0')));
     await shot('08-preview.png');
     await drag(on(text, 20, 5), on(text, 80, 65));
+    for (const key of ['Delete', 'ArrowLeft', 'Tab', 'Control+z']) await page.keyboard.press(key);
+    await settled();
     assert.equal((await serverState()).revision, before);
+    const authoring = ['[data-tool="TextFieldCreate"]', '#tab-rows', '#group-radio', '#undo',
+      '#paste', '[data-edit="Delete"]'];
+    for (const b of authoring) assert.ok(await page.isDisabled(b), `${b} in preview`);
+    assert.ok(await page.locator('#panel').evaluate((p) => p.inert));
     await press('#preview');
     assert.ok(await page.isVisible('.page[data-page="0"] .overlay svg >> nth=0'));
+    assert.ok(await page.isEnabled('[data-edit="Delete"]') && await page.isEnabled('#undo'));
+    assert.ok(!(await page.locator('#panel').evaluate((p) => p.inert)));
   });
 
   stage('Paste makes a new field beside the copied widget, Paste linked joins its field', async () => {
@@ -390,6 +503,30 @@ describe('an editing session in the browser', () => {
     assert.equal((await overlayWidgets()).length, 3);
   });
 
+  stage('Tab and Shift+Tab walk the widgets in tab order, round', async () => {
+    await press('[data-tool=""]');
+    await click(at([500, 700])); // the page, beside the widgets, takes the keys
+    const walk = [];
+    for (const key of ['Tab', 'Tab', 'Tab', 'Tab', 'Shift+Tab']) {
+      await page.keyboard.press(key);
+      await settled();
+      walk.push((await serverState()).selection.field);
+    }
+    const [box, combo] = [names.CheckBoxCreate, names.ComboBoxCreate];
+    assert.deepEqual(walk, [box, combo, 'Customer', box, 'Customer']);
+  });
+
+  stage('closing the tab with changes not saved asks first', async () => {
+    assert.equal(await page.textContent('#doc-modified'), ' *');
+    const asked = new Promise((resolve) => page.once('dialog', (d) => {
+      resolve(d.type());
+      d.dismiss();
+    }));
+    await page.close({runBeforeUnload: true});
+    assert.equal(await asked, 'beforeunload');
+    assert.ok(!page.isClosed());
+  });
+
   stage('Save as writes the new file beside the document', async () => {
     assert.ok((await page.textContent('#save-folder')).includes(folder));
     await page.fill('#save-as-name', 'edited.pdf');
@@ -398,6 +535,36 @@ describe('an editing session in the browser', () => {
     assert.equal(await page.textContent('#doc-modified'), '');
     assert.equal(await page.textContent('#doc-name'), 'edited.pdf');
     await shot('10-saved.png');
+  });
+
+  stage('Save as asks before it replaces a file, and says why a read-only one stays', async () => {
+    const taken = path.join(folder, 'taken.pdf');
+    fs.writeFileSync(taken, 'not yet');
+    const questions = [];
+    const answer = (accept) => page.once('dialog', (d) => {
+      questions.push(d.message());
+      accept ? d.accept() : d.dismiss();
+    });
+    await page.fill('#save-as-name', 'taken.pdf');
+    answer(false);
+    await press('#save-as');
+    assert.equal(fs.readFileSync(taken, 'utf8'), 'not yet');
+    answer(true);
+    await press('#save-as');
+    assert.deepEqual(questions, Array(2).fill('taken.pdf exists already. Replace it?'));
+    assert.equal(fs.readFileSync(taken).subarray(0, 5).toString(), '%PDF-');
+    answer(true);
+    await page.fill('#save-as-name', 'edited.pdf');
+    await press('#save-as');
+    assert.equal(questions.length, 3);
+    fs.writeFileSync(path.join(folder, 'other.pdf'), 'other');
+    fs.chmodSync(path.join(folder, 'other.pdf'), 0o444);
+    answer(true);
+    await page.fill('#save-as-name', 'other.pdf');
+    await press('#save-as');
+    assert.match(await page.textContent('#message'), /other\.pdf could not be saved: the file is read-only/);
+    assert.equal(fs.readFileSync(path.join(folder, 'other.pdf'), 'utf8'), 'other');
+    assert.equal(await page.textContent('#doc-name'), 'edited.pdf');
   });
 
   stage('the page raised no script errors', () => assert.deepEqual(pageErrors, []));

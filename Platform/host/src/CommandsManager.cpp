@@ -54,6 +54,75 @@ QF::CommandTable* commandTable(const ObjectPtr& command) {
     return SODetails::methods<QF::CommandTable>(command.get());
 }
 
+uint32_t doOf(const ObjectPtr& command) {
+    return SODetails::hasMethod(command.get(), kDoSlot) ? commandTable(command)->DO(command.get())
+                                                        : codes::kNotInitialized;
+}
+
+uint32_t undoOf(const ObjectPtr& command) {
+    return SODetails::hasMethod(command.get(), kUndoSlot)
+               ? commandTable(command)->UNDO(command.get())
+               : codes::kNotInitialized;
+}
+
+// ---- a group of commands, one entry of the stacks ------------------------------------------
+
+constexpr uint32_t kCommandGroupImplId = 0x51480401;
+
+// DO runs the commands in order, UNDO undoes them newest first. A command that fails takes
+// back what the same call did before it, so that the group is done or undone whole.
+struct CommandGroup {
+    uint32_t nameAtom;
+    uint32_t uniqueId;
+    std::vector<ObjectPtr> commands;
+
+    uint32_t apply(bool undo) {
+        const size_t n = commands.size();
+        for (size_t k = 0; k < n; ++k) {
+            const ObjectPtr& c = commands[undo ? n - 1 - k : k];
+            const uint32_t rc = undo ? undoOf(c) : doOf(c);
+            if (rc == codes::kOk) continue;
+            for (size_t j = k; j-- > 0;) {
+                const ObjectPtr& back = commands[undo ? n - 1 - j : j];
+                if (undo) {
+                    doOf(back);
+                } else {
+                    undoOf(back);
+                }
+            }
+            return rc;
+        }
+        return codes::kOk;
+    }
+};
+
+CommandGroup& groupOf(ServiceObject* so) {
+    return SODetails::implOf<QF::CommandTable, CommandGroup>(so);
+}
+
+uint32_t groupName(ServiceObject* self, uint32_t* out) {
+    if (!out) return codes::kBadArgument;
+    *out = groupOf(self).nameAtom;
+    return codes::kOk;
+}
+
+const QF::CommandTable kGroupTable = {
+    groupName,
+    [](ServiceObject* self, uint32_t* out) -> uint32_t {
+        if (!out) return codes::kBadArgument;
+        *out = groupOf(self).uniqueId;
+        return codes::kOk;
+    },
+    groupName,
+    groupName,
+    [](ServiceObject* self) -> uint32_t {
+        return detail::guarded([&] { return groupOf(self).apply(false); });
+    },
+    [](ServiceObject* self) -> uint32_t {
+        return detail::guarded([&] { return groupOf(self).apply(true); });
+    },
+};
+
 }  // namespace
 
 ServiceObject* CommandsManager::create() {
@@ -148,7 +217,56 @@ uint32_t CommandsManager::runOwned(ObjectPtr command) {
     const size_t levels = undoLevels();
     std::lock_guard lock(mutex_);
     dropped.swap(redo_);
-    pushUndo(std::move(command), levels, dropped);
+    if (grouping_) {
+        group_.push_back(std::move(command));
+    } else {
+        pushUndo(std::move(command), levels, dropped);
+    }
+    return codes::kOk;
+}
+
+uint32_t CommandsManager::beginGroup(const std::string& name) {
+    uint32_t atom = 0;
+    if (name.empty() || KRGetAtomFromString(name.c_str(), &atom) != KR_OK)
+        return codes::kBadArgument;
+    std::lock_guard lock(mutex_);
+    if (grouping_) return codes::kNegative;
+    grouping_ = true;
+    groupName_ = atom;
+    return codes::kOk;
+}
+
+uint32_t CommandsManager::endGroup(bool keep) {
+    std::vector<ObjectPtr> commands;
+    {
+        std::lock_guard lock(mutex_);
+        if (!grouping_) return codes::kNegative;
+        grouping_ = false;
+        commands.swap(group_);
+    }
+    if (!keep) {
+        uint32_t result = codes::kOk;
+        for (size_t k = commands.size(); k-- > 0;) {
+            const uint32_t rc = undoOf(commands[k]);
+            if (result == codes::kOk) result = rc;
+        }
+        return result;
+    }
+    if (commands.empty()) return codes::kOk;
+    ObjectPtr entry;
+    if (commands.size() == 1) {
+        entry = std::move(commands.front());
+    } else {
+        static std::atomic<uint32_t> ids{0};
+        entry = ObjectPtr::adopt(
+            SODetails::makeServiceObject<QF::CommandTable, CommandGroup, HostTraits>(
+                QF::kCommandId, "Command", kCommandGroupImplId, kGroupTable,
+                CommandGroup{groupName_, ++ids, std::move(commands)}));
+    }
+    std::vector<ObjectPtr> dropped;
+    const size_t levels = undoLevels();
+    std::lock_guard lock(mutex_);
+    pushUndo(std::move(entry), levels, dropped);
     return codes::kOk;
 }
 
@@ -178,7 +296,7 @@ uint32_t CommandsManager::undo() {
     ObjectPtr command;
     {
         std::lock_guard lock(mutex_);
-        if (undo_.empty()) return codes::kNegative;
+        if (undo_.empty() || grouping_) return codes::kNegative;
         command = std::move(undo_.back());
         undo_.pop_back();
     }
@@ -194,7 +312,7 @@ uint32_t CommandsManager::redo() {
     ObjectPtr command;
     {
         std::lock_guard lock(mutex_);
-        if (redo_.empty()) return codes::kNegative;
+        if (redo_.empty() || grouping_) return codes::kNegative;
         command = std::move(redo_.back());
         redo_.pop_back();
     }
@@ -247,10 +365,12 @@ std::vector<std::string> CommandsManager::redoNames() const {
 }
 
 void CommandsManager::clear() {
-    std::vector<ObjectPtr> undone, redone;
+    std::vector<ObjectPtr> undone, redone, grouped;
     std::lock_guard lock(mutex_);
     undone.swap(undo_);
     redone.swap(redo_);
+    grouped.swap(group_);
+    grouping_ = false;
 }
 
 }  // namespace qfhost

@@ -253,6 +253,23 @@ uint32_t AnnotSelection::selectEditObject(ServiceObject* service, ServiceObject*
     return rc;
 }
 
+uint32_t AnnotSelection::add(uint64_t pageIndex, PDAnnot annot) {
+    Document* doc = host_->currentDocument();
+    if (!annot || !doc || pageIndex >= doc->pageCount()) return codes::kBadArgument;
+    detail::Held page;
+    uint32_t position = 0;
+    if (PDDocGetPage(doc->pdDoc(), static_cast<uint32_t>(pageIndex), page.put()) != PD_OK ||
+        PDPageGetAnnotIndex(page.get(), annot, &position) != PD_OK)
+        return codes::kBadArgument;
+    if (selected_.empty()) return codes::kNegative;
+    for (const Selected& s : selected_) {
+        if (s.pageIndex == pageIndex && s.annot == annot) return codes::kNegative;
+    }
+    PDHandleAcquire(annot);
+    selected_.push_back({pageIndex, annot});
+    return codes::kOk;
+}
+
 uint32_t AnnotSelection::deselect(uint64_t pageIndex, PDAnnot annot) {
     for (auto it = selected_.begin(); it != selected_.end(); ++it) {
         if (it->pageIndex != pageIndex || it->annot != annot) continue;

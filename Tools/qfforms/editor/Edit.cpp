@@ -7,11 +7,13 @@
 #include "MainQueue.h"
 #include "Pd.h"
 #include "Records.h"
+#include "Sentences.h"
 #include "Session.h"
 
 #include "kr/KRRuntime.h"
 #include "qf/Interfaces.h"
 #include "qf/PropertyInterfaces.h"
+#include "qfhost/FieldCommands.h"
 #include "qfhost/Graphics.h"
 #include "qfhost/Host.h"
 #include "qfhost/ModuleLoader.h"
@@ -20,6 +22,8 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cmath>
+#include <exception>
 #include <filesystem>
 #include <functional>
 #include <iostream>
@@ -49,6 +53,98 @@ using qfhost::HostError;
 using qfhost::View;
 
 constexpr const char* kEditTool = "WidgetEdit";
+constexpr const char* kTabOrderTool = "FormTabOrder";
+
+// Key codes the editor takes itself in select mode.
+enum : uint32_t { kKeyTab = 9, kKeyLeft = 37, kKeyUp = 38, kKeyRight = 39, kKeyDown = 40,
+                  kKeyDelete = 46 };
+constexpr uint32_t kButtonFlags = 0x18000; // radio, push button
+constexpr uint32_t kPushButtonFlag = 0x10000;
+constexpr uint32_t kComboFlag = 0x20000;
+
+// A refusal the editor words itself: the whole sentence, in the editor's language.
+class Refusal : public std::runtime_error {
+  public:
+    explicit Refusal(const std::string& text, int status = 422)
+        : std::runtime_error(text), status_(status) {}
+    int status() const { return status_; }
+
+  private:
+    int status_;
+};
+
+// The annotation's rectangle with left <= right and bottom <= top.
+PDRect normalRect(PDAnnot annot) {
+    PDRect r{};
+    check(PDAnnotGetRect(annot, &r));
+    return {std::min(r.left, r.right), std::max(r.top, r.bottom), std::max(r.left, r.right),
+            std::min(r.top, r.bottom)};
+}
+
+bool isWidget(PDAnnot annot) {
+    PDAtom subtype = 0;
+    return PDAnnotGetSubtype(annot, &subtype) == PD_OK && subtype == PD_ATOM_Widget;
+}
+
+bool isLocked(PDAnnot annot) {
+    uint32_t flags = 0;
+    return PDAnnotGetFlags(annot, &flags) == PD_OK && (flags & PD_ANNOT_LOCKED) != 0;
+}
+
+std::string fieldNameOf(PDAnnot widget) {
+    Handle field;
+    if (PDWidgetAnnotGetParent(widget, field.out()) != PD_OK || !field) return {};
+    PDField f = field.get();
+    return readUtf8([&](char16_t* b, uint32_t n, uint32_t* len) {
+               return PDFieldGetFullName(f, b, n, len);
+           }).value_or("");
+}
+
+// The tab order the editor proposes for a page: rows from the top, each left to right (or
+// columns from the left, each top down). Widgets whose vertical centres (for columns: their
+// horizontal centres) lie within half the smaller one's height (width), at most 4 points,
+// of the centre of the row's first widget share its row: a field drawn a point lower than
+// its neighbour stays in its row. The answer is the widgets' positions in /Annots in the
+// new order.
+std::vector<uint32_t> proposedOrder(PDPage page, bool columns) {
+    struct Item {
+        uint32_t position;
+        float across, along, size; // centre across the rows, left (top) edge along, extent
+    };
+    std::vector<Item> items;
+    uint32_t count = 0;
+    check(PDPageGetNumAnnots(page, &count));
+    for (uint32_t k = 0; k < count; ++k) {
+        Handle annot;
+        check(PDPageGetAnnot(page, k, annot.out()));
+        if (!isWidget(annot.get())) continue;
+        const PDRect r = normalRect(annot.get());
+        if (columns)
+            items.push_back({k, (r.left + r.right) / 2, -r.top, r.right - r.left});
+        else
+            items.push_back({k, -(r.top + r.bottom) / 2, r.left, r.top - r.bottom});
+    }
+    // Rows top down (columns left to right) by their centres, then gathered.
+    std::stable_sort(items.begin(), items.end(),
+                     [](const Item& a, const Item& b) { return a.across < b.across; });
+    std::vector<uint32_t> order;
+    for (size_t first = 0; first < items.size();) {
+        const Item& anchor = items[first];
+        size_t end = first + 1;
+        while (end < items.size()) {
+            const float tolerance =
+                std::min(4.0f, std::min(anchor.size, items[end].size) / 2);
+            if (items[end].across - anchor.across > tolerance) break;
+            ++end;
+        }
+        std::stable_sort(items.begin() + static_cast<std::ptrdiff_t>(first),
+                         items.begin() + static_cast<std::ptrdiff_t>(end),
+                         [](const Item& a, const Item& b) { return a.along < b.along; });
+        for (size_t k = first; k < end; ++k) order.push_back(items[k].position);
+        first = end;
+    }
+    return order;
+}
 
 std::string dump(const Json& j) { return j.dump(-1, ' ', false, Json::error_handler_t::replace); }
 
@@ -117,6 +213,7 @@ class Editor {
                 return jsonAnswer(400, {{"error", "the body is no JSON: " + jsonDetail(e)}});
             }
             if (!body.is_object()) return jsonAnswer(400, {{"error", "the body must be an object"}});
+            action_ = Sentence::ToolAction;
             if (p == "/api/event") return event(body);
             ++revision_;
             if (p == "/api/step") return step(body);
@@ -124,12 +221,14 @@ class Editor {
             if (p == "/api/language") return language(body);
             if (p == "/api/password") return unlock(body);
             return notFound();
+        } catch (const Refusal& e) {
+            return failure(e.what(), e.status());
         } catch (const StepFailure& e) {
-            return failure(e.what());
+            return failure(explain(e.what(), e.code().has_value()));
         } catch (const HostError& e) {
-            return failure(e.what());
+            return failure(failed(lang_, action_, e.what(), false));
         } catch (const PdError& e) {
-            return failure(std::string("pdfcore: ") + e.what());
+            return failure(failed(lang_, action_, std::string("pdfcore: ") + e.what(), false));
         }
     }
 
@@ -139,7 +238,7 @@ class Editor {
     }
     static HttpResponse notFound() { return jsonAnswer(404, {{"error", "no such address"}}); }
 
-    HttpResponse failure(const std::string& text) {
+    HttpResponse failure(const std::string& text, int status = 422) {
         ++revision_; // what failed may have changed something before it did
         Json body;
         body["error"] = text;
@@ -148,7 +247,32 @@ class Editor {
         } catch (const std::exception&) {
             // the error says what matters
         }
-        return jsonAnswer(422, body);
+        return jsonAnswer(status, body);
+    }
+
+    // The sentence for a step that failed (action_ says which): the module's own
+    // explanation when it gave one; a call that failed otherwise is a change the document
+    // refused; a step the session's checks refused keeps their words as a detail.
+    std::string explain(const std::string& text, bool fromCall) const {
+        if (moduleSentence(text)) return failed(lang_, action_, text, true);
+        if (fromCall) return failed(lang_, action_, text, false);
+        const std::string head = sentence(lang_, action_);
+        return lang_ == "ja" ? head + "（" + text + "）。" : head + " (" + text + ").";
+    }
+
+    // Whether text is one of the module's sentences for a person (the host's catalog holds
+    // them and their translations), as opposed to a technical text ("PDF layer error!").
+    static bool moduleSentence(const std::string& text) {
+        const std::u16string t = fromUtf8(text);
+        for (const auto& [en, ja] : qfhost::StringService::japaneseCatalog()) {
+            for (const std::u16string* s : {&en, &ja}) {
+                const size_t hole = s->find(u"%1%");
+                if (hole == std::u16string::npos ? t == *s
+                                                 : hole > 0 && t.compare(0, hole, *s, 0, hole) == 0)
+                    return true;
+            }
+        }
+        return false;
     }
 
     HttpResponse answer(Json body, int status = 200) {
@@ -157,8 +281,7 @@ class Editor {
     }
 
     View& view() {
-        if (lock_ != Lock::None)
-            throw StepFailure(std::nullopt, "the document is not open: it needs its password");
+        if (lock_ != Lock::None) throw Refusal(sentence(lang_, Sentence::NotOpen));
         View* v = host_.currentView();
         if (!v) throw StepFailure(std::nullopt, "no document is open");
         return *v;
@@ -220,28 +343,311 @@ class Editor {
                                               QF::kEventCancel};
         if (std::find(std::begin(kTypes), std::end(kTypes), e.type) == std::end(kTypes))
             throw StepFailure(std::nullopt, "event: unknown type");
-        const bool handled = dispatch(view(), e);
+        View& v = view();
+        action_ = actionOf(v, e);
+        const bool handled = dispatch(v, e);
         // What the overlays show changes with anything but a pointer move no tool took.
         if (e.type != QF::kEventMove || handled) ++revision_;
         return answer({{"handled", handled}});
     }
 
+    // What the person was doing, for the sentence when it fails.
+    static Sentence actionOf(View& v, const QF::InputEvent& e) {
+        const std::string tool = v.activeToolName();
+        if (e.type == QF::kEventKeyDown || e.type == QF::kEventKey) {
+            if (e.subcode == kKeyDelete) return Sentence::Deleted;
+            if (e.subcode >= kKeyLeft && e.subcode <= kKeyDown) return Sentence::Moved;
+            if (e.subcode == kKeyTab) return Sentence::Selected;
+        }
+        if (tool == kTabOrderTool) return Sentence::TabOrdered;
+        if (tool.empty()) return Sentence::Selected;
+        if (tool == kEditTool) return Sentence::Moved;
+        return Sentence::Made;
+    }
+
     bool dispatch(View& v, const QF::InputEvent& e) {
         const bool editing = v.activeToolName() == kEditTool;
-        if (e.type == QF::kEventButtonDown && e.subcode == QF::kButtonLeft &&
-            (editing || !v.activeTool())) {
+        const bool selecting = editing || !v.activeTool();
+        const bool leftDown = e.type == QF::kEventButtonDown && e.subcode == QF::kButtonLeft;
+        if (e.type == QF::kEventCancel) return cancel(v, e);
+        if (e.type == QF::kEventButtonUp && e.subcode == QF::kButtonLeft) press_.reset();
+        if (selecting && (e.type == QF::kEventKeyDown || e.type == QF::kEventKey)) {
+            if (const std::optional<bool> handled = selectionKey(v, e)) return *handled;
+        }
+        if (leftDown && selecting) {
+            if (e.modifiers & (QF::kModifierShift | QF::kModifierControl)) return toggleAt(v, e);
             bool handled = false;
             if (editing) {
                 handled = send(v, e);
-                if (v.activeTool()) return handled;
+                if (v.activeTool()) {
+                    if (handled) press_ = std::array<int32_t, 2>{e.x, e.y};
+                    return handled;
+                }
                 host_.selection().clear(); // a press beside the widget ends editing
             }
             return selectAt(v, e) || handled;
         }
         if (!v.activeTool()) return false;
+        // A creation tool's release makes the widget, which becomes the selection.
+        const std::string tool = v.activeToolName();
+        const int64_t page = v.focusPage();
+        const bool creating = e.type == QF::kEventButtonUp && e.subcode == QF::kButtonLeft &&
+                              !editing && tool != kTabOrderTool && page >= 0;
+        const uint32_t before = creating ? annotCount(v, static_cast<uint32_t>(page)) : 0;
         const bool handled = send(v, e);
+        if (leftDown && handled) press_ = std::array<int32_t, 2>{e.x, e.y};
         if (editing && v.activeToolName() != kEditTool) host_.selection().clear();
+        if (creating && annotCount(v, static_cast<uint32_t>(page)) > before)
+            selectLast(v, static_cast<uint32_t>(page));
         return handled;
+    }
+
+    uint32_t annotCount(View& v, uint32_t page) {
+        Handle p;
+        uint32_t count = 0;
+        check(PDDocGetPage(v.document().pdDoc(), page, p.out()));
+        check(PDPageGetNumAnnots(p.get(), &count));
+        return count;
+    }
+
+    // Selects the last annotation of page (what a creation tool just added).
+    void selectLast(View& v, uint32_t page) {
+        Handle p, annot;
+        const uint32_t count = annotCount(v, page);
+        check(PDDocGetPage(v.document().pdDoc(), page, p.out()));
+        check(PDPageGetAnnot(p.get(), count - 1, annot.out()));
+        const uint32_t rc = host_.selection().selectWidget(page, annot.get());
+        if (rc != 0) throw StepFailure(rc, "the new widget could not be selected");
+    }
+
+    // Escape (or a pointer the browser lost) during a drag: the edit tool gets its release
+    // where the press was, so that the widget stays where it was and nothing is done; a
+    // creation tool is started afresh, which drops its frame. Other tools take the cancel.
+    bool cancel(View& v, const QF::InputEvent& e) {
+        const std::optional<std::array<int32_t, 2>> press = std::exchange(press_, std::nullopt);
+        const std::string tool = v.activeToolName();
+        if (!press || tool == kTabOrderTool) return v.activeTool() ? send(v, e) : false;
+        if (tool == kEditTool) {
+            const QF::InputEvent release{QF::kEventButtonUp, QF::kButtonLeft, (*press)[0],
+                                         (*press)[1], 0};
+            return send(v, release);
+        }
+        if (tool.empty()) return false;
+        const uint32_t rc = v.activateTool(tool);
+        if (rc != 0) throw StepFailure(rc, moduleText(rc));
+        return true;
+    }
+
+    // Keys the editor handles itself in select mode: Tab and Shift+Tab walk the widgets in
+    // tab order; an arrow moves the selected widgets by a point (with Shift by ten, which
+    // the edit tool does for one widget); Delete deletes several selected widgets. Nothing
+    // when the key is the edit tool's.
+    std::optional<bool> selectionKey(View& v, const QF::InputEvent& e) {
+        const auto& selected = host_.selection().selected();
+        const bool shift = (e.modifiers & QF::kModifierShift) != 0;
+        if (e.subcode == kKeyTab) {
+            if (e.type == QF::kEventKeyDown) tabTo(v, !shift);
+            return true;
+        }
+        if (e.subcode >= kKeyLeft && e.subcode <= kKeyDown && !selected.empty()) {
+            if (shift && selected.size() == 1) return std::nullopt;
+            if (e.type == QF::kEventKeyDown) nudge(v, e.subcode, shift ? 10.0f : 1.0f);
+            return true;
+        }
+        if (e.subcode == kKeyDelete && selected.size() > 1) {
+            if (e.type == QF::kEventKey) deleteSelected(v);
+            return true;
+        }
+        return std::nullopt;
+    }
+
+    // The visible widgets of the document in tab order: page by page, in /Annots order.
+    std::vector<std::pair<uint32_t, Handle>> widgetsInTabOrder(View& v) {
+        std::vector<std::pair<uint32_t, Handle>> widgets;
+        Document& doc = v.document();
+        for (uint32_t i = 0; i < doc.pageCount(); ++i) {
+            Handle page;
+            check(PDDocGetPage(doc.pdDoc(), i, page.out()));
+            uint32_t count = 0;
+            check(PDPageGetNumAnnots(page.get(), &count));
+            for (uint32_t k = 0; k < count; ++k) {
+                Handle annot;
+                check(PDPageGetAnnot(page.get(), k, annot.out()));
+                PDBool visible = 1;
+                if (!isWidget(annot.get()) ||
+                    (PDAnnotGetVisible(annot.get(), &visible) == PD_OK && !visible))
+                    continue;
+                widgets.emplace_back(i, std::move(annot));
+            }
+        }
+        return widgets;
+    }
+
+    // Selects the widget after (or before) the selected one in tab order, round from the
+    // last to the first; the first (or the last) when none is selected.
+    void tabTo(View& v, bool forward) {
+        const auto widgets = widgetsInTabOrder(v);
+        if (widgets.empty()) return;
+        const auto& selected = host_.selection().selected();
+        size_t next = forward ? 0 : widgets.size() - 1;
+        if (!selected.empty()) {
+            const auto at = std::find_if(widgets.begin(), widgets.end(), [&](const auto& w) {
+                return w.second.get() == selected.front().annot;
+            });
+            if (at != widgets.end()) {
+                const auto k = static_cast<size_t>(at - widgets.begin());
+                next = forward ? (k + 1) % widgets.size()
+                               : (k + widgets.size() - 1) % widgets.size();
+            }
+        }
+        const uint32_t rc = host_.selection().selectWidget(widgets[next].first,
+                                                           widgets[next].second.get());
+        if (rc != 0) throw StepFailure(rc, moduleText(rc));
+    }
+
+    // One step of an arrow key as a unit vector in the page's space: the arrow's direction
+    // on the screen, whatever the page's and the view's turn.
+    static std::array<float, 2> arrow(View& v, uint32_t page, uint32_t key) {
+        const View::PixelRect r = v.pageRect(page);
+        const int32_t dx = key == kKeyLeft ? -100 : key == kKeyRight ? 100 : 0;
+        const int32_t dy = key == kKeyUp ? -100 : key == kKeyDown ? 100 : 0;
+        const auto a = v.viewToPage(page, r.left, r.top);
+        const auto b = v.viewToPage(page, r.left + dx, r.top + dy);
+        const float length = std::hypot(b[0] - a[0], b[1] - a[1]);
+        if (!(length > 0)) return {0, 0};
+        return {std::round((b[0] - a[0]) / length), std::round((b[1] - a[1]) / length)};
+    }
+
+    // Runs f(page, widget) for every selected widget inside one group of commands named
+    // name: one step to undo, and none at all when one of them fails.
+    template <typename F> void forSelected(const char* name, F&& f) {
+        std::vector<std::pair<uint64_t, Handle>> widgets;
+        for (const auto& s : host_.selection().selected()) {
+            PDHandleAcquire(s.annot); // the selection lets go of a deleted widget
+            widgets.emplace_back(s.pageIndex, Handle(s.annot));
+        }
+        qfhost::CommandsManager& commands = host_.commands();
+        if (commands.beginGroup(name) != 0)
+            throw StepFailure(std::nullopt, "another step is under way");
+        try {
+            for (const auto& [page, annot] : widgets) f(page, annot.get());
+        } catch (...) {
+            commands.endGroup(false);
+            throw;
+        }
+        commands.endGroup(true);
+    }
+
+    // A host annotation operation (Annot_SetRect, Annot_Delete) on annot, undoable.
+    void annotOperation(const char* name, uint64_t page, PDAnnot annot, const PDRect& r) {
+        Document& doc = view().document();
+        uint32_t atom = 0;
+        if (KRGetAtomFromString(name, &atom) != KR_OK)
+            throw StepFailure(std::nullopt, "no atom for " + std::string(name));
+        const QF::AnnotOperationRecord record{doc.object(), page, annot,
+                                              {r.left, r.bottom, r.right, r.top}};
+        const uint32_t rc = doc.performAnnotOperation(atom, &record);
+        if (rc == 0 || rc == qfhost::codes::kNegative) return;
+        std::string detail = std::string(name) + " answered " + hex(rc);
+        if (doc.lastPdfResult() != 0) detail += ", pdfcore: " + errorText(doc.lastPdfResult());
+        throw StepFailure(rc, detail);
+    }
+
+    // Moves every selected widget that is not Locked by points in the arrow's direction,
+    // as one undoable step; a widget stops at the edge of its page's crop box.
+    void nudge(View& v, uint32_t key, float points) {
+        forSelected("Annot_SetRect", [&](uint64_t page, PDAnnot annot) {
+            if (isLocked(annot)) return;
+            const auto d = arrow(v, static_cast<uint32_t>(page), key);
+            PDRect r = normalRect(annot), box{};
+            Handle p;
+            check(PDDocGetPage(v.document().pdDoc(), static_cast<uint32_t>(page), p.out()));
+            check(PDPageGetBox(p.get(), PD_BOX_CROP, &box));
+            const float left = std::min(box.left, box.right);
+            const float right = std::max(box.left, box.right);
+            const float bottom = std::min(box.top, box.bottom);
+            const float top = std::max(box.top, box.bottom);
+            float dx = d[0] * points, dy = d[1] * points;
+            dx = dx < 0 ? std::max(dx, std::min(0.0f, left - r.left))
+                        : std::min(dx, std::max(0.0f, right - r.right));
+            dy = dy < 0 ? std::max(dy, std::min(0.0f, bottom - r.bottom))
+                        : std::min(dy, std::max(0.0f, top - r.top));
+            if (dx == 0 && dy == 0) return;
+            r = {r.left + dx, r.top + dy, r.right + dx, r.bottom + dy};
+            annotOperation("Annot_SetRect", page, annot, r);
+        });
+    }
+
+    // Deletes every selected widget as one undoable step; a Locked one refuses them all.
+    void deleteSelected(View& v) {
+        for (const auto& s : host_.selection().selected()) {
+            if (isLocked(s.annot))
+                throw Refusal(failed(lang_, Sentence::Deleted,
+                                     sentence(lang_, Sentence::Locked, {fieldNameOf(s.annot)}),
+                                     true));
+        }
+        forSelected("Annot_Delete", [&](uint64_t page, PDAnnot annot) {
+            annotOperation("Annot_Delete", page, annot, normalRect(annot));
+        });
+        host_.selection().clear();
+        v.deactivateTool();
+    }
+
+    // The top-most visible widget of page under view pixel (x, y), as the overlay shows it.
+    Handle widgetAt(View& v, uint32_t pageIndex, int32_t x, int32_t y) {
+        Handle page;
+        check(PDDocGetPage(v.document().pdDoc(), pageIndex, page.out()));
+        uint32_t count = 0;
+        check(PDPageGetNumAnnots(page.get(), &count));
+        const auto at = v.viewToPage(pageIndex, x, y);
+        for (uint32_t k = count; k-- > 0;) {
+            Handle annot;
+            check(PDPageGetAnnot(page.get(), k, annot.out()));
+            PDBool visible = 1;
+            if (!isWidget(annot.get()) ||
+                (PDAnnotGetVisible(annot.get(), &visible) == PD_OK && !visible))
+                continue;
+            const PDRect r = normalRect(annot.get());
+            if (at[0] >= r.left && at[0] <= r.right && at[1] >= r.bottom && at[1] <= r.top)
+                return annot;
+        }
+        return {};
+    }
+
+    // Shift+click (or Ctrl+click) in select mode: the widget under the press joins the
+    // selection, or leaves it when it is in it. The edit tool stays on the first widget
+    // selected; when that one leaves, the next one takes its place.
+    bool toggleAt(View& v, const QF::InputEvent& e) {
+        const int64_t page = v.pageAt(e.x, e.y);
+        if (page < 0) return false;
+        const Handle hit = widgetAt(v, static_cast<uint32_t>(page), e.x, e.y);
+        if (!hit) return false;
+        qfhost::AnnotSelection& selection = host_.selection();
+        const auto& selected = selection.selected();
+        const auto at = std::find_if(selected.begin(), selected.end(),
+                                     [&](const auto& s) { return s.annot == hit.get(); });
+        uint32_t rc = 0;
+        if (selected.empty()) {
+            rc = selection.selectWidget(static_cast<uint64_t>(page), hit.get());
+        } else if (at == selected.end()) {
+            rc = selection.add(static_cast<uint64_t>(page), hit.get());
+        } else if (at != selected.begin()) {
+            rc = selection.deselect(at->pageIndex, at->annot);
+        } else if (selected.size() == 1) {
+            selection.clear();
+            v.deactivateTool();
+        } else {
+            std::vector<std::pair<uint64_t, Handle>> rest;
+            for (auto it = selected.begin() + 1; it != selected.end(); ++it) {
+                PDHandleAcquire(it->annot);
+                rest.emplace_back(it->pageIndex, Handle(it->annot));
+            }
+            rc = selection.selectWidget(rest.front().first, rest.front().second.get());
+            for (size_t k = 1; rc == 0 && k < rest.size(); ++k)
+                rc = selection.add(rest[k].first, rest[k].second.get());
+        }
+        if (rc != 0) throw StepFailure(rc, moduleText(rc));
+        return true;
     }
 
     // Select mode: selects the top-most widget under the press and hands the press to the
@@ -256,7 +662,10 @@ class Editor {
         const uint32_t rc = host_.selection().selectAt(static_cast<uint64_t>(page), at[0], at[1]);
         if (rc == 1) return false; // nothing there
         if (rc != 0) throw StepFailure(rc, "the widget could not be selected");
-        return v.activeToolName() == kEditTool ? send(v, e) : true;
+        if (v.activeToolName() != kEditTool) return true;
+        const bool handled = send(v, e);
+        if (handled && v.activeTool()) press_ = std::array<int32_t, 2>{e.x, e.y};
+        return handled;
     }
 
     // ---- steps ----
@@ -266,22 +675,218 @@ class Editor {
             throw StepFailure(std::nullopt, "a step is an object with exactly one verb");
         const std::string verb = body.begin().key();
         const Json& args = body.begin().value();
-        static const char* const kVerbs[] = {"tool", "view",    "set",     "command",
-                                             "undo", "redo",    "edit",    "paste",
-                                             "key",  "actions", "calculationOrder"};
+        static const char* const kVerbs[] = {"tool",     "view", "set",     "command",
+                                             "undo",     "redo", "edit",    "paste",
+                                             "tabOrder", "key",  "actions", "calculationOrder"};
         if (std::none_of(std::begin(kVerbs), std::end(kVerbs),
                          [&](const char* v) { return verb == v; }))
             throw StepFailure(std::nullopt, "the editor does not take the step " + quoted(verb));
+        action_ = actionOf(verb, args);
         if (verb == "tool" && args.is_string() && args.get<std::string>().empty()) {
             host_.selection().clear();
             view().deactivateTool();
         } else if (verb == "set" && args.is_object() && args.contains("area")) {
             setWidgetProperty(args);
+        } else if (verb == "set") {
+            setToolProperty(args);
+        } else if (verb == "tabOrder") {
+            tabOrder(args);
+        } else if (verb == "edit" && args == "Delete" && host_.selection().selected().size() > 1) {
+            deleteSelected(view());
+        } else if (verb == "paste") {
+            paste(args);
         } else {
+            if (verb == "command" && args.is_object() && args.value("name", Json()) == "GroupRadioButtons")
+                checkGroupable(args);
             session_.run(verb, args);
             if (verb == "view") ++annotationsRevision_; // the outlines moved on the screen
         }
         return answer(Json::object());
+    }
+
+    // What a step does, for the sentence when it fails.
+    Sentence actionOf(const std::string& verb, const Json& args) const {
+        if (verb == "tool") return Sentence::ToolStarted;
+        if (verb == "view") return Sentence::ViewChanged;
+        if (verb == "undo") return Sentence::Undone;
+        if (verb == "redo") return Sentence::Redone;
+        if (verb == "paste") return Sentence::Pasted;
+        if (verb == "tabOrder") return Sentence::TabOrdered;
+        if (verb == "edit") {
+            return args == "Copy"            ? Sentence::Copied
+                   : args == "Cut"           ? Sentence::Cut
+                   : args == "DuplicateCopy" ? Sentence::Duplicated
+                                             : Sentence::Deleted;
+        }
+        if (verb == "set" && args.is_object()) {
+            const Json property = args.value("property", Json());
+            if (property == "FieldName") return Sentence::Renamed;
+            if (property == "ComboOptList") return Sentence::OptionsSet;
+            return Sentence::ValueSet;
+        }
+        if (verb == "command" && args.is_object()) {
+            const Json name = args.value("name", Json());
+            if (name == "Widget_Rename") return Sentence::Renamed;
+            if (name == "GroupRadioButtons") return Sentence::Grouped;
+            return Sentence::TabOrdered;
+        }
+        return Sentence::ToolAction;
+    }
+
+    // The selected widget of the edit tool: its page and its place in the page's /Annots.
+    std::optional<std::pair<uint64_t, uint32_t>> editedWidget() {
+        const auto& selected = host_.selection().selected();
+        if (view().activeToolName() != kEditTool || selected.empty()) return std::nullopt;
+        Handle page;
+        uint32_t index = 0;
+        check(PDDocGetPage(view().document().pdDoc(),
+                           static_cast<uint32_t>(selected.front().pageIndex), page.out()));
+        check(PDPageGetAnnotIndex(page.get(), selected.front().annot, &index));
+        return std::pair{selected.front().pageIndex, index};
+    }
+
+    // A row of the active tool's sheet. The edit tool's sheet writes a new name and a new
+    // option list into the widget directly: here a name goes through the host's
+    // "Widget_Rename" command and an option list into a host command that keeps the former
+    // one, so that both are undone like any other change.
+    void setToolProperty(const Json& args) {
+        const auto widget = editedWidget();
+        const Json property = args.is_object() ? args.value("property", Json()) : Json();
+        const Json value = args.is_object() ? args.value("value", Json()) : Json();
+        if (widget && property == "FieldName" && value.is_string()) {
+            const std::string name = value.get<std::string>();
+            if (auto problem = nameProblem(name, "the name"))
+                throw Refusal(failed(lang_, Sentence::Renamed,
+                                     sentence(lang_, Sentence::ControlCharacter, {*problem}),
+                                     true));
+            const PDAnnot annot = host_.selection().selected().front().annot;
+            if (isLocked(annot))
+                throw Refusal(failed(lang_, Sentence::Renamed,
+                                     sentence(lang_, Sentence::Locked, {fieldNameOf(annot)}),
+                                     true));
+            if (name == fieldNameOf(annot)) return;
+            session_.run("command", {{"name", "Widget_Rename"},
+                                     {"widget", {{"page", widget->first}, {"index", widget->second}}},
+                                     {"newName", name}});
+            return;
+        }
+        if (widget && property == "ComboOptList" && value.is_array()) {
+            const auto& s = host_.selection().selected().front();
+            std::exception_ptr thrown;
+            const uint32_t rc = qfhost::runOptionListChange(
+                host_, view().document().object(), s.pageIndex, s.annot, [&]() -> uint32_t {
+                    try {
+                        session_.run("set", args);
+                        return 0;
+                    } catch (...) {
+                        thrown = std::current_exception();
+                        return qfhost::codes::kBadArgument;
+                    }
+                });
+            if (thrown) std::rethrow_exception(thrown);
+            if (rc != 0 && rc != qfhost::codes::kNegative)
+                throw StepFailure(rc, "the option list could not be kept for undo (" + hex(rc) + ")");
+            return;
+        }
+        session_.run("set", args);
+    }
+
+    // Grouping as radio buttons takes check boxes and radio buttons only.
+    void checkGroupable(const Json& args) {
+        const Json list = args.value("widgets", Json());
+        if (!list.is_array()) return; // the session says what is wrong
+        Document& doc = view().document();
+        for (const Json& w : list) {
+            if (!w.is_object() || !w.contains("page") || !w.contains("index") ||
+                !w["page"].is_number_unsigned() || !w["index"].is_number_unsigned())
+                continue;
+            Handle page, annot, field;
+            if (PDDocGetPage(doc.pdDoc(), w["page"].get<uint32_t>(), page.out()) != PD_OK ||
+                PDPageGetAnnot(page.get(), w["index"].get<uint32_t>(), annot.out()) != PD_OK)
+                continue;
+            PDAtom type = 0;
+            uint32_t flags = 0;
+            if (isWidget(annot.get()) &&
+                PDWidgetAnnotGetParent(annot.get(), field.out()) == PD_OK && field &&
+                PDFieldGetType(field.get(), &type) == PD_OK) {
+                PDFieldGetFlags(field.get(), &flags);
+                if (type == PD_ATOM_Btn && (flags & kPushButtonFlag) == 0) continue;
+            }
+            const Sentence kind = !field              ? Sentence::KindOther
+                                  : type == PD_ATOM_Tx ? Sentence::KindText
+                                  : type == PD_ATOM_Ch ? ((flags & kComboFlag) ? Sentence::KindCombo
+                                                                                : Sentence::KindList)
+                                  : type == PD_ATOM_Btn ? Sentence::KindPush
+                                  : type == PD_ATOM_Sig ? Sentence::KindSignature
+                                                        : Sentence::KindOther;
+            const std::string name = field ? fieldNameOf(annot.get()) : "#" + std::to_string(w["index"].get<uint32_t>());
+            throw Refusal(failed(lang_, Sentence::Grouped,
+                                 sentence(lang_, Sentence::NotButtons,
+                                          {name, sentence(lang_, kind)}),
+                                 true));
+        }
+    }
+
+    // Orders every page's widgets by rows (or columns) with the tolerance of proposedOrder,
+    // as one undoable step of "MoveAnnotsFocusOrder" runs: per page that changes, its
+    // widgets in the new order to the end of /Annots, then the other annotations after
+    // them, so that the widgets come first as the automatic order leaves them. (A run to
+    // the start leaves a position equal to the target unshifted, so that a later one of
+    // the same run would take the annotation moved before it: runs to the end shift every
+    // position they should.)
+    void tabOrder(const Json& args) {
+        if (args != "rows" && args != "columns")
+            throw StepFailure(std::nullopt, "tabOrder takes \"rows\" or \"columns\"");
+        Document& doc = view().document();
+        qfhost::CommandsManager& commands = host_.commands();
+        if (commands.beginGroup("MoveAnnotsFocusOrder") != 0)
+            throw StepFailure(std::nullopt, "another step is under way");
+        try {
+            for (uint32_t i = 0; i < doc.pageCount(); ++i) {
+                Handle page;
+                check(PDDocGetPage(doc.pdDoc(), i, page.out()));
+                const std::vector<uint32_t> order = proposedOrder(page.get(), args == "columns");
+                bool inPlace = true;
+                for (size_t k = 0; k < order.size(); ++k) inPlace = inPlace && order[k] == k;
+                if (inPlace) continue;
+                const uint32_t count = annotCount(view(), i);
+                session_.run("command", {{"name", "MoveAnnotsFocusOrder"},
+                                         {"page", i},
+                                         {"positions", order},
+                                         {"target", count}});
+                std::vector<uint32_t> others(count - order.size());
+                for (size_t k = 0; k < others.size(); ++k) others[k] = static_cast<uint32_t>(k);
+                if (others.empty()) continue;
+                session_.run("command", {{"name", "MoveAnnotsFocusOrder"},
+                                         {"page", i},
+                                         {"positions", others},
+                                         {"target", count}});
+            }
+        } catch (...) {
+            commands.endGroup(false);
+            throw;
+        }
+        commands.endGroup(true);
+    }
+
+    // Paste, with the refusals a person meets said in the editor's words.
+    void paste(const Json& args) {
+        if (host_.selection().sourceText(qfhost::AnnotSelection::Source::System).empty())
+            throw Refusal(sentence(lang_, Sentence::ClipboardEmpty));
+        try {
+            session_.run("paste", args);
+        } catch (const StepFailure& e) {
+            if (e.code() == qfhost::codes::kNoFieldToJoin)
+                throw Refusal(failed(lang_, Sentence::Pasted,
+                                     sentence(lang_, Sentence::NoFieldToJoin), true));
+            if (e.code() == qfhost::codes::kCannotJoin)
+                throw Refusal(failed(lang_, Sentence::Pasted,
+                                     sentence(lang_, Sentence::CannotJoin), true));
+            if (!e.code())
+                throw Refusal(failed(lang_, Sentence::Pasted,
+                                     sentence(lang_, Sentence::BadRecord, {e.what()}), true));
+            throw;
+        }
     }
 
     // A row of the selected widget's annotation sheet.
@@ -306,37 +911,43 @@ class Editor {
         fs::path target = path_;
         if (body.contains("as")) {
             if (!body["as"].is_string() || !acceptableName(body["as"].get<std::string>()))
-                return jsonAnswer(403, {{"error", "Save as takes a file name ending in .pdf, "
-                                                  "without folders; the file goes beside the "
-                                                  "document"}});
+                return jsonAnswer(403, {{"error", sentence(lang_, Sentence::SaveAsName)}});
             target = folder() / fs::u8path(body["as"].get<std::string>());
             std::error_code ec;
-            if (target != path_ && fs::exists(target, ec) && !body.value("replace", false))
-                return jsonAnswer(409, {{"error", target.filename().string() +
-                                                      " exists already: choose another name"}});
+            // A link counts as the file it names: asked about, then written through.
+            if (target != path_ && fs::exists(fs::symlink_status(target, ec)) &&
+                !body.value("replace", false))
+                return jsonAnswer(409, {{"error", sentence(lang_, Sentence::Exists,
+                                                           {target.filename().string()})},
+                                        {"exists", true}});
         } else if (sample_) {
-            return jsonAnswer(403, {{"error", "the built-in sample is not saved over: choose a "
-                                              "name with Save as"}});
+            return jsonAnswer(403, {{"error", sentence(lang_, Sentence::SampleNotSaved)}});
         }
+        action_ = Sentence::Saved;
         Document& doc = view().document();
         // Asked once: after the first save the signatures no longer hold anyway.
         if (!signaturesBroken_ && holdsSignatures(doc.pdDoc())) {
             if (!body.value("breakSignatures", false))
-                return jsonAnswer(409, {{"error", "The document is signed: saving rewrites the "
-                                                  "whole file, and its signatures will no "
-                                                  "longer hold. Save anyway?"},
+                return jsonAnswer(409, {{"error", sentence(lang_, Sentence::Signed)},
                                         {"signed", true}});
             signaturesBroken_ = true;
         }
         const PDResult saved = PDDocSaveEx(doc.pdDoc(), target.string().c_str(), 0);
-        if (saved == PD_ERR_READ_ONLY)
-            throw StepFailure(std::nullopt, "cannot save " + target.string() +
-                                                ": the file is read-only; save the document "
-                                                "under another name with Save as");
-        if (saved != PD_OK)
-            throw StepFailure(std::nullopt, "cannot save " + target.string() + ": " +
-                                                writeProblem(saved, ""));
+        if (saved != PD_OK) {
+            const std::string file = target.string();
+            switch (saved) {
+            case PD_ERR_READ_ONLY: throw Refusal(sentence(lang_, Sentence::ReadOnly, {file}));
+            case PD_ERR_NOT_A_FILE: throw Refusal(sentence(lang_, Sentence::NotRegular, {file}));
+            case PD_ERR_ACCESS: throw Refusal(sentence(lang_, Sentence::NoPermission, {file}));
+            case PD_ERR_FILE_LIMIT: throw Refusal(sentence(lang_, Sentence::SizeLimit, {file}));
+            case PD_ERR_DISK_FULL: throw Refusal(sentence(lang_, Sentence::DiskFull, {file}));
+            default:
+                throw Refusal(
+                    sentence(lang_, Sentence::NotWritten, {file, writeProblem(saved, "")}));
+            }
+        }
         doc.markSaved();
+        dirty_ = false;
         path_ = target;
         sample_ = false;
         return answer({{"saved", target.string()}});
@@ -349,8 +960,7 @@ class Editor {
 
     HttpResponse language(const Json& body) {
         const std::string lang = body.value("lang", std::string());
-        if (lang != "en" && lang != "ja")
-            throw StepFailure(std::nullopt, "the languages are \"en\" and \"ja\"");
+        if (lang != "en" && lang != "ja") throw Refusal(sentence(lang_, Sentence::Languages));
         host_.strings().setLanguage(lang);
         lang_ = lang;
         return answer(Json::object());
@@ -362,7 +972,7 @@ class Editor {
     // it again whatever comes of it: nothing needs it once the document is open.
     HttpResponse unlock(const Json& body) {
         if (lock_ == Lock::None)
-            return jsonAnswer(409, {{"error", "the document is open already"}});
+            return jsonAnswer(409, {{"error", sentence(lang_, Sentence::OpenAlready)}});
         const auto it = body.find("password");
         if (it == body.end() || !it->is_string() || body.size() != 1)
             return jsonAnswer(400, {{"error", "the body is {\"password\": TEXT}"}});
@@ -385,9 +995,8 @@ class Editor {
             const bool wrong = e.reason() == OpenRefused::Reason::Password;
             if (!wrong) lock_ = Lock::Owner;
             Json answer;
-            answer["error"] = wrong ? "The password is wrong."
-                                    : "This password opens the document, but its permissions "
-                                      "do not allow changing its form: give its owner password.";
+            answer["error"] = sentence(lang_, wrong ? Sentence::PasswordWrong
+                                                    : Sentence::PasswordNotOwner);
             answer["wrong"] = wrong;
             answer["state"] = state();
             return jsonAnswer(422, answer);
@@ -441,10 +1050,18 @@ class Editor {
         return rows;
     }
 
+    // The first selected widget as {"page", "index", "field", "type"}, with "all" listing
+    // every selected one so (the first among them).
     Json selection(Document& doc) {
         const auto& selected = host_.selection().selected();
         if (selected.empty()) return nullptr;
-        const auto& s = selected.front();
+        Json out = describe(doc, selected.front());
+        out["all"] = Json::array();
+        for (const auto& s : selected) out["all"].push_back(describe(doc, s));
+        return out;
+    }
+
+    Json describe(Document& doc, const qfhost::AnnotSelection::Selected& s) {
         Json out;
         out["page"] = s.pageIndex;
         Handle page;
@@ -472,13 +1089,21 @@ class Editor {
     // command done or undone (moving one annotation in /Annots notifies nothing).
     uint64_t annotationsRevision(Document& doc) {
         if (!annotChanged_.connected()) {
-            annotChanged_ = doc.OnAnnotChanged.connect(
-                [this](uint32_t, uint64_t, PDAnnot) { ++annotationsRevision_; });
+            annotChanged_ = doc.OnAnnotChanged.connect([this](uint32_t, uint64_t, PDAnnot) {
+                ++annotationsRevision_;
+                dirty_ = true;
+            });
             annotsChanged_ = doc.OnAnnotsChanged.connect(
-                [this](uint32_t, uint64_t, const std::vector<PDAnnot>&) { ++annotationsRevision_; });
+                [this](uint32_t, uint64_t, const std::vector<PDAnnot>&) {
+                    ++annotationsRevision_;
+                    dirty_ = true;
+                });
         }
         const auto depths = host_.commands().depths();
-        if (depths.undo != depths_.undo || depths.redo != depths_.redo) ++annotationsRevision_;
+        if (depths.undo != depths_.undo || depths.redo != depths_.redo) {
+            ++annotationsRevision_;
+            dirty_ = true;
+        }
         depths_ = depths;
         return annotationsRevision_;
     }
@@ -498,13 +1123,16 @@ class Editor {
         }
         View& v = view();
         Document& doc = v.document();
+        // Changes that set no page's changed flag (a name, an option list, a tab order)
+        // count too: anything done or undone since the last save.
+        const uint64_t annotations = annotationsRevision(doc);
         s["document"] = {{"name", name},
                          {"folder", folder().string()},
-                         {"modified", doc.modified()},
+                         {"modified", doc.modified() || dirty_},
                          {"encrypted", doc.encrypted()}};
         s["locked"] = nullptr;
         s["revision"] = revision_;
-        s["annotationsRevision"] = annotationsRevision(doc);
+        s["annotationsRevision"] = annotations;
         Json pages = Json::array();
         int32_t width = 0, height = 0;
         for (uint32_t i = 0; i < doc.pageCount(); ++i) {
@@ -552,6 +1180,11 @@ class Editor {
     bool sample_;
     Lock lock_;
     bool signaturesBroken_ = false;  // the person chose to save a signed document
+    bool dirty_ = false;             // changed since it was opened or saved
+    Sentence action_ = Sentence::ToolAction; // what the request does, for its failure
+    // Where the left press of the drag under way was (view pixels): Escape ends the drag
+    // there.
+    std::optional<std::array<int32_t, 2>> press_;
     uint64_t revision_ = 0;
     uint64_t annotationsRevision_ = 0;
     boost::signals2::scoped_connection annotChanged_, annotsChanged_;

@@ -36,6 +36,11 @@ public:
     // pages; 0x10005 when no factory is registered for the subtype; otherwise the
     // factory's result (the selection is then left empty).
     uint32_t select(uint32_t typeAtom, uint64_t pageIndex, PDAnnot annot);
+    // Adds annot (of page pageIndex of the current document) to a selection that holds one
+    // or more already, as a click with Shift does: the selection object, and the edit tool
+    // working on it, stay with the first. 1 when nothing is selected or annot is already;
+    // 3 for a null annotation or one that page pageIndex does not list.
+    uint32_t add(uint64_t pageIndex, PDAnnot annot);
     // Takes annot out of the selection: 1 when it is not selected. The last one out
     // empties the selection. An annotation removed from the document leaves it by itself.
     uint32_t deselect(uint64_t pageIndex, PDAnnot annot);
@@ -85,7 +90,6 @@ public:
     // gets one reference to the widget.
     uint32_t pasteText(uint64_t pageIndex, const std::string& text, Naming naming,
                        PDAnnot* outWidget = nullptr);
-    // Drops the selection (object and annotations).
     // Drops the selection (object and annotations).
     void clear();
 

@@ -94,8 +94,22 @@ public:
     // commands on the undo or the redo stack, the next to undo or redo last.
     std::vector<std::string> undoNames() const;
     std::vector<std::string> redoNames() const;
-    // Drops both stacks.
+    // Drops both stacks (and an open group, whose commands stay done).
     void clear();
+
+    // Gathers the commands that execute and run keep from now until endGroup into one
+    // entry of the undo stack named name (the text of its GetCommandName atom): its UNDO
+    // undoes them newest first, its DO does them again in order, so that a step made of
+    // several commands (every selected widget moved, a tab order over several pages) is
+    // undone at once. 1 when a group is open already (groups do not nest), 3 for an empty
+    // name. undo and redo are refused (1) while a group is open.
+    uint32_t beginGroup(const std::string& name);
+    // Closes the open group (1 when none is): with keep, its commands become one entry (a
+    // single command goes on as itself; none leaves the stacks as they were); without, they
+    // are undone newest first and dropped, so that a step that failed half-way leaves the
+    // document as it was. The first failing UNDO's result is returned then (the commands
+    // are dropped all the same).
+    uint32_t endGroup(bool keep = true);
 
     // Where the undo levels come from, asked at every new command; empty (as a manager
     // starts) or an answer of 0: no limit.
@@ -114,6 +128,9 @@ private:
     mutable std::mutex mutex_;
     std::vector<ObjectPtr> undo_;
     std::vector<ObjectPtr> redo_;
+    bool grouping_ = false;
+    uint32_t groupName_ = 0;
+    std::vector<ObjectPtr> group_;
 };
 
 class Host;

@@ -1,0 +1,161 @@
+#include "Sentences.h"
+
+
+namespace qfforms {
+
+namespace {
+
+struct Entry {
+    Sentence key;
+    const char* en;
+    const char* ja;
+};
+
+constexpr Entry kTable[] = {
+    {Sentence::Moved, "The field could not be moved or resized",
+     "フィールドを移動またはサイズ変更できませんでした"},
+    {Sentence::Made, "The field could not be made", "フィールドを作成できませんでした"},
+    {Sentence::Deleted, "The field could not be deleted", "フィールドを削除できませんでした"},
+    {Sentence::Copied, "The field could not be copied", "フィールドをコピーできませんでした"},
+    {Sentence::Cut, "The field could not be cut", "フィールドを切り取れませんでした"},
+    {Sentence::Duplicated, "The field could not be duplicated",
+     "フィールドを複製できませんでした"},
+    {Sentence::Renamed, "The field could not be renamed",
+     "フィールドの名前を変更できませんでした"},
+    {Sentence::OptionsSet, "The options could not be set", "選択肢を設定できませんでした"},
+    {Sentence::ValueSet, "The value could not be set", "値を設定できませんでした"},
+    {Sentence::Grouped, "The fields could not be grouped as radio buttons",
+     "ラジオボタンにまとめられませんでした"},
+    {Sentence::TabOrdered, "The tab order could not be changed",
+     "タブ順序を変更できませんでした"},
+    {Sentence::Pasted, "The field could not be pasted", "フィールドを貼り付けられませんでした"},
+    {Sentence::Undone, "The last step could not be undone", "元に戻せませんでした"},
+    {Sentence::Redone, "The step could not be redone", "やり直せませんでした"},
+    {Sentence::ToolStarted, "The tool could not start", "ツールを開始できませんでした"},
+    {Sentence::Selected, "The field could not be selected", "フィールドを選択できませんでした"},
+    {Sentence::ViewChanged, "The view could not be changed", "表示を変更できませんでした"},
+    {Sentence::ToolAction, "The tool could not do that", "ツールの操作を実行できませんでした"},
+    {Sentence::Saved, "{0} could not be saved", "{0} を保存できませんでした"},
+    {Sentence::Refused,
+     "the document refused the change ({0}). Undo the last step or reload the page.",
+     "文書が変更を受け付けませんでした（{0}）。最後の操作を元に戻すか、"
+     "ページを再読み込みしてください。"},
+    {Sentence::NotButtons,
+     "Only check boxes and radio buttons can be grouped as radio buttons; {0} is {1}.",
+     "ラジオボタンにまとめられるのはチェックボックスとラジオボタンだけです。"
+     "{0} は{1}です。"},
+    {Sentence::ClipboardEmpty, "The clipboard holds no field: copy one first.",
+     "クリップボードにフィールドがありません。先にフィールドをコピーしてください。"},
+    {Sentence::NoFieldToJoin,
+     "The document has no field of the copied field's name to join; Paste makes a new field.",
+     "コピーしたフィールドと同じ名前のフィールドが文書にないため、リンク貼り付けできません。"
+     "「貼り付け」で新しいフィールドとして貼り付けてください。"},
+    {Sentence::CannotJoin,
+     "The field of the copied field's name is of another kind: the copy cannot join it. "
+     "Paste makes a new field.",
+     "コピーしたフィールドと同じ名前のフィールドは種類が異なるため、リンク貼り付けできません。"
+     "「貼り付け」で新しいフィールドとして貼り付けてください。"},
+    {Sentence::BadRecord, "the clipboard holds no field this editor can paste ({0}).",
+     "クリップボードの内容は貼り付けられるフィールドではありません（{0}）。"},
+    {Sentence::ControlCharacter,
+     "a field name cannot hold tabs, line breaks or other control characters ({0}).",
+     "フィールド名にタブ、改行などの制御文字は使えません（{0}）。"},
+    {Sentence::Locked, "{0} is locked: unlock it first.",
+     "{0} はロックされています。先にロックを解除してください。"},
+    {Sentence::SaveAsName,
+     "Save as takes a file name ending in .pdf, without folders; the file goes beside the "
+     "document.",
+     "「名前を付けて保存」には、フォルダーを含まない .pdf で終わるファイル名を入力してください。"
+     "ファイルは文書と同じフォルダーに保存されます。"},
+    {Sentence::Exists, "{0} exists already. Replace it?", "{0} は既にあります。置き換えますか?"},
+    {Sentence::SampleNotSaved,
+     "The built-in sample is not saved over: choose a name with Save as.",
+     "組み込みのサンプルには上書き保存できません。「名前を付けて保存」で名前を付けてください。"},
+    {Sentence::Signed,
+     "The document is signed: saving rewrites the whole file, and its signatures will no "
+     "longer hold. Save anyway?",
+     "この文書には署名があります。保存するとファイル全体が書き直され、署名は無効になります。"
+     "保存しますか?"},
+    {Sentence::ReadOnly,
+     "{0} could not be saved: the file is read-only. Save the document under another name "
+     "with Save as.",
+     "{0} を保存できませんでした。ファイルは読み取り専用です。"
+     "「名前を付けて保存」で別の名前を付けて保存してください。"},
+    {Sentence::NotRegular,
+     "{0} could not be saved: it is not a regular file (a folder, a FIFO, a device or a "
+     "broken link), and it is not written over.",
+     "{0} を保存できませんでした。通常のファイルではない（フォルダー、FIFO、デバイス、"
+     "壊れたリンク）ため、上書きしません。"},
+    {Sentence::NoPermission,
+     "{0} could not be saved: there is no permission to write in its folder, or its file "
+     "system is read-only.",
+     "{0} を保存できませんでした。フォルダーへの書き込み権限がないか、"
+     "ファイルシステムが読み取り専用です。"},
+    {Sentence::SizeLimit,
+     "{0} could not be saved: it would exceed the size limit for files. The file is as it "
+     "was.",
+     "{0} を保存できませんでした。ファイルサイズの上限を超えます。ファイルは元のままです。"},
+    {Sentence::DiskFull, "{0} could not be saved: the disk is full. The file is as it was.",
+     "{0} を保存できませんでした。ディスクの空きがありません。ファイルは元のままです。"},
+    {Sentence::NotWritten, "{0} could not be saved ({1}). The file is as it was.",
+     "{0} を保存できませんでした（{1}）。ファイルは元のままです。"},
+    {Sentence::NotOpen, "The document is not open: it needs its password.",
+     "文書はまだ開いていません。パスワードが必要です。"},
+    {Sentence::OpenAlready, "The document is open already.", "文書は既に開いています。"},
+    {Sentence::PasswordWrong, "The password is wrong.", "パスワードが違います。"},
+    {Sentence::PasswordNotOwner,
+     "This password opens the document, but its permissions do not allow changing its "
+     "form: give its owner password.",
+     "このパスワードで文書は開きますが、権限によりフォームを変更できません。"
+     "権限パスワードを入力してください。"},
+    {Sentence::Languages, "The languages are \"en\" and \"ja\".",
+     "言語は \"en\" と \"ja\" です。"},
+    {Sentence::NothingSelected, "No field is selected: select one first.",
+     "フィールドが選択されていません。先に選択してください。"},
+    {Sentence::KindText, "a text field", "テキストフィールド"},
+    {Sentence::KindCombo, "a combo box", "コンボボックス"},
+    {Sentence::KindList, "a list box", "リストボックス"},
+    {Sentence::KindPush, "a push button", "プッシュボタン"},
+    {Sentence::KindSignature, "a signature field", "署名フィールド"},
+    {Sentence::KindOther, "not a form field", "フォームフィールド以外の注釈"},
+};
+
+const Entry* find(Sentence s) {
+    for (const Entry& e : kTable) {
+        if (e.key == s) return &e;
+    }
+    return nullptr;
+}
+
+std::string fill(std::string text, std::initializer_list<std::string> args) {
+    size_t k = 0;
+    for (const std::string& a : args) {
+        const std::string mark = "{" + std::to_string(k++) + "}";
+        for (size_t at = text.find(mark); at != std::string::npos;
+             at = text.find(mark, at + a.size()))
+            text.replace(at, mark.size(), a);
+    }
+    return text;
+}
+
+} // namespace
+
+std::string sentence(const std::string& lang, Sentence s,
+                     std::initializer_list<std::string> args) {
+    const Entry* e = find(s);
+    if (!e) return {};
+    return fill(lang == "ja" ? e->ja : e->en, args);
+}
+
+std::string failed(const std::string& lang, Sentence what, const std::string& reason,
+                   bool explained) {
+    const std::string head = sentence(lang, what);
+    if (lang == "ja")
+        return head + "。" + (explained ? reason : sentence(lang, Sentence::Refused, {reason}));
+    if (!explained) return head + ": " + sentence(lang, Sentence::Refused, {reason});
+    // A sentence of its own follows a full stop, a clause of the editor's a colon.
+    const bool own = !reason.empty() && reason[0] >= 'A' && reason[0] <= 'Z';
+    return head + (own ? ". " : ": ") + reason;
+}
+
+} // namespace qfforms
