@@ -712,6 +712,8 @@ class Editor {
         if (verb == "redo") return Sentence::Redone;
         if (verb == "paste") return Sentence::Pasted;
         if (verb == "tabOrder") return Sentence::TabOrdered;
+        if (verb == "actions") return Sentence::ActionsSet;
+        if (verb == "calculationOrder") return Sentence::CalculationOrdered;
         if (verb == "edit") {
             return args == "Copy"            ? Sentence::Copied
                    : args == "Cut"           ? Sentence::Cut

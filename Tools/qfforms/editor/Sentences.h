@@ -19,6 +19,8 @@ enum class Sentence {
     Renamed,
     OptionsSet,
     ValueSet,
+    ActionsSet,
+    CalculationOrdered,
     Grouped,
     TabOrdered,
     Pasted,
