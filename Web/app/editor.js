@@ -29,9 +29,8 @@ let marking = false; // a Shift+press in select mode: its moves and release stay
 let pressed = false; // a left press went to the host and its release has not
 let cancelled = false; // Escape ended the drag: its moves and release stay in the page
 let lastMove = '';
-const pages = []; // per page: {element, canvas, overlay, annotations, live, loading, again}
-let drawnKey = '';
-let drawing = 0; // the latest drawing of the canvases; older ones give up
+// per page: {element, canvas, overlay, annotations, live, loading, again, drawn, drawing}
+const pages = [];
 
 onBusyChange((busy) => document.body.toggleAttribute('data-busy', busy));
 
@@ -107,6 +106,7 @@ const visibility = new IntersectionObserver((entries) => {
     const i = Number(target.dataset.page);
     const stale = target.querySelector('.overlay').dataset.revision !== String(state?.revision);
     if (isIntersecting && stale && pages[i]?.element === target) loadOverlay(i);
+    if (isIntersecting && state && !state.locked && pages[i]?.element === target) drawPage(i);
   }
 }, {root: $('#scroller'), rootMargin: '200px'});
 
@@ -143,45 +143,77 @@ function placePages(layout) {
   });
 }
 
-// Draws the canvases again when what they show changed: the zoom, a turn, the pages; while
-// previewing, every change of the form too, since the widgets are drawn then.
+// The document as pdf.js has loaded it, kept while what its pages show stays the same:
+// editing draws the pages without their annotations, so no edit changes them and zoom and
+// turns only draw again; previewing draws the widgets, so every change of the form loads
+// the document anew.
+let loaded = null; // {key, promise}
+
+function documentKey() {
+  return preview ? `preview ${state.annotationsRevision}` : 'pages';
+}
+
+function pdfDocument() {
+  const key = documentKey();
+  if (loaded?.key !== key) {
+    loaded?.promise.then((pdf) => pdf.destroy(), () => {});
+    loaded = {key, promise: getBytes('/api/document.pdf').then((data) => pdfjs.getDocument({
+      data,
+      wasmUrl: '/vendor/pdfjs/wasm/',
+      standardFontDataUrl: '/vendor/pdfjs/standard_fonts/',
+      cMapUrl: '/vendor/pdfjs/cmaps/',
+    }).promise)};
+    loaded.promise.catch(() => {
+      if (loaded?.key === key) loaded = null; // the next drawing tries again
+    });
+  }
+  return loaded.promise;
+}
+
+// What page i's canvas should show now.
+function canvasKey(i) {
+  const r = state.layout.pages[i];
+  return JSON.stringify([documentKey(), state.layout.zoom, r.right - r.left, r.bottom - r.top,
+    r.rotation]);
+}
+
+// Draws the pages in sight whose canvas is out of date; the others wait until they come
+// into sight (the page's box keeps the old canvas, stretched, meanwhile).
 function drawPages() {
-  const {zoom, pages: rects} = state.layout;
-  const sizes = rects.map((r) => [r.right - r.left, r.bottom - r.top, r.rotation]);
-  const key = JSON.stringify([zoom, sizes, preview && state.revision]);
-  if (key === drawnKey) return;
-  drawnKey = key;
-  const mine = ++drawing;
+  pages.forEach((p, i) => {
+    if (p.element.hasAttribute('data-visible')) drawPage(i);
+  });
+}
+
+function drawPage(i) {
+  const p = pages[i];
+  const key = canvasKey(i);
+  if (p.drawn === key || p.drawing === key) return;
+  p.drawing = key;
   const mode = preview ? pdfjs.AnnotationMode.ENABLE : pdfjs.AnnotationMode.DISABLE;
+  const rotation = (((state.layout.pages[i].rotation ?? 0) % 360) + 360) % 360;
+  const scale = state.layout.zoom * devicePixelRatio;
   tracked(async () => {
-    let task;
     try {
-      task = pdfjs.getDocument({
-        data: await getBytes('/api/document.pdf'),
-        wasmUrl: '/vendor/pdfjs/wasm/',
-        standardFontDataUrl: '/vendor/pdfjs/standard_fonts/',
-        cMapUrl: '/vendor/pdfjs/cmaps/',
-      });
-      const pdf = await task.promise;
-      const scale = zoom * devicePixelRatio;
-      for (let i = 0; i < rects.length && i < pdf.numPages && mine === drawing; ++i) {
-        const page = await pdf.getPage(i + 1);
-        const rotation = (((rects[i].rotation ?? 0) % 360) + 360) % 360;
-        const viewport = page.getViewport({scale, rotation});
-        const canvas = document.createElement('canvas');
-        canvas.width = Math.round(viewport.width);
-        canvas.height = Math.round(viewport.height);
-        await page.render({canvas, viewport, annotationMode: mode}).promise;
-        if (mine !== drawing || !pages[i]) break;
-        pages[i].canvas.replaceWith(canvas);
-        pages[i].canvas = canvas;
-      }
+      const pdf = await pdfDocument();
+      if (p.drawing !== key || i >= pdf.numPages) return;
+      const page = await pdf.getPage(i + 1);
+      const viewport = page.getViewport({scale, rotation});
+      const canvas = document.createElement('canvas');
+      canvas.width = Math.round(viewport.width);
+      canvas.height = Math.round(viewport.height);
+      await page.render({canvas, viewport, annotationMode: mode}).promise;
+      if (p.drawing !== key || pages[i] !== p) return;
+      p.canvas.replaceWith(canvas);
+      p.canvas = canvas;
+      p.drawn = key;
     } catch (e) {
-      if (mine === drawing) {
-        say(t('drawFailed', e instanceof TypeError ? t('serverGone') : e.message ?? e));
+      // A drawing overtaken by another (a new zoom, the document loaded anew) says nothing.
+      if (p.drawing === key) {
+        say(t('pageFailed', i + 1, e instanceof TypeError ? t('serverGone') : e.message ?? e));
       }
     } finally {
-      await task?.destroy();
+      if (p.drawing === key) p.drawing = null;
     }
   });
 }

@@ -54,7 +54,6 @@ const table = {
       'Start it again and reload the page.',
     requestFailed: 'The editor\'s server refused the request ({0}).',
     pageFailed: 'Page {0} could not be drawn: {1}',
-    drawFailed: 'The pages could not be drawn: {0}',
     encrypted: 'Encrypted',
     passwordTitle: 'Password',
     passwordNeeded: '{0} is encrypted. Enter its password to open it.',
@@ -117,7 +116,6 @@ const table = {
       'もう一度起動して、ページを再読み込みしてください。',
     requestFailed: 'エディターのサーバーが要求を拒否しました（{0}）。',
     pageFailed: '{0} ページ目を描けません: {1}',
-    drawFailed: 'ページを描けません: {0}',
     encrypted: '暗号化',
     passwordTitle: 'パスワード',
     passwordNeeded: '{0} は暗号化されています。' +
