@@ -411,6 +411,10 @@ const shortcuts = {
   v: () => step({paste: {page: focusPage}}),
   V: () => step({paste: {page: focusPage, join: true}}),
   d: () => step({edit: 'DuplicateCopy'}),
+  '=': () => zoomTo(1),
+  '+': () => zoomTo(1),
+  '-': () => zoomTo(-1),
+  '0': () => step({view: {zoom: 1}}),
 };
 
 function key(type, ev) {
@@ -450,6 +454,19 @@ for (const name of tools) {
   b.dataset.tool = name;
   b.dataset.text = name;
   $('#tools').append(b);
+}
+
+// The zoom at which the widest page (fit "width") or every page whole (fit "page") fills
+// the scroller, the view's margins kept.
+function fitZoom(fit) {
+  const {zoom, pages: rects} = state.layout;
+  const margin = 2 * 16 + 2; // the view's margins, and a pixel each side to spare
+  const scroller = $('#scroller');
+  const width = Math.max(...rects.map((r) => (r.right - r.left) / zoom));
+  const height = Math.max(...rects.map((r) => (r.bottom - r.top) / zoom));
+  const byWidth = (scroller.clientWidth - margin) / width;
+  const z = fit === 'width' ? byWidth : Math.min(byWidth, (scroller.clientHeight - margin) / height);
+  return Math.min(64, Math.max(0.1, Math.floor(z * 100) / 100));
 }
 
 function zoomTo(direction) {
@@ -497,6 +514,9 @@ $('#toolbar').addEventListener('click', (ev) => {
       'paste-linked': () => step({paste: {page: focusPage, join: true}}),
       'zoom-in': () => zoomTo(1),
       'zoom-out': () => zoomTo(-1),
+      'fit-width': () => step({view: {zoom: fitZoom('width')}}),
+      'fit-page': () => step({view: {zoom: fitZoom('page')}}),
+      'actual-size': () => step({view: {zoom: 1}}),
       'rotate': () => step({view: {rotation: (state.layout.rotation + 90) % 360}}),
       'preview': togglePreview,
       'save': () => save({}),
