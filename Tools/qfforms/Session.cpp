@@ -420,9 +420,22 @@ class Runner {
     }
 
     void select(const Json& a) {
-        onlyKeys(a, {"page", "at"}, "select");
+        onlyKeys(a, {"page", "at", "index"}, "select");
         View& v = currentView();
         const uint32_t page = pageOf(a, v, "select");
+        if (a.contains("index")) {
+            if (a.contains("at")) fail("select: \"at\" or \"index\", not both");
+            const Json& index = a["index"];
+            Handle pageHandle, annot;
+            check(PDDocGetPage(v.document().pdDoc(), page, pageHandle.out()));
+            if (!index.is_number_unsigned() || index.get<uint64_t>() > UINT32_MAX ||
+                PDPageGetAnnot(pageHandle.get(), index.get<uint32_t>(), annot.out()) != PD_OK)
+                fail("select: page " + std::to_string(page) + " has no annotation " +
+                     index.dump());
+            const uint32_t rc = host_.selection().selectWidget(page, annot.get());
+            if (rc != 0) failed(rc, "select: the widget could not be selected");
+            return;
+        }
         const auto at = point(member(a, "at", "select"), "select: at");
         const uint32_t rc = host_.selection().selectAt(page, at[0], at[1]);
         if (rc == 1) {

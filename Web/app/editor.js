@@ -5,6 +5,7 @@
 import * as pdfjs from '/vendor/pdfjs/pdf.mjs';
 import {getBytes, getText, onBusyChange, post, setAnswerHandler, tracked} from './api.js';
 import {renderActions} from './actions.js';
+import {renderFields} from './fields.js';
 import {renderPanel} from './panel.js';
 import {askPassword, closePasswordPrompt} from './password.js';
 import {commandLabel, setLanguage, t, translate} from './texts.js';
@@ -76,6 +77,7 @@ function show(s) {
   updateToolbar();
   renderPanel(s, step);
   renderActions(s, step);
+  renderFields(s, step);
   pages.forEach((_, i) => markWidgets(i));
 }
 

@@ -1,6 +1,7 @@
 #include "Edit.h"
 
 #include "FieldActions.h"
+#include "FieldList.h"
 #include "Files.h"
 #include "Gate.h"
 #include "HttpServer.h"
@@ -204,6 +205,10 @@ class Editor {
                 return r;
             }
             if (p.rfind("/api/overlay/", 0) == 0) return get ? overlay(request) : notAllowed();
+            if (p == "/api/fields") {
+                if (!get) return notAllowed();
+                return jsonAnswer(200, {{"fields", fieldList(view().document().pdDoc())}});
+            }
             if (!post) return p.rfind("/api/", 0) == 0 ? notAllowed() : notFound();
 
             Json body;
@@ -675,9 +680,11 @@ class Editor {
             throw StepFailure(std::nullopt, "a step is an object with exactly one verb");
         const std::string verb = body.begin().key();
         const Json& args = body.begin().value();
-        static const char* const kVerbs[] = {"tool",     "view", "set",     "command",
-                                             "undo",     "redo", "edit",    "paste",
-                                             "tabOrder", "key",  "actions", "calculationOrder"};
+        static const char* const kVerbs[] = {"tool",     "view",    "set",
+                                             "command",  "undo",    "redo",
+                                             "edit",     "paste",   "tabOrder",
+                                             "key",      "actions", "calculationOrder",
+                                             "select"};
         if (std::none_of(std::begin(kVerbs), std::end(kVerbs),
                          [&](const char* v) { return verb == v; }))
             throw StepFailure(std::nullopt, "the editor does not take the step " + quoted(verb));
@@ -712,6 +719,7 @@ class Editor {
         if (verb == "redo") return Sentence::Redone;
         if (verb == "paste") return Sentence::Pasted;
         if (verb == "tabOrder") return Sentence::TabOrdered;
+        if (verb == "select") return Sentence::Selected;
         if (verb == "actions") return Sentence::ActionsSet;
         if (verb == "calculationOrder") return Sentence::CalculationOrdered;
         if (verb == "edit") {

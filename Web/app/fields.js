@@ -1,0 +1,194 @@
+// The field list: the form's fields as a tree of their hierarchical names, with kind,
+// page and marks for required and calculated fields. A click selects the field's first
+// widget and brings it into sight; a double click (or F2) renames it in place through the
+// undoable "Widget_Rename"; the filter keeps the fields whose names hold its text.
+
+import {getText} from './api.js';
+import {addTexts, t, translate} from './texts.js';
+
+addTexts({
+  en: {
+    fieldList: 'Fields', filter: 'Filter', required: 'Required', calculated: 'Calculated',
+    kindtext: 'Text', kindcheck: 'Check box', kindradio: 'Radio', kindpush: 'Button',
+    kindcombo: 'Combo', kindlist: 'List', kindsignature: 'Signature',
+    pageN: 'p. {0}', noFields: 'The form has no fields.', renameHint: 'Double-click to rename',
+  },
+  ja: {
+    fieldList: 'フィールド', filter: '絞り込み', required: '必須', calculated: '計算',
+    kindtext: 'テキスト', kindcheck: 'チェック', kindradio: 'ラジオ', kindpush: 'ボタン',
+    kindcombo: 'コンボ', kindlist: 'リスト', kindsignature: '署名',
+    pageN: '{0} ページ', noFields: 'フィールドはありません。',
+    renameHint: 'ダブルクリックで名前を変更',
+  },
+});
+
+let send = null;
+let shownKey = null;
+let fields = [];
+let reveal = null; // the field to bring into sight once its widget is selected
+
+function panel() {
+  let aside = document.getElementById('fields');
+  if (!aside) {
+    aside = document.createElement('aside');
+    aside.id = 'fields';
+    aside.innerHTML = `<h2 data-text="fieldList"></h2>
+      <input type="search" id="field-filter" autocomplete="off" data-title="filter">
+      <ul class="tree" role="tree"></ul><p class="empty" data-text="noFields" hidden></p>`;
+    document.querySelector('main').prepend(aside);
+    aside.querySelector('#field-filter').addEventListener('input', (ev) => filter(ev.target.value));
+    translate(aside);
+  }
+  return aside;
+}
+
+// The tree of names: a node per name part; a field is the node of its full name.
+function tree(list) {
+  const root = {children: new Map()};
+  for (const f of list) {
+    let node = root;
+    for (const part of f.name.split('.')) {
+      if (!node.children.has(part)) node.children.set(part, {part, children: new Map()});
+      node = node.children.get(part);
+    }
+    node.field = f;
+  }
+  return root;
+}
+
+function nodeElement(node) {
+  const li = document.createElement('li');
+  li.setAttribute('role', 'treeitem');
+  const row = document.createElement('div');
+  row.className = 'item';
+  const name = document.createElement('span');
+  name.className = 'name';
+  name.textContent = node.part;
+  row.append(name);
+  const f = node.field;
+  if (f) {
+    li.dataset.field = f.name;
+    row.title = `${f.name} — ${t('renameHint')}`;
+    const marks = document.createElement('span');
+    marks.className = 'marks';
+    const kind = document.createElement('span');
+    kind.className = `kind ${f.kind}`;
+    kind.textContent = t(`kind${f.kind}`);
+    marks.append(kind);
+    if (f.required) marks.append(mark('required', '*'));
+    if (f.calculated) marks.append(mark('calculated', '='));
+    if (f.widgets.length) {
+      const page = document.createElement('span');
+      page.className = 'page-no';
+      page.textContent = t('pageN', f.widgets[0][0] + 1);
+      marks.append(page);
+    }
+    row.append(marks);
+    row.tabIndex = 0;
+    row.addEventListener('click', () => choose(f));
+    row.addEventListener('dblclick', () => rename(li, f));
+    row.addEventListener('keydown', (ev) => {
+      if (ev.key === 'Enter') choose(f);
+      if (ev.key === 'F2') rename(li, f);
+    });
+  }
+  li.append(row);
+  if (node.children.size) {
+    const ul = document.createElement('ul');
+    ul.setAttribute('role', 'group');
+    for (const child of node.children.values()) ul.append(nodeElement(child));
+    li.append(ul);
+  }
+  return li;
+}
+
+function mark(key, symbol) {
+  const m = document.createElement('span');
+  m.className = key;
+  m.textContent = symbol;
+  m.title = t(key);
+  return m;
+}
+
+async function choose(f) {
+  if (!f.widgets.length) return;
+  const [page, index] = f.widgets[0];
+  reveal = f.name;
+  await send({select: {page, index}});
+}
+
+function rename(li, f) {
+  if (!f.widgets.length || li.querySelector('input.rename')) return;
+  const row = li.querySelector('.item');
+  const input = document.createElement('input');
+  input.className = 'rename';
+  input.value = f.name;
+  row.replaceWith(input);
+  input.focus();
+  input.select();
+  let done = false;
+  const finish = async (commit) => {
+    if (done) return;
+    done = true;
+    const name = input.value.trim();
+    input.replaceWith(row);
+    if (!commit || !name || name === f.name) return;
+    const [page, index] = f.widgets[0];
+    await send({command: {name: 'Widget_Rename', widget: {page, index}, newName: name}});
+  };
+  input.addEventListener('keydown', (ev) => {
+    if (ev.key === 'Enter') finish(true);
+    if (ev.key === 'Escape') finish(false);
+    ev.stopPropagation();
+  });
+  input.addEventListener('blur', () => finish(true));
+}
+
+// Shows the fields whose full names hold text (any case), with the branches above them.
+function filter(text) {
+  const needle = text.trim().toLowerCase();
+  const aside = panel();
+  for (const li of aside.querySelectorAll('li')) li.hidden = needle !== '';
+  if (!needle) return;
+  for (const li of aside.querySelectorAll('li[data-field]')) {
+    if (!li.dataset.field.toLowerCase().includes(needle)) continue;
+    for (let e = li; e && e.tagName === 'LI'; e = e.parentElement.closest('li')) e.hidden = false;
+  }
+}
+
+function markSelected(state) {
+  const names = new Set((state.selection?.all ?? (state.selection ? [state.selection] : []))
+    .map((w) => w.field));
+  for (const li of panel().querySelectorAll('li[data-field]')) {
+    li.querySelector(':scope > .item')?.classList.toggle('selected', names.has(li.dataset.field));
+  }
+  if (reveal && names.has(reveal)) {
+    const outline = [...document.querySelectorAll('.overlay rect.widget')]
+      .find((r) => r.dataset.field === reveal);
+    (outline ?? document.querySelector(`.page[data-page="${state.selection.page}"]`))
+      ?.scrollIntoView({block: 'center', inline: 'nearest'});
+    reveal = null;
+  }
+}
+
+// Follows state; step(body) sends a step. The list is fetched again when the document's
+// annotations or its calculation order changed.
+export function renderFields(state, step) {
+  send = step;
+  const aside = panel();
+  if (state.locked) return;
+  const key = JSON.stringify([state.annotationsRevision, state.calculationOrder, state.lang]);
+  if (key !== shownKey) {
+    shownKey = key;
+    getText('/api/fields').then((text) => {
+      if (shownKey !== key) return;
+      fields = JSON.parse(text).fields;
+      const ul = aside.querySelector('.tree');
+      ul.replaceChildren(...[...tree(fields).children.values()].map(nodeElement));
+      aside.querySelector('.empty').hidden = fields.length > 0;
+      filter(aside.querySelector('#field-filter').value);
+      markSelected(state);
+    }, () => {});
+  }
+  markSelected(state);
+}
