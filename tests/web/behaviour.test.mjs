@@ -293,21 +293,23 @@ await scripting.setDocument(doc);
       await input(name).fill(text);
       await reader.mouse.click(700, 900);
     };
+    // The sandbox answers a while after the field is left.
+    const shows = (name, value) => reader.waitForFunction(([n, v]) =>
+      document.querySelector(`input[name="${n}"]`)?.value === v, [name, value], {timeout: 10000});
     await type('Text1', '12.5');
     await type('Text2', '3');
-    await reader.waitForFunction(() =>
-      document.querySelector('input[name="Text3"]')?.value === '$37.50', null, {timeout: 10000});
-    assert.equal(await input('Text1').inputValue(), '$12.50');
+    await shows('Text3', '$37.50');
+    await shows('Text1', '$12.50');
     await type('Text4', '2026-11-26');
-    assert.equal(await input('Text4').inputValue(), '2026-11-26');
+    await shows('Text4', '2026-11-26');
     await type('Text6', '0.25');
-    assert.equal(await input('Text6').inputValue(), '25.0%');
+    await shows('Text6', '25.0%');
     await shot('behaviour-filled-pdfjs.png', reader);
     // Out of range: the reader keeps the former value, and the total with it. (Its alert
     // waits for a user activation that the sandbox does not see from a driven browser.)
     await type('Text2', '500');
-    assert.deepEqual([await input('Text2').inputValue(), await input('Text3').inputValue()],
-      ['3', '$37.50']);
+    await shows('Text2', '3');
+    await shows('Text3', '$37.50');
     await reader.close();
   } finally {
     server.close();
