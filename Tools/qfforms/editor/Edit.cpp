@@ -266,7 +266,7 @@ class Editor {
         const std::string verb = body.begin().key();
         const Json& args = body.begin().value();
         static const char* const kVerbs[] = {"tool", "view", "set", "command", "undo",
-                                             "redo", "edit", "paste", "key"};
+                                             "redo", "edit", "paste", "key", "property"};
         if (std::none_of(std::begin(kVerbs), std::end(kVerbs),
                          [&](const char* v) { return verb == v; }))
             throw StepFailure(std::nullopt, "the editor does not take the step " + quoted(verb));
@@ -275,6 +275,9 @@ class Editor {
             view().deactivateTool();
         } else if (verb == "set" && args.is_object() && args.contains("area")) {
             setWidgetProperty(args);
+        } else if (verb == "property" && args.is_object() && args.contains("widgets")) {
+            throw StepFailure(std::nullopt, "property: the editor sets the selected widgets' "
+                                            "properties; it takes no \"widgets\"");
         } else {
             session_.run(verb, args);
             if (verb == "view") ++annotationsRevision_; // the outlines moved on the screen
@@ -537,6 +540,7 @@ class Editor {
         fillSheets();
         s["sheet"] = sheet(u"ToolArea");
         s["widgetSheet"] = sheet(u"AnnotArea");
+        s["properties"] = fieldPropertiesState(host_);
         s["lang"] = lang_;
         return s;
     }
