@@ -11,6 +11,7 @@
 #include "qf/Interfaces.h"
 #include "qf/PropertyInterfaces.h"
 #include "qf/StringPairList.h"
+#include "qfhost/FieldProperties.h"
 #include "qfhost/Host.h"
 #include "qfhost/ModuleLoader.h"
 
@@ -156,6 +157,7 @@ class Runner {
             {"select", &Runner::select},   {"edit", &Runner::edit}, {"get", &Runner::get},
             {"render", &Runner::render},   {"paste", &Runner::paste},
             {"actions", &Runner::actions}, {"calculationOrder", &Runner::calculationOrder},
+            {"property", &Runner::property},
         };
         for (const Verb& v : kVerbs) {
             if (verb == v.name) return (this->*v.run)(args);
@@ -585,6 +587,43 @@ class Runner {
         if (rc != 0) failed(rc, "the tool refused the value of " + quoted(name));
     }
 
+    // Sets a field property ({"id": ID, "value": V}) on the selected widgets, or on those
+    // listed under "widgets", as one step of the undo stack.
+    void property(const Json& a) {
+        onlyKeys(a, {"id", "value", "widgets"}, "property");
+        const std::string id = text(member(a, "id", "property"), "property: id");
+        const Json& v = member(a, "value", "property");
+        qfhost::FieldProperties::Value value;
+        if (v.is_boolean())
+            value = v.get<bool>();
+        else if (v.is_number())
+            value = v.get<double>();
+        else if (v.is_string())
+            value = fromUtf8(v.get<std::string>());
+        else
+            fail("property: value must be true, false, a number or a text");
+        Document& doc = currentView().document();
+        std::vector<WidgetRef> refs;
+        std::vector<qfhost::AnnotSelection::Selected> widgets;
+        if (const Json* list = optionalMember(a, "widgets")) {
+            if (!list->is_array() || list->empty())
+                fail("property: widgets must be a list of widgets");
+            for (size_t i = 0; i < list->size(); ++i)
+                refs.push_back(
+                    widgetRef((*list)[i], doc, "property: widgets[" + std::to_string(i) + "]"));
+            for (const WidgetRef& r : refs) widgets.push_back({r.page, r.annot.get()});
+        } else {
+            widgets = host_.selection().selected();
+        }
+        if (widgets.empty())
+            fail("property: no widget is selected: select one with \"select\", or list them "
+                 "under \"widgets\"");
+        std::u16string reason;
+        const uint32_t rc = qfhost::FieldProperties(host_).set(widgets, id, value, &reason);
+        if (rc != 0 && !reason.empty()) throw StepFailure(rc, toUtf8(reason));
+        if (rc != 0) failed(rc, "property: the document did not take " + quoted(id));
+    }
+
     // The property name of the active tool's sheet, read again.
     qfhost::ObjectPtr sheetProperty(View& v, const std::string& name) {
         const uint32_t refreshed = v.refreshToolProperties();
@@ -901,6 +940,45 @@ std::string saveWith(qfhost::Document& doc,
 } // namespace
 
 std::string saveToMemory(qfhost::Document& doc) { return saveWith(doc, PDDocSaveMem); }
+
+Json fieldPropertiesState(qfhost::Host& host) {
+    const qfhost::FieldProperties::Sheet sheet =
+        qfhost::FieldProperties(host).sheet(host.selection().selected());
+    if (sheet.count == 0) return nullptr;
+    using Type = qfhost::FieldProperties::Type;
+    const auto valueJson = [](const qfhost::FieldProperties::Value& v) -> Json {
+        if (const bool* b = std::get_if<bool>(&v)) return *b;
+        if (const double* n = std::get_if<double>(&v)) {
+            if (*n == std::floor(*n) && std::fabs(*n) < 1e15) return static_cast<int64_t>(*n);
+            return *n;
+        }
+        return toUtf8(std::get<std::u16string>(v));
+    };
+    Json rows = Json::array();
+    for (const auto& r : sheet.rows) {
+        Json row;
+        row["id"] = r.id;
+        row["group"] = r.group;
+        row["type"] = r.type == Type::Bool     ? "bool"
+                      : r.type == Type::Choice ? "choice"
+                      : r.type == Type::Colour ? "colour"
+                      : r.type == Type::Number ? "number"
+                                               : "text";
+        row["value"] = r.value ? valueJson(*r.value) : Json(nullptr);
+        if (r.type == Type::Choice) {
+            row["choices"] = Json::array();
+            for (const auto& c : r.choices) row["choices"].push_back(toUtf8(c));
+        }
+        if (r.type == Type::Number) {
+            row["unit"] = r.unit;
+            row["min"] = valueJson(r.min);
+            row["max"] = valueJson(r.max);
+        }
+        row["readOnly"] = r.readOnly;
+        rows.push_back(std::move(row));
+    }
+    return {{"count", sheet.count}, {"kind", sheet.kind}, {"rows", std::move(rows)}};
+}
 
 std::string viewerCopy(qfhost::Document& doc) { return saveWith(doc, PDDocSaveMemDecrypted); }
 

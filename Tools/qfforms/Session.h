@@ -72,6 +72,10 @@ std::string saveToMemory(qfhost::Document& doc);
 // never for a file.
 std::string viewerCopy(qfhost::Document& doc);
 
+// The field properties of the widgets the host's selection holds, as the editor's state
+// carries them: null without a selection, else {"count", "kind", "rows"} (docs/editor.md).
+Json fieldPropertiesState(qfhost::Host& host);
+
 // How deep objects and arrays of a script or of a request of the editor may nest, the
 // outermost being level 1: steps are a few levels deep.
 inline constexpr int kMaxScriptNesting = 64;

@@ -88,6 +88,7 @@ size_t collectGarbage(Document& doc) {
             for (const auto& stream : streams) marker.mark(stream);
         }
         for (const auto& stream : doc.spareStreams) marker.mark(stream);
+        markSavedStates(doc, [&](QPDFObjectHandle obj) { marker.mark(std::move(obj)); });
         for (const auto& object : embeddedFaceObjects(doc)) marker.mark(object);
         // Those made here that nothing holds leave the form for good.
         unused.forget([&](QPDFObjGen og) {

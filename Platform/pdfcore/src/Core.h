@@ -208,6 +208,9 @@ struct Document {
     // The appearance streams of each widget's last drawing here, written again by its next
     // drawing. Only pdfcore's own drawings are listed: streams of the file are never reused.
     std::unordered_map<QPDFObjGen, std::vector<QPDFObjectHandle>, ObjGenHash> drawnStreams;
+    // The saved states of fields that are alive (States.cpp): what they hold is kept by
+    // collections, so that a restore finds it.
+    std::set<PDFieldStateRec*> savedStates;
     uint32_t nextCookie = 1;
     // The faces of the system's fonts that drew text here, embedded when it is written.
     std::unique_ptr<FontStore, FontStoreDeleter> fonts;
@@ -389,6 +392,8 @@ inline constexpr size_t kDetachedWeight = 4 * 16;
 inline constexpr size_t kOutlookPerObject = 16;
 inline constexpr size_t kCollectAfterObjects = 1024;
 void collectWhenDue(Document& doc);
+// Calls mark with what the document's saved field states hold (States.cpp).
+void markSavedStates(Document& doc, const std::function<void(QPDFObjectHandle)>& mark);
 // Makes direct an indirect object of the document, under a number a collection freed when
 // there is one: every object pdfcore makes goes through here.
 QPDFObjectHandle makeIndirect(Document& doc, QPDFObjectHandle direct);

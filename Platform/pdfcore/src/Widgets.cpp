@@ -717,6 +717,21 @@ PDResult PDButtonWidgetAnnotSetChoice(PDAnnot widget, const char16_t* text, uint
         }
         if (!oldState.empty() && isStateOf(inherited(field, "/DV"), oldState))
             field.replaceKey("/DV", QPDFObjectHandle::newName(newState));
+        // Export values of their own in /Opt (on states then often just name the widget's
+        // position) show the new text too.
+        QPDFObjectHandle opt = field.getKey("/Opt");
+        if (opt.isArray()) {
+            auto widgets = widgetsOf(field);
+            for (size_t i = 0; i < widgets.size(); ++i) {
+                if (widgets[i].getObjGen() != w.getObjGen()) continue;
+                if (static_cast<int>(i) < opt.getArrayNItems()) {
+                    auto values = opt.shallowCopy();
+                    values.setArrayItem(static_cast<int>(i), textString(value));
+                    field.replaceKey("/Opt", values);
+                }
+                break;
+            }
+        }
         refreshField(h, Redraw::kValue);
     });
 }

@@ -684,7 +684,7 @@ class Editor {
                                              "command",  "undo",    "redo",
                                              "edit",     "paste",   "tabOrder",
                                              "key",      "actions", "calculationOrder",
-                                             "select"};
+                                             "select",   "property"};
         if (std::none_of(std::begin(kVerbs), std::end(kVerbs),
                          [&](const char* v) { return verb == v; }))
             throw StepFailure(std::nullopt, "the editor does not take the step " + quoted(verb));
@@ -702,6 +702,9 @@ class Editor {
             deleteSelected(view());
         } else if (verb == "paste") {
             paste(args);
+        } else if (verb == "property" && args.is_object() && args.contains("widgets")) {
+            throw StepFailure(std::nullopt, "property: the editor sets the selected widgets' "
+                                            "properties; it takes no \"widgets\"");
         } else {
             if (verb == "command" && args.is_object() && args.value("name", Json()) == "GroupRadioButtons")
                 checkGroupable(args);
@@ -720,6 +723,7 @@ class Editor {
         if (verb == "paste") return Sentence::Pasted;
         if (verb == "tabOrder") return Sentence::TabOrdered;
         if (verb == "select") return Sentence::Selected;
+        if (verb == "property") return Sentence::ValueSet;
         if (verb == "actions") return Sentence::ActionsSet;
         if (verb == "calculationOrder") return Sentence::CalculationOrdered;
         if (verb == "edit") {
@@ -1179,6 +1183,7 @@ class Editor {
         s["widgetSheet"] = sheet(u"AnnotArea");
         s["actions"] = describeActions(host_);
         s["calculationOrder"] = calculationOrder(host_);
+        s["properties"] = fieldPropertiesState(host_);
         s["lang"] = lang_;
         return s;
     }

@@ -473,17 +473,27 @@ PDFCORE_API PDResult PDOCConfigIsAnnotVisible(PDOCConfig config, PDAnnot annot,
 
 /* ---- Fields ------------------------------------------------------------- */
 
-/* Field flags (/Ff) that pdfcore itself looks at. */
+/* Field flags (/Ff). pdfcore draws by ReadOnly, Multiline, Password, Comb (with /MaxLen,
+ * without Multiline and Password), Radio, PushButton and Combo; the others are for the
+ * reader and are kept as they are set. */
 enum {
     PD_FIELD_READONLY = 0x1,
+    PD_FIELD_REQUIRED = 0x2,
+    PD_FIELD_NO_EXPORT = 0x4,
     PD_FIELD_MULTILINE = 0x1000,
     PD_FIELD_PASSWORD = 0x2000,
     PD_FIELD_NO_TOGGLE_TO_OFF = 0x4000,
     PD_FIELD_RADIO = 0x8000,
     PD_FIELD_PUSHBUTTON = 0x10000,
     PD_FIELD_COMBO = 0x20000,
+    PD_FIELD_EDIT = 0x40000,
+    PD_FIELD_SORT = 0x80000,
     PD_FIELD_MULTISELECT = 0x200000,
-    PD_FIELD_COMB = 0x1000000
+    PD_FIELD_DO_NOT_SPELL_CHECK = 0x400000,
+    PD_FIELD_DO_NOT_SCROLL = 0x800000,
+    PD_FIELD_COMB = 0x1000000,
+    PD_FIELD_RADIOS_IN_UNISON = 0x2000000,
+    PD_FIELD_COMMIT_ON_SEL_CHANGE = 0x4000000
 };
 
 /* Finds or creates the field of a fully qualified name (dots separate the parts;
@@ -569,6 +579,31 @@ PDFCORE_API PDResult PDFieldRemoveWidget(PDField field, PDAnnot widget);
 /* Draws the appearances of all widgets of the field again after its entries changed
  * (options, flags); an author's frame of a text or choice field stays under the text. */
 PDFCORE_API PDResult PDFieldUpdateWidgets(PDField field);
+
+/* A saved state of a terminal field and its widgets: every entry of their dictionaries
+ * (and of the /MK, /BS and /AP dictionaries they hold by reference, and of the form's
+ * /AcroForm and /DR, where drawings add fonts), and the appearance streams pdfcore drew
+ * for each widget, with their bytes. PDFieldRestoreState puts all of
+ * it back, whatever calls changed the field and its widgets since: flags, values, default
+ * values, tooltip, maximum length, options, on-state names, colours, borders, fonts,
+ * captions, rotation, annotation flags; the streams pdfcore drew are written back with
+ * the bytes they had (a widget's next drawing writes over its last one), and an author's
+ * streams, which pdfcore never writes over, are referred to again. So an undo that
+ * restores the state taken before its command leaves these dictionaries and streams as
+ * they were, byte for byte. Not undone: widgets that joined or left the field, and a new
+ * name or place of the field (restoring puts the form's /Fields back as it was: a state
+ * is for an undo that comes before any other change is undone). Appearances that wait
+ * to be drawn are drawn before the state is taken. A state keeps its document alive until
+ * PDFieldStateFree, and the objects it refers to from being collected
+ * (PDDocCollectGarbage). All three calls on the document's thread.
+ * PDFieldSaveState: NULL field PD_ERR_MISSING_OBJECT, another kind of handle
+ * PD_ERR_WRONG_HANDLE, a field whose kids are fields PD_ERR_FIELD_KIND, NULL outState
+ * PD_ERR_BAD_ARGUMENT. PDFieldRestoreState: NULL PD_ERR_MISSING_OBJECT; the state stays
+ * and may be restored again. PDFieldStateFree: NULL is ignored. */
+typedef struct PDFieldStateRec* PDFieldState;
+PDFCORE_API PDResult PDFieldSaveState(PDField field, PDFieldState* outState);
+PDFCORE_API PDResult PDFieldRestoreState(PDFieldState state);
+PDFCORE_API void PDFieldStateFree(PDFieldState state);
 
 /* Text fields: /MaxLen (inherited), 0 when absent; setting 0 removes it. */
 PDFCORE_API PDResult PDTextFieldGetMaxLen(PDField field, uint32_t* outMaxLen);
@@ -700,9 +735,11 @@ PDFCORE_API PDResult PDButtonWidgetAnnotSetIconFit(PDAnnot widget, const PDIconF
 /* The on-state name of a check box or radio widget: the appearance state other than
  * Off, as text (the name's bytes as UTF-8, or as Latin-1 when they are not UTF-8).
  * PD_ERR_NO_VALUE for a widget without one (push buttons). Setting renames the on state
- * ("Off": PD_ERR_BAD_ARGUMENT; the state's own text keeps its bytes) and keeps the widget
- * on when it was on; an empty name takes the on state away, leaving the widget off and
- * without one, as it was before it had one. */
+ * in the widget's /AP /N and /D, its /AS and the field's /V and /DV that named it ("Off":
+ * PD_ERR_BAD_ARGUMENT; the state's own text keeps its bytes), keeps the widget on when it
+ * was on, and, for a field with export values in /Opt (one per widget, in the order of its
+ * widgets), writes the text there too; an empty name takes the on state away, leaving the
+ * widget off and without one, as it was before it had one. */
 PDFCORE_API PDResult PDButtonWidgetAnnotGetChoice(PDAnnot widget, char16_t* buf,
                                                   uint32_t bufLen, uint32_t* outLen);
 PDFCORE_API PDResult PDButtonWidgetAnnotSetChoice(PDAnnot widget, const char16_t* name,
