@@ -299,7 +299,8 @@ const commandLabels = {
     GroupRadioButtons: 'group as radio buttons', TabOrderAnnot: 'tab order',
     MoveAnnotsFocusOrder: 'tab order', AutoTabOrderAnnot: 'tab order',
     Field_SetOptions: 'option list', PasteAnnot: 'paste', SetProperty: 'change property',
-    SetActions: 'change behaviour', SetCalculationOrder: 'calculation order',
+    Widget_SetProperty: 'change property', SetActions: 'change behaviour',
+    SetCalculationOrder: 'calculation order',
     other: 'change',
   },
   ja: {
@@ -309,7 +310,8 @@ const commandLabels = {
     GroupRadioButtons: 'ラジオボタンにまとめる', TabOrderAnnot: 'タブ順序',
     MoveAnnotsFocusOrder: 'タブ順序', AutoTabOrderAnnot: 'タブ順序',
     Field_SetOptions: '選択肢リスト', PasteAnnot: '貼り付け', SetProperty: 'プロパティの変更',
-    SetActions: '動作の変更', SetCalculationOrder: '計算の順序',
+    Widget_SetProperty: 'プロパティの変更', SetActions: '動作の変更',
+    SetCalculationOrder: '計算の順序',
     other: '変更',
   },
 };

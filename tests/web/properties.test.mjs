@@ -164,6 +164,33 @@ describe('the field-property panel', () => {
     });
   }
 
+  test('Shift+click selects two fields: a value they differ in shows empty, one set is one undo', async () => {
+    await select('Text1');
+    const other = await page.locator(
+      '.page[data-page="0"] g.annotations rect.widget[data-field="Text2"]').boundingBox();
+    await page.keyboard.down('Shift');
+    await page.mouse.click(other.x + 4, other.y + other.height / 2);
+    await page.keyboard.up('Shift');
+    await settled();
+    const s = await state();
+    assert.equal(s.properties.count, 2);
+    assert.equal(await rowValue('tooltip'), null); // 'Your name' and nothing
+    assert.equal(await row('tooltip').locator('input').inputValue(), '');
+    const depth = s.undo.length;
+    await row('tooltip').locator('input').fill('Both');
+    await row('tooltip').locator('input').press('Enter');
+    await settled();
+    assert.equal(await rowValue('tooltip'), 'Both');
+    assert.equal((await state()).undo.length, depth + 1);
+    await page.click('#undo');
+    await settled();
+    assert.equal(await rowValue('tooltip'), null, 'each has its own again');
+    await page.mouse.click(other.x + 4, other.y + 200); // beside every widget: none selected
+    await settled();
+    await select('Text1');
+    assert.equal(await rowValue('tooltip'), 'Your name');
+  });
+
   test('bad values are answered with their reason, the document unchanged', async () => {
     const refusals = [
       ['Text1', 'maxLength', '3',
