@@ -7,6 +7,7 @@ import {getBytes, getText, onBusyChange, post, setAnswerHandler, tracked} from '
 import {renderActions} from './actions.js';
 import {renderFields} from './fields.js';
 import {renderPanel} from './panel.js';
+import {closePreview, openPreview} from './preview.js';
 import {askPassword, closePasswordPrompt} from './password.js';
 import {commandLabel, setLanguage, t, translate} from './texts.js';
 
@@ -145,28 +146,21 @@ function placePages(layout) {
   });
 }
 
-// The document as pdf.js has loaded it, kept while what its pages show stays the same:
-// editing draws the pages without their annotations, so no edit changes them and zoom and
-// turns only draw again; previewing draws the widgets, so every change of the form loads
-// the document anew.
-let loaded = null; // {key, promise}
-
-function documentKey() {
-  return preview ? `preview ${state.annotationsRevision}` : 'pages';
-}
+// The document as pdf.js has loaded it, once: the pages are drawn without their
+// annotations, so no edit changes what they show, and zoom and turns only draw again.
+let loaded = null; // {promise}
 
 function pdfDocument() {
-  const key = documentKey();
-  if (loaded?.key !== key) {
-    loaded?.promise.then((pdf) => pdf.destroy(), () => {});
-    loaded = {key, promise: getBytes('/api/document.pdf').then((data) => pdfjs.getDocument({
+  if (!loaded) {
+    loaded = {promise: getBytes('/api/document.pdf').then((data) => pdfjs.getDocument({
       data,
       wasmUrl: '/vendor/pdfjs/wasm/',
       standardFontDataUrl: '/vendor/pdfjs/standard_fonts/',
       cMapUrl: '/vendor/pdfjs/cmaps/',
     }).promise)};
+    const mine = loaded;
     loaded.promise.catch(() => {
-      if (loaded?.key === key) loaded = null; // the next drawing tries again
+      if (loaded === mine) loaded = null; // the next drawing tries again
     });
   }
   return loaded.promise;
@@ -175,8 +169,7 @@ function pdfDocument() {
 // What page i's canvas should show now.
 function canvasKey(i) {
   const r = state.layout.pages[i];
-  return JSON.stringify([documentKey(), state.layout.zoom, r.right - r.left, r.bottom - r.top,
-    r.rotation]);
+  return JSON.stringify([state.layout.zoom, r.right - r.left, r.bottom - r.top, r.rotation]);
 }
 
 // Draws the pages in sight whose canvas is out of date; the others wait until they come
@@ -192,7 +185,6 @@ function drawPage(i) {
   const key = canvasKey(i);
   if (p.drawn === key || p.drawing === key) return;
   p.drawing = key;
-  const mode = preview ? pdfjs.AnnotationMode.ENABLE : pdfjs.AnnotationMode.DISABLE;
   const rotation = (((state.layout.pages[i].rotation ?? 0) % 360) + 360) % 360;
   const scale = state.layout.zoom * devicePixelRatio;
   tracked(async () => {
@@ -204,7 +196,8 @@ function drawPage(i) {
       const canvas = document.createElement('canvas');
       canvas.width = Math.round(viewport.width);
       canvas.height = Math.round(viewport.height);
-      await page.render({canvas, viewport, annotationMode: mode}).promise;
+      await page.render({canvas, viewport, annotationMode: pdfjs.AnnotationMode.DISABLE})
+        .promise;
       if (p.drawing !== key || pages[i] !== p) return;
       p.canvas.replaceWith(canvas);
       p.canvas = canvas;
@@ -541,7 +534,16 @@ function togglePreview() {
   $('#preview').setAttribute('aria-pressed', String(preview));
   $('#panel').inert = preview;
   updateToolbar();
-  drawPages();
+  const box = $('#preview-box');
+  box.hidden = !preview;
+  if (preview) {
+    const scroller = $('#scroller');
+    Object.assign(box.style, {left: `${scroller.offsetLeft}px`, top: `${scroller.offsetTop}px`,
+      width: `${scroller.clientWidth}px`, height: `${scroller.offsetHeight}px`});
+    tracked(() => openPreview(box)).catch((e) => say(t('pageFailed', 1, e.message ?? e)));
+  } else {
+    tracked(closePreview);
+  }
 }
 
 // Asks before the tab closes on changes not saved.
