@@ -88,6 +88,22 @@ TEST(Depth, PageTreesAreFollowedToTheLimitAndRefusedPastIt) {
     EXPECT_STREQ(utf8(PDGetErrMessage(PD_ERR_TOO_DEEP)).c_str(),
                  "A page tree or field tree is nested deeper than 1,000 levels");
 
+    // A deep tree under the catalog's /Pages whose /Parent leads up to a shallow node is
+    // measured from both: qpdf may walk from either, and writes the file for the next open.
+    {
+        const size_t levels = PD_MAX_TREE_DEPTH + 1, leaf = levels + 2, shallow = levels + 3;
+        const std::string pdf = makePdf([&] {
+            std::vector<std::string> objects{"<< /Type /Catalog /Pages 2 0 R >>"};
+            for (size_t level = 1; level <= levels; ++level)
+                objects.push_back("<< /Type /Pages /Count 1 /Kids [" + ref(level + 2) + "] /Parent " +
+                                  ref(level == 1 ? shallow : level) + " >>");
+            objects.push_back("<< /Type /Page /Parent " + ref(levels + 1) + " >>");
+            objects.push_back("<< /Type /Pages /Count 1 /Kids [" + ref(leaf) + "] >>");
+            return objects;
+        }());
+        openBytes(pdf, PD_ERR_TOO_DEEP);
+    }
+
     // A loop in the page tree is damage, not depth.
     openBytes(makePdf({"<< /Type /Catalog /Pages 2 0 R >>",
                        "<< /Type /Pages /Count 1 /Kids [3 0 R] >>",

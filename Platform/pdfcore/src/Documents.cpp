@@ -30,30 +30,35 @@ std::vector<std::string> passwordCandidates(const std::u16string& password) {
 
 // qpdf's walk of the page tree (getAllPages, and pushing inherited attributes down the
 // tree) calls itself once per level, so a file nested deep enough runs it out of stack.
-// This walks the tree as qpdf will, without recursion, and refuses one deeper than
-// PD_MAX_TREE_DEPTH levels before qpdf's walk runs: from the node qpdf starts at (the
-// catalog's /Pages, or the node its /Parent links lead up to) into every kid that has
-// /Kids, each node once (qpdf reports a loop itself).
+// This walks the tree as qpdf may, without recursion, and refuses one deeper than
+// PD_MAX_TREE_DEPTH levels before qpdf's walk runs: from the catalog's /Pages and from
+// the node its /Parent links lead up to (qpdf starts at one or the other, and a file it
+// writes may start at the other), into every kid that has /Kids, each node once (qpdf
+// reports a loop itself).
 void checkPageTreeDepth(QPDF& qpdf) {
-    QPDFObjectHandle root = qpdf.getRoot().getKey("/Pages");
+    QPDFObjectHandle pages = qpdf.getRoot().getKey("/Pages");
+    QPDFObjectHandle top = pages;
     std::set<QPDFObjGen> climbed;
-    while (root.isDictionary() && root.hasKey("/Parent")) {
-        if (!climbed.insert(root.getObjGen()).second) break;
-        root = root.getKey("/Parent");
+    while (top.isDictionary() && top.hasKey("/Parent")) {
+        if (!climbed.insert(top.getObjGen()).second) break;
+        top = top.getKey("/Parent");
     }
-    if (!root.isDictionary() || !root.hasKey("/Kids")) return;
-    std::set<QPDFObjGen> seen;
-    std::vector<std::pair<QPDFObjectHandle, int>> pending{{root, 1}};
-    while (!pending.empty()) {
-        auto [node, level] = std::move(pending.back());
-        pending.pop_back();
-        if (level > PD_MAX_TREE_DEPTH) fail(PD_ERR_TOO_DEEP);
-        if (!seen.insert(node.getObjGen()).second) continue;
-        QPDFObjectHandle kids = node.getKey("/Kids");
-        if (!kids.isArray()) continue;
-        for (auto& kid : kids.aitems()) {
-            if (kid.isDictionary() && kid.hasKey("/Kids")) pending.emplace_back(kid, level + 1);
+    for (QPDFObjectHandle root : {pages, top}) {
+        if (!root.isDictionary() || !root.hasKey("/Kids")) continue;
+        std::set<QPDFObjGen> seen;
+        std::vector<std::pair<QPDFObjectHandle, int>> pending{{root, 1}};
+        while (!pending.empty()) {
+            auto [node, level] = std::move(pending.back());
+            pending.pop_back();
+            if (level > PD_MAX_TREE_DEPTH) fail(PD_ERR_TOO_DEEP);
+            if (!seen.insert(node.getObjGen()).second) continue;
+            QPDFObjectHandle kids = node.getKey("/Kids");
+            if (!kids.isArray()) continue;
+            for (auto& kid : kids.aitems()) {
+                if (kid.isDictionary() && kid.hasKey("/Kids")) pending.emplace_back(kid, level + 1);
+            }
         }
+        if (top.isSameObjectAs(pages)) break;
     }
 }
 
