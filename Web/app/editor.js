@@ -9,6 +9,7 @@ import {renderFields} from './fields.js';
 import {renderPanel} from './panel.js';
 import {closePreview, openPreview} from './preview.js';
 import {askPassword, closePasswordPrompt} from './password.js';
+import {renderTabOrder} from './taborder.js';
 import {commandLabel, setLanguage, t, translate} from './texts.js';
 
 pdfjs.GlobalWorkerOptions.workerSrc = '/vendor/pdfjs/pdf.worker.mjs';
@@ -79,6 +80,7 @@ function show(s) {
   renderPanel(s, step);
   renderActions(s, step);
   renderFields(s, step);
+  renderTabOrder(s, step);
   pages.forEach((_, i) => markWidgets(i));
 }
 

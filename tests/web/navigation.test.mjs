@@ -1,0 +1,160 @@
+// Finding one's way in a form in the editor's page:
+//
+//   node tests/web/navigation.test.mjs --qfforms BIN --form FORM.pdf --artifacts DIR
+//
+// On a copy of FORM.pdf (the repository's sample form): the field list selects a field and
+// brings it into sight, filters by name and renames in place (undoably); fit width, fit
+// page, actual size and the zoom keys; the tab-order list reorders by dragging, one undo;
+// the pages are drawn from one loaded document whatever the zoom. DIR gets screenshots.
+
+import assert from 'node:assert/strict';
+import {spawn} from 'node:child_process';
+import fs from 'node:fs';
+import {createRequire} from 'node:module';
+import os from 'node:os';
+import path from 'node:path';
+import {after, before, test} from 'node:test';
+import {fileURLToPath} from 'node:url';
+import {parseArgs} from 'node:util';
+
+const root = path.resolve(path.dirname(fileURLToPath(import.meta.url)), '../..');
+const {chromium} = createRequire(path.join(root, 'Web', 'package.json'))('playwright-core');
+const {values: args} = parseArgs({
+  options: {qfforms: {type: 'string'}, form: {type: 'string'}, artifacts: {type: 'string'}},
+});
+const artifacts = path.resolve(args.artifacts);
+fs.mkdirSync(artifacts, {recursive: true});
+const folder = fs.mkdtempSync(path.join(os.tmpdir(), 'qf-navigation-'));
+fs.copyFileSync(args.form, path.join(folder, 'form.pdf'));
+
+let editor, browser, page;
+const errors = [];
+let documentLoads = 0;
+
+before(async () => {
+  editor = spawn(path.resolve(args.qfforms), ['edit', 'form.pdf', '--port', '0'], {
+    cwd: folder, stdio: ['ignore', 'pipe', 'inherit'],
+    env: {...process.env, XDG_CONFIG_HOME: `${folder}/config`, XDG_STATE_HOME: `${folder}/state`},
+  });
+  const url = await new Promise((resolve, reject) => {
+    let out = '';
+    editor.on('exit', (code) => reject(new Error(`qfforms edit exited with ${code}: ${out}`)));
+    editor.stdout.on('data', (d) => {
+      const m = /http:\/\/127\.0\.0\.1:\d+\/\?token=[0-9a-f]+/.exec(out += d);
+      if (m) resolve(m[0]);
+    });
+  });
+  browser = await chromium.launch(
+    {executablePath: '/usr/bin/chromium', headless: true, args: ['--no-sandbox']});
+  page = await (await browser.newContext({viewport: {width: 1280, height: 900}})).newPage();
+  page.on('pageerror', (e) => errors.push(e.message));
+  page.on('request', (r) => r.url().endsWith('/api/document.pdf') && ++documentLoads);
+  await page.goto(url);
+  await page.waitForSelector('#fields li[data-field]');
+  await settled();
+});
+
+after(async () => {
+  await browser?.close();
+  if (editor?.exitCode === null) editor.kill('SIGKILL');
+  fs.rmSync(folder, {recursive: true, force: true});
+});
+
+function settled() {
+  return page.waitForFunction(() => {
+    const view = document.getElementById('view');
+    const shown = [...document.querySelectorAll('.page[data-visible] .overlay')];
+    return view.dataset.revision !== undefined && !document.body.hasAttribute('data-busy') &&
+      shown.length > 0 && shown.every((o) => o.dataset.revision === view.dataset.revision);
+  }, null, {timeout: 15000});
+}
+
+const state = () => page.evaluate(async () => {
+  const token = new URLSearchParams(location.search).get('token');
+  return (await (await fetch('/api/state', {headers: {'X-QF-Token': token}})).json()).state;
+});
+const shot = (name) => page.screenshot({path: path.join(artifacts, name)});
+const item = (name) => page.locator(`#fields li[data-field="${name}"] > .item`);
+
+test('the field list selects, filters and renames fields', async () => {
+  const listed = await page.locator('#fields li[data-field]').evaluateAll(
+    (e) => e.map((li) => li.dataset.field));
+  assert.ok(listed.includes('text2') && listed.includes('combodrop1'), listed.join());
+  assert.match(await item('r1').textContent(), /Radio/);
+
+  await item('combodrop1').click();
+  await settled();
+  assert.equal((await state()).selection.field, 'combodrop1');
+  assert.ok(await item('combodrop1').evaluate((e) => e.classList.contains('selected')));
+
+  await page.fill('#field-filter', 'CHECK');
+  const shown = await page.locator('#fields li[data-field]:not([hidden])').evaluateAll(
+    (e) => e.map((li) => li.dataset.field));
+  assert.deepEqual(shown, ['checkbox1', 'checkbox2', 'checkbox3']);
+  await page.fill('#field-filter', '');
+
+  await item('text2').dblclick();
+  await page.fill('#fields input.rename', 'Potato');
+  await page.press('#fields input.rename', 'Enter');
+  await settled();
+  await page.waitForSelector('#fields li[data-field="Potato"]');
+  assert.equal((await state()).undo.at(-1), 'Widget_Rename');
+  await shot('navigation-fields.png');
+  await page.click('#undo');
+  await settled();
+  await page.waitForSelector('#fields li[data-field="text2"]');
+});
+
+test('fit width, fit page, actual size and the zoom keys; one document load', async () => {
+  const zoom = async () => (await state()).layout.zoom;
+  const widest = async () => {
+    const s = await state();
+    return Math.max(...s.layout.pages.map((p) => p.right - p.left));
+  };
+  const scroller = await page.locator('#scroller').evaluate((e) => [e.clientWidth, e.clientHeight]);
+  await page.click('#fit-width');
+  await settled();
+  const w = await widest();
+  assert.ok(w <= scroller[0] - 32 && w > scroller[0] - 60, `${w} in ${scroller[0]}`);
+  await page.click('#fit-page');
+  await settled();
+  const p = (await state()).layout.pages[0];
+  assert.ok(p.bottom - p.top <= scroller[1] - 32, 'the page fits its height');
+  await page.click('#actual-size');
+  await settled();
+  assert.equal(await zoom(), 1);
+  await page.locator('#view').focus();
+  await page.keyboard.press('Control+=');
+  await settled();
+  assert.equal(await zoom(), 1.25);
+  await page.keyboard.press('Control+0');
+  await settled();
+  assert.equal(await zoom(), 1);
+  // Every canvas came from the document loaded once, redrawn at each zoom.
+  await page.waitForFunction(() => [...document.querySelectorAll('.page[data-visible]')]
+    .every((e) => Math.abs(e.querySelector('canvas').width / devicePixelRatio -
+      e.getBoundingClientRect().width) < 2));
+  assert.equal(documentLoads, 1);
+});
+
+test('the tab-order list reorders by dragging, as one undo step', async () => {
+  await page.click('[data-tool="FormTabOrder"]');
+  await settled();
+  await page.waitForSelector('#tab-order-list li');
+  const order = () => page.locator('#tab-order-list ol').first().locator('li').allTextContents();
+  const before = await order();
+  await page.locator('#tab-order-list li').nth(0).dragTo(page.locator('#tab-order-list li').nth(2));
+  await settled();
+  await page.waitForFunction((b) => document.querySelector('#tab-order-list li')?.textContent !==
+    b, before[0]);
+  const after = await order();
+  assert.deepEqual(after.slice(0, 3), [before[1], before[2], before[0]]);
+  assert.equal((await state()).undo.at(-1), 'MoveAnnotsFocusOrder');
+  await shot('navigation-tab-order.png');
+  await page.keyboard.press('Control+z');
+  await settled();
+  await page.waitForFunction((b) => document.querySelector('#tab-order-list li')?.textContent ===
+    b, before[0]);
+  assert.deepEqual(await order(), before);
+  assert.deepEqual(errors, []);
+});
