@@ -3,13 +3,15 @@
 // host in the view pixels of its layout.
 
 import * as pdfjs from '/vendor/pdfjs/pdf.mjs';
-import {getBytes, getText, onBusyChange, post, setAnswerHandler, tracked} from './api.js';
+import {getText, onBusyChange, post, setAnswerHandler, tracked} from './api.js';
 import {renderActions} from './actions.js';
 import {renderFields} from './fields.js';
 import {renderPanel} from './panel.js';
+import {pdfDocument} from './pdfdoc.js';
 import {closePreview, openPreview} from './preview.js';
 import {askPassword, closePasswordPrompt} from './password.js';
 import {renderTabOrder} from './taborder.js';
+import {renderThumbs, toggleThumbs} from './thumbs.js';
 import {commandLabel, setLanguage, t, translate} from './texts.js';
 
 pdfjs.GlobalWorkerOptions.workerSrc = '/vendor/pdfjs/pdf.worker.mjs';
@@ -81,6 +83,7 @@ function show(s) {
   renderActions(s, step);
   renderFields(s, step);
   renderTabOrder(s, step);
+  renderThumbs(s);
   pages.forEach((_, i) => markWidgets(i));
 }
 
@@ -146,26 +149,6 @@ function placePages(layout) {
       width: `${r.right - r.left}px`, height: `${r.bottom - r.top}px`,
     });
   });
-}
-
-// The document as pdf.js has loaded it, once: the pages are drawn without their
-// annotations, so no edit changes what they show, and zoom and turns only draw again.
-let loaded = null; // {promise}
-
-function pdfDocument() {
-  if (!loaded) {
-    loaded = {promise: getBytes('/api/document.pdf').then((data) => pdfjs.getDocument({
-      data,
-      wasmUrl: '/vendor/pdfjs/wasm/',
-      standardFontDataUrl: '/vendor/pdfjs/standard_fonts/',
-      cMapUrl: '/vendor/pdfjs/cmaps/',
-    }).promise)};
-    const mine = loaded;
-    loaded.promise.catch(() => {
-      if (loaded === mine) loaded = null; // the next drawing tries again
-    });
-  }
-  return loaded.promise;
 }
 
 // What page i's canvas should show now.
@@ -514,6 +497,7 @@ $('#toolbar').addEventListener('click', (ev) => {
       'fit-width': () => step({view: {zoom: fitZoom('width')}}),
       'fit-page': () => step({view: {zoom: fitZoom('page')}}),
       'actual-size': () => step({view: {zoom: 1}}),
+      'pages-toggle': () => toggleThumbs(b, state),
       'rotate': () => step({view: {rotation: (state.layout.rotation + 90) % 360}}),
       'preview': togglePreview,
       'save': () => save({}),

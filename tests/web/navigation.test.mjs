@@ -4,8 +4,8 @@
 //
 // On a copy of FORM.pdf (the repository's sample form): the field list selects a field and
 // brings it into sight, filters by name and renames in place (undoably); fit width, fit
-// page, actual size and the zoom keys; the tab-order list reorders by dragging, one undo;
-// the pages are drawn from one loaded document whatever the zoom. DIR gets screenshots.
+// page, actual size and the zoom keys, page thumbnails, all drawn from one loaded document;
+// the tab-order list reorders by dragging, one undo. DIR gets screenshots.
 
 import assert from 'node:assert/strict';
 import {spawn} from 'node:child_process';
@@ -134,6 +134,13 @@ test('fit width, fit page, actual size and the zoom keys; one document load', as
   await page.waitForFunction(() => [...document.querySelectorAll('.page[data-visible]')]
     .every((e) => Math.abs(e.querySelector('canvas').width / devicePixelRatio -
       e.getBoundingClientRect().width) < 2));
+  // The thumbnails too.
+  await page.click('#pages-toggle');
+  await page.waitForFunction(() => document.querySelector('#thumbs .thumb canvas')?.width === 96 *
+    devicePixelRatio);
+  assert.equal(await page.locator('#thumbs .thumb').count(), (await state()).layout.pages.length);
+  await page.click('#pages-toggle');
+  assert.ok(await page.locator('#thumbs').isHidden());
   assert.equal(documentLoads, 1);
 });
 
