@@ -144,15 +144,30 @@ function rename(li, f) {
   input.addEventListener('blur', () => finish(true));
 }
 
+// Every item of the tree with its lowercase name (fields only) and the branch items
+// above it, made when the tree is drawn, so that filtering touches only what changes.
+let items = [];
+
+function index(ul) {
+  items = [...ul.querySelectorAll('li')].map((li) => {
+    const above = [];
+    for (let e = li.parentElement.closest('li'); e; e = e.parentElement.closest('li')) above.push(e);
+    return {li, name: li.dataset.field?.toLowerCase(), above};
+  });
+}
+
 // Shows the fields whose full names hold text (any case), with the branches above them.
 function filter(text) {
   const needle = text.trim().toLowerCase();
-  const aside = panel();
-  for (const li of aside.querySelectorAll('li')) li.hidden = needle !== '';
-  if (!needle) return;
-  for (const li of aside.querySelectorAll('li[data-field]')) {
-    if (!li.dataset.field.toLowerCase().includes(needle)) continue;
-    for (let e = li; e && e.tagName === 'LI'; e = e.parentElement.closest('li')) e.hidden = false;
+  const shown = new Set();
+  for (const item of items) {
+    if (needle && (item.name === undefined || !item.name.includes(needle))) continue;
+    shown.add(item.li);
+    for (const li of item.above) shown.add(li);
+  }
+  for (const {li} of items) {
+    const hide = !shown.has(li);
+    if (li.hidden !== hide) li.hidden = hide;
   }
 }
 
@@ -185,6 +200,7 @@ export function renderFields(state, step) {
       fields = JSON.parse(text).fields;
       const ul = aside.querySelector('.tree');
       ul.replaceChildren(...[...tree(fields).children.values()].map(nodeElement));
+      index(ul);
       aside.querySelector('.empty').hidden = fields.length > 0;
       filter(aside.querySelector('#field-filter').value);
       markSelected(state);
