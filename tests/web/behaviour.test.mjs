@@ -12,47 +12,24 @@
 // receives screenshots of the panel and of the filled form.
 
 import assert from 'node:assert/strict';
-import {execFileSync, spawn} from 'node:child_process';
+import {execFileSync} from 'node:child_process';
 import fs from 'node:fs';
-import {createRequire} from 'node:module';
-import os from 'node:os';
 import path from 'node:path';
 import {after, before, test} from 'node:test';
-import {fileURLToPath} from 'node:url';
-import {parseArgs} from 'node:util';
+import {launch, settled as settledIn, setUp, startEditor, stateOf} from './harness.mjs';
 
-const root = path.resolve(path.dirname(fileURLToPath(import.meta.url)), '../..');
-const {chromium} = createRequire(path.join(root, 'Web', 'package.json'))('playwright-core');
-const {values: args} = parseArgs({
-  options: {qfforms: {type: 'string'}, sample: {type: 'string'}, artifacts: {type: 'string'}},
-});
-const artifacts = path.resolve(args.artifacts);
-fs.mkdirSync(artifacts, {recursive: true});
-const folder = fs.mkdtempSync(path.join(os.tmpdir(), 'qf-behaviour-'));
-fs.copyFileSync(args.sample, path.join(folder, 'form.pdf'));
+const {qfforms, artifacts, folder, file} = setUp('form.pdf');
 const saved = path.join(folder, 'authored.pdf');
 
 let editor, browser, page, page0;
 const errors = [];
 
 before(async () => {
-  editor = spawn(path.resolve(args.qfforms), ['edit', 'form.pdf', '--port', '0'], {
-    cwd: folder, stdio: ['ignore', 'pipe', 'inherit'],
-    env: {...process.env, XDG_CONFIG_HOME: `${folder}/config`, XDG_STATE_HOME: `${folder}/state`},
-  });
-  const url = await new Promise((resolve, reject) => {
-    let out = '';
-    editor.on('exit', (code) => reject(new Error(`qfforms edit exited with ${code}: ${out}`)));
-    editor.stdout.on('data', (d) => {
-      const m = /http:\/\/127\.0\.0\.1:\d+\/\?token=[0-9a-f]+/.exec(out += d);
-      if (m) resolve(m[0]);
-    });
-  });
-  browser = await chromium.launch(
-    {executablePath: '/usr/bin/chromium', headless: true, args: ['--no-sandbox']});
+  editor = await startEditor(qfforms, file, folder);
+  browser = await launch();
   page = await (await browser.newContext({viewport: {width: 1280, height: 1000}})).newPage();
   page.on('pageerror', (e) => errors.push(e.message));
-  await page.goto(url);
+  await page.goto(editor.url);
   await page.waitForSelector('.page[data-page="0"] .overlay svg >> nth=0');
   await settled();
   page0 = await page.evaluate(() => document.querySelector('.page[data-page="0"]')
@@ -61,24 +38,13 @@ before(async () => {
 
 after(async () => {
   await browser?.close();
-  if (editor?.exitCode === null) editor.kill('SIGKILL');
+  if (editor?.proc.exitCode === null) editor.proc.kill('SIGKILL');
   fs.rmSync(folder, {recursive: true, force: true});
 });
 
-function settled() {
-  return page.waitForFunction(() => {
-    const view = document.getElementById('view');
-    const shown = [...document.querySelectorAll('.page[data-visible] .overlay')];
-    return view.dataset.revision !== undefined && !document.body.hasAttribute('data-busy') &&
-      shown.length > 0 && shown.every((o) => o.dataset.revision === view.dataset.revision);
-  }, null, {timeout: 15000});
-}
-
+const settled = () => settledIn(page);
 const shot = (name, target = page) => target.screenshot({path: path.join(artifacts, name)});
-const state = () => page.evaluate(async () => {
-  const token = new URLSearchParams(location.search).get('token');
-  return (await (await fetch('/api/state', {headers: {'X-QF-Token': token}})).json()).state;
-});
+const state = () => stateOf(page);
 
 // Page 0's pixel (x, y) at zoom 1 in the window.
 const at = ([x, y]) => [page0.x + x, page0.y + y];

@@ -10,46 +10,18 @@
 // panel's pictures in both languages.
 
 import assert from 'node:assert/strict';
-import {execFileSync, spawn} from 'node:child_process';
+import {execFileSync} from 'node:child_process';
 import fs from 'node:fs';
-import {createRequire} from 'node:module';
-import os from 'node:os';
 import path from 'node:path';
 import {after, before, describe, test} from 'node:test';
-import {fileURLToPath} from 'node:url';
-import {parseArgs} from 'node:util';
+import {launch, settled as settledIn, setUp, startEditor} from './harness.mjs';
 
-const root = path.resolve(path.dirname(fileURLToPath(import.meta.url)), '../..');
-const {chromium} = createRequire(path.join(root, 'Web', 'package.json'))('playwright-core');
-const {values: args} = parseArgs({
-  options: {qfforms: {type: 'string'}, form: {type: 'string'}, artifacts: {type: 'string'}},
-});
-const artifacts = path.resolve(args.artifacts);
-fs.mkdirSync(artifacts, {recursive: true});
-const folder = fs.mkdtempSync(path.join(os.tmpdir(), 'qf-props-'));
-const form = path.join(folder, 'fields.pdf');
-fs.copyFileSync(args.form, form);
+const {qfforms, artifacts, folder, file: form} = setUp('fields.pdf');
 
 let editor; // {proc, port, token}
 let browser;
 let page;
 const pageErrors = [];
-
-async function startEditor() {
-  const proc = spawn(path.resolve(args.qfforms), ['edit', form, '--port', '0'], {
-    cwd: folder, stdio: ['ignore', 'pipe', 'inherit'],
-    env: {...process.env, XDG_CONFIG_HOME: `${folder}/config`, XDG_STATE_HOME: `${folder}/state`},
-  });
-  let out = '';
-  const found = await new Promise((resolve, reject) => {
-    setTimeout(() => reject(new Error(`no address within 30 s: ${out}`)), 30000).unref();
-    proc.stdout.on('data', (d) => {
-      const m = /http:\/\/127\.0\.0\.1:(\d+)\/\?token=([0-9a-f]+)/.exec(out += d);
-      if (m) resolve({url: m[0], port: Number(m[1]), token: m[2]});
-    });
-  });
-  return {...found, proc};
-}
 
 async function api(route, body) {
   const r = await fetch(`http://127.0.0.1:${editor.port}${route}`, {
@@ -65,14 +37,7 @@ const state = async () => (await api('/api/state')).state;
 const rowValue = async (id) => (await state()).properties?.rows.find((r) => r.id === id)?.value;
 const shot = (name) => page.screenshot({path: path.join(artifacts, name)});
 
-function settled() {
-  return page.waitForFunction(() => {
-    const view = document.getElementById('view');
-    const shown = [...document.querySelectorAll('.page[data-visible] .overlay')];
-    return view.dataset.revision !== undefined && !document.body.hasAttribute('data-busy') &&
-      shown.length > 0 && shown.every((o) => o.dataset.revision === view.dataset.revision);
-  }, null, {timeout: 15000});
-}
+const settled = () => settledIn(page);
 
 // Selects the widget of field (its index among the field's widgets) with a click.
 async function select(field, index = 0) {
@@ -120,9 +85,8 @@ const edits = [
 ];
 
 before(async () => {
-  editor = await startEditor();
-  browser = await chromium.launch(
-    {executablePath: '/usr/bin/chromium', headless: true, args: ['--no-sandbox']});
+  editor = await startEditor(qfforms, form, folder);
+  browser = await launch();
   page = await (await browser.newContext({viewport: {width: 1280, height: 1100}})).newPage();
   page.on('pageerror', (e) => pageErrors.push(e.message));
   await page.goto(editor.url);

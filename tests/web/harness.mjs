@@ -1,0 +1,74 @@
+// What the editor's browser tests share: their arguments, a `qfforms edit` of their own on
+// a copy of the form in a temporary folder, Debian's chromium, and the wait for the page
+// to settle.
+
+import {spawn} from 'node:child_process';
+import fs from 'node:fs';
+import {createRequire} from 'node:module';
+import os from 'node:os';
+import path from 'node:path';
+import {fileURLToPath} from 'node:url';
+import {parseArgs} from 'node:util';
+
+export const root = path.resolve(path.dirname(fileURLToPath(import.meta.url)), '../..');
+const {chromium} = createRequire(path.join(root, 'Web', 'package.json'))('playwright-core');
+
+// --qfforms BIN --form FORM.pdf (or --sample) --artifacts DIR; the form is copied to
+// name in a new temporary folder.
+export function setUp(name) {
+  const {values} = parseArgs({options: {qfforms: {type: 'string'}, form: {type: 'string'},
+    sample: {type: 'string'}, artifacts: {type: 'string'}}});
+  const form = values.form ?? values.sample;
+  for (const [key, value] of [['qfforms', values.qfforms], ['form', form],
+    ['artifacts', values.artifacts]]) {
+    if (!value) throw new Error(`--${key} is needed`);
+  }
+  const artifacts = path.resolve(values.artifacts);
+  fs.mkdirSync(artifacts, {recursive: true});
+  const folder = fs.mkdtempSync(path.join(os.tmpdir(), 'qf-web-'));
+  const file = path.join(folder, name);
+  fs.copyFileSync(form, file);
+  return {qfforms: path.resolve(values.qfforms), artifacts, folder, file};
+}
+
+// `qfforms edit file` with settings and a clipboard of its own: {proc, url, port, token}.
+export async function startEditor(qfforms, file, folder) {
+  const proc = spawn(qfforms, ['edit', file, '--port', '0'], {
+    cwd: folder, stdio: ['ignore', 'pipe', 'inherit'],
+    env: {...process.env, XDG_CONFIG_HOME: `${folder}/config`, XDG_STATE_HOME: `${folder}/state`},
+  });
+  let out = '';
+  const found = await new Promise((resolve, reject) => {
+    setTimeout(() => reject(new Error(`no address within 30 s: ${out}`)), 30000).unref();
+    proc.on('exit', (code) => reject(new Error(`qfforms edit exited with ${code}: ${out}`)));
+    proc.stdout.on('data', (d) => {
+      const m = /http:\/\/127\.0\.0\.1:(\d+)\/\?token=([0-9a-f]+)/.exec(out += d);
+      if (m) resolve({url: m[0], port: Number(m[1]), token: m[2]});
+    });
+  });
+  return {...found, proc};
+}
+
+export function launch() {
+  return chromium.launch(
+    {executablePath: '/usr/bin/chromium', headless: true, args: ['--no-sandbox']});
+}
+
+// Waits until the page has no request or drawing under way and every page in sight shows
+// the overlay of the host's latest revision.
+export function settled(page) {
+  return page.waitForFunction(() => {
+    const view = document.getElementById('view');
+    const shown = [...document.querySelectorAll('.page[data-visible] .overlay')];
+    return view.dataset.revision !== undefined && !document.body.hasAttribute('data-busy') &&
+      shown.length > 0 && shown.every((o) => o.dataset.revision === view.dataset.revision);
+  }, null, {timeout: 15000});
+}
+
+// The server's state as the page would fetch it.
+export function stateOf(page) {
+  return page.evaluate(async () => {
+    const token = new URLSearchParams(location.search).get('token');
+    return (await (await fetch('/api/state', {headers: {'X-QF-Token': token}})).json()).state;
+  });
+}
