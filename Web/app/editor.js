@@ -541,7 +541,12 @@ async function save(body) {
 $('#toolbar').addEventListener('click', (ev) => {
   const b = ev.target.closest('button');
   if (!b || !ready()) return;
-  if (b.dataset.tool !== undefined) step({tool: b.dataset.tool});
+  if (b.dataset.tool !== undefined) {
+    // The page decides at a press whether it keeps the drag (layout.js) by the tool: the
+    // one chosen counts from now, as the host takes the steps in order.
+    state.tool = b.dataset.tool;
+    step({tool: b.dataset.tool});
+  }
   else if (b.dataset.edit) step({edit: b.dataset.edit});
   else {
     ({
