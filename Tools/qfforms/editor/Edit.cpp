@@ -868,13 +868,14 @@ class Editor {
         qfhost::AnnotSelection& selection = host_.selection();
         if (!add.get<bool>()) selection.clear();
         if (!add.get<bool>() && hit.empty()) v.deactivateTool();
-        for (const auto& [page, annot] : hit) {
+        for (const auto& [page, held] : hit) {
+            const PDAnnot annot = held.get();
             const auto& selected = selection.selected();
             if (std::any_of(selected.begin(), selected.end(),
-                            [&](const auto& s) { return s.annot == annot.get(); }))
+                            [annot](const auto& s) { return s.annot == annot; }))
                 continue;
-            const uint32_t rc = selected.empty() ? selection.selectWidget(page, annot.get())
-                                                 : selection.add(page, annot.get());
+            const uint32_t rc = selected.empty() ? selection.selectWidget(page, annot)
+                                                 : selection.add(page, annot);
             if (rc != 0) throw StepFailure(rc, moduleText(rc));
         }
     }
