@@ -163,7 +163,7 @@ Json step(FuzzedDataProvider& in, Aim& aim) {
         s[verb] = std::move(args);
         return s;
     };
-    switch (in.ConsumeIntegralInRange<int>(0, 19)) {
+    switch (in.ConsumeIntegralInRange<int>(0, 20)) {
     case 0:
     case 1:
         return one("tool", pick(in, kTools));
@@ -189,7 +189,9 @@ Json step(FuzzedDataProvider& in, Aim& aim) {
     case 8:
     case 9: {
         const uint32_t page = aim.page();
-        return one("select", Json{{"page", page}, {"at", aim.point(page)}});
+        Json a{{"page", page}, {"at", aim.point(page)}};
+        if (in.ConsumeBool()) a["add"] = true;
+        return one("select", std::move(a));
     }
     case 10:
         switch (in.ConsumeIntegralInRange<int>(0, 2)) {
@@ -254,6 +256,22 @@ Json step(FuzzedDataProvider& in, Aim& aim) {
         constexpr double kZooms[] = {0.25, 0.5, 1, 1.5, 2, 4};
         constexpr int kRotations[] = {0, 90, 180, 270};
         return one("view", Json{{"zoom", pick(in, kZooms)}, {"rotation", pick(in, kRotations)}});
+    }
+    case 19: {
+        static const char* const kArrangements[] = {
+            "alignLeft",    "alignRight",       "alignTop",       "alignBottom",
+            "alignCentres", "alignMiddles",     "distributeAcross", "distributeDown",
+            "sameWidth",    "sameHeight",       "sameSize"};
+        switch (in.ConsumeIntegralInRange<int>(0, 2)) {
+        case 0: return one("arrange", pick(in, kArrangements));
+        case 1: return one("move", Json{{"by", aim.point(aim.page())}});
+        default:
+            return one("placeMultiple",
+                       Json{{"rows", in.ConsumeIntegralInRange<uint32_t>(0, 4)},
+                            {"columns", in.ConsumeIntegralInRange<uint32_t>(0, 4)},
+                            {"gap", Json::array({in.ConsumeIntegralInRange<int>(-5, 40),
+                                                 in.ConsumeIntegralInRange<int>(-5, 40)})}});
+        }
     }
     default:
         return in.ConsumeBool() ? one("render", Json{{"page", aim.page()}, {"out", "page.svg"}})

@@ -271,9 +271,11 @@ void setActions(qfhost::Host& host, const Json& request) {
                     refuse("actions: only text fields and lists have " +
                            quoted(trigger->name) + " actions");
                 pages.insert(s.pageIndex);
-                if (std::any_of(changes.begin(), changes.end(), [&](const Change& c) {
-                        return c.trigger == trigger && c.owner.get() == owner.get();
-                    }))
+                // (Clang 14 captures no structured binding: the trigger goes by copy.)
+                if (std::any_of(changes.begin(), changes.end(),
+                                [&, t = trigger](const Change& c) {
+                                    return c.trigger == t && c.owner.get() == owner.get();
+                                }))
                     continue;  // a field of several selected widgets
                 Change c{trigger, std::move(owner), {}, {}};
                 check(trigger->get(c.owner.get(), c.before.put()));

@@ -4,6 +4,7 @@
 #include "Files.h"
 
 #include "Inspect.h"
+#include "Layout.h"
 #include "Pd.h"
 #include "Records.h"
 #include "kr/KRRuntime.h"
@@ -157,7 +158,8 @@ class Runner {
             {"select", &Runner::select},   {"edit", &Runner::edit}, {"get", &Runner::get},
             {"render", &Runner::render},   {"paste", &Runner::paste},
             {"actions", &Runner::actions}, {"calculationOrder", &Runner::calculationOrder},
-            {"property", &Runner::property},
+            {"property", &Runner::property}, {"arrange", &Runner::arrange},
+            {"move", &Runner::move},           {"placeMultiple", &Runner::placeMultiple},
         };
         for (const Verb& v : kVerbs) {
             if (verb == v.name) return (this->*v.run)(args);
@@ -421,10 +423,17 @@ class Runner {
         endedEditing(v);
     }
 
+    // Selects the widget at a point or of an index; with "add", beside those selected (as
+    // Shift+click does), which several-widget steps then take together.
     void select(const Json& a) {
-        onlyKeys(a, {"page", "at", "index"}, "select");
+        onlyKeys(a, {"page", "at", "index", "add"}, "select");
         View& v = currentView();
         const uint32_t page = pageOf(a, v, "select");
+        bool add = false;
+        if (const Json* d = optionalMember(a, "add")) {
+            if (!d->is_boolean()) fail("select: add must be true or false");
+            add = d->get<bool>() && !host_.selection().selected().empty();
+        }
         if (a.contains("index")) {
             if (a.contains("at")) fail("select: \"at\" or \"index\", not both");
             const Json& index = a["index"];
@@ -434,11 +443,23 @@ class Runner {
                 PDPageGetAnnot(pageHandle.get(), index.get<uint32_t>(), annot.out()) != PD_OK)
                 fail("select: page " + std::to_string(page) + " has no annotation " +
                      index.dump());
-            const uint32_t rc = host_.selection().selectWidget(page, annot.get());
+            const uint32_t rc = add ? host_.selection().add(page, annot.get())
+                                    : host_.selection().selectWidget(page, annot.get());
+            if (rc == 1) fail("select: the widget is selected already");
             if (rc != 0) failed(rc, "select: the widget could not be selected");
             return;
         }
         const auto at = point(member(a, "at", "select"), "select: at");
+        if (add) {
+            Handle pageHandle;
+            check(PDDocGetPage(v.document().pdDoc(), page, pageHandle.out()));
+            const Handle hit = widgetAt(pageHandle.get(), at);
+            if (!hit) fail("select: no widget at that point on page " + std::to_string(page));
+            const uint32_t rc = host_.selection().add(page, hit.get());
+            if (rc == 1) fail("select: the widget is selected already");
+            if (rc != 0) failed(rc, "select: the widget could not be selected");
+            return;
+        }
         const uint32_t rc = host_.selection().selectAt(page, at[0], at[1]);
         if (rc == 1) {
             std::ostringstream out;
@@ -446,6 +467,27 @@ class Runner {
             fail(out.str());
         }
         if (rc != 0) failed(rc, "select: the widget could not be selected");
+    }
+
+    // The top-most visible widget of page at page point at (edges included), or none.
+    static Handle widgetAt(PDPage page, std::array<float, 2> at) {
+        uint32_t count = 0;
+        check(PDPageGetNumAnnots(page, &count));
+        for (uint32_t k = count; k-- > 0;) {
+            Handle annot;
+            check(PDPageGetAnnot(page, k, annot.out()));
+            PDAtom subtype = 0;
+            PDBool visible = 1;
+            if (PDAnnotGetSubtype(annot.get(), &subtype) != PD_OK || subtype != PD_ATOM_Widget ||
+                (PDAnnotGetVisible(annot.get(), &visible) == PD_OK && !visible))
+                continue;
+            PDRect r{};
+            check(PDAnnotGetRect(annot.get(), &r));
+            if (at[0] >= std::min(r.left, r.right) && at[0] <= std::max(r.left, r.right) &&
+                at[1] >= std::min(r.bottom, r.top) && at[1] <= std::max(r.bottom, r.top))
+                return annot;
+        }
+        return {};
     }
 
     void actions(const Json& a) {
@@ -466,6 +508,14 @@ class Runner {
         View& v = currentView();
         if (v.activeToolName() != kEditTool || host_.selection().selected().empty())
             fail("edit: no widget is selected: select one with \"select\" first");
+        // Several widgets are copied, cut, duplicated and deleted together, as one step.
+        if (host_.selection().selected().size() > 1) {
+            if (name == "Copy") copySelection(host_);
+            if (name == "Cut") cutSelection(host_);
+            if (name == "DuplicateCopy") duplicateSelection(host_);
+            if (name == "Delete") deleteSelection(host_, "Annot_Delete");
+            return;
+        }
         const uint64_t page = host_.selection().selected().front().pageIndex;
         const bool handled = send(v, QF::kEventCommand, atomOf(name), {0, 0}, 0, "edit command");
         if (!handled) fail("edit: the edit tool did not take " + quoted(name));
@@ -496,10 +546,16 @@ class Runner {
         // than the module's bare text.
         const std::string record = host_.selection().sourceText(qfhost::AnnotSelection::Source::System);
         if (record.empty()) fail("paste: the clipboard holds no widget");
+        const auto naming =
+            join ? qfhost::AnnotSelection::Naming::Join : qfhost::AnnotSelection::Naming::NewField;
+        // Several widgets copied together travel as an array of records.
+        if (record.find_first_not_of(" \t\r\n") != std::string::npos &&
+            record[record.find_first_not_of(" \t\r\n")] == '[') {
+            pasteRecords(host_, page, record, naming, "PasteAnnot");
+            return;
+        }
         if (auto problem = recordProblem(record)) fail("paste: on the clipboard, " + *problem);
-        const uint32_t rc = host_.selection().pasteText(
-            page, record,
-            join ? qfhost::AnnotSelection::Naming::Join : qfhost::AnnotSelection::Naming::NewField);
+        const uint32_t rc = host_.selection().pasteText(page, record, naming);
         if (rc == 1) fail("paste: the clipboard holds no widget");
         if (rc == qfhost::codes::kNoFieldToJoin)
             failed(rc, "paste: the document has no field of the copied widget's name to join "
@@ -510,6 +566,40 @@ class Runner {
         if (rc != 0)
             throw StepFailure(rc, "paste: the forms module could not make a widget of the record "
                                   "on the clipboard" + detail(rc));
+    }
+
+    // {"arrange": NAME}: aligns, spaces or sizes the selected widgets (Layout.h).
+    void arrange(const Json& a) {
+        const std::string name = text(a, "arrange: the arrangement");
+        const auto arrangement = arrangementNamed(name);
+        if (!arrangement)
+            fail("arrange: unknown arrangement " + quoted(name) + " (" + arrangementNames() + ")");
+        currentView();
+        arrangeSelection(host_, *arrangement);
+    }
+
+    // {"move": {"by": [RIGHT, DOWN]}}: moves the selected widgets together, in points as the
+    // page is shown.
+    void move(const Json& a) {
+        onlyKeys(a, {"by"}, "move");
+        const auto by = point(member(a, "by", "move"), "move: by");
+        if (std::fabs(by[0]) > 100000 || std::fabs(by[1]) > 100000)
+            fail("move: by is at most 100000 points each way");
+        currentView();
+        moveSelection(host_, by[0], by[1]);
+    }
+
+    // {"placeMultiple": {"rows": R, "columns": C, "gap": [RIGHT, DOWN]}}: copies of the
+    // selected widget in R rows and C columns, the gap between them in points.
+    void placeMultiple(const Json& a) {
+        onlyKeys(a, {"rows", "columns", "gap"}, "placeMultiple");
+        const uint32_t rows = index(member(a, "rows", "placeMultiple"), "placeMultiple: rows");
+        const uint32_t columns =
+            index(member(a, "columns", "placeMultiple"), "placeMultiple: columns");
+        std::array<float, 2> gap{0, 0};
+        if (const Json* g = optionalMember(a, "gap")) gap = point(*g, "placeMultiple: gap");
+        currentView();
+        qfforms::placeMultiple(host_, rows, columns, gap[0], gap[1]);
     }
 
     // Prints {"property": NAME, "value": VALUE} on a line of stdout: a text, or the list

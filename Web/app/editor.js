@@ -6,6 +6,7 @@ import * as pdfjs from '/vendor/pdfjs/pdf.mjs';
 import {getText, onBusyChange, post, setAnswerHandler, tracked} from './api.js';
 import {renderActions} from './actions.js';
 import {renderFields} from './fields.js';
+import * as layout from './layout.js';
 import {renderPanel} from './panel.js';
 import {pdfDocument} from './pdfdoc.js';
 import {closePreview, openPreview} from './preview.js';
@@ -33,6 +34,7 @@ let focusPage = 0; // the page under the last press: where Paste puts the widget
 let marking = false; // a Shift+press in select mode: its moves and release stay in the page
 let pressed = false; // a left press went to the host and its release has not
 let cancelled = false; // Escape ended the drag: its moves and release stay in the page
+let kept = false; // a left press whose drag the page keeps (layout.js: a band, a group move)
 let lastMove = '';
 // per page: {element, canvas, overlay, annotations, live, loading, again, drawn, drawing}
 const pages = [];
@@ -72,6 +74,7 @@ function show(s) {
   }
   closePasswordPrompt();
   placePages(s.layout);
+  layout.refreshGrid();
   view.dataset.revision = s.revision;
   pages.forEach((p, i) => {
     const stale = p.overlay.dataset.revision !== String(s.revision);
@@ -321,9 +324,9 @@ function modifiers(ev) {
   return (ev.shiftKey ? 4 : 0) | (ev.ctrlKey || ev.metaKey ? 8 : 0);
 }
 
-function event(type, ev, code = 0, replace = false) {
-  const box = view.getBoundingClientRect();
-  const x = Math.floor(ev.clientX - box.left), y = Math.floor(ev.clientY - box.top);
+// Sends a pointer event at view pixel at (layout.js snaps it while a drag goes on).
+function event(type, ev, code = 0, replace = false, at = layout.pointerAt(ev)) {
+  const [x, y] = at;
   return post('/api/event', {type, code, x, y, modifiers: modifiers(ev)}, {replace});
 }
 
@@ -340,34 +343,58 @@ view.addEventListener('pointerdown', (ev) => {
   view.setPointerCapture(ev.pointerId);
   say('');
   cancelled = false;
+  // A right press in select mode opens the context menu; a tool takes it as before.
+  if (ev.button === 2 && selectMode()) {
+    view.releasePointerCapture(ev.pointerId);
+    layout.contextMenu(ev);
+    return;
+  }
+  kept = ev.button === 0 && state.tool !== 'FormTabOrder' && layout.press(ev, selectMode());
+  if (kept) return;
   // Shift+click and Ctrl+click in select mode add a widget to the selection or take it out.
   marking = ev.button === 0 && (ev.shiftKey || ev.ctrlKey || ev.metaKey) && selectMode();
   pressed = ev.button === 0 && !marking;
-  event(2, ev, ev.button === 2 ? 1 : 0);
+  event(2, ev, ev.button === 2 ? 1 : 0, false, layout.pressAt(ev));
 });
 
 view.addEventListener('pointermove', (ev) => {
+  if (kept) {
+    layout.move(ev);
+    return;
+  }
   // With no tool active the host has no use for a move unless a press started a drag.
   if (!ready() || preview || marking || cancelled ||
       (state.tool === '' && ev.buttons === 0)) return;
-  const box = view.getBoundingClientRect();
-  const at = `${Math.floor(ev.clientX - box.left)},${Math.floor(ev.clientY - box.top)}`;
-  if (at === lastMove) return;
-  lastMove = at;
-  event(4, ev, 0, true);
+  const at = layout.pointerAt(ev);
+  if (String(at) === lastMove) return;
+  lastMove = String(at);
+  event(4, ev, 0, true, at);
 });
 
 view.addEventListener('pointerup', (ev) => {
   if (ev.button === 0) pressed = false;
+  if (kept && ev.button === 0) {
+    kept = false;
+    layout.release(ev);
+    return;
+  }
   if (marking || cancelled) {
     marking = cancelled = false;
     return;
   }
   if (!ready() || preview || (ev.button !== 0 && ev.button !== 2)) return;
-  event(3, ev, ev.button === 2 ? 1 : 0);
+  if (ev.button === 2 && selectMode()) return; // the context menu took the press
+  const at = layout.pointerAt(ev);
+  if (ev.button === 0) layout.release(ev);
+  event(3, ev, ev.button === 2 ? 1 : 0, false, at);
 });
 
 view.addEventListener('pointercancel', (ev) => {
+  layout.cancel();
+  if (kept) {
+    kept = false;
+    return;
+  }
   marking = pressed = false;
   if (ready() && !preview && !cancelled) event(11, ev);
   cancelled = false;
@@ -399,9 +426,20 @@ const shortcuts = {
 
 function key(type, ev) {
   if (!ready() || preview || ev.target.closest?.('input, select, textarea')) return;
+  if (ev.key === 'Escape' && kept) {
+    ev.preventDefault();
+    if (type === 7) kept = !layout.cancel();
+    return;
+  }
   if (ev.key === 'Escape' && pressed) {
     ev.preventDefault();
     if (type === 7) cancelDrag();
+    return;
+  }
+  // The context menu from the keyboard, in select mode.
+  if ((ev.key === 'ContextMenu' || (ev.key === 'F10' && ev.shiftKey)) && selectMode()) {
+    ev.preventDefault();
+    if (type === 7) layout.contextMenuFromKeys();
     return;
   }
   if ((ev.ctrlKey || ev.metaKey) && !ev.altKey) {
@@ -481,7 +519,12 @@ async function save(body) {
 $('#toolbar').addEventListener('click', (ev) => {
   const b = ev.target.closest('button');
   if (!b || !ready()) return;
-  if (b.dataset.tool !== undefined) step({tool: b.dataset.tool});
+  if (b.dataset.tool !== undefined) {
+    // The page decides at a press whether it keeps the drag (layout.js) by the tool: the
+    // one chosen counts from now, as the host takes the steps in order.
+    state.tool = b.dataset.tool;
+    step({tool: b.dataset.tool});
+  }
   else if (b.dataset.edit) step({edit: b.dataset.edit});
   else {
     ({
@@ -561,10 +604,20 @@ function updateToolbar() {
   $('#doc-encrypted').hidden = !s.document.encrypted;
   document.title = `${s.document.name}${s.document.modified ? ' *' : ''} — qfforms edit`;
   $('#group-radio').disabled = preview || selectedWidgets().length === 0;
+  layout.updateLayoutTools(preview);
 }
 
 // ---- start ----
 
+layout.setupLayout({
+  view, pages,
+  state: () => state,
+  step,
+  edit: (name) => step({edit: name}),
+  paste: () => step({paste: {page: focusPage}}),
+  group: groupSelected,
+  focusPanel: () => $('#panel').querySelector('input, select, textarea, button')?.focus(),
+});
 translate();
 getText('/api/state').then(
   (text) => show(JSON.parse(text).state),

@@ -300,7 +300,8 @@ const commandLabels = {
     MoveAnnotsFocusOrder: 'tab order', AutoTabOrderAnnot: 'tab order',
     Field_SetOptions: 'option list', PasteAnnot: 'paste', SetProperty: 'change property',
     Widget_SetProperty: 'change property', SetActions: 'change behaviour',
-    SetCalculationOrder: 'calculation order',
+    SetCalculationOrder: 'calculation order', Arrange: 'arrange', Cut: 'cut',
+    DuplicateCopy: 'duplicate', PlaceMultiple: 'place multiple',
     other: 'change',
   },
   ja: {
@@ -311,7 +312,8 @@ const commandLabels = {
     MoveAnnotsFocusOrder: 'タブ順序', AutoTabOrderAnnot: 'タブ順序',
     Field_SetOptions: '選択肢リスト', PasteAnnot: '貼り付け', SetProperty: 'プロパティの変更',
     Widget_SetProperty: 'プロパティの変更', SetActions: '動作の変更',
-    SetCalculationOrder: '計算の順序',
+    SetCalculationOrder: '計算の順序', Arrange: '整列', Cut: '切り取り',
+    DuplicateCopy: '複製', PlaceMultiple: '複数配置',
     other: '変更',
   },
 };

@@ -207,20 +207,24 @@ test('the preview fills the form in pdf.js: formats apply, the total computes, a
   async () => {
     await page.click('#preview');
     await page.waitForSelector('#preview-box[data-scripts="on"] input[name="Text1"]',
-      {timeout: 30000});
+      {timeout: 60000});
     const input = (name) => page.locator(`#preview-box input[name="${name}"]`).first();
     // Typed, then committed with Tab, as the reader commits a field only when the focus
     // goes to another element; the field focused next shows its raw value, the others
     // their formatted one, which the sandbox sends a while after.
     const type = async (name, text) => {
       await input(name).click();
-      await page.waitForTimeout(300); // the reader's focus shows the raw value first
-      await input(name).fill(text);
+      // The reader's focus puts the raw value in a while after: typed again if it came late.
+      for (let tries = 0; tries < 5; ++tries) {
+        await page.waitForTimeout(300);
+        if (await input(name).inputValue() === text) break;
+        await input(name).fill(text);
+      }
       await page.keyboard.press('Tab');
     };
     const shows = (name, value) => page.waitForFunction(([n, v]) =>
       document.querySelector(`#preview-box input[name="${n}"]`)?.value === v, [name, value],
-    {timeout: 10000});
+    {timeout: 30000});
     await type('Text2', '3');
     await type('Text1', '12.5'); // the focus goes on to Text2
     await shows('Text3', '$37.50');

@@ -5,6 +5,7 @@
 #include "Files.h"
 #include "Gate.h"
 #include "HttpServer.h"
+#include "Layout.h"
 #include "MainQueue.h"
 #include "Pd.h"
 #include "Records.h"
@@ -228,6 +229,8 @@ class Editor {
             return notFound();
         } catch (const Refusal& e) {
             return failure(e.what(), e.status());
+        } catch (const LayoutRefusal& e) {
+            return failure(failed(lang_, action_, layoutReason(e), true));
         } catch (const StepFailure& e) {
             return failure(explain(e.what(), e.code().has_value()));
         } catch (const HostError& e) {
@@ -253,6 +256,20 @@ class Editor {
             // the error says what matters
         }
         return jsonAnswer(status, body);
+    }
+
+    // Why a layout step was refused, in the editor's words.
+    std::string layoutReason(const LayoutRefusal& e) const {
+        switch (e.reason()) {
+        case LayoutRefusal::Reason::TooFew:
+            return sentence(lang_, Sentence::TooFew, {e.detail()});
+        case LayoutRefusal::Reason::Locked:
+            return sentence(lang_, Sentence::Locked, {e.detail()});
+        case LayoutRefusal::Reason::DoesNotFit: return sentence(lang_, Sentence::DoesNotFit);
+        case LayoutRefusal::Reason::TooMany:
+            return sentence(lang_, Sentence::TooMany, {e.detail()});
+        }
+        return e.what();
     }
 
     // The sentence for a step that failed (action_ says which): the module's own
@@ -460,7 +477,7 @@ class Editor {
             return true;
         }
         if (e.subcode == kKeyDelete && selected.size() > 1) {
-            if (e.type == QF::kEventKey) deleteSelected(v);
+            if (e.type == QF::kEventKey) deleteSelection(host_, "Annot_Delete");
             return true;
         }
         return std::nullopt;
@@ -543,21 +560,6 @@ class Editor {
         commands.endGroup(true);
     }
 
-    // A host annotation operation (Annot_SetRect, Annot_Delete) on annot, undoable.
-    void annotOperation(const char* name, uint64_t page, PDAnnot annot, const PDRect& r) {
-        Document& doc = view().document();
-        uint32_t atom = 0;
-        if (KRGetAtomFromString(name, &atom) != KR_OK)
-            throw StepFailure(std::nullopt, "no atom for " + std::string(name));
-        const QF::AnnotOperationRecord record{doc.object(), page, annot,
-                                              {r.left, r.bottom, r.right, r.top}};
-        const uint32_t rc = doc.performAnnotOperation(atom, &record);
-        if (rc == 0 || rc == qfhost::codes::kNegative) return;
-        std::string detail = std::string(name) + " answered " + hex(rc);
-        if (doc.lastPdfResult() != 0) detail += ", pdfcore: " + errorText(doc.lastPdfResult());
-        throw StepFailure(rc, detail);
-    }
-
     // Moves every selected widget that is not Locked by points in the arrow's direction,
     // as one undoable step; a widget stops at the edge of its page's crop box.
     void nudge(View& v, uint32_t key, float points) {
@@ -579,23 +581,8 @@ class Editor {
                         : std::min(dy, std::max(0.0f, top - r.top));
             if (dx == 0 && dy == 0) return;
             r = {r.left + dx, r.top + dy, r.right + dx, r.bottom + dy};
-            annotOperation("Annot_SetRect", page, annot, r);
+            annotOperation(v.document(), "Annot_SetRect", page, annot, r);
         });
-    }
-
-    // Deletes every selected widget as one undoable step; a Locked one refuses them all.
-    void deleteSelected(View& v) {
-        for (const auto& s : host_.selection().selected()) {
-            if (isLocked(s.annot))
-                throw Refusal(failed(lang_, Sentence::Deleted,
-                                     sentence(lang_, Sentence::Locked, {fieldNameOf(s.annot)}),
-                                     true));
-        }
-        forSelected("Annot_Delete", [&](uint64_t page, PDAnnot annot) {
-            annotOperation("Annot_Delete", page, annot, normalRect(annot));
-        });
-        host_.selection().clear();
-        v.deactivateTool();
     }
 
     // The top-most visible widget of page under view pixel (x, y), as the overlay shows it.
@@ -684,7 +671,9 @@ class Editor {
                                              "command",  "undo",    "redo",
                                              "edit",     "paste",   "tabOrder",
                                              "key",      "actions", "calculationOrder",
-                                             "select",   "property"};
+                                             "select",   "property",
+                                             "arrange",  "move",    "placeMultiple",
+                                             "selectArea"};
         if (std::none_of(std::begin(kVerbs), std::end(kVerbs),
                          [&](const char* v) { return verb == v; }))
             throw StepFailure(std::nullopt, "the editor does not take the step " + quoted(verb));
@@ -698,8 +687,8 @@ class Editor {
             setToolProperty(args);
         } else if (verb == "tabOrder") {
             tabOrder(args);
-        } else if (verb == "edit" && args == "Delete" && host_.selection().selected().size() > 1) {
-            deleteSelected(view());
+        } else if (verb == "selectArea") {
+            selectArea(args);
         } else if (verb == "paste") {
             paste(args);
         } else if (verb == "property" && args.is_object() && args.contains("widgets")) {
@@ -722,7 +711,10 @@ class Editor {
         if (verb == "redo") return Sentence::Redone;
         if (verb == "paste") return Sentence::Pasted;
         if (verb == "tabOrder") return Sentence::TabOrdered;
-        if (verb == "select") return Sentence::Selected;
+        if (verb == "select" || verb == "selectArea") return Sentence::Selected;
+        if (verb == "arrange") return Sentence::Arranged;
+        if (verb == "move") return Sentence::Moved;
+        if (verb == "placeMultiple") return Sentence::Placed;
         if (verb == "property") return Sentence::ValueSet;
         if (verb == "actions") return Sentence::ActionsSet;
         if (verb == "calculationOrder") return Sentence::CalculationOrdered;
@@ -838,6 +830,53 @@ class Editor {
                                  sentence(lang_, Sentence::NotButtons,
                                           {name, sentence(lang_, kind)}),
                                  true));
+        }
+    }
+
+    // A rubber band from one corner to the other, in view pixels: {"from": [X, Y], "to":
+    // [X, Y], "add": BOOL}. Selects every visible widget whose rectangle the band touches,
+    // page by page in /Annots order, after the ones selected before when "add" is true; a
+    // band that touches none leaves the selection as it was with "add", else empty.
+    void selectArea(const Json& args) {
+        const auto corner = [&](const char* key) {
+            const Json& p = args.is_object() ? args.value(key, Json()) : Json();
+            if (!p.is_array() || p.size() != 2 || !p[0].is_number() || !p[1].is_number())
+                throw StepFailure(std::nullopt, std::string("selectArea: ") + key +
+                                                    " must be [X, Y] in view pixels");
+            return std::array<double, 2>{p[0].get<double>(), p[1].get<double>()};
+        };
+        const auto a = corner("from"), b = corner("to");
+        const Json add = args.value("add", Json(false));
+        if (!add.is_boolean())
+            throw StepFailure(std::nullopt, "selectArea: add must be true or false");
+        const double left = std::min(a[0], b[0]), right = std::max(a[0], b[0]);
+        const double top = std::min(a[1], b[1]), bottom = std::max(a[1], b[1]);
+        View& v = view();
+        std::vector<std::pair<uint32_t, Handle>> hit;
+        for (const auto& [pageIndex, annot] : widgetsInTabOrder(v)) {
+            const View::PixelRect pr = v.pageRect(pageIndex);
+            if (pr.right < left || pr.left > right || pr.bottom < top || pr.top > bottom) continue;
+            const PDRect r = normalRect(annot.get());
+            const auto p = v.pageToViewPrecise(pageIndex, r.left, r.top);
+            const auto q = v.pageToViewPrecise(pageIndex, r.right, r.bottom);
+            if (std::max(p[0], q[0]) < left || std::min(p[0], q[0]) > right ||
+                std::max(p[1], q[1]) < top || std::min(p[1], q[1]) > bottom)
+                continue;
+            PDHandleAcquire(annot.get());
+            hit.emplace_back(pageIndex, Handle(annot.get()));
+        }
+        qfhost::AnnotSelection& selection = host_.selection();
+        if (!add.get<bool>()) selection.clear();
+        if (!add.get<bool>() && hit.empty()) v.deactivateTool();
+        for (const auto& [page, held] : hit) {
+            const PDAnnot annot = held.get();
+            const auto& selected = selection.selected();
+            if (std::any_of(selected.begin(), selected.end(),
+                            [annot](const auto& s) { return s.annot == annot; }))
+                continue;
+            const uint32_t rc = selected.empty() ? selection.selectWidget(page, annot)
+                                                 : selection.add(page, annot);
+            if (rc != 0) throw StepFailure(rc, moduleText(rc));
         }
     }
 
@@ -1095,6 +1134,15 @@ class Editor {
             if (PDFieldGetType(field.get(), &type) == PD_OK &&
                 PDAtomGetString(type, &typeName) == PD_OK && typeName)
                 out["type"] = typeName;
+            uint32_t flags = 0;
+            PDFieldGetFlags(field.get(), &flags);
+            out["kind"] = type == PD_ATOM_Tx    ? "text"
+                          : type == PD_ATOM_Sig ? "signature"
+                          : type == PD_ATOM_Ch  ? ((flags & kComboFlag) ? "combo" : "list")
+                          : type == PD_ATOM_Btn ? ((flags & kPushButtonFlag) ? "button"
+                                                   : (flags & kButtonFlags) ? "radio"
+                                                                            : "check")
+                                                : "other";
         }
         return out;
     }

@@ -24,6 +24,8 @@ enum class Sentence {
     Grouped,
     TabOrdered,
     Pasted,
+    Arranged,
+    Placed,
     Undone,
     Redone,
     ToolStarted,
@@ -57,6 +59,9 @@ enum class Sentence {
     PasswordNotOwner,
     Languages,
     NothingSelected,
+    TooFew,         // {0}: how many fields the step takes
+    DoesNotFit,
+    TooMany,        // {0}: how many copies a step places at most
     // Kinds of fields, as NotButtons names them.
     KindText,
     KindCombo,
