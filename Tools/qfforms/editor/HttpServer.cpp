@@ -156,6 +156,7 @@ struct HttpServer::Impl {
     // First, so that it goes last: the connections' sockets and timers belong to it.
     asio::io_context io{1};
     tcp::acceptor acceptor{io};
+    listener::Pending pending;
     asio::signal_set signals{io, SIGINT, SIGTERM};
     asio::steady_timer backoff{io};
     asio::steady_timer grace{io};
@@ -406,7 +407,7 @@ void HttpServer::Impl::listen(uint16_t requested) {
 }
 
 void HttpServer::Impl::accept() {
-    acceptor.async_wait(tcp::acceptor::wait_read,
+    listener::whenReady(acceptor, pending,
                         [this](const boost::system::error_code& ec) { acceptReady(ec); });
 }
 
@@ -418,7 +419,7 @@ void HttpServer::Impl::acceptReady(const boost::system::error_code& ec) {
     // A few at a time, so that the connections already open get their turn.
     for (int i = 0; i < 32; ++i) {
         tcp::socket socket(io);
-        const listener::Taken taken = listener::take(acceptor, socket);
+        const listener::Taken taken = listener::take(acceptor, pending, socket);
         if (taken == listener::Taken::Again) continue;
         if (taken == listener::Taken::Empty) return accept();
         if (taken == listener::Taken::Refused) {

@@ -17,7 +17,13 @@ void keepPrivate(tcp::acceptor& acceptor) {
     ::fcntl(acceptor.native_handle(), F_SETFD, FD_CLOEXEC);
 }
 
-Taken take(tcp::acceptor& acceptor, tcp::socket& into) {
+// The reactor reports the listener when it becomes readable; nothing is ever pending.
+void whenReady(tcp::acceptor& acceptor, Pending&,
+               std::function<void(const boost::system::error_code&)> ready) {
+    acceptor.async_wait(tcp::acceptor::wait_read, std::move(ready));
+}
+
+Taken take(tcp::acceptor& acceptor, Pending&, tcp::socket& into) {
     const int fd = ::accept4(acceptor.native_handle(), nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) {
         if (errno == EINTR || errno == ECONNABORTED) return Taken::Again;

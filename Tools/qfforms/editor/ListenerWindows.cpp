@@ -1,10 +1,13 @@
 // The editor server's sockets on Windows (Winsock through Boost.Asio) and the console's
-// requests to stop.
+// requests to stop. The server waits with an overlapped accept (AcceptEx on the completion
+// port), whose connection stays pending until taken: a wait for readability goes through
+// Asio's select reactor instead, which wine's sockets do not wake.
 #include "Listener.h"
 
 #include <windows.h>
 
 #include <csignal>
+#include <memory>
 
 namespace qfforms::listener {
 
@@ -44,7 +47,27 @@ void keepPrivate(tcp::acceptor& acceptor) {
     noInherit(acceptor.native_handle());
 }
 
-Taken take(tcp::acceptor& acceptor, tcp::socket& into) {
+void whenReady(tcp::acceptor& acceptor, Pending& pending,
+               std::function<void(const boost::system::error_code&)> ready) {
+    auto socket = std::make_shared<tcp::socket>(acceptor.get_executor());
+    acceptor.async_accept(*socket, [socket, &pending, ready = std::move(ready)](
+                                       const boost::system::error_code& ec) {
+        if (ec == boost::asio::error::operation_aborted) return ready(ec);
+        if (!ec) {
+            noInherit(socket->native_handle());
+            pending.socket.emplace(std::move(*socket));
+        }
+        // A refused connection (out of handles or memory) is the takes' to answer.
+        ready({});
+    });
+}
+
+Taken take(tcp::acceptor& acceptor, Pending& pending, tcp::socket& into) {
+    if (pending.socket) {
+        into = std::move(*pending.socket);
+        pending.socket.reset();
+        return Taken::Connection;
+    }
     boost::system::error_code ec;
     acceptor.accept(into, ec);
     if (!ec) {
