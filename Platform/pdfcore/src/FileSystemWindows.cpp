@@ -11,11 +11,15 @@
 namespace pdfcore {
 namespace {
 
+// The system's form of a path: UTF-16 with backslashes, which every call takes (not all
+// take slashes: ReplaceFileW may answer ERROR_DIRECTORY).
 std::wstring wide(const std::string& utf8) {
     if (utf8.empty()) return {};
     const int n = MultiByteToWideChar(CP_UTF8, 0, utf8.data(), int(utf8.size()), nullptr, 0);
     std::wstring out(size_t(n > 0 ? n : 0), L'\0');
     if (n > 0) MultiByteToWideChar(CP_UTF8, 0, utf8.data(), int(utf8.size()), out.data(), n);
+    for (wchar_t& c : out)
+        if (c == L'/') c = L'\\';
     return out;
 }
 
