@@ -118,9 +118,11 @@ int inspect(const std::vector<std::string>& args) {
 
 int main(int argc, char** argv) {
     PDSetWarningHandler(printWarning, nullptr);
+#if defined(SIGXFSZ)
     // A write past the file size limit then fails (EFBIG), and the save says so and leaves
     // the file as it was, instead of the signal ending the program half way.
     std::signal(SIGXFSZ, SIG_IGN);
+#endif
     if (argc < 2) return usageError("");
     const std::string_view command = argv[1];
     if (command == "-h" || command == "--help" || command == "help") {

@@ -5,6 +5,7 @@
 // bad call and the code it must answer. The slots a table row names come from the method
 // tables (offsetof), and every filled slot of an object's table (its size S) needs at least
 // one row, so a method added to an interface without rows here fails.
+#include "Portable.h"
 #include "TestObjects.h"
 
 #include "qfhost/Host.h"
@@ -17,12 +18,9 @@
 
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
-
 #include <cmath>
 #include <cstddef>
 #include <cstdlib>
-#include <unistd.h>
 #include <filesystem>
 #include <functional>
 #include <limits>
@@ -115,8 +113,8 @@ struct PrivateFiles {
         dir = std::filesystem::temp_directory_path() /
               ("qf-abi-" + std::to_string(::getpid()));
         std::filesystem::create_directories(dir);
-        ::setenv("QF_CLIPBOARD", (dir / "clipboard.json").c_str(), 1);
-        ::setenv("XDG_CONFIG_HOME", dir.c_str(), 1);
+        qftest::setEnv("QF_CLIPBOARD", (dir / "clipboard.json").string().c_str());
+        qftest::setEnv("XDG_CONFIG_HOME", dir.string().c_str());
     }
     ~PrivateFiles() {
         std::error_code ignored;
@@ -167,17 +165,17 @@ struct Exports {
     ModuleLoader::ModuleHookFn hooks[3] = {};
     // The module the loader has loaded, one more reference to it while this lives.
     explicit Exports(const char* path) {
-        library = ::dlopen(path, RTLD_NOW | RTLD_NOLOAD);
+        library = qftest::loadedLibrary(path);
         if (!library) return;
-        create = reinterpret_cast<decltype(create)>(::dlsym(library, "CreateServiceObject"));
-        reflect = reinterpret_cast<decltype(reflect)>(::dlsym(library, "ReflectServiceObjectInfo"));
+        create = reinterpret_cast<decltype(create)>(qftest::librarySymbol(library, "CreateServiceObject"));
+        reflect = reinterpret_cast<decltype(reflect)>(qftest::librarySymbol(library, "ReflectServiceObjectInfo"));
         const char* names[3] = {"ServiceObjectModuleInitialize", "ServiceObjectModuleOnCleanup",
                                 "ServiceObjectModuleOnFree"};
         for (int i = 0; i < 3; ++i)
-            hooks[i] = reinterpret_cast<ModuleLoader::ModuleHookFn>(::dlsym(library, names[i]));
+            hooks[i] = reinterpret_cast<ModuleLoader::ModuleHookFn>(qftest::librarySymbol(library, names[i]));
     }
     ~Exports() {
-        if (library) ::dlclose(library);
+        if (library) qftest::closeLibrary(library);
     }
 };
 

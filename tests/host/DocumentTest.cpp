@@ -638,6 +638,9 @@ TEST(DocumentHostTest, DocumentsFromHandlesAndTheCurrentDocument) {
 // and change form fields. The AES file of the corpus lets anyone fill in and annotate, not
 // change the document otherwise.
 TEST(DocumentHostTest, EncryptedDocumentsTheirPasswordsAndWhetherTheFormMayChange) {
+#if defined(_WIN32)
+    GTEST_SKIP() << "the encrypted copies are made with the build machine's qpdf";
+#endif
     Host host;
     const std::string plain = QF_CORPUS_DIR "/qpdf-field-types.pdf";
     const std::string restricted = tempPath("restricted.pdf"), open = tempPath("open.pdf");

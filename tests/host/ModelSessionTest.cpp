@@ -13,6 +13,7 @@
 // QF_MODEL_SEED runs that one seed instead of the fixed ones, QF_MODEL_STEPS sets the length
 // of each session, QF_MODEL_TRACE=1 prints every step. A failure names the document, seed,
 // step and the step's description.
+#include "Portable.h"
 #include "TestObjects.h"
 
 #include "qfhost/Host.h"
@@ -1192,7 +1193,7 @@ protected:
         work_ = fs::temp_directory_path() / ("qf-model-" + std::to_string(::getpid()));
         fs::create_directories(work_);
         // The clipboard in a file of the test's own, away from the desktop's.
-        ::setenv("QF_CLIPBOARD", (work_ / "clipboard.json").c_str(), 1);
+        qftest::setEnv("QF_CLIPBOARD", (work_ / "clipboard.json").string().c_str());
         std::ofstream settings(work_ / "settings.json");
         settings << "{\"Forms\": {";
         for (size_t i = 0; i < std::size(kTools); ++i)

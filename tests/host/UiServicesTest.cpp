@@ -1,5 +1,6 @@
 // The user-interface services as a module reaches them: looked up through the provider
 // while a Host lives and called through their method tables.
+#include "Portable.h"
 #include "TestObjects.h"
 
 #include "qfhost/Host.h"
@@ -486,6 +487,7 @@ TEST_F(UserSettingsTest, RejectedFilesChangeNothing) {
     }
 }
 
+#if !defined(_WIN32) // the base-directory rules are POSIX-only; Windows has %APPDATA%
 TEST_F(UserSettingsTest, DefaultPathFollowsXdgConfigHome) {
     auto saved = [](const char* name) -> std::optional<std::string> {
         const char* v = std::getenv(name);
@@ -493,19 +495,20 @@ TEST_F(UserSettingsTest, DefaultPathFollowsXdgConfigHome) {
     };
     const auto xdg = saved("XDG_CONFIG_HOME"), home = saved("HOME");
 
-    ::setenv("XDG_CONFIG_HOME", "/srv/config/", 1);
-    ::setenv("HOME", "/home/someone", 1);
+    qftest::setEnv("XDG_CONFIG_HOME", "/srv/config/");
+    qftest::setEnv("HOME", "/home/someone");
     EXPECT_EQ(UserSettings::defaultPath(), "/srv/config/qf-forms/settings.json");
-    ::setenv("XDG_CONFIG_HOME", "relative/config", 1);  // not absolute: ignored
+    qftest::setEnv("XDG_CONFIG_HOME", "relative/config");  // not absolute: ignored
     EXPECT_EQ(UserSettings::defaultPath(), "/home/someone/.config/qf-forms/settings.json");
-    ::unsetenv("XDG_CONFIG_HOME");
+    qftest::setEnv("XDG_CONFIG_HOME", nullptr);
     EXPECT_EQ(UserSettings::defaultPath(), "/home/someone/.config/qf-forms/settings.json");
 
     auto restore = [](const char* name, const std::optional<std::string>& v) {
-        v ? ::setenv(name, v->c_str(), 1) : ::unsetenv(name);
+        qftest::setEnv(name, v ? v->c_str() : nullptr);
     };
     restore("XDG_CONFIG_HOME", xdg);
     restore("HOME", home);
 }
+#endif
 
 }  // namespace

@@ -61,13 +61,19 @@ TEST(Atoms, ThreadsRacingAgreeOnIds) {
 
 TEST(Atoms, NarrowAndWideNameTheSameAtom) {
     EXPECT_EQ(atom("AcroForm"), atomW(u"AcroForm"));
-    EXPECT_EQ(atom("Gr\xC3\xB6\xC3\x9Fte"), atomW(u"Gr\u00F6\u00DFte"));
-    EXPECT_EQ(atom("clef-\xF0\x9D\x84\x9E"), atomW(u"clef-\U0001D11E")); // non-BMP
-    EXPECT_STREQ(nameOf(atomW(u"clef-\U0001D11E")), "clef-\xF0\x9D\x84\x9E");
-
     // Case matters, and nothing is normalised.
     EXPECT_NE(atom("Case"), atom("case"));
     EXPECT_NE(atomW(u"\u00E9"), atomW(u"e\u0301"));
+
+    // Narrow names are in the narrow code page: what follows is UTF-8 (as it always is
+    // outside Windows).
+    char16_t o[2] = {};
+    size_t n = 0;
+    if (KRConvertACPToUnicode("\xC3\xB6", 2, o, 2, &n) != KR_OK || n != 1 || o[0] != u'\u00F6')
+        GTEST_SKIP() << "the ANSI code page is not UTF-8";
+    EXPECT_EQ(atom("Gr\xC3\xB6\xC3\x9Fte"), atomW(u"Gr\u00F6\u00DFte"));
+    EXPECT_EQ(atom("clef-\xF0\x9D\x84\x9E"), atomW(u"clef-\U0001D11E")); // non-BMP
+    EXPECT_STREQ(nameOf(atomW(u"clef-\U0001D11E")), "clef-\xF0\x9D\x84\x9E");
 
     // Ill-formed input of either width reads as U+FFFD.
     const uint32_t replaced = atomW(u"bad\uFFFD");

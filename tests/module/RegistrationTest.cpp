@@ -1,11 +1,11 @@
 // Thunks, factories and registration lists with classes of the test's own, compiled into
 // the test from the module's sources (the module's own lists stay untouched).
+#include "Portable.h"
 #include "TestSupport.h"
 #include "qf/CommandFactory"
 #include "qf/InitService"
 #include "qf/InputHandlerFactory"
 
-#include <dlfcn.h>
 
 #include <stdexcept>
 #include <string>
@@ -186,10 +186,10 @@ TEST(Registration, ListsAreWalkedNewestFirstAndHandedOverOnce) {
 // With the host's logger loaded, every failing call is logged as an error: the call, and
 // where a thrown failure started with its text; negative answers are not.
 TEST(Thunks, FailuresGoToTheHostsLogger) {
-    void* logger = dlopen(QF_TEST_LOGGER_PATH, RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(logger, nullptr) << dlerror();
+    void* logger = qftest::openLibrary(QF_TEST_LOGGER_PATH);
+    ASSERT_NE(logger, nullptr) << qftest::libraryError();
     using Messages = const std::vector<std::u16string>* (*)();
-    const auto& logged = *reinterpret_cast<Messages>(dlsym(logger, "FakeLoggerMessages"))();
+    const auto& logged = *reinterpret_cast<Messages>(qftest::librarySymbol(logger, "FakeLoggerMessages"))();
     ServiceObject* so = ProbeBase::CreateServiceObject();
     auto& probe = SOImpl::ImplOf<ProbeBase>(so);
     auto& ops = *SODetails::methods<QF::InitServiceTable>(so);
@@ -204,7 +204,7 @@ TEST(Thunks, FailuresGoToTheHostsLogger) {
                           u"1 InitService::OnRibbonInitialized() failed, code: 0x00030005: "
                           u"probe failed"}));
     SODetails::release(so);
-    dlclose(logger);
+    qftest::closeLibrary(logger);
 }
 
 TEST(Registration, RecordsWaitForAMissingServiceAndAFailedCall) {

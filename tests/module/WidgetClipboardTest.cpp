@@ -2,6 +2,7 @@
 // into the reference host: the module's "CopyAnnot" and "PasteAnnot", the host's paste
 // (naming, placing, undo), the edit tool's clipboard commands, and records that are wrong.
 #include "ModuleSession.h"
+#include "Portable.h"
 
 #include "qf/Interfaces.h"
 #include "qf/internal/AnnotEditUtilities"
@@ -38,7 +39,7 @@ class WidgetClipboard : public ModuleInHost {
             (std::filesystem::temp_directory_path() /
              ("qf-clipboard-" + std::to_string(::getpid()) + ".json"))
                 .string();
-        ::setenv("QF_CLIPBOARD", file.c_str(), 1);
+        qftest::setEnv("QF_CLIPBOARD", file.c_str());
         std::filesystem::remove(file);
     }
 

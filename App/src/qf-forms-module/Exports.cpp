@@ -1,5 +1,4 @@
-// The module's exports and its library entry point.
-#include "ModulePlatform.h"
+// The module's exports (its entry point is ModuleEntry*.cpp, one per system).
 #include "kr/KRRuntime.h"
 #include "qf/ModuleExports.h"
 #include "qf/internal/Registration.h"
@@ -7,12 +6,6 @@
 
 #include <atomic>
 #include <vector>
-
-#if defined(_WIN32)
-#include <windows.h>
-#else
-#include <dlfcn.h>
-#endif
 
 namespace {
 
@@ -105,24 +98,3 @@ uint32_t ServiceObjectModuleOnFree() {
 }
 
 } // extern "C"
-
-// ---- library entry point: records the module's instance handle ---------------------------
-
-#if defined(_WIN32)
-BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
-    if (reason == DLL_PROCESS_ATTACH) ModulePlatform::SetModuleInstance(instance);
-    if (reason == DLL_PROCESS_DETACH) ModulePlatform::SetModuleInstance(nullptr);
-    return TRUE;
-}
-#else
-namespace {
-__attribute__((constructor)) void onModuleLoad() {
-    Dl_info info{};
-    if (dladdr(reinterpret_cast<void*>(&onModuleLoad), &info))
-        ModulePlatform::SetModuleInstance(info.dli_fbase);
-}
-__attribute__((destructor)) void onModuleUnload() {
-    ModulePlatform::SetModuleInstance(nullptr);
-}
-} // namespace
-#endif

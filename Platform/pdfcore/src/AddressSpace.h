@@ -1,7 +1,7 @@
 // The seam between pdfcore's handle records and the system's virtual memory: a range of
 // addresses reserved once, whose pages are made usable as they are reached and handed back
 // when nothing on them is alive. One source file per system implements it
-// (AddressSpacePosix.cpp). None of the calls throws.
+// (AddressSpacePosix.cpp, AddressSpaceWindows.cpp). None of the calls throws.
 #pragma once
 
 #include <cstddef>

@@ -1,6 +1,6 @@
 // The seam between pdfcore's saves and the system's file system: the calls a save makes to
 // look at its target, write a file beside it and put that file in its place. One source
-// file per system implements it (FileSystemPosix.cpp). Paths are UTF-8. Every call answers
+// file per system implements it (FileSystemPosix.cpp, FileSystemWindows.cpp). Paths are UTF-8. Every call answers
 // a PDResult (the failures a save reports) and never throws but std::bad_alloc.
 #pragma once
 

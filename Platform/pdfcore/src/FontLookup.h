@@ -1,5 +1,6 @@
 // The seam between pdfcore's fonts and the system's: which installed font files draw some
-// text. One source file per system implements it (fontconfig on Linux).
+// text. One source file per system implements it (fontconfig on Linux, a search of the
+// fonts folders on Windows).
 #pragma once
 
 #include <string>

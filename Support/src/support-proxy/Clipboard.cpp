@@ -1,5 +1,6 @@
 #include "support-proxy/Clipboard"
 
+#include "ClipboardBitmap.h"
 #include "ModulePlatform.h"
 #include "kr/KRRuntime.h"
 #include "qf/Interfaces.h"
@@ -125,9 +126,12 @@ bool hasFormat(const Session& s, uint32_t format) {
 std::string getDataOf(const Session& s, uint32_t format) {
     return s.offers(kGetData) ? getData(s.get(), format) : std::string();
 }
-void putBitmap(const Session& s, const ClipboardBitmap& b) {
+void checkBitmap(const ClipboardBitmap& b) {
     if (uint64_t(b.width) * b.height != b.pixels.size())
         ThrowServiceObjectException(SOImpl::kBadArgument, u"Bad param", "ClipboardInterface::PutBitmap");
+}
+void putBitmap(const Session& s, const ClipboardBitmap& b) {
+    checkBitmap(b);
     if (!s.offers(kPutBitmap)) return;
     if (const uint32_t code = ops(s.get()).PutBitmap(s.get(), b.width, b.height, b.pixels.data()))
         failed(code, "ClipboardInterface::PutBitmap");
@@ -232,10 +236,20 @@ ServiceObject* PrivateClipboardStore() {
         const Session s(source());                                                                 \
         return SystemClipboardManager::Instance().GetUnicodeText(s.get());                         \
     }                                                                                              \
-    void Class::PutBitmap(const ClipboardBitmap& bitmap) { putBitmap(Session(source()), bitmap); } \
     uint64_t Class::FormatCount() { return formatCount(Session(source())); }
 
 QF_CLIPBOARD_OPERATIONS(SystemClipboard, systemClipboard)
 QF_CLIPBOARD_OPERATIONS(PrivateClipboard, privateClipboard)
 
 #undef QF_CLIPBOARD_OPERATIONS
+
+void SystemClipboard::PutBitmap(const ClipboardBitmap& bitmap) {
+    putBitmap(Session(systemClipboard()), bitmap);
+}
+
+// The private store keeps a copy of its own, as the system's clipboard does.
+void PrivateClipboard::PutBitmap(const ClipboardBitmap& bitmap) {
+    const Session s(privateClipboard());
+    checkBitmap(bitmap);
+    putBitmap(s, CopyClipboardBitmap(bitmap));
+}

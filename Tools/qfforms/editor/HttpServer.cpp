@@ -1,4 +1,5 @@
 #include "HttpServer.h"
+#include "Listener.h"
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -12,15 +13,8 @@
 #include <boost/beast/http/string_body.hpp>
 #include <boost/beast/http/write.hpp>
 
-// accept4 and fcntl: descriptors are opened close-on-exec, so that the programs the host
-// starts (the clipboard's) do not inherit the listener or the connections.
-#include <fcntl.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
 #include <csignal>
 #include <list>
 #include <optional>
@@ -162,6 +156,7 @@ struct HttpServer::Impl {
     // First, so that it goes last: the connections' sockets and timers belong to it.
     asio::io_context io{1};
     tcp::acceptor acceptor{io};
+    listener::Pending pending;
     asio::signal_set signals{io, SIGINT, SIGTERM};
     asio::steady_timer backoff{io};
     asio::steady_timer grace{io};
@@ -229,7 +224,7 @@ class HttpServer::Impl::Connection : public std::enable_shared_from_this<Connect
             // connections while it is read nor sits in memory whole.
             http::response<http::file_body> r{status, 11};
             beast::error_code ec;
-            r.body().open(answer.file.c_str(), beast::file_mode::scan, ec);
+            r.body().open(answer.file.string().c_str(), beast::file_mode::scan, ec);
             if (ec) return respond(HttpResponse::text(404, "cannot read the file\n"));
             fill(r, answer);
             return write(fileResponse_, std::move(r), keepAlive_);
@@ -400,7 +395,7 @@ void HttpServer::Impl::listen(uint16_t requested) {
     const tcp::endpoint endpoint(asio::ip::address_v4::loopback(), requested);
     boost::system::error_code ec;
     acceptor.open(endpoint.protocol(), ec);
-    if (!ec) ::fcntl(acceptor.native_handle(), F_SETFD, FD_CLOEXEC);
+    if (!ec) listener::keepPrivate(acceptor);
     if (!ec) acceptor.set_option(tcp::acceptor::reuse_address(true), ec);
     if (!ec) acceptor.bind(endpoint, ec);
     if (!ec) acceptor.listen(asio::socket_base::max_listen_connections, ec);
@@ -412,7 +407,7 @@ void HttpServer::Impl::listen(uint16_t requested) {
 }
 
 void HttpServer::Impl::accept() {
-    acceptor.async_wait(tcp::acceptor::wait_read,
+    listener::whenReady(acceptor, pending,
                         [this](const boost::system::error_code& ec) { acceptReady(ec); });
 }
 
@@ -423,10 +418,11 @@ void HttpServer::Impl::acceptReady(const boost::system::error_code& ec) {
     if (ec || stopping) return;
     // A few at a time, so that the connections already open get their turn.
     for (int i = 0; i < 32; ++i) {
-        const int fd = ::accept4(acceptor.native_handle(), nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0) {
-            if (errno == EINTR || errno == ECONNABORTED) continue;
-            if (errno == EAGAIN || errno == EWOULDBLOCK) return accept();
+        tcp::socket socket(io);
+        const listener::Taken taken = listener::take(acceptor, pending, socket);
+        if (taken == listener::Taken::Again) continue;
+        if (taken == listener::Taken::Empty) return accept();
+        if (taken == listener::Taken::Refused) {
             // Out of descriptors or memory: the connection stays in the backlog. A
             // connection that has long waited for a request gives its descriptor back;
             // else accept is tried again after a pause, not at once and for ever.
@@ -439,13 +435,6 @@ void HttpServer::Impl::acceptReady(const boost::system::error_code& ec) {
             return;
         }
         backoffDelay = {};
-        tcp::socket socket(io);
-        boost::system::error_code assigned;
-        socket.assign(tcp::v4(), fd, assigned);
-        if (assigned) {
-            ::close(fd);
-            continue;
-        }
         admit(std::move(socket));
     }
     // More may be waiting: the rest after the handlers already queued.
@@ -529,6 +518,7 @@ uint16_t HttpServer::port() const { return impl_->port; }
 void HttpServer::start(std::function<void()> onSignal) {
     impl_->onSignal = std::move(onSignal);
     impl_->acceptReady({}); // those that came since the constructor too
+    listener::watchConsoleStops(impl_->signals);
     impl_->waitForSignal();
     impl_->thread = std::thread([impl = impl_.get()] {
         for (;;) {

@@ -1,51 +1,10 @@
+// The dynamic loader on POSIX systems: dlopen, dlsym, dlclose.
 #include "DynamicLibrary.h"
 
-#if defined(_WIN32)
-#include <windows.h>
-#else
 #include <cerrno>
 #include <dlfcn.h>
-#endif
 
 namespace qfhost::detail {
-
-#if defined(_WIN32)
-
-namespace {
-std::wstring widen(const std::string& s) {
-    int n = MultiByteToWideChar(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), nullptr, 0);
-    std::wstring w(static_cast<size_t>(n), L'\0');
-    MultiByteToWideChar(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), w.data(), n);
-    return w;
-}
-}  // namespace
-
-OpenResult openLibrary(const std::string& path) {
-    OpenResult r;
-    r.handle = LoadLibraryW(widen(path).c_str());
-    if (!r.handle) {
-        DWORD e = GetLastError();
-        r.systemError = e ? static_cast<uint32_t>(e) : ERROR_MOD_NOT_FOUND;
-        r.message = "LoadLibraryW failed for " + path;
-    }
-    return r;
-}
-
-SymbolResult findSymbol(void* handle, const char* name) {
-    SymbolResult r;
-    r.address = reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(handle), name));
-    if (!r.address) {
-        r.systemError = static_cast<uint32_t>(GetLastError());
-        r.message = std::string("GetProcAddress found no ") + name;
-    }
-    return r;
-}
-
-void closeLibrary(void* handle) {
-    if (handle) FreeLibrary(static_cast<HMODULE>(handle));
-}
-
-#else
 
 namespace {
 // dlopen does not promise to set errno; when it leaves none behind, this stands for "the
@@ -85,7 +44,5 @@ SymbolResult findSymbol(void* handle, const char* name) {
 void closeLibrary(void* handle) {
     if (handle) dlclose(handle);
 }
-
-#endif
 
 }  // namespace qfhost::detail
