@@ -10,13 +10,17 @@ prefix=$1
 shift
 export WINEPREFIX=$prefix WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml=" DISPLAY=
 unset WAYLAND_DISPLAY
-if [[ ! -f $prefix/system.reg ]]; then
+# The prefix is ready once its marker is there: wineboot writes system.reg early, and a
+# program started before wineboot has finished fails.
+ready=$prefix.ready
+if [[ ! -f $ready ]]; then
   mkdir -p "$(dirname "$prefix")"
   (
     flock 9
-    if [[ ! -f $prefix/system.reg ]]; then
+    if [[ ! -f $ready ]]; then
       wineboot --init >/dev/null 2>&1 </dev/null
       wineserver --wait
+      touch "$ready"
     fi
   ) 9>"$prefix.lock"
 fi
