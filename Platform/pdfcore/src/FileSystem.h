@@ -68,4 +68,9 @@ int64_t ownFileAge(const std::string& path);
 uint64_t processId();
 bool processRuns(uint64_t id);
 
+#ifdef _WIN32
+// A UTF-16 text of the system's (a path, a font's file name) as UTF-8.
+std::string utf8OfWide(const std::wstring& text);
+#endif
+
 } // namespace pdfcore

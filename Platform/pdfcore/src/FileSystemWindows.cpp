@@ -23,16 +23,6 @@ std::wstring wide(const std::string& utf8) {
     return out;
 }
 
-std::string narrow(const std::wstring& text) {
-    if (text.empty()) return {};
-    const int n = WideCharToMultiByte(CP_UTF8, 0, text.data(), int(text.size()), nullptr, 0,
-                                      nullptr, nullptr);
-    std::string out(size_t(n > 0 ? n : 0), '\0');
-    if (n > 0)
-        WideCharToMultiByte(CP_UTF8, 0, text.data(), int(text.size()), out.data(), n, nullptr,
-                            nullptr);
-    return out;
-}
 
 PDResult fromError(DWORD error) {
     switch (error) {
@@ -88,7 +78,7 @@ std::string finalPath(const std::wstring& path) {
     } else if (out.rfind(L"\\\\?\\", 0) == 0) {
         out = out.substr(4);
     }
-    return narrow(out);
+    return utf8OfWide(out);
 }
 
 int64_t fileTimeSeconds(const FILETIME& t) {
@@ -99,6 +89,17 @@ int64_t fileTimeSeconds(const FILETIME& t) {
 }
 
 } // namespace
+
+std::string utf8OfWide(const std::wstring& text) {
+    if (text.empty()) return {};
+    const int n = WideCharToMultiByte(CP_UTF8, 0, text.data(), int(text.size()), nullptr, 0,
+                                      nullptr, nullptr);
+    std::string out(size_t(n > 0 ? n : 0), '\0');
+    if (n > 0)
+        WideCharToMultiByte(CP_UTF8, 0, text.data(), int(text.size()), out.data(), n, nullptr,
+                            nullptr);
+    return out;
+}
 
 PDResult findTarget(const std::string& path, SaveTarget& out) {
     SaveTarget t;
@@ -202,7 +203,7 @@ std::vector<std::string> folderNames(const std::string& folder) {
     HANDLE find = FindFirstFileW(wide(folder + "\\*").c_str(), &entry);
     if (find == INVALID_HANDLE_VALUE) return names;
     do {
-        names.push_back(narrow(entry.cFileName));
+        names.push_back(utf8OfWide(entry.cFileName));
     } while (FindNextFileW(find, &entry));
     FindClose(find);
     return names;

@@ -6,6 +6,7 @@
 // Order of preference among faces that draw as much of a text: the family asked for, then
 // the usual faces of the language (a short table), then the search order (the folders in
 // the order given, the files of a folder by name).
+#include "FileSystem.h"
 #include "FontLookup.h"
 
 #include <ft2build.h>
@@ -40,17 +41,6 @@ std::string lower(std::string s) {
     for (char& c : s)
         if (c >= 'A' && c <= 'Z') c = char(c - 'A' + 'a');
     return s;
-}
-
-std::string utf8(const std::wstring& text) {
-    if (text.empty()) return {};
-    const int n = WideCharToMultiByte(CP_UTF8, 0, text.data(), int(text.size()), nullptr, 0,
-                                      nullptr, nullptr);
-    std::string out(size_t(n > 0 ? n : 0), '\0');
-    if (n > 0)
-        WideCharToMultiByte(CP_UTF8, 0, text.data(), int(text.size()), out.data(), n, nullptr,
-                            nullptr);
-    return out;
 }
 
 std::wstring environment(const wchar_t* name) {
@@ -106,7 +96,7 @@ std::vector<Face> scanFaces() {
     if (FT_Init_FreeType(&library) != 0) return faces;
     for (const std::wstring& folder : fontFolders()) {
         for (const std::wstring& file : fontFiles(folder)) {
-            const std::string path = utf8(file);
+            const std::string path = utf8OfWide(file);
             long count = 1;
             for (long index = 0; index < count; ++index) {
                 FT_Face face = nullptr;
