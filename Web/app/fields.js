@@ -37,6 +37,7 @@ function panel() {
       <ul class="tree" role="tree"></ul><p class="empty" data-text="noFields" hidden></p>`;
     document.querySelector('main').prepend(aside);
     aside.querySelector('#field-filter').addEventListener('input', (ev) => filter(ev.target.value));
+    listen(aside.querySelector('.tree'));
     translate(aside);
   }
   return aside;
@@ -56,50 +57,77 @@ function tree(list) {
   return root;
 }
 
-function nodeElement(node) {
+// One item of the tree, made by cloning: a list of thousands of fields is drawn at once.
+const itemTemplate = (() => {
   const li = document.createElement('li');
   li.setAttribute('role', 'treeitem');
-  const row = document.createElement('div');
-  row.className = 'item';
-  const name = document.createElement('span');
-  name.className = 'name';
-  name.textContent = node.part;
-  row.append(name);
-  const f = node.field;
-  if (f) {
-    li.dataset.field = f.name;
-    row.title = `${f.name} — ${t('renameHint')}`;
-    const marks = document.createElement('span');
-    marks.className = 'marks';
-    const kind = document.createElement('span');
-    kind.className = `kind ${f.kind}`;
-    kind.textContent = t(`kind${f.kind}`);
-    marks.append(kind);
-    if (f.required) marks.append(mark('required', '*'));
-    if (f.calculated) marks.append(mark('calculated', '='));
-    if (f.widgets.length) {
-      const page = document.createElement('span');
-      page.className = 'page-no';
-      page.textContent = t('pageN', f.widgets[0][0] + 1);
-      marks.append(page);
-    }
-    row.append(marks);
-    row.tabIndex = 0;
-    row.addEventListener('click', () => choose(f));
-    row.addEventListener('dblclick', () => rename(li, f));
-    row.addEventListener('keydown', (ev) => {
-      if (ev.key === 'Enter') choose(f);
-      if (ev.key === 'F2') rename(li, f);
-    });
-  }
-  li.append(row);
-  if (node.children.size) {
-    const ul = document.createElement('ul');
-    ul.setAttribute('role', 'group');
-    for (const child of node.children.values()) ul.append(nodeElement(child));
-    li.append(ul);
-  }
+  li.innerHTML = '<div class="item"><span class="name"></span></div>';
   return li;
+})();
+const marksTemplate = (() => {
+  const marks = document.createElement('span');
+  marks.className = 'marks';
+  marks.innerHTML = '<span class="kind"></span>';
+  return marks;
+})();
+
+// Draws the tree under node into parent; each field's row goes into rows by name, and
+// every item into items with the branch items above it (for the filter).
+function drawTree(node, parent, above, words) {
+  for (const child of node.children.values()) {
+    const li = itemTemplate.cloneNode(true);
+    const row = li.firstChild;
+    row.firstChild.textContent = child.part;
+    const f = child.field;
+    if (f) {
+      li.dataset.field = f.name;
+      row.title = `${f.name} — ${words.hint}`;
+      row.tabIndex = 0;
+      const marks = marksTemplate.cloneNode(true);
+      marks.firstChild.className = `kind ${f.kind}`;
+      marks.firstChild.textContent = words.kinds[f.kind] ??= t(`kind${f.kind}`);
+      if (f.required) marks.append(mark('required', '*'));
+      if (f.calculated) marks.append(mark('calculated', '='));
+      if (f.widgets.length) {
+        const page = document.createElement('span');
+        page.className = 'page-no';
+        page.textContent = t('pageN', f.widgets[0][0] + 1);
+        marks.append(page);
+      }
+      row.append(marks);
+      rows.set(f.name, {li, row, field: f});
+    }
+    items.push({li, name: f?.name.toLowerCase(), above});
+    if (child.children.size) {
+      const ul = document.createElement('ul');
+      ul.setAttribute('role', 'group');
+      drawTree(child, ul, [li, ...above], words);
+      li.append(ul);
+    }
+    parent.append(li);
+  }
+}
+
+// The field of the row an event came from, with its item.
+function rowOf(ev) {
+  const field = ev.target.closest('.item')?.parentElement.dataset.field;
+  return field === undefined ? null : rows.get(field);
+}
+
+function listen(ul) {
+  ul.addEventListener('click', (ev) => {
+    const r = rowOf(ev);
+    if (r) choose(r.field);
+  });
+  ul.addEventListener('dblclick', (ev) => {
+    const r = rowOf(ev);
+    if (r) rename(r.li, r.field);
+  });
+  ul.addEventListener('keydown', (ev) => {
+    const r = rowOf(ev);
+    if (r && ev.key === 'Enter') choose(r.field);
+    if (r && ev.key === 'F2') rename(r.li, r.field);
+  });
 }
 
 function mark(key, symbol) {
@@ -145,16 +173,11 @@ function rename(li, f) {
 }
 
 // Every item of the tree with its lowercase name (fields only) and the branch items
-// above it, made when the tree is drawn, so that filtering touches only what changes.
+// above it, made when the tree is drawn, so that filtering touches only what changes; and
+// each field's row by its name.
 let items = [];
-
-function index(ul) {
-  items = [...ul.querySelectorAll('li')].map((li) => {
-    const above = [];
-    for (let e = li.parentElement.closest('li'); e; e = e.parentElement.closest('li')) above.push(e);
-    return {li, name: li.dataset.field?.toLowerCase(), above};
-  });
-}
+const rows = new Map();
+let selected = new Set(); // the names of the fields whose rows show as selected
 
 // Shows the fields whose full names hold text (any case), with the branches above them.
 function filter(text) {
@@ -174,9 +197,9 @@ function filter(text) {
 function markSelected(state) {
   const names = new Set((state.selection?.all ?? (state.selection ? [state.selection] : []))
     .map((w) => w.field));
-  for (const li of panel().querySelectorAll('li[data-field]')) {
-    li.querySelector(':scope > .item')?.classList.toggle('selected', names.has(li.dataset.field));
-  }
+  for (const name of selected) if (!names.has(name)) rows.get(name)?.row.classList.remove('selected');
+  for (const name of names) rows.get(name)?.row.classList.add('selected');
+  selected = names;
   if (reveal && names.has(reveal)) {
     const outline = [...document.querySelectorAll('.overlay rect.widget')]
       .find((r) => r.dataset.field === reveal);
@@ -199,8 +222,12 @@ export function renderFields(state, step) {
       if (shownKey !== key) return;
       fields = JSON.parse(text).fields;
       const ul = aside.querySelector('.tree');
-      ul.replaceChildren(...[...tree(fields).children.values()].map(nodeElement));
-      index(ul);
+      items = [];
+      rows.clear();
+      selected = new Set();
+      const drawn = document.createDocumentFragment();
+      drawTree(tree(fields), drawn, [], {hint: t('renameHint'), kinds: {}});
+      ul.replaceChildren(drawn);
       aside.querySelector('.empty').hidden = fields.length > 0;
       filter(aside.querySelector('#field-filter').value);
       markSelected(state);
