@@ -32,12 +32,15 @@ async function request(method, path, body) {
   return fetch(path, init);
 }
 
-export function getText(path) {
-  return tracked(async () => {
+// With quiet, the request does not count as work under way (see tracked): for what only
+// refines what the page already shows.
+export function getText(path, {quiet = false} = {}) {
+  const get = async () => {
     const r = await request('GET', path);
     if (!r.ok) throw new Error(`${path}: ${r.status}`);
     return r.text();
-  });
+  };
+  return quiet ? get() : tracked(get);
 }
 
 export function getBytes(path) {

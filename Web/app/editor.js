@@ -154,10 +154,9 @@ function placePages(layout) {
   });
 }
 
-// What page i's canvas should show now.
-function canvasKey(i) {
-  const r = state.layout.pages[i];
-  return JSON.stringify([state.layout.zoom, r.right - r.left, r.bottom - r.top, r.rotation]);
+// What page i's canvas shows at zoom (the host keeps a zoom in single precision).
+function canvasKey(i, zoom) {
+  return JSON.stringify([Math.fround(zoom), state.layout.pages[i].rotation ?? 0]);
 }
 
 // Draws the pages in sight whose canvas is out of date; the others wait until they come
@@ -168,13 +167,13 @@ function drawPages() {
   });
 }
 
-function drawPage(i) {
+function drawPage(i, zoom = state.layout.zoom) {
   const p = pages[i];
-  const key = canvasKey(i);
+  const key = canvasKey(i, zoom);
   if (p.drawn === key || p.drawing === key) return;
   p.drawing = key;
   const rotation = (((state.layout.pages[i].rotation ?? 0) % 360) + 360) % 360;
-  const scale = state.layout.zoom * devicePixelRatio;
+  const scale = zoom * devicePixelRatio;
   tracked(async () => {
     try {
       const pdf = await pdfDocument();
@@ -201,7 +200,10 @@ function drawPage(i) {
   });
 }
 
-// Fetches page i's overlay layers, again while the state moved on during the fetch.
+// Fetches page i's overlay layers, again while the state moved on during the fetch. The
+// annotations come again when the document changed; after a zoom alone the page scales
+// them at once (they are vector drawings) and fetches them at the new zoom out of the way,
+// so that their labels and lines get back their size.
 function loadOverlay(i) {
   const p = pages[i];
   if (p.loading) {
@@ -214,14 +216,15 @@ function loadOverlay(i) {
       p.again = false;
       const {revision, annotationsRevision} = state;
       try {
+        const zoom = String(state.layout.zoom);
         const layers = [['live', p.live]];
-        if (p.overlay.dataset.annotations !== String(annotationsRevision)) {
-          layers.push(['annotations', p.annotations]);
-        }
+        const changed = p.overlay.dataset.annotations !== String(annotationsRevision);
+        if (changed) layers.push(['annotations', p.annotations]);
         const texts = await Promise.all(
             layers.map(([part]) => getText(`/api/overlay/${i}.svg?part=${part}`)));
         layers.forEach(([, layer], k) => placeSvg(layer, texts[k]));
         p.overlay.dataset.annotations = annotationsRevision;
+        if (changed) p.overlay.dataset.zoom = zoom;
         p.overlay.dataset.revision = revision;
         markWidgets(i);
       } catch (e) {
@@ -229,6 +232,26 @@ function loadOverlay(i) {
       }
     } while (p.again && pages[i] === p);
     p.loading = false;
+    if (p.overlay.dataset.zoom !== String(state.layout.zoom)) rescaleAnnotations(i);
+  });
+}
+
+function rescaleAnnotations(i) {
+  const p = pages[i];
+  const {annotationsRevision} = state;
+  const zoom = String(state.layout.zoom);
+  if (p.rescaling === zoom) return;
+  p.rescaling = zoom;
+  getText(`/api/overlay/${i}.svg?part=annotations`, {quiet: true}).then((text) => {
+    if (p.rescaling !== zoom || pages[i] !== p) return;
+    p.rescaling = null;
+    if (zoom !== String(state.layout.zoom) ||
+        p.overlay.dataset.annotations !== String(annotationsRevision)) return;
+    placeSvg(p.annotations, text);
+    p.overlay.dataset.zoom = zoom;
+    markWidgets(i);
+  }, () => {
+    if (p.rescaling === zoom) p.rescaling = null; // the next zoom or change tries again
   });
 }
 
@@ -421,7 +444,7 @@ const shortcuts = {
   '=': () => zoomTo(1),
   '+': () => zoomTo(1),
   '-': () => zoomTo(-1),
-  '0': () => step({view: {zoom: 1}}),
+  '0': () => setZoom(1),
 };
 
 function key(type, ev) {
@@ -487,11 +510,20 @@ function fitZoom(fit) {
   return Math.min(64, Math.max(0.1, Math.floor(z * 100) / 100));
 }
 
+// Zooms the view: the pages in sight start drawing at the new zoom while the host takes it
+// (the page's box follows when its answer comes).
+function setZoom(zoom) {
+  pages.forEach((p, i) => {
+    if (p.element.hasAttribute('data-visible')) drawPage(i, zoom);
+  });
+  return step({view: {zoom}});
+}
+
 function zoomTo(direction) {
   const now = state.layout.zoom;
   const next = direction > 0 ? zooms.find((z) => z > now + 1e-6)
     : zooms.findLast((z) => z < now - 1e-6);
-  if (next) step({view: {zoom: next}});
+  if (next) setZoom(next);
 }
 
 // Orders every page's widgets in rows (or columns) that allow a few points of
@@ -537,9 +569,9 @@ $('#toolbar').addEventListener('click', (ev) => {
       'paste-linked': () => step({paste: {page: focusPage, join: true}}),
       'zoom-in': () => zoomTo(1),
       'zoom-out': () => zoomTo(-1),
-      'fit-width': () => step({view: {zoom: fitZoom('width')}}),
-      'fit-page': () => step({view: {zoom: fitZoom('page')}}),
-      'actual-size': () => step({view: {zoom: 1}}),
+      'fit-width': () => setZoom(fitZoom('width')),
+      'fit-page': () => setZoom(fitZoom('page')),
+      'actual-size': () => setZoom(1),
       'pages-toggle': () => toggleThumbs(b, state),
       'rotate': () => step({view: {rotation: (state.layout.rotation + 90) % 360}}),
       'preview': togglePreview,
@@ -619,6 +651,8 @@ layout.setupLayout({
   focusPanel: () => $('#panel').querySelector('input, select, textarea, button')?.focus(),
 });
 translate();
+// The document loads while the state comes (a locked one fails here and loads once opened).
+pdfDocument().catch(() => {});
 getText('/api/state').then(
   (text) => show(JSON.parse(text).state),
   (e) => say(e instanceof TypeError ? t('serverGone') : String(e.message ?? e)));

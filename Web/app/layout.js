@@ -87,14 +87,18 @@ const grid = {on: false, size: 10};
 // ---- geometry ----
 
 // page i's widgets as the overlay shows them: {index, box: {left, top, right, bottom}} in
-// the page's pixels, in /Annots order.
+// the page's pixels, in /Annots order (an overlay drawn at another zoom is scaled to this one).
 function widgetsOf(i) {
   const page = ctx.pages[i];
-  if (!page) return [];
-  return [...page.annotations.querySelectorAll('rect.widget[data-index]')].map((r) => {
-    const x = Number(r.getAttribute('x')), y = Number(r.getAttribute('y'));
-    return {index: Number(r.dataset.index), box: {left: x, top: y,
-      right: x + Number(r.getAttribute('width')), bottom: y + Number(r.getAttribute('height'))}};
+  const svg = page?.annotations.querySelector(':scope > svg');
+  if (!svg) return [];
+  const r = pageRect(i);
+  const k = svg.viewBox.baseVal?.width ? (r.right - r.left) / svg.viewBox.baseVal.width : 1;
+  return [...svg.querySelectorAll('rect.widget[data-index]')].map((e) => {
+    const x = Number(e.getAttribute('x')) * k, y = Number(e.getAttribute('y')) * k;
+    return {index: Number(e.dataset.index), box: {left: x, top: y,
+      right: x + Number(e.getAttribute('width')) * k,
+      bottom: y + Number(e.getAttribute('height')) * k}};
   });
 }
 
@@ -115,17 +119,18 @@ const isSelected = (i, index) => selectedOn(i).some((w) => w.index === index);
 
 // ---- snapping ----
 
-// The lines a dragged box may snap to on page i: the edges and centres of the widgets not
-// dragged, across (x) and down (y).
-function targets(i, skip) {
+// The lines the drag d may snap to on its page: the edges and centres of the widgets not
+// dragged, across (x) and down (y); found once a drag, since they stay where they are.
+function targets(d) {
+  if (d.lines) return d.lines;
   const xs = [], ys = [];
-  for (const w of widgetsOf(i)) {
-    if (skip.has(w.index)) continue;
+  for (const w of widgetsOf(d.page)) {
+    if (d.skip.has(w.index)) continue;
     const b = w.box;
     xs.push(b.left, (b.left + b.right) / 2, b.right);
     ys.push(b.top, (b.top + b.bottom) / 2, b.bottom);
   }
-  return {xs, ys};
+  return d.lines = {xs, ys};
 }
 
 // The shift along one axis that brings one of values onto a line within SNAP_PIXELS (the
@@ -148,19 +153,20 @@ function snapAxis(values, lines, gridValue) {
   return {shift: 0, guide: null};
 }
 
-// Snaps box (page pixels, on page i) moved as a whole: its edges and centres to the lines,
-// else its top left corner to the grid.
-function snapBox(i, box, skip) {
-  const {xs, ys} = targets(i, skip);
+// Snaps box (page pixels) that the drag d moves as a whole: its edges and centres to the
+// lines, else its top left corner to the grid.
+function snapBox(d, box) {
+  const {xs, ys} = targets(d);
   const x = snapAxis([box.left, (box.left + box.right) / 2, box.right], xs, box.left);
   const y = snapAxis([box.top, (box.top + box.bottom) / 2, box.bottom], ys, box.top);
   return {dx: x.shift, dy: y.shift, guides: {x: x.guide, y: y.guide}};
 }
 
-// Snaps the point (page pixels) that drags a corner or an edge: to the lines, else to the
-// grid. Only the axes in axes move.
-function snapPoint(i, x, y, skip, axes = {x: true, y: true}) {
-  const {xs, ys} = targets(i, skip);
+// Snaps the point (page pixels) with which the drag d moves a corner or an edge: to the
+// lines, else to the grid. Only the axes in d.axes move.
+function snapPoint(d, x, y) {
+  const {xs, ys} = targets(d);
+  const axes = d.axes ?? {x: true, y: true};
   const sx = axes.x ? snapAxis([x], xs, x) : {shift: 0, guide: null};
   const sy = axes.y ? snapAxis([y], ys, y) : {shift: 0, guide: null};
   return {dx: sx.shift, dy: sy.shift, guides: {x: sx.guide, y: sy.guide}};
@@ -201,16 +207,46 @@ function drawMarks(i, guides = {}, ghosts = []) {
   };
   if (guides.x !== null && guides.x !== undefined) line(guides.x, 0, guides.x, r.bottom - r.top);
   if (guides.y !== null && guides.y !== undefined) line(0, guides.y, r.right - r.left, guides.y);
-  for (const b of ghosts) {
-    const g = document.createElementNS(ns, 'rect');
-    g.setAttribute('class', 'ghost');
-    g.setAttribute('x', b.left);
-    g.setAttribute('y', b.top);
-    g.setAttribute('width', b.right - b.left);
-    g.setAttribute('height', b.bottom - b.top);
-    shapes.push(g);
+  if (ghosts.length) {
+    const group = document.createElementNS(ns, 'g');
+    group.setAttribute('class', 'ghosts');
+    for (const b of ghosts) {
+      const g = document.createElementNS(ns, 'rect');
+      g.setAttribute('class', 'ghost');
+      g.setAttribute('x', b.left);
+      g.setAttribute('y', b.top);
+      g.setAttribute('width', b.right - b.left);
+      g.setAttribute('height', b.bottom - b.top);
+      group.append(g);
+    }
+    shapes.push(group);
   }
   svg.replaceChildren(...shapes);
+}
+
+// Moves the ghosts drawn on page i by d (page pixels) and shows guides there: a move of a
+// drag touches two attributes however many widgets it drags.
+function moveGhosts(i, guides, d) {
+  const svg = ctx.pages[i].element.querySelector(':scope > .layout-layer > svg');
+  const group = svg?.querySelector(':scope > g.ghosts');
+  if (!group) return;
+  group.setAttribute('transform', `translate(${d[0]} ${d[1]})`);
+  const r = pageRect(i);
+  const ends = {x: (v) => [v, 0, v, r.bottom - r.top], y: (v) => [0, v, r.right - r.left, v]};
+  for (const axis of ['x', 'y']) {
+    let l = svg.querySelector(`:scope > line.guide-${axis}`);
+    const v = guides[axis];
+    if (v === null || v === undefined) {
+      l?.remove();
+      continue;
+    }
+    if (!l) {
+      l = document.createElementNS('http://www.w3.org/2000/svg', 'line');
+      l.setAttribute('class', `guide guide-${axis}`);
+      svg.prepend(l);
+    }
+    ends[axis](v).forEach((value, k) => l.setAttribute(['x1', 'y1', 'x2', 'y2'][k], value));
+  }
 }
 
 function clearMarks() {
@@ -327,11 +363,11 @@ export function pointerAt(ev) {
     if (drag.kind === 'box') {
       const d = [px - drag.from[0], py - drag.from[1]];
       const b = drag.box;
-      s = snapBox(i, {left: b.left + d[0], top: b.top + d[1], right: b.right + d[0],
-        bottom: b.bottom + d[1]}, drag.skip);
+      s = snapBox(drag, {left: b.left + d[0], top: b.top + d[1], right: b.right + d[0],
+        bottom: b.bottom + d[1]});
     } else {
       const grab = drag.grab ?? [0, 0];
-      s = snapPoint(i, px + grab[0], py + grab[1], drag.skip, drag.axes);
+      s = snapPoint(drag, px + grab[0], py + grab[1]);
     }
   }
   drawMarks(i, s.guides);
@@ -361,16 +397,17 @@ export function move(ev) {
   let guides = {};
   if (!ev.altKey) {
     const b = drag.box;
-    const s = snapBox(drag.page, {left: b.left + d[0], top: b.top + d[1], right: b.right + d[0],
-      bottom: b.bottom + d[1]}, drag.skip);
+    const s = snapBox(drag, {left: b.left + d[0], top: b.top + d[1], right: b.right + d[0],
+      bottom: b.bottom + d[1]});
     d = [d[0] + s.dx, d[1] + s.dy];
     guides = s.guides;
   }
   drag.by = d;
-  for (const [i, boxes] of drag.ghosts) {
-    drawMarks(i, i === drag.page ? guides : {}, boxes.map((b) => ({left: b.left + d[0],
-      top: b.top + d[1], right: b.right + d[0], bottom: b.bottom + d[1]})));
+  if (!drag.drawn) {
+    drag.drawn = true;
+    for (const [i, boxes] of drag.ghosts) drawMarks(i, {}, boxes);
   }
+  for (const i of drag.ghosts.keys()) moveGhosts(i, i === drag.page ? guides : {}, d);
   return true;
 }
 

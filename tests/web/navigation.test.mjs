@@ -88,10 +88,21 @@ test('fit width, fit page, actual size and the zoom keys; one document load', as
   await page.click('#actual-size');
   await settled();
   assert.equal(await zoom(), 1);
+  // The outlines follow a zoom at once, scaled, and again once fetched at the new zoom.
+  const outline = () => page.evaluate(() => {
+    const p = document.querySelector('.page[data-page="0"]').getBoundingClientRect();
+    const r = document.querySelector('.page[data-page="0"] rect.widget').getBoundingClientRect();
+    return [r.left - p.left, r.top - p.top, r.width, r.height];
+  });
+  const near = (a, b) => a.every((v, k) => Math.abs(v - b[k]) < 1.5);
+  const before = (await outline()).map((v) => v * 1.25);
   await page.locator('#view').focus();
   await page.keyboard.press('Control+=');
   await settled();
   assert.equal(await zoom(), 1.25);
+  assert.ok(near(await outline(), before), `${await outline()} at 125% of ${before}`);
+  await page.waitForSelector('.page[data-page="0"] .overlay[data-zoom="1.25"]');
+  assert.ok(near(await outline(), before), `${await outline()} at 125% of ${before}`);
   await page.keyboard.press('Control+0');
   await settled();
   assert.equal(await zoom(), 1);

@@ -192,6 +192,11 @@ class Editor {
         : host_(host), loader_(loader), session_(session), path_(std::move(document)),
           sample_(sample), lock_(lock) {}
 
+    // Makes ready what the page asks for first, before a browser comes.
+    void prepare() {
+        if (lock_ == Lock::None) viewerBytes();
+    }
+
     HttpResponse handle(const HttpRequest& request) {
         const std::string& p = request.path;
         const bool get = request.method == "GET", post = request.method == "POST";
@@ -201,8 +206,7 @@ class Editor {
                 if (!get) return notAllowed();
                 HttpResponse r;
                 r.contentType = "application/pdf";
-                // pdf.js on the page has no password: it draws a copy without encryption.
-                r.body = viewerCopy(view().document());
+                r.body = viewerBytes();
                 return r;
             }
             if (p.rfind("/api/overlay/", 0) == 0) return get ? overlay(request) : notAllowed();
@@ -698,7 +702,10 @@ class Editor {
             if (verb == "command" && args.is_object() && args.value("name", Json()) == "GroupRadioButtons")
                 checkGroupable(args);
             session_.run(verb, args);
-            if (verb == "view") ++annotationsRevision_; // the outlines moved on the screen
+            // A turn moves the outlines on the page; a zoom only scales them, which the page
+            // does itself until it has fetched them anew.
+            if (verb == "view" && args.is_object() && args.contains("rotation"))
+                ++annotationsRevision_;
         }
         return answer(Json::object());
     }
@@ -1019,6 +1026,17 @@ class Editor {
         return answer(Json::object());
     }
 
+    // The copy of the document that pdf.js on the page draws, without encryption (it has no
+    // password), made again only after the document changed: the page asks for it each time
+    // it loads.
+    const std::string& viewerBytes() {
+        Document& doc = view().document();
+        const uint64_t revision = annotationsRevision(doc);
+        if (!viewer_ || viewer_->doc != &doc || viewer_->revision != revision)
+            viewer_ = ViewerCopy{&doc, revision, viewerCopy(doc)};
+        return viewer_->bytes;
+    }
+
     // ---- the password ----
 
     // Opens the locked document with the password the person typed. The session forgets
@@ -1056,6 +1074,7 @@ class Editor {
         }
         session_.setPassword({});
         lock_ = Lock::None;
+        viewer_.reset();
         return answer(Json::object());
     }
 
@@ -1251,6 +1270,12 @@ class Editor {
     uint64_t revision_ = 0;
     uint64_t annotationsRevision_ = 0;
     boost::signals2::scoped_connection annotChanged_, annotsChanged_;
+    struct ViewerCopy {
+        const Document* doc;
+        uint64_t revision;
+        std::string bytes;
+    };
+    std::optional<ViewerCopy> viewer_;
     qfhost::CommandsManager::Depths depths_{};
     std::string lang_ = "en";
 
@@ -1390,6 +1415,7 @@ int editCommand(const std::vector<std::string>& args) {
                           : "The document's permissions do not allow changing its form: the "
                             "page asks for its owner password.\n");
     std::cout << "Ctrl+C stops the editor." << std::endl;
+    queue.post([&editor] { editor.prepare(); });
     queue.serve();
 
     queue.close();
