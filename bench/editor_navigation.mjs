@@ -2,7 +2,9 @@
 //   - opening a form to the first painted page (the IRS 1040 of the corpus by default);
 //   - a zoom step to a sharp view (every page in sight drawn at the new zoom);
 //   - the field list of a form of 2,000 fields (made here): drawn after the page asks for
-//     it, and filtered as a person types.
+//     it, and filtered as a person types;
+//   - a drag of 50 selected widgets over a page of 400 (made here): each pointer move, from
+//     the event to the ghosts and guides laid out where it leads.
 //
 //   node bench/editor_navigation.mjs [--qfforms build/Tools/qfforms/qfforms]
 //                                    [--form FORM.pdf] [--runs 5] [--fields 2000]
@@ -28,28 +30,27 @@ const runs = Number(option('--runs', '5'));
 const fieldCount = Number(option('--fields', '2000'));
 const {chromium} = createRequire(join(root, 'Web', 'package.json'))('playwright-core');
 
-// A form of n text fields, 50 to a page, written directly.
-function manyFields(n) {
-  const pages = Math.ceil(n / 50);
+// A form written directly: pages is a list of pages, each a list of text fields
+// {name, rect: [x0, y0, x1, y1]} on US Letter.
+function formOf(pages) {
   const objects = ['<< /Type /Catalog /Pages 2 0 R /AcroForm 3 0 R >>', null, null];
   const pageRefs = [], fieldRefs = [];
-  for (let p = 0; p < pages; ++p) {
+  for (const fields of pages) {
     const pageNo = objects.length + 1;
     pageRefs.push(`${pageNo} 0 R`);
     objects.push(null);
     const annots = [];
-    for (let k = 0; k < 50 && p * 50 + k < n; ++k) {
+    for (const {name, rect} of fields) {
       const no = objects.length + 1;
-      const y = 760 - k * 14;
-      objects.push(`<< /Type /Annot /Subtype /Widget /FT /Tx /T (group${p}.f${k}) ` +
-        `/Rect [72 ${y - 12} 300 ${y}] /P ${pageNo} 0 R /F 4 /DA (/Helv 9 Tf 0 g) >>`);
+      objects.push(`<< /Type /Annot /Subtype /Widget /FT /Tx /T (${name}) ` +
+        `/Rect [${rect.join(' ')}] /P ${pageNo} 0 R /F 4 /DA (/Helv 9 Tf 0 g) >>`);
       annots.push(`${no} 0 R`);
       fieldRefs.push(`${no} 0 R`);
     }
     objects[pageNo - 1] = `<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] ` +
       `/Annots [${annots.join(' ')}] >>`;
   }
-  objects[1] = `<< /Type /Pages /Count ${pages} /Kids [${pageRefs.join(' ')}] >>`;
+  objects[1] = `<< /Type /Pages /Count ${pages.length} /Kids [${pageRefs.join(' ')}] >>`;
   objects[2] = `<< /Fields [${fieldRefs.join(' ')}] /DA (/Helv 0 Tf 0 g) ` +
     '/DR << /Font << /Helv << /Type /Font /Subtype /Type1 /BaseFont /Helvetica >> >> >> >>';
   let out = '%PDF-1.7\n';
@@ -63,6 +64,32 @@ function manyFields(n) {
   for (const o of offsets) out += `${String(o).padStart(10, '0')} 00000 n \n`;
   out += `trailer\n<< /Size ${objects.length + 1} /Root 1 0 R >>\nstartxref\n${xref}\n%%EOF\n`;
   return out;
+}
+
+// n text fields, 50 to a page in a column, named group<page>.f<k>.
+function manyFields(n) {
+  const pages = [];
+  for (let i = 0; i < n; ++i) {
+    const k = i % 50, y = 760 - k * 14;
+    if (k === 0) pages.push([]);
+    pages.at(-1).push({name: `group${pages.length - 1}.f${k}`, rect: [72, y - 12, 300, y]});
+  }
+  return formOf(pages);
+}
+
+// One page of 400 fields: a block of 50 (10 x 5) at the top, the one dragged, and 350
+// below (14 x 25) for it to snap to.
+function dragPage() {
+  const fields = [];
+  for (let i = 0; i < 50; ++i) {
+    const x = 40 + (i % 10) * 52, top = 750 - Math.floor(i / 10) * 20;
+    fields.push({name: `block.f${i}`, rect: [x, top - 14, x + 40, top]});
+  }
+  for (let i = 0; i < 350; ++i) {
+    const x = 30 + (i % 14) * 40, top = 600 - Math.floor(i / 14) * 18;
+    fields.push({name: `rest.f${i}`, rect: [x, top - 12, x + 36, top]});
+  }
+  return formOf([fields]);
 }
 
 async function startEditor(file) {
@@ -104,11 +131,19 @@ try {
       document.querySelector('.page[data-page="0"] canvas')?.width > 0, null, {timeout: 30000});
     firstPaint.push(Date.now() - start);
     await page.waitForFunction(sharp);
+    // From the click as the page sees it to the first frame in which the view is sharp
+    // (the driver's own round trips before it dispatches the click are not the editor's).
     for (const button of ['#zoom-in', '#zoom-out']) {
-      const t0 = Date.now();
+      await page.evaluate((selector) => document.querySelector(selector).addEventListener(
+          'click', () => { window.clickedAt = performance.now(); }, {capture: true, once: true}),
+      button);
       await page.click(button);
-      await page.waitForFunction(sharp, null, {polling: 'raf'});
-      zoom.push(Date.now() - t0);
+      zoom.push(await page.evaluate(`new Promise((ok) => {
+        const sharp = ${sharp};
+        const check = () => sharp() ? ok(performance.now() - window.clickedAt)
+                                    : requestAnimationFrame(check);
+        check();
+      })`));
     }
     await page.close();
   }
@@ -141,10 +176,54 @@ try {
     await page.close();
   }
   big.proc.kill();
+  const dragged = [];
+  const dragForm = join(folder, 'drag.pdf');
+  writeFileSync(dragForm, dragPage(), 'latin1');
+  const dragEditor = await startEditor(dragForm);
+  for (let r = 0; r < runs; ++r) {
+    const page = await browser.newPage({viewport: {width: 1280, height: 1000}});
+    await page.goto(dragEditor.url);
+    await page.waitForFunction(() => document.querySelectorAll('.overlay rect.widget').length >= 400);
+    // A rubber band around the block selects its 50 widgets.
+    const box = await page.evaluate(() => {
+      const rects = [...document.querySelectorAll('.overlay rect.widget')]
+        .filter((e) => e.dataset.field.startsWith('block.')).map((e) => e.getBoundingClientRect());
+      return {left: Math.min(...rects.map((b) => b.left)), top: Math.min(...rects.map((b) => b.top)),
+        right: Math.max(...rects.map((b) => b.right)), bottom: Math.max(...rects.map((b) => b.bottom)),
+        first: rects[0]};
+    });
+    await page.mouse.move(box.left - 4, box.top - 4);
+    await page.mouse.down();
+    await page.mouse.move(box.right + 4, box.bottom + 4, {steps: 4});
+    await page.mouse.up();
+    await page.waitForFunction(() => /\b50\b/.test(document.getElementById('marked-count').textContent));
+    // Each move of the drag: from the event to the end of the page's handling of it and
+    // the layout it leads to.
+    await page.evaluate(() => {
+      window.moves = [];
+      window.addEventListener('pointermove', () => { window.movedAt = performance.now(); },
+        {capture: true});
+      window.addEventListener('pointermove', () => {
+        document.body.getBoundingClientRect();
+        window.moves.push(performance.now() - window.movedAt);
+      });
+    });
+    const x = box.first.left + box.first.width / 2, y = box.first.top + box.first.height / 2;
+    await page.mouse.move(x, y);
+    await page.mouse.down();
+    for (let k = 1; k <= 40; ++k) await page.mouse.move(x + k * 3, y + k * 2);
+    dragged.push(...(await page.evaluate(() => window.moves)).slice(1));
+    await page.keyboard.press('Escape');
+    await page.mouse.up();
+    await page.close();
+  }
+  dragEditor.proc.kill();
+
   summary('open to first painted page', firstPaint);
   summary('zoom step to a sharp view', zoom);
   summary(`field list of ${fieldCount}, after load`, listDrawn);
   summary(`filter ${fieldCount} fields`, filtered);
+  summary('drag 50 widgets, one pointer move', dragged);
 } finally {
   await browser.close();
   rmSync(folder, {recursive: true, force: true});
