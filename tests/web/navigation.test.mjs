@@ -68,6 +68,17 @@ test('the field list selects, filters and renames fields', async () => {
   await page.click('#undo');
   await settled();
   await page.waitForSelector('#fields li[data-field="text2"]');
+
+  // In Japanese: the list's heading, kinds and pages.
+  await page.selectOption('#lang', 'ja');
+  await settled();
+  await page.waitForFunction(() => /ラジオ/.test(
+    document.querySelector('#fields li[data-field="r1"] > .item')?.textContent));
+  assert.equal(await page.textContent('#fields h2'), 'フィールド');
+  assert.match(await item('text2').textContent(), /テキスト.*1 ページ/);
+  await shot('navigation-fields-ja.png');
+  await page.selectOption('#lang', 'en');
+  await settled();
 });
 
 test('fit width, fit page, actual size and the zoom keys; one document load', async () => {
