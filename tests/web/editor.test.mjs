@@ -14,30 +14,15 @@
 // screenshot of every stage and the servers' logs.
 
 import assert from 'node:assert/strict';
-import {execFileSync, spawn} from 'node:child_process';
+import {execFileSync} from 'node:child_process';
 import fs from 'node:fs';
 import http from 'node:http';
-import {createRequire} from 'node:module';
-import os from 'node:os';
 import path from 'node:path';
 import {after, before, describe, test} from 'node:test';
-import {fileURLToPath} from 'node:url';
-import {parseArgs} from 'node:util';
+import {launch, root, settled as settledIn, setUp, stage as stageIn, startEditor as start}
+  from './harness.mjs';
 
-const root = path.resolve(path.dirname(fileURLToPath(import.meta.url)), '../..');
-const {chromium} = createRequire(path.join(root, 'Web', 'package.json'))('playwright-core');
-
-const {values: args} = parseArgs({
-  options: {qfforms: {type: 'string'}, sample: {type: 'string'}, artifacts: {type: 'string'}},
-});
-for (const name of ['qfforms', 'sample', 'artifacts']) {
-  if (!args[name]) throw new Error(`--${name} is needed`);
-}
-const artifacts = path.resolve(args.artifacts);
-fs.mkdirSync(artifacts, {recursive: true});
-const folder = fs.mkdtempSync(path.join(os.tmpdir(), 'qf-web-'));
-const original = path.join(folder, 'form.pdf');
-fs.copyFileSync(args.sample, original);
+const {qfforms, artifacts, folder, file: original, options} = setUp('form.pdf');
 
 let editor; // {proc, exited, url, port, token}
 let browser;
@@ -51,28 +36,8 @@ const watch = (p) => {
 
 // ---- the server ----
 
-async function startEditor(file = original, logName = 'server.log') {
-  const log = fs.createWriteStream(path.join(artifacts, logName));
-  const proc = spawn(path.resolve(args.qfforms), ['edit', file, '--port', '0'], {
-    cwd: folder, stdio: ['ignore', 'pipe', 'pipe'],
-    // Settings and clipboard of its own, so that nothing is there to paste.
-    env: {...process.env, XDG_CONFIG_HOME: `${folder}/config`, XDG_STATE_HOME: `${folder}/state`},
-  });
-  proc.stderr.pipe(log);
-  const exited = new Promise((resolve) => proc.on('exit', (code, signal) =>
-    resolve({code, signal})));
-  let out = '';
-  const address = await new Promise((resolve, reject) => {
-    setTimeout(() => reject(new Error(`no address within 30 s: ${out}`)), 30000).unref();
-    exited.then(({code}) => reject(new Error(`qfforms edit exited with ${code}: ${out}`)));
-    proc.stdout.on('data', (d) => {
-      log.write(d);
-      const m = /http:\/\/127\.0\.0\.1:(\d+)\/\?token=([0-9a-f]+)/.exec(out += d);
-      if (m) resolve({url: m[0], port: Number(m[1]), token: m[2]});
-    });
-  });
-  return {...address, proc, exited};
-}
+const startEditor = (file = original, logName = 'server.log') =>
+  start(qfforms, file, folder, {log: path.join(artifacts, logName)});
 
 function api(route, {body, token = editor.token} = {}) {
   return fetch(`http://127.0.0.1:${editor.port}${route}`, {
@@ -88,16 +53,7 @@ async function serverState() {
 
 // ---- the page ----
 
-// Waits until the page has no request or drawing under way and every page in sight shows
-// the overlay of the host's latest revision.
-function settled() {
-  return page.waitForFunction(() => {
-    const view = document.getElementById('view');
-    const shown = [...document.querySelectorAll('.page[data-visible] .overlay')];
-    return view.dataset.revision !== undefined && !document.body.hasAttribute('data-busy') &&
-      shown.length > 0 && shown.every((o) => o.dataset.revision === view.dataset.revision);
-  }, null, {timeout: 15000});
-}
+const settled = () => settledIn(page);
 
 const shot = (name) => page.screenshot({path: path.join(artifacts, name)});
 
@@ -149,17 +105,7 @@ const at = ([x, y]) => [page0.left + x, page0.top + y];
 const on = (w, dx, dy) => at([w.x + dx, w.y + dy]);
 
 // Steps of one session run in order; a failing one leaves its picture.
-function stage(name, f) {
-  test(name, async () => {
-    try {
-      await f();
-    } catch (e) {
-      await page.screenshot({path: path.join(artifacts, `failed-${name.replace(/\W+/g, '-')}.png`)})
-        .catch(() => {});
-      throw e;
-    }
-  });
-}
+const stage = (name, f) => stageIn(name, f, () => page, artifacts);
 
 // What pypdf reads of page 0's annotations (of an encrypted file, with password): subtype,
 // full name, field type (inherited), normalized rectangle and options.
@@ -202,8 +148,7 @@ const names = {}; // tool → the name of the field it drew
 
 before(async () => {
   editor = await startEditor();
-  browser = await chromium.launch(
-    {executablePath: '/usr/bin/chromium', headless: true, args: ['--no-sandbox']});
+  browser = await launch();
   page = await (await browser.newContext({viewport: {width: 1280, height: 1000}})).newPage();
   watch(page);
   await page.goto(editor.url);
@@ -685,11 +630,10 @@ describe('an encrypted form whose permissions keep it from changing', () => {
 
   before(async () => {
     execFileSync('qpdf', ['--encrypt', 'user', 'owner', '256', '--modify=form', '--',
-      args.sample, locked]);
+      options.sample, locked]);
     fs.copyFileSync(locked, source);
     editor = await startEditor(locked, 'server-locked.log');
-    browser = await chromium.launch(
-      {executablePath: '/usr/bin/chromium', headless: true, args: ['--no-sandbox']});
+    browser = await launch();
     page = await browser.newPage({viewport: {width: 1280, height: 1000}});
     watch(page);
     await page.goto(editor.url);

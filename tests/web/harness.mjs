@@ -7,6 +7,7 @@ import fs from 'node:fs';
 import {createRequire} from 'node:module';
 import os from 'node:os';
 import path from 'node:path';
+import {test} from 'node:test';
 import {fileURLToPath} from 'node:url';
 import {parseArgs} from 'node:util';
 
@@ -14,11 +15,11 @@ export const root = path.resolve(path.dirname(fileURLToPath(import.meta.url)), '
 const {chromium} = createRequire(path.join(root, 'Web', 'package.json'))('playwright-core');
 
 // --qfforms BIN --form FORM.pdf (or --sample) --artifacts DIR; the form is copied to
-// name in a new temporary folder.
+// name in a new temporary folder. Also the options themselves (a test may take both forms).
 export function setUp(name) {
   const {values} = parseArgs({options: {qfforms: {type: 'string'}, form: {type: 'string'},
     sample: {type: 'string'}, artifacts: {type: 'string'}}});
-  const form = values.form ?? values.sample;
+  const form = values.sample ?? values.form;
   for (const [key, value] of [['qfforms', values.qfforms], ['form', form],
     ['artifacts', values.artifacts]]) {
     if (!value) throw new Error(`--${key} is needed`);
@@ -28,25 +29,31 @@ export function setUp(name) {
   const folder = fs.mkdtempSync(path.join(os.tmpdir(), 'qf-web-'));
   const file = path.join(folder, name);
   fs.copyFileSync(form, file);
-  return {qfforms: path.resolve(values.qfforms), artifacts, folder, file};
+  return {qfforms: path.resolve(values.qfforms), artifacts, folder, file, options: values};
 }
 
-// `qfforms edit file` with settings and a clipboard of its own: {proc, url, port, token}.
-export async function startEditor(qfforms, file, folder) {
+// `qfforms edit file` with settings and a clipboard of its own: {proc, exited, url, port,
+// token}; exited settles with {code, signal}. With log, what it prints goes to that file.
+export async function startEditor(qfforms, file, folder, {log} = {}) {
   const proc = spawn(qfforms, ['edit', file, '--port', '0'], {
-    cwd: folder, stdio: ['ignore', 'pipe', 'inherit'],
+    cwd: folder, stdio: ['ignore', 'pipe', log ? 'pipe' : 'inherit'],
     env: {...process.env, XDG_CONFIG_HOME: `${folder}/config`, XDG_STATE_HOME: `${folder}/state`},
   });
+  const logFile = log && fs.createWriteStream(log);
+  if (logFile) proc.stderr.pipe(logFile);
+  const exited = new Promise((resolve) => proc.on('exit', (code, signal) =>
+    resolve({code, signal})));
   let out = '';
   const found = await new Promise((resolve, reject) => {
     setTimeout(() => reject(new Error(`no address within 30 s: ${out}`)), 30000).unref();
-    proc.on('exit', (code) => reject(new Error(`qfforms edit exited with ${code}: ${out}`)));
+    exited.then(({code}) => reject(new Error(`qfforms edit exited with ${code}: ${out}`)));
     proc.stdout.on('data', (d) => {
+      logFile?.write(d);
       const m = /http:\/\/127\.0\.0\.1:(\d+)\/\?token=([0-9a-f]+)/.exec(out += d);
       if (m) resolve({url: m[0], port: Number(m[1]), token: m[2]});
     });
   });
-  return {...found, proc};
+  return {...found, proc, exited};
 }
 
 export function launch() {
@@ -70,5 +77,19 @@ export function stateOf(page) {
   return page.evaluate(async () => {
     const token = new URLSearchParams(location.search).get('token');
     return (await (await fetch('/api/state', {headers: {'X-QF-Token': token}})).json()).state;
+  });
+}
+
+// A test named name that leaves a picture of the page in artifacts when it fails (the
+// steps of one session, run in order).
+export function stage(name, f, page, artifacts, prefix = '') {
+  test(name, async () => {
+    try {
+      await f();
+    } catch (e) {
+      await page().screenshot({path: path.join(artifacts,
+        `${prefix}failed-${name.replace(/\W+/g, '-')}.png`)}).catch(() => {});
+      throw e;
+    }
   });
 }

@@ -13,24 +13,14 @@
 // and undone. DIR receives the pictures.
 
 import assert from 'node:assert/strict';
-import {execFileSync, spawn} from 'node:child_process';
+import {execFileSync} from 'node:child_process';
 import fs from 'node:fs';
-import {createRequire} from 'node:module';
-import os from 'node:os';
 import path from 'node:path';
-import {after, before, describe, test} from 'node:test';
-import {fileURLToPath} from 'node:url';
-import {parseArgs} from 'node:util';
+import {after, before, describe} from 'node:test';
+import {launch, settled as settledIn, setUp, stage as stageIn, startEditor as start}
+  from './harness.mjs';
 
-const root = path.resolve(path.dirname(fileURLToPath(import.meta.url)), '../..');
-const {chromium} = createRequire(path.join(root, 'Web', 'package.json'))('playwright-core');
-const {values: args} = parseArgs({options: {qfforms: {type: 'string'},
-  sample: {type: 'string'}, form: {type: 'string'}, artifacts: {type: 'string'}}});
-const artifacts = path.resolve(args.artifacts);
-fs.mkdirSync(artifacts, {recursive: true});
-const folder = fs.mkdtempSync(path.join(os.tmpdir(), 'qf-layout-'));
-const blank = path.join(folder, 'layout.pdf');
-fs.copyFileSync(args.sample, blank);
+const {qfforms, artifacts, folder, file: blank, options: args} = setUp('layout.pdf');
 
 let editor; // {proc, port, token}
 let browser;
@@ -38,21 +28,7 @@ let page;
 let page0; // page 0's rectangle in the view
 const pageErrors = [];
 
-async function startEditor(file) {
-  const proc = spawn(path.resolve(args.qfforms), ['edit', file, '--port', '0'], {
-    cwd: folder, stdio: ['ignore', 'pipe', 'inherit'],
-    env: {...process.env, XDG_CONFIG_HOME: `${folder}/config`, XDG_STATE_HOME: `${folder}/state`},
-  });
-  let out = '';
-  const found = await new Promise((resolve, reject) => {
-    setTimeout(() => reject(new Error(`no address within 30 s: ${out}`)), 30000).unref();
-    proc.stdout.on('data', (d) => {
-      const m = /http:\/\/127\.0\.0\.1:(\d+)\/\?token=([0-9a-f]+)/.exec(out += d);
-      if (m) resolve({url: m[0], port: Number(m[1]), token: m[2]});
-    });
-  });
-  return {...found, proc};
-}
+const startEditor = (file) => start(qfforms, file, folder);
 
 async function api(route, body) {
   const r = await fetch(`http://127.0.0.1:${editor.port}${route}`, {
@@ -66,14 +42,7 @@ async function api(route, body) {
 const state = async () => (await api('/api/state')).state;
 const shot = (name) => page.screenshot({path: path.join(artifacts, name)});
 
-function settled() {
-  return page.waitForFunction(() => {
-    const view = document.getElementById('view');
-    const shown = [...document.querySelectorAll('.page[data-visible] .overlay')];
-    return view.dataset.revision !== undefined && !document.body.hasAttribute('data-busy') &&
-      shown.length > 0 && shown.every((o) => o.dataset.revision === view.dataset.revision);
-  }, null, {timeout: 15000});
-}
+const settled = () => settledIn(page);
 
 async function open(file) {
   editor = await startEditor(file);
@@ -128,16 +97,7 @@ async function arrange(name) {
   await press(`.menu [data-item="${name}"]`);
 }
 
-function stage(name, f) {
-  test(name, async () => {
-    try {
-      await f();
-    } catch (e) {
-      await shot(`layout-failed-${name.replace(/\W+/g, '-')}.png`).catch(() => {});
-      throw e;
-    }
-  });
-}
+const stage = (name, f) => stageIn(name, f, () => page, artifacts, 'layout-');
 
 // pypdf's reading of page 0's widgets: field name and rectangle (points, y up).
 function readWidgets(file) {
@@ -158,8 +118,7 @@ print(json.dumps(out))
 }
 
 before(async () => {
-  browser = await chromium.launch(
-    {executablePath: '/usr/bin/chromium', headless: true, args: ['--no-sandbox']});
+  browser = await launch();
   page = await (await browser.newContext({viewport: {width: 1400, height: 1000}})).newPage();
   page.on('pageerror', (e) => pageErrors.push(e.message));
   page.on('console', (m) => /Content Security Policy/.test(m.text()) && pageErrors.push(m.text()));
