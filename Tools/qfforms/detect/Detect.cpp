@@ -1,0 +1,643 @@
+#include "Detect.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <map>
+#include <optional>
+#include <stdexcept>
+
+namespace qfforms::detect {
+
+namespace {
+
+// A segment along one axis: horizontal at `at` from `from` to `to`, or vertical likewise.
+struct Segment {
+    float at, from, to;
+    float width; // stroke width
+    float length() const { return to - from; }
+};
+
+struct Phrase {
+    Box box;
+    std::u16string text;
+    float size = 0;
+};
+
+struct Circle {
+    Box box;
+};
+
+// What one page draws, sorted into the pieces detection uses.
+struct Drawing {
+    Box page;
+    std::vector<Segment> horizontal, vertical;
+    std::vector<Box> boxes;     // stroked or filled rectangles of some size both ways
+    std::vector<Circle> circles;
+    std::vector<Phrase> runs;   // text runs as drawn
+    std::vector<Box> images;
+    uint32_t shapes = 0;
+    bool shapesCapped = false;
+    uint32_t maxShapes = 0;
+};
+
+class PdfFailure : public std::runtime_error {
+  public:
+    explicit PdfFailure(PDResult r) : std::runtime_error(message(r)) {}
+
+  private:
+    static std::string message(PDResult r) {
+        std::string text;
+        for (const char16_t* m = PDGetErrMessage(r); m && *m; ++m)
+            text += *m < 0x80 ? static_cast<char>(*m) : '?';
+        return text;
+    }
+};
+
+void check(PDResult r) {
+    if (r != PD_OK) throw PdfFailure(r);
+}
+
+bool isWhite(uint32_t argb) {
+    if ((argb >> 24) == 0) return false;
+    const uint32_t r = (argb >> 16) & 0xFF, g = (argb >> 8) & 0xFF, b = argb & 0xFF;
+    return r > 235 && g > 235 && b > 235;
+}
+
+int32_t collect(const PDGraphic* g, void* data) {
+    Drawing& d = *static_cast<Drawing*>(data);
+    if (g->kind == PD_GRAPHIC_TEXT) {
+        d.runs.push_back({{g->x0, g->y0, g->x1, g->y1},
+                          std::u16string(g->text ? g->text : u"", g->textLen),
+                          g->fontSize});
+        return 0;
+    }
+    if (g->kind == PD_GRAPHIC_IMAGE) {
+        d.images.push_back({g->x0, g->y0, g->x1, g->y1});
+        return 0;
+    }
+    if (d.shapes >= d.maxShapes) {
+        d.shapesCapped = true;
+        return 0;
+    }
+    ++d.shapes;
+    const float l = std::min(g->x0, g->x1), r = std::max(g->x0, g->x1);
+    const float b = std::min(g->y0, g->y1), t = std::max(g->y0, g->y1);
+    const float w = r - l, h = t - b;
+    // Shapes painted white only cover what lies under them.
+    const bool stroked = (g->flags & PD_GRAPHIC_STROKED) && !isWhite(g->strokeColor);
+    const bool filled = (g->flags & PD_GRAPHIC_FILLED) && !isWhite(g->fillColor);
+    if (!stroked && !filled) return 0;
+    if (g->kind == PD_GRAPHIC_LINE) {
+        if (!stroked) return 0;
+        if (h < 0.8f && w > 2) d.horizontal.push_back({(b + t) / 2, l, r, g->lineWidth});
+        else if (w < 0.8f && h > 2) d.vertical.push_back({(l + r) / 2, b, t, g->lineWidth});
+        return 0;
+    }
+    if (g->kind == PD_GRAPHIC_CURVE) {
+        if (w > 3 && h > 3 && w < 24 && h < 24 && std::fabs(w - h) < 0.2f * std::max(w, h))
+            d.circles.push_back({{l, b, r, t}});
+        return 0;
+    }
+    // Rectangles: thin ones are rules, others boxes (and their sides rules too, so that
+    // cells of boxes drawn side by side are found like cells of ruled tables).
+    if (h <= 2.5f && w > 2) {
+        d.horizontal.push_back({(b + t) / 2, l, r, h});
+        return 0;
+    }
+    if (w <= 2.5f && h > 2) {
+        d.vertical.push_back({(l + r) / 2, b, t, w});
+        return 0;
+    }
+    if (filled && !stroked) return 0; // a shaded area, not an outline
+    d.boxes.push_back({l, b, r, t});
+    const float lw = g->lineWidth;
+    d.horizontal.push_back({b, l, r, lw});
+    d.horizontal.push_back({t, l, r, lw});
+    d.vertical.push_back({l, b, t, lw});
+    d.vertical.push_back({r, b, t, lw});
+    return 0;
+}
+
+bool isLeader(char16_t c) {
+    return c == u'.' || c == u' ' || c == u'_' || c == 0x2026 || c == u'-' || c == 0x00B7;
+}
+
+bool blankText(const std::u16string& s) {
+    return std::all_of(s.begin(), s.end(), [](char16_t c) { return isLeader(c) || c == u':'; });
+}
+
+// The glyphs forms draw as boxes to tick.
+bool isBoxGlyph(char16_t c) {
+    return c == 0x2610 || c == 0x25A1 || c == 0x274F || c == 0x2750 || c == 0x2751 ||
+           c == 0x2752 || c == 0x25A2 || c == 0x2B1C;
+}
+
+// Joins runs into phrases: runs on one baseline with at most a wide space between them.
+std::vector<Phrase> phrases(std::vector<Phrase> runs) {
+    // Lines: runs whose bottoms lie within a third of their size, from the top.
+    std::sort(runs.begin(), runs.end(),
+              [](const Phrase& a, const Phrase& b) { return a.box.bottom > b.box.bottom; });
+    std::vector<Phrase> out;
+    for (size_t i = 0; i < runs.size();) {
+        size_t j = i + 1;
+        const float tolerance = 0.35f * std::max(runs[i].size, 4.0f);
+        while (j < runs.size() && runs[i].box.bottom - runs[j].box.bottom <= tolerance) ++j;
+        std::vector<Phrase> line(runs.begin() + i, runs.begin() + j);
+        std::sort(line.begin(), line.end(),
+                  [](const Phrase& a, const Phrase& b) { return a.box.left < b.box.left; });
+        Phrase p = line[0];
+        for (size_t k = 1; k < line.size(); ++k) {
+            const Phrase& r = line[k];
+            const float size = std::max(std::max(p.size, r.size), 4.0f);
+            const float gap = r.box.left - p.box.right;
+            if (gap > 0.8f * size) {
+                out.push_back(std::move(p));
+                p = r;
+                continue;
+            }
+            if (gap > 0.15f * size && !p.text.empty() && p.text.back() != u' ') p.text += u' ';
+            p.text += r.text;
+            p.box.left = std::min(p.box.left, r.box.left);
+            p.box.right = std::max(p.box.right, r.box.right);
+            p.box.bottom = std::min(p.box.bottom, r.box.bottom);
+            p.box.top = std::max(p.box.top, r.box.top);
+            p.size = std::max(p.size, r.size);
+        }
+        out.push_back(std::move(p));
+        i = j;
+    }
+    return out;
+}
+
+// A label's text without leaders, trailing colons and spaces.
+std::u16string cleanLabel(std::u16string s) {
+    while (!s.empty() && (isLeader(s.back()) || s.back() == u':' || s.back() == 0xFF1A))
+        s.pop_back();
+    size_t start = 0;
+    while (start < s.size() && (isLeader(s[start]))) ++start;
+    return s.substr(start);
+}
+
+float vOverlap(const Box& a, const Box& b) {
+    return std::min(a.top, b.top) - std::max(a.bottom, b.bottom);
+}
+float hOverlap(const Box& a, const Box& b) {
+    return std::min(a.right, b.right) - std::max(a.left, b.left);
+}
+bool inside(const Box& inner, const Box& outer, float slack) {
+    return inner.left >= outer.left - slack && inner.right <= outer.right + slack &&
+           inner.bottom >= outer.bottom - slack && inner.top <= outer.top + slack;
+}
+
+struct Candidate {
+    Kind kind;
+    Box box;
+    bool multiline = false, comb = false;
+    uint32_t maxLength = 0;
+    bool fromUnderline = false;
+    int group = -1;
+};
+
+// Cells of ruled tables and boxes: for every horizontal rule, the nearest rule above it
+// that overlaps it, closed on both sides by vertical rules.
+std::vector<Box> cells(const Drawing& d) {
+    std::vector<Box> out;
+    std::vector<Segment> hs = d.horizontal, vs = d.vertical;
+    std::sort(hs.begin(), hs.end(), [](const Segment& a, const Segment& b) { return a.at < b.at; });
+    std::sort(vs.begin(), vs.end(), [](const Segment& a, const Segment& b) { return a.at < b.at; });
+    const float tol = 1.5f;
+    for (size_t i = 0; i < hs.size(); ++i) {
+        const Segment& low = hs[i];
+        // Vertical rules standing on this rule, left to right.
+        std::vector<const Segment*> posts;
+        for (const Segment& v : vs) {
+            if (v.at < low.from - tol || v.at > low.to + tol) continue;
+            if (v.from > low.at + tol || v.to < low.at + 3) continue;
+            posts.push_back(&v);
+        }
+        for (size_t k = 0; k + 1 < posts.size(); ++k) {
+            const Segment& a = *posts[k];
+            const Segment& b = *posts[k + 1];
+            if (b.at - a.at < 3) continue;
+            const float reach = std::min(a.to, b.to);
+            // The lowest rule above this one spanning from a to b, within both posts.
+            float top = 0;
+            bool found = false;
+            for (size_t j = i + 1; j < hs.size(); ++j) {
+                const Segment& up = hs[j];
+                if (up.at <= low.at + 3) continue;
+                if (up.at > reach + tol) break;
+                if (up.from <= a.at + tol && up.to >= b.at - tol) {
+                    top = up.at;
+                    found = true;
+                    break;
+                }
+            }
+            if (found) out.push_back({a.at, low.at, b.at, top});
+        }
+    }
+    // Each cell once.
+    std::sort(out.begin(), out.end(), [](const Box& a, const Box& b) {
+        return std::tie(a.bottom, a.left, a.right, a.top) < std::tie(b.bottom, b.left, b.right, b.top);
+    });
+    out.erase(std::unique(out.begin(), out.end(),
+                          [](const Box& a, const Box& b) {
+                              return std::fabs(a.left - b.left) < 1 && std::fabs(a.right - b.right) < 1 &&
+                                     std::fabs(a.top - b.top) < 1 && std::fabs(a.bottom - b.bottom) < 1;
+                          }),
+              out.end());
+    return out;
+}
+
+// How much of box the text of phrases covers, 0 to 1.
+float textCover(const Box& box, const std::vector<Phrase>& ps) {
+    float area = 0;
+    for (const Phrase& p : ps) {
+        if (blankText(p.text)) continue;
+        const float w = hOverlap(box, p.box), h = vOverlap(box, p.box);
+        if (w > 0 && h > 0) area += w * h;
+    }
+    return area / std::max(box.width() * box.height(), 1.0f);
+}
+
+// The text lying inside box (not its leaders).
+bool holdsText(const Box& box, const std::vector<Phrase>& ps, float* lowest = nullptr) {
+    bool any = false;
+    float low = box.top;
+    for (const Phrase& p : ps) {
+        if (blankText(p.text)) continue;
+        const float w = hOverlap(box, p.box), h = vOverlap(box, p.box);
+        if (w > 0.5f * std::min(p.box.width(), box.width()) && h > 0.5f * p.box.height()) {
+            any = true;
+            low = std::min(low, p.box.bottom);
+        }
+    }
+    if (lowest) *lowest = low;
+    return any;
+}
+
+} // namespace
+
+const char* kindName(Kind kind) {
+    switch (kind) {
+    case Kind::Text: return "text";
+    case Kind::Check: return "check";
+    case Kind::Radio: return "radio";
+    case Kind::Signature: return "signature";
+    }
+    return "text";
+}
+
+double overlap(const Box& a, const Box& b) {
+    const double w = std::min(a.right, b.right) - std::max(a.left, b.left);
+    const double h = std::min(a.top, b.top) - std::max(a.bottom, b.bottom);
+    if (w <= 0 || h <= 0) return 0;
+    const double i = w * h;
+    const double u = double(a.width()) * a.height() + double(b.width()) * b.height() - i;
+    return u > 0 ? i / u : 0;
+}
+
+std::u16string nameFromLabel(std::u16string_view label) {
+    std::u16string out;
+    bool pendingGap = false;
+    for (char16_t c : label) {
+        if (c == u'(' || c == 0xFF08) break; // explanations in brackets do not name
+        const bool asciiWord = (c >= u'a' && c <= u'z') || (c >= u'0' && c <= u'9');
+        if (c >= u'A' && c <= u'Z') c = static_cast<char16_t>(c - u'A' + u'a');
+        if (asciiWord || (c >= u'a' && c <= u'z')) {
+            if (pendingGap && !out.empty()) out += u'_';
+            pendingGap = false;
+            out += c;
+        } else if (c < 0x80 || c == 0x3000 || c == 0xFF1A || c == 0x3001 || c == 0x3002 ||
+                   (c >= 0x2000 && c <= 0x206F)) {
+            pendingGap = true; // spaces, punctuation, ideographic space and stops
+        } else {
+            if (pendingGap && !out.empty()) out += u'_';
+            pendingGap = false;
+            out += c;
+        }
+        if (out.size() >= 40) break;
+    }
+    while (!out.empty() && out.back() == u'_') out.pop_back();
+    return out;
+}
+
+namespace {
+
+// The label of box: the nearest phrase to its left on its line, else the text inside it
+// at the top, else the nearest phrase above it.
+std::optional<Phrase> labelOf(const Box& box, const std::vector<Phrase>& ps) {
+    const Phrase* left = nullptr;
+    float leftGap = 0;
+    const Phrase* above = nullptr;
+    float aboveGap = 0;
+    const Phrase* within = nullptr;
+    const float cy = (box.bottom + box.top) / 2;
+    for (const Phrase& p : ps) {
+        if (blankText(p.text)) continue;
+        const float py = (p.box.bottom + p.box.top) / 2;
+        if (p.box.right <= box.left + 2 &&
+            (std::fabs(py - cy) < std::max(6.0f, box.height() / 2) || vOverlap(p.box, box) > 0.5f * p.box.height())) {
+            const float gap = box.left - p.box.right;
+            if (gap < 200 && (!left || gap < leftGap)) left = &p, leftGap = gap;
+        }
+        if (hOverlap(p.box, box) > 0 && p.box.bottom >= box.top - 3 && p.box.bottom < box.top + 24) {
+            const float gap = p.box.bottom - box.top;
+            if (!above || gap < aboveGap) above = &p, aboveGap = gap;
+        }
+        if (inside(p.box, box, 1) && (!within || p.box.top > within->box.top)) within = &p;
+    }
+    if (within) return *within;
+    if (left && leftGap < 60) return *left;
+    if (above) return *above;
+    if (left) return *left;
+    return std::nullopt;
+}
+
+bool signatureLabel(const std::u16string& text) {
+    std::u16string lower;
+    for (char16_t c : text) lower += (c >= u'A' && c <= u'Z') ? char16_t(c - u'A' + u'a') : c;
+    return lower.find(u"signature") != std::u16string::npos ||
+           lower.find(u"sign here") != std::u16string::npos ||
+           lower.find(u"署名") != std::u16string::npos || lower.find(u"サイン") != std::u16string::npos ||
+           lower.find(u"記名押印") != std::u16string::npos;
+}
+
+std::vector<Candidate> candidates(const Drawing& d, const std::vector<Phrase>& ps) {
+    std::vector<Candidate> out;
+    const float pageArea = d.page.width() * d.page.height();
+
+    // Box glyphs drawn as text: check boxes over their square.
+    for (const Phrase& run : d.runs) {
+        if (run.text.size() != 1 || !isBoxGlyph(run.text[0])) continue;
+        const float s = std::min(run.box.width(), run.box.height());
+        const float cx = (run.box.left + run.box.right) / 2, cy = (run.box.bottom + run.box.top) / 2;
+        out.push_back({Kind::Check, {cx - s / 2, cy - s / 2, cx + s / 2, cy + s / 2}});
+    }
+    for (const Circle& c : d.circles) out.push_back({Kind::Radio, c.box});
+
+    // Boxes: drawn rectangles and the cells of ruled tables.
+    std::vector<Box> all = d.boxes;
+    for (const Box& c : cells(d)) all.push_back(c);
+    std::vector<Box> small, large;
+    for (const Box& b : all) {
+        const float w = b.width(), h = b.height();
+        if (w < 4 || h < 4) continue;
+        if (w * h > 0.25f * pageArea) continue;
+        const bool square = std::fabs(w - h) <= 0.25f * std::max(w, h);
+        if (square && w <= 20) small.push_back(b);
+        else large.push_back(b);
+    }
+    // Each box once (a drawn rectangle is also a cell of its own sides).
+    const auto dedupe = [](std::vector<Box>& v) {
+        std::vector<Box> kept;
+        for (const Box& b : v) {
+            bool dup = false;
+            for (const Box& k : kept) dup = dup || overlap(b, k) > 0.8;
+            if (!dup) kept.push_back(b);
+        }
+        v = std::move(kept);
+    };
+    dedupe(small);
+    dedupe(large);
+    // Boxes that hold smaller boxes are frames of groups, not fields.
+    {
+        std::vector<Box> kept;
+        for (const Box& b : large) {
+            int holds = 0;
+            for (const Box& o : large)
+                if (&o != &b && inside(o, b, 1) && o.width() * o.height() < 0.9f * b.width() * b.height()) ++holds;
+            for (const Box& o : small)
+                if (inside(o, b, 1)) ++holds;
+            if (holds == 0) kept.push_back(b);
+        }
+        large = std::move(kept);
+    }
+
+    // Rows of small equal boxes side by side: one comb field each; other small squares are
+    // check boxes.
+    std::sort(small.begin(), small.end(), [](const Box& a, const Box& b) {
+        if (std::fabs(a.bottom - b.bottom) > 1) return a.bottom > b.bottom;
+        return a.left < b.left;
+    });
+    std::vector<bool> inComb(small.size(), false);
+    for (size_t i = 0; i < small.size();) {
+        size_t j = i + 1;
+        while (j < small.size() && std::fabs(small[j].bottom - small[i].bottom) <= 1 &&
+               std::fabs(small[j].width() - small[i].width()) <= 1.5f &&
+               small[j].left - small[j - 1].right <= 1.5f && small[j].left - small[j - 1].right >= -1.5f)
+            ++j;
+        if (j - i >= 3) {
+            Candidate c{Kind::Text, {small[i].left, small[i].bottom, small[j - 1].right, small[i].top}};
+            c.comb = true;
+            c.maxLength = static_cast<uint32_t>(j - i);
+            out.push_back(c);
+            for (size_t k = i; k < j; ++k) inComb[k] = true;
+        }
+        i = j;
+    }
+    for (size_t i = 0; i < small.size(); ++i) {
+        if (inComb[i]) continue;
+        const Box& b = small[i];
+        // A square holding text is a label's frame (a number in a circle or box).
+        if (holdsText(b, ps)) continue;
+        out.push_back({Kind::Check, b});
+    }
+
+    for (const Box& b : large) {
+        if (b.height() < 7 || b.width() < 12) continue;
+        // A box filled with its text is a printed cell, not one to write in; a label at its
+        // top leaves the room below it to write in.
+        float lowest = b.top;
+        Box room = b;
+        if (holdsText(b, ps, &lowest)) {
+            if (textCover(b, ps) > 0.35f) continue;
+            if (lowest - b.bottom >= 9) room.top = lowest - 1;
+            else if (textCover(b, ps) > 0.12f) continue;
+        }
+        Candidate c{Kind::Text, b};
+        const float tall = b.height();
+        if (tall > 40 && b.width() > 60) c.multiline = true;
+        (void)room;
+        out.push_back(c);
+    }
+
+    // Underlines: horizontal rules that no box or cell uses, with room above them.
+    std::vector<Segment> rules = d.horizontal;
+    std::sort(rules.begin(), rules.end(), [](const Segment& a, const Segment& b) {
+        return std::tie(a.at, a.from) < std::tie(b.at, b.from);
+    });
+    for (size_t i = 0; i < rules.size(); ++i) {
+        const Segment& r = rules[i];
+        if (r.length() < 30) continue;
+        bool edge = false;
+        for (const Box& b : all)
+            edge = edge || ((std::fabs(b.bottom - r.at) < 1.5f || std::fabs(b.top - r.at) < 1.5f) &&
+                            r.from >= b.left - 2 && r.to <= b.right + 2 && b.height() >= 4);
+        if (edge) continue;
+        // The room above it up to the next thing drawn or written there, at most 16 points.
+        float roof = r.at + 16;
+        for (const Segment& o : rules)
+            if (o.at > r.at + 1 && o.at < roof && o.from < r.to - 2 && o.to > r.from + 2) roof = o.at;
+        for (const Phrase& p : ps) {
+            if (blankText(p.text)) continue;
+            if (p.box.bottom > r.at - 2 && p.box.bottom < roof && p.box.left < r.to - 2 &&
+                p.box.right > r.from + 2) {
+                // Text standing on the rule covering a good part of it: it is text underlined.
+                if (hOverlap(p.box, {r.from, 0, r.to, 0}) > 0.5f * r.length()) {
+                    roof = -1;
+                    break;
+                }
+            }
+        }
+        if (roof < 0 || roof - r.at < 8) continue;
+        Candidate c{Kind::Text, {r.from, r.at, r.to, std::min(roof, r.at + 16)}};
+        c.fromUnderline = true;
+        out.push_back(c);
+    }
+    return out;
+}
+
+} // namespace
+
+PageResult detectPage(PDDoc doc, uint32_t index, const Limits& limits) {
+    const auto started = std::chrono::steady_clock::now();
+    PageResult result;
+    result.page = index;
+    PDPage page = nullptr;
+    check(PDDocGetPage(doc, index, &page));
+    struct Release {
+        PDHandle h;
+        ~Release() { PDHandleRelease(h); }
+    } release{page};
+
+    Drawing d;
+    d.maxShapes = limits.maxShapes;
+    PDRect crop{};
+    check(PDPageGetBox(page, PD_BOX_CROP, &crop));
+    d.page = {std::min(crop.left, crop.right), std::min(crop.bottom, crop.top),
+              std::max(crop.left, crop.right), std::max(crop.bottom, crop.top)};
+    PDGraphicsSummary summary{};
+    check(PDPageReadGraphics(page, limits.maxOperators, collect, &d, &summary));
+    result.operators = summary.operators;
+    result.operatorsCapped = summary.skippedOperators != 0;
+    result.skippedXObjects = summary.skippedXObjects;
+    result.shapes = d.shapes;
+    result.shapesCapped = d.shapesCapped;
+    result.textRuns = static_cast<uint32_t>(d.runs.size());
+    const float pageArea = d.page.width() * d.page.height();
+    for (const Box& im : d.images)
+        if (im.width() * im.height() > 0.6f * pageArea && d.shapes == 0 && d.runs.empty())
+            result.imageOnly = true;
+
+    const std::vector<Phrase> ps = phrases(d.runs);
+    std::vector<Candidate> found = candidates(d, ps);
+
+    // Widgets already on the page keep their place: nothing is proposed over them.
+    std::vector<Box> widgets;
+    uint32_t count = 0;
+    check(PDPageGetNumAnnots(page, &count));
+    for (uint32_t i = 0; i < count; ++i) {
+        PDAnnot annot = nullptr;
+        if (PDPageGetAnnot(page, i, &annot) != PD_OK) continue;
+        PDAtom subtype = 0;
+        PDRect r{};
+        if (PDAnnotGetSubtype(annot, &subtype) == PD_OK && subtype == PD_ATOM_Widget &&
+            PDAnnotGetRect(annot, &r) == PD_OK)
+            widgets.push_back({std::min(r.left, r.right), std::min(r.bottom, r.top),
+                               std::max(r.left, r.right), std::max(r.bottom, r.top)});
+        PDHandleRelease(annot);
+    }
+
+    // One proposal per place: later candidates that cover an earlier one are dropped.
+    std::vector<Candidate> kept;
+    for (const Candidate& c : found) {
+        bool taken = false;
+        for (const Candidate& k : kept) taken = taken || overlap(c.box, k.box) > 0.5;
+        bool widget = false;
+        for (const Box& w : widgets) widget = widget || overlap(c.box, w) > 0.3;
+        if (widget) ++result.existingWidgets;
+        if (!taken && !widget) kept.push_back(c);
+    }
+
+    // Radio groups: circles on one row, each the next within a few widths.
+    std::vector<size_t> radios;
+    for (size_t i = 0; i < kept.size(); ++i)
+        if (kept[i].kind == Kind::Radio) radios.push_back(i);
+    std::sort(radios.begin(), radios.end(), [&](size_t a, size_t b) {
+        const Box &x = kept[a].box, &y = kept[b].box;
+        if (std::fabs(x.bottom - y.bottom) > 2) return x.bottom > y.bottom;
+        return x.left < y.left;
+    });
+    int groups = 0;
+    for (size_t i = 0; i < radios.size();) {
+        size_t j = i + 1;
+        while (j < radios.size() && std::fabs(kept[radios[j]].box.bottom - kept[radios[i]].box.bottom) <= 2 &&
+               kept[radios[j]].box.left - kept[radios[j - 1]].box.right < 200)
+            ++j;
+        for (size_t k = i; k < j; ++k) kept[radios[k]].group = groups;
+        ++groups;
+        i = j;
+    }
+
+    // Labels, kinds by label, names.
+    // Names once per page: base, then base_2, base_3, ...
+    std::map<std::u16string, int> used;
+    const auto unique = [&used](const std::u16string& base) {
+        if (base.empty()) return base;
+        std::u16string name = base;
+        for (int n = 2; used.count(name); ++n) {
+            std::u16string digits;
+            for (int v = n; v > 0; v /= 10) digits.insert(digits.begin(), char16_t(u'0' + v % 10));
+            name = base + u"_" + digits;
+        }
+        used[name] = 1;
+        return name;
+    };
+    std::map<int, std::u16string> groupNames;
+    for (const Candidate& c : kept) {
+        Proposal p;
+        p.kind = c.kind;
+        p.box = c.box;
+        p.multiline = c.multiline;
+        p.comb = c.comb;
+        p.maxLength = c.maxLength;
+        p.group = c.group;
+        std::u16string label;
+        if (c.kind == Kind::Radio) {
+            // The option: the text just right of the circle; the group: the text left of
+            // its first circle.
+            for (const Phrase& ph : ps)
+                if (!blankText(ph.text) && ph.box.left >= c.box.right - 1 && ph.box.left < c.box.right + 30 &&
+                    vOverlap(ph.box, c.box) > 0)
+                    label = cleanLabel(ph.text);
+            p.label = label;
+            auto g = groupNames.find(c.group);
+            if (g == groupNames.end()) {
+                const auto l = labelOf(c.box, ps);
+                const std::u16string base = l ? nameFromLabel(cleanLabel(l->text)) : std::u16string();
+                g = groupNames.emplace(c.group, unique(base)).first;
+            }
+            p.name = g->second;
+            result.proposals.push_back(std::move(p));
+            continue;
+        }
+        if (const auto l = labelOf(c.box, ps)) label = cleanLabel(l->text);
+        p.label = label;
+        if (c.kind == Kind::Text && !c.comb && signatureLabel(label) && c.box.height() < 60)
+            p.kind = Kind::Signature, p.multiline = false;
+        p.name = unique(nameFromLabel(label));
+        result.proposals.push_back(std::move(p));
+    }
+    // Rows from the top, left to right, as the tab order goes.
+    std::stable_sort(result.proposals.begin(), result.proposals.end(), [](const Proposal& a, const Proposal& b) {
+        if (a.box.bottom != b.box.bottom) return a.box.bottom > b.box.bottom;
+        return a.box.left < b.box.left;
+    });
+    result.seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    return result;
+}
+
+} // namespace qfforms::detect
