@@ -33,6 +33,7 @@ struct Drawing {
     Box page;
     std::vector<Segment> horizontal, vertical;
     std::vector<Box> boxes;     // stroked or filled rectangles of some size both ways
+    std::vector<Box> whiteBoxes; // rectangles filled white
     std::vector<Circle> circles;
     std::vector<Phrase> runs;   // text runs as drawn
     std::vector<Box> images;
@@ -84,10 +85,16 @@ int32_t collect(const PDGraphic* g, void* data) {
     const float l = std::min(g->x0, g->x1), r = std::max(g->x0, g->x1);
     const float b = std::min(g->y0, g->y1), t = std::max(g->y0, g->y1);
     const float w = r - l, h = t - b;
-    // Shapes painted white only cover what lies under them.
+    // Shapes painted white only cover what lies under them; a white rectangle of a field's
+    // size on a page is a place to write, left white in a tinted or ruled area.
     const bool stroked = (g->flags & PD_GRAPHIC_STROKED) && !isWhite(g->strokeColor);
     const bool filled = (g->flags & PD_GRAPHIC_FILLED) && !isWhite(g->fillColor);
-    if (!stroked && !filled) return 0;
+    if (!stroked && !filled) {
+        if (g->kind == PD_GRAPHIC_RECT && (g->flags & PD_GRAPHIC_FILLED) && w > 4 && h > 4 &&
+            h < 100 && w < 0.9f * d.page.width())
+            d.whiteBoxes.push_back({l, b, r, t});
+        return 0;
+    }
     if (g->kind == PD_GRAPHIC_LINE) {
         if (!stroked) return 0;
         if (h < 0.8f && w > 2) d.horizontal.push_back({(b + t) / 2, l, r, g->lineWidth});
@@ -95,7 +102,7 @@ int32_t collect(const PDGraphic* g, void* data) {
         return 0;
     }
     if (g->kind == PD_GRAPHIC_CURVE) {
-        if (w > 3 && h > 3 && w < 24 && h < 24 && std::fabs(w - h) < 0.2f * std::max(w, h))
+        if (w >= 6 && h >= 6 && w < 24 && h < 24 && std::fabs(w - h) < 0.2f * std::max(w, h))
             d.circles.push_back({{l, b, r, t}});
         return 0;
     }
@@ -277,6 +284,28 @@ bool holdsText(const Box& box, const std::vector<Phrase>& ps, float* lowest = nu
     return any;
 }
 
+// Where one writes in box: all of it when it holds no text; the part below the text when
+// its label sits at its top, or right of the text when the label sits at its left; none
+// when text fills it (a printed cell).
+std::optional<Box> roomIn(const Box& box, const std::vector<Phrase>& ps) {
+    float lowest = box.top, rightmost = box.left;
+    bool any = false;
+    for (const Phrase& p : ps) {
+        if (blankText(p.text)) continue;
+        const float w = hOverlap(box, p.box), h = vOverlap(box, p.box);
+        if (w > 0.5f * std::min(p.box.width(), box.width()) && h > 0.5f * p.box.height()) {
+            any = true;
+            lowest = std::min(lowest, p.box.bottom);
+            rightmost = std::max(rightmost, p.box.right);
+        }
+    }
+    if (!any) return box;
+    if (textCover(box, ps) > 0.35f) return std::nullopt;
+    if (lowest - box.bottom >= 9) return Box{box.left, box.bottom, box.right, lowest - 1};
+    if (box.right - rightmost >= 40) return Box{rightmost + 2, box.bottom, box.right, box.top};
+    return std::nullopt;
+}
+
 } // namespace
 
 const char* kindName(Kind kind) {
@@ -325,14 +354,16 @@ std::u16string nameFromLabel(std::u16string_view label) {
 
 namespace {
 
-// The label of box: the nearest phrase to its left on its line, else the text inside it
-// at the top, else the nearest phrase above it.
-std::optional<Phrase> labelOf(const Box& box, const std::vector<Phrase>& ps) {
+// The label of box: the text inside it at the top, else the nearest phrase to its left on
+// its line, else (for an underline) the caption just under its line at its start, else the
+// nearest phrase above it, else the phrase to its left however far.
+std::optional<Phrase> labelOf(const Box& box, const std::vector<Phrase>& ps, bool underline) {
     const Phrase* left = nullptr;
     float leftGap = 0;
     const Phrase* above = nullptr;
     float aboveGap = 0;
     const Phrase* within = nullptr;
+    const Phrase* below = nullptr;
     const float cy = (box.bottom + box.top) / 2;
     for (const Phrase& p : ps) {
         if (blankText(p.text)) continue;
@@ -347,9 +378,14 @@ std::optional<Phrase> labelOf(const Box& box, const std::vector<Phrase>& ps) {
             if (!above || gap < aboveGap) above = &p, aboveGap = gap;
         }
         if (inside(p.box, box, 1) && (!within || p.box.top > within->box.top)) within = &p;
+        if (underline && p.box.top <= box.bottom + 1 && p.box.top > box.bottom - 12 &&
+            p.box.left >= box.left - 6 && p.box.left < box.left + 0.5f * box.width() &&
+            (!below || p.box.top > below->box.top))
+            below = &p;
     }
     if (within) return *within;
     if (left && leftGap < 60) return *left;
+    if (below) return *below;
     if (above) return *above;
     if (left) return *left;
     return std::nullopt;
@@ -375,11 +411,28 @@ std::vector<Candidate> candidates(const Drawing& d, const std::vector<Phrase>& p
         const float cx = (run.box.left + run.box.right) / 2, cy = (run.box.bottom + run.box.top) / 2;
         out.push_back({Kind::Check, {cx - s / 2, cy - s / 2, cx + s / 2, cy + s / 2}});
     }
-    for (const Circle& c : d.circles) out.push_back({Kind::Radio, c.box});
+    // Circles: one radio button per centre (a ring and its dot are one); circles that cut
+    // across others belong to a drawing (a logo), as do those holding text.
+    for (size_t i = 0; i < d.circles.size(); ++i) {
+        const Box& c = d.circles[i].box;
+        const float cx = (c.left + c.right) / 2, cy = (c.bottom + c.top) / 2;
+        bool keep = !holdsText(c, ps);
+        for (size_t j = 0; j < d.circles.size() && keep; ++j) {
+            const Box& o = d.circles[j].box;
+            if (j == i || overlap(c, o) <= 0) continue;
+            const bool concentric = std::fabs((o.left + o.right) / 2 - cx) < 1 &&
+                                    std::fabs((o.bottom + o.top) / 2 - cy) < 1;
+            if (!concentric) keep = false;
+            else if (o.width() > c.width() + 0.5f || (std::fabs(o.width() - c.width()) <= 0.5f && j < i))
+                keep = false; // the outer ring (or the first of equal ones) stands for them
+        }
+        if (keep) out.push_back({Kind::Radio, c});
+    }
 
     // Boxes: drawn rectangles and the cells of ruled tables.
     std::vector<Box> all = d.boxes;
     for (const Box& c : cells(d)) all.push_back(c);
+    for (const Box& w : d.whiteBoxes) all.push_back(w);
     std::vector<Box> small, large;
     for (const Box& b : all) {
         const float w = b.width(), h = b.height();
@@ -401,18 +454,47 @@ std::vector<Candidate> candidates(const Drawing& d, const std::vector<Phrase>& p
     };
     dedupe(small);
     dedupe(large);
-    // Boxes that hold smaller boxes are frames of groups, not fields.
+    // Boxes that hold smaller boxes are frames of groups, not fields; but a drawn box that
+    // rules only split into parts of its full height is one field (a number written in
+    // groups: the parts show where), a comb when the parts are three or more alike.
+    const auto drawn = [&d](const Box& b) {
+        for (const Box& o : d.boxes)
+            if (overlap(o, b) > 0.9) return true;
+        for (const Box& o : d.whiteBoxes)
+            if (overlap(o, b) > 0.9) return true;
+        return false;
+    };
+    std::vector<Box> parted;
     {
         std::vector<Box> kept;
-        for (const Box& b : large) {
-            int holds = 0;
-            for (const Box& o : large)
-                if (&o != &b && inside(o, b, 1) && o.width() * o.height() < 0.9f * b.width() * b.height()) ++holds;
-            for (const Box& o : small)
-                if (inside(o, b, 1)) ++holds;
-            if (holds == 0) kept.push_back(b);
+        std::vector<bool> part(large.size(), false);
+        std::vector<std::pair<Box, uint32_t>> split;
+        for (size_t i = 0; i < large.size(); ++i) {
+            const Box& b = large[i];
+            std::vector<size_t> inner;
+            bool smallInside = false;
+            for (size_t j = 0; j < large.size(); ++j)
+                if (j != i && inside(large[j], b, 1) &&
+                    large[j].width() * large[j].height() < 0.9f * b.width() * b.height())
+                    inner.push_back(j);
+            for (const Box& o : small) smallInside = smallInside || inside(o, b, 1);
+            if (inner.empty() && !smallInside) continue;
+            bool parts = !smallInside && drawn(b);
+            for (size_t j : inner) parts = parts && large[j].height() >= 0.85f * b.height();
+            if (!parts) {
+                part[i] = true; // a frame
+                continue;
+            }
+            for (size_t j : inner) part[j] = true;
+            split.emplace_back(b, static_cast<uint32_t>(inner.size()));
         }
+        for (size_t i = 0; i < large.size(); ++i)
+            if (!part[i]) kept.push_back(large[i]);
         large = std::move(kept);
+        for (const auto& [b, n] : split) {
+            (void)n;
+            parted.push_back(b);
+        }
     }
 
     // Rows of small equal boxes side by side: one comb field each; other small squares are
@@ -445,21 +527,13 @@ std::vector<Candidate> candidates(const Drawing& d, const std::vector<Phrase>& p
         out.push_back({Kind::Check, b});
     }
 
+    for (const Box& b : parted) large.push_back(b);
     for (const Box& b : large) {
         if (b.height() < 7 || b.width() < 12) continue;
-        // A box filled with its text is a printed cell, not one to write in; a label at its
-        // top leaves the room below it to write in.
-        float lowest = b.top;
-        Box room = b;
-        if (holdsText(b, ps, &lowest)) {
-            if (textCover(b, ps) > 0.35f) continue;
-            if (lowest - b.bottom >= 9) room.top = lowest - 1;
-            else if (textCover(b, ps) > 0.12f) continue;
-        }
-        Candidate c{Kind::Text, b};
-        const float tall = b.height();
-        if (tall > 40 && b.width() > 60) c.multiline = true;
-        (void)room;
+        const std::optional<Box> room = roomIn(b, ps);
+        if (!room) continue;
+        Candidate c{Kind::Text, *room};
+        if (room->height() > 40 && room->width() > 60) c.multiline = true;
         out.push_back(c);
     }
 
@@ -468,33 +542,37 @@ std::vector<Candidate> candidates(const Drawing& d, const std::vector<Phrase>& p
     std::sort(rules.begin(), rules.end(), [](const Segment& a, const Segment& b) {
         return std::tie(a.at, a.from) < std::tie(b.at, b.from);
     });
-    for (size_t i = 0; i < rules.size(); ++i) {
-        const Segment& r = rules[i];
+    for (const Segment& r : rules) {
         if (r.length() < 30) continue;
-        bool edge = false;
-        for (const Box& b : all)
-            edge = edge || ((std::fabs(b.bottom - r.at) < 1.5f || std::fabs(b.top - r.at) < 1.5f) &&
-                            r.from >= b.left - 2 && r.to <= b.right + 2 && b.height() >= 4);
-        if (edge) continue;
-        // The room above it up to the next thing drawn or written there, at most 16 points.
+        // The room above it up to the next rule over it, at most 16 points.
         float roof = r.at + 16;
         for (const Segment& o : rules)
             if (o.at > r.at + 1 && o.at < roof && o.from < r.to - 2 && o.to > r.from + 2) roof = o.at;
-        for (const Phrase& p : ps) {
-            if (blankText(p.text)) continue;
-            if (p.box.bottom > r.at - 2 && p.box.bottom < roof && p.box.left < r.to - 2 &&
-                p.box.right > r.from + 2) {
-                // Text standing on the rule covering a good part of it: it is text underlined.
-                if (hOverlap(p.box, {r.from, 0, r.to, 0}) > 0.5f * r.length()) {
-                    roof = -1;
-                    break;
-                }
+        if (roof - r.at < 8) continue;
+        // What of it is taken: the sides of boxes lying on it and the text standing on it
+        // (labels and underlined text). The rest is room to write.
+        std::vector<std::pair<float, float>> taken;
+        for (const Box& b : all)
+            if ((std::fabs(b.bottom - r.at) < 1.5f || std::fabs(b.top - r.at) < 1.5f) && b.height() >= 4)
+                taken.emplace_back(b.left - 1, b.right + 1);
+        for (const Phrase& p : ps)
+            if (!blankText(p.text) && p.box.bottom > r.at - 3 && p.box.bottom < roof - 2)
+                taken.emplace_back(p.box.left - 2, p.box.right + 2);
+        std::sort(taken.begin(), taken.end());
+        float from = r.from;
+        const auto room = [&](float to) {
+            if (to - from >= 30) {
+                Candidate c{Kind::Text, {from, r.at, to, roof}};
+                c.fromUnderline = true;
+                out.push_back(c);
             }
+        };
+        for (const auto& [l, rt] : taken) {
+            if (rt <= from || l >= r.to) continue;
+            if (l > from) room(std::min(l, r.to));
+            from = std::max(from, rt);
         }
-        if (roof < 0 || roof - r.at < 8) continue;
-        Candidate c{Kind::Text, {r.from, r.at, r.to, std::min(roof, r.at + 16)}};
-        c.fromUnderline = true;
-        out.push_back(c);
+        if (from < r.to) room(r.to);
     }
     return out;
 }
@@ -615,7 +693,7 @@ PageResult detectPage(PDDoc doc, uint32_t index, const Limits& limits) {
             p.label = label;
             auto g = groupNames.find(c.group);
             if (g == groupNames.end()) {
-                const auto l = labelOf(c.box, ps);
+                const auto l = labelOf(c.box, ps, false);
                 const std::u16string base = l ? nameFromLabel(cleanLabel(l->text)) : std::u16string();
                 g = groupNames.emplace(c.group, unique(base)).first;
             }
@@ -623,7 +701,7 @@ PageResult detectPage(PDDoc doc, uint32_t index, const Limits& limits) {
             result.proposals.push_back(std::move(p));
             continue;
         }
-        if (const auto l = labelOf(c.box, ps)) label = cleanLabel(l->text);
+        if (const auto l = labelOf(c.box, ps, c.fromUnderline)) label = cleanLabel(l->text);
         p.label = label;
         if (c.kind == Kind::Text && !c.comb && signatureLabel(label) && c.box.height() < 60)
             p.kind = Kind::Signature, p.multiline = false;
