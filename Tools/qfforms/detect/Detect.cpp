@@ -391,6 +391,17 @@ std::optional<Phrase> labelOf(const Box& box, const std::vector<Phrase>& ps, boo
     return std::nullopt;
 }
 
+// The text right beside a small box or circle: its option.
+std::u16string optionText(const Box& box, const std::vector<Phrase>& ps) {
+    const Phrase* best = nullptr;
+    for (const Phrase& p : ps)
+        if (!blankText(p.text) && p.box.left >= box.right - 1 && p.box.left < box.right + 30 &&
+            vOverlap(p.box, box) > 0.3f * std::min(p.box.height(), box.height()) &&
+            (!best || p.box.left < best->box.left))
+            best = &p;
+    return best ? cleanLabel(best->text) : std::u16string();
+}
+
 bool signatureLabel(const std::u16string& text) {
     std::u16string lower;
     for (char16_t c : text) lower += (c >= u'A' && c <= u'Z') ? char16_t(c - u'A' + u'a') : c;
@@ -544,6 +555,12 @@ std::vector<Candidate> candidates(const Drawing& d, const std::vector<Phrase>& p
     });
     for (const Segment& r : rules) {
         if (r.length() < 30) continue;
+        // A rule across the page with nothing written on it parts sections.
+        bool across = r.length() > 0.85f * d.page.width();
+        for (const Phrase& p : ps)
+            across = across && !(p.box.bottom > r.at - 3 && p.box.bottom < r.at + 16 &&
+                                 hOverlap(p.box, {r.from, 0, r.to, 0}) > 0 && !blankText(p.text));
+        if (across) continue;
         // The room above it up to the next rule over it, at most 16 points.
         float roof = r.at + 16;
         for (const Segment& o : rules)
@@ -639,24 +656,42 @@ PageResult detectPage(PDDoc doc, uint32_t index, const Limits& limits) {
         if (!taken && !widget) kept.push_back(c);
     }
 
-    // Radio groups: circles on one row, each the next within a few widths.
+    // Radio groups: circles on one row, each the next within 200 points, or in one column,
+    // each the next within three heights.
     std::vector<size_t> radios;
     for (size_t i = 0; i < kept.size(); ++i)
         if (kept[i].kind == Kind::Radio) radios.push_back(i);
-    std::sort(radios.begin(), radios.end(), [&](size_t a, size_t b) {
-        const Box &x = kept[a].box, &y = kept[b].box;
-        if (std::fabs(x.bottom - y.bottom) > 2) return x.bottom > y.bottom;
-        return x.left < y.left;
-    });
-    int groups = 0;
-    for (size_t i = 0; i < radios.size();) {
-        size_t j = i + 1;
-        while (j < radios.size() && std::fabs(kept[radios[j]].box.bottom - kept[radios[i]].box.bottom) <= 2 &&
-               kept[radios[j]].box.left - kept[radios[j - 1]].box.right < 200)
-            ++j;
-        for (size_t k = i; k < j; ++k) kept[radios[k]].group = groups;
-        ++groups;
-        i = j;
+    std::vector<size_t> root(kept.size());
+    for (size_t i = 0; i < root.size(); ++i) root[i] = i;
+    const auto find = [&root](size_t i) {
+        while (root[i] != i) i = root[i] = root[root[i]];
+        return i;
+    };
+    for (size_t a : radios) {
+        for (size_t b : radios) {
+            const Box &x = kept[a].box, &y = kept[b].box;
+            if (a >= b) continue;
+            const bool row = std::fabs(x.bottom - y.bottom) <= 2 &&
+                             std::max(x.left, y.left) - std::min(x.right, y.right) < 200;
+            const bool column = std::fabs(x.left - y.left) <= 2 &&
+                                std::max(x.bottom, y.bottom) - std::min(x.top, y.top) < 2 * x.height();
+            if (row || column) root[find(a)] = find(b);
+        }
+    }
+    std::map<size_t, int> groupOf;
+    for (size_t i : radios) {
+        const size_t r = find(i);
+        if (!groupOf.count(r)) groupOf.emplace(r, static_cast<int>(groupOf.size()));
+        kept[i].group = groupOf[r];
+    }
+    // The group's name comes from the label of its first button, top left.
+    std::map<int, size_t> firstOf;
+    for (size_t i : radios) {
+        auto it = firstOf.find(kept[i].group);
+        const Box& b = kept[i].box;
+        if (it == firstOf.end() || b.top > kept[it->second].box.top + 2 ||
+            (std::fabs(b.top - kept[it->second].box.top) <= 2 && b.left < kept[it->second].box.left))
+            firstOf[kept[i].group] = i;
     }
 
     // Labels, kinds by label, names.
@@ -684,16 +719,12 @@ PageResult detectPage(PDDoc doc, uint32_t index, const Limits& limits) {
         p.group = c.group;
         std::u16string label;
         if (c.kind == Kind::Radio) {
-            // The option: the text just right of the circle; the group: the text left of
-            // its first circle.
-            for (const Phrase& ph : ps)
-                if (!blankText(ph.text) && ph.box.left >= c.box.right - 1 && ph.box.left < c.box.right + 30 &&
-                    vOverlap(ph.box, c.box) > 0)
-                    label = cleanLabel(ph.text);
-            p.label = label;
+            // The option: the text just right of the circle; the group: the label of its
+            // first circle.
+            p.label = optionText(c.box, ps);
             auto g = groupNames.find(c.group);
             if (g == groupNames.end()) {
-                const auto l = labelOf(c.box, ps, false);
+                const auto l = labelOf(kept[firstOf[c.group]].box, ps, false);
                 const std::u16string base = l ? nameFromLabel(cleanLabel(l->text)) : std::u16string();
                 g = groupNames.emplace(c.group, unique(base)).first;
             }
@@ -701,7 +732,10 @@ PageResult detectPage(PDDoc doc, uint32_t index, const Limits& limits) {
             result.proposals.push_back(std::move(p));
             continue;
         }
-        if (const auto l = labelOf(c.box, ps, c.fromUnderline)) label = cleanLabel(l->text);
+        // A check box's label is the text right beside it, as a radio button's option.
+        if (c.kind == Kind::Check) label = optionText(c.box, ps);
+        if (label.empty())
+            if (const auto l = labelOf(c.box, ps, c.fromUnderline)) label = cleanLabel(l->text);
         p.label = label;
         if (c.kind == Kind::Text && !c.comb && signatureLabel(label) && c.box.height() < 60)
             p.kind = Kind::Signature, p.multiline = false;
