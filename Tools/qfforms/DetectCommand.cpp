@@ -202,10 +202,10 @@ int detectCommand(const std::vector<std::string>& args) {
             if (r.imageOnly)
                 std::cout << "no fields found: the page is a scanned image, and only drawn "
                              "boxes and lines are read";
-            else if (r.shapes == 0)
+            else if (r.shapes == 0 && !r.operatorsCapped)
                 std::cout << "no fields found: the page draws no boxes or lines";
             else
-                std::cout << "no fields found among " << r.shapes << " lines and boxes";
+                std::cout << "no fields found among the " << r.shapes << " lines and boxes read";
         } else {
             std::cout << r.proposals.size() << (r.proposals.size() == 1 ? " field" : " fields");
         }

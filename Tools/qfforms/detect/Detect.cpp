@@ -645,9 +645,13 @@ PageResult detectPage(PDDoc doc, uint32_t index, const Limits& limits) {
         PDHandleRelease(annot);
     }
 
-    // One proposal per place: later candidates that cover an earlier one are dropped.
+    // One proposal per place: later candidates that cover an earlier one are dropped. Each
+    // stays on the page (the part of it there, when that is of a field's size).
     std::vector<Candidate> kept;
-    for (const Candidate& c : found) {
+    for (Candidate c : found) {
+        c.box = {std::max(c.box.left, d.page.left), std::max(c.box.bottom, d.page.bottom),
+                 std::min(c.box.right, d.page.right), std::min(c.box.top, d.page.top)};
+        if (c.box.width() < 4 || c.box.height() < 4) continue;
         bool taken = false;
         for (const Candidate& k : kept) taken = taken || overlap(c.box, k.box) > 0.5;
         bool widget = false;

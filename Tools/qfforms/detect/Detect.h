@@ -47,7 +47,7 @@ struct Proposal {
 // Caps on the work done for one page; what they leave out is said in the page's result.
 struct Limits {
     uint32_t maxOperators = 300000; // content operators read
-    uint32_t maxShapes = 30000;     // lines and boxes looked at
+    uint32_t maxShapes = 20000;     // lines and boxes looked at
 };
 
 struct PageResult {
