@@ -17,7 +17,7 @@
 namespace qfforms {
 
 // The name of the undo step acceptProposals makes.
-inline constexpr const char* kDetectStepName = "Detect fields";
+inline constexpr const char* kDetectStepName = "DetectFields";
 
 // Makes the proposals of page (of the current view's document) fields, through session's
 // steps on host, as one undo step; the fully qualified names of the fields made, in the
