@@ -1,6 +1,8 @@
 #!/usr/bin/env python3
 """`qfforms detect` on real forms and on pages that give it nothing or too much.
 
+  kinds    a page drawing every kind of field gets each, named after its label (a Japanese
+           one as it is), in rows as the tab order, readable by poppler and MuPDF
   quality  two corpus forms stripped of their widgets come back with precision and recall
            above a floor (bench/detect_eval.py), and the outputs pass qpdf --check
   edges    a page without drawn boxes says so and adds nothing; a page of 400,000 strokes
@@ -33,24 +35,39 @@ def expect(condition, message):
         sys.exit(1)
 
 
+# Codes 1 and 2 of the font F3 read as 氏名.
+TO_UNICODE = (b"/CIDInit /ProcSet findresource begin 12 dict begin begincmap\n"
+              b"1 begincodespacerange <0000> <FFFF> endcodespacerange\n"
+              b"2 beginbfchar <0001> <6C0F> <0002> <540D> endbfchar\nendcmap end end")
+
+
 def pdf_with_content(path, content, pages=1):
-    """A PDF of pages that each draw content (bytes, compressed)."""
+    """A PDF of pages that each draw content (bytes, compressed), with the fonts F1
+    (Helvetica), F2 (ZapfDingbats) and F3 (a Type0 font whose codes 1 and 2 are 氏名)."""
     data = zlib.compress(content)
+    cmap = 3 + 2 * pages
+    fonts = (f"/F1 << /Type /Font /Subtype /Type1 /BaseFont /Helvetica >> "
+             f"/F2 << /Type /Font /Subtype /Type1 /BaseFont /ZapfDingbats >> "
+             f"/F3 << /Type /Font /Subtype /Type0 /BaseFont /Mincho /Encoding /Identity-H "
+             f"/DescendantFonts [<< /Type /Font /Subtype /CIDFontType2 /BaseFont /Mincho "
+             f"/CIDSystemInfo << /Registry (Adobe) /Ordering (Identity) /Supplement 0 >> "
+             f"/DW 1000 >>] /ToUnicode {cmap} 0 R >>")
     objects = ["<< /Type /Catalog /Pages 2 0 R >>",
                "<< /Type /Pages /Kids [%s] /Count %d >>"
                % (" ".join(f"{3 + 2 * i} 0 R" for i in range(pages)), pages)]
     for i in range(pages):
         objects.append(f"<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] "
-                       f"/Contents {4 + 2 * i} 0 R /Resources << /Font << /F1 << /Type /Font "
-                       f"/Subtype /Type1 /BaseFont /Helvetica >> >> >> >>")
-        objects.append(None)
+                       f"/Contents {4 + 2 * i} 0 R /Resources << /Font << {fonts} >> >> >>")
+        objects.append(data)
+    objects.append(TO_UNICODE)
     out = bytearray(b"%PDF-1.7\n")
     offsets = []
     for n, obj in enumerate(objects, start=1):
         offsets.append(len(out))
-        if obj is None:
-            out += (f"{n} 0 obj\n<< /Length {len(data)} /Filter /FlateDecode >>\nstream\n").encode()
-            out += data + b"\nendstream\nendobj\n"
+        if isinstance(obj, bytes):
+            filters = " /Filter /FlateDecode" if obj is data else ""
+            out += f"{n} 0 obj\n<< /Length {len(obj)}{filters} >>\nstream\n".encode()
+            out += obj + b"\nendstream\nendobj\n"
         else:
             out += f"{n} 0 obj\n{obj}\nendobj\n".encode()
     xref = len(out)
@@ -85,6 +102,56 @@ def widgets(path):
             if a.get("/Subtype") == "/Widget":
                 out.append(a)
     return out
+
+
+def kinds(args):
+    """Every kind from a page that draws them: a Japanese label over an underline, a comb, a
+    tall box, a row of circles under one label, a box glyph, a signature line."""
+    circles = b"".join(
+        b"%d 530 m %d 532.76 %d 535 %d 535 c %d 535 %d 532.76 %d 530 c "
+        b"%d 527.24 %d 525 %d 525 c %d 525 %d 527.24 %d 530 c S "
+        % (x - 5, x - 5, x - 2.24, x, x + 2.24, x + 5, x + 5, x + 5, x + 2.24, x, x - 2.24, x - 5, x - 5)
+        for x in (145, 205, 265))
+    content = (
+        b"BT /F3 10 Tf 72 722 Td <00010002> Tj ET 0.5 w 120 720 m 320 720 l S "
+        b"BT /F1 10 Tf 72 682 Td (Postcode) Tj ET "
+        + b"".join(b"%d 678 14 16 re S " % (140 + 14 * i) for i in range(7)) +
+        b"BT /F1 10 Tf 72 650 Td (Comments) Tj ET 72 560 328 85 re S "
+        b"BT /F1 10 Tf 72 527 Td (Colour) Tj ET " + circles +
+        b"BT /F1 10 Tf 153 527 Td (Red) Tj 60 0 Td (Green) Tj 60 0 Td (Blue) Tj ET "
+        b"BT /F2 12 Tf 72 500 Td (o) Tj ET BT /F1 10 Tf 88 501 Td (Subscribe) Tj ET "
+        b"BT /F1 10 Tf 72 452 Td (Signature) Tj ET 130 450 m 330 450 l S")
+    with tempfile.TemporaryDirectory() as tmp:
+        src, out = os.path.join(tmp, "kinds.pdf"), os.path.join(tmp, "kinds-out.pdf")
+        pdf_with_content(src, content)
+        r = run(["detect", src, "--out", out], args.qfforms)
+        expect(r.returncode == 0, r.stdout + r.stderr)
+        fields = {}
+        order = []
+        for w in widgets(out):
+            name = field_entry(w, "/T")
+            parent = w.get("/Parent")
+            field = parent.get_object() if parent is not None else w
+            flags = int(field.get("/Ff", 0))
+            fields.setdefault(name, []).append((str(field.get("/FT")), flags, field.get("/MaxLen")))
+            order.append(name)
+        expect(set(fields) == {"氏名", "postcode", "comments", "colour", "subscribe", "signature"},
+               f"fields {sorted(fields)}")
+        expect(fields["氏名"] == [("/Tx", 0, None)], str(fields["氏名"]))
+        expect(fields["postcode"][0][1] & (1 << 24) and fields["postcode"][0][2] == 7, "comb of 7")
+        expect(fields["comments"][0][1] & (1 << 12), "multiline")
+        expect(len(fields["colour"]) == 3 and all(f[1] & (1 << 15) for f in fields["colour"]),
+               "one radio group of three")
+        expect(fields["subscribe"] == [("/Btn", 0, None)], str(fields["subscribe"]))
+        expect(fields["signature"][0][0] == "/Sig", str(fields["signature"]))
+        # The tab order goes by rows from the top.
+        rows = ["氏名", "postcode", "comments", "colour", "colour", "colour", "subscribe", "signature"]
+        expect(order == rows, f"tab order {order}")
+        for reader in (["pdftoppm", "-r", "36", "-png", out, os.path.join(tmp, "p")],
+                       ["mutool", "draw", "-o", os.path.join(tmp, "m.png"), out]):
+            # (The page's own CID font is not embedded, which poppler remarks on.)
+            r = subprocess.run(reader, capture_output=True, text=True)
+            expect(r.returncode == 0, f"{reader[0]}: {r.stderr}")
 
 
 def quality(args):
@@ -163,9 +230,9 @@ def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--qfforms", required=True)
     ap.add_argument("--corpus", required=True)
-    ap.add_argument("check", choices=["quality", "edges"])
+    ap.add_argument("check", choices=["kinds", "quality", "edges"])
     args = ap.parse_args()
-    {"quality": quality, "edges": edges}[args.check](args)
+    {"kinds": kinds, "quality": quality, "edges": edges}[args.check](args)
     print("ok")
 
 
