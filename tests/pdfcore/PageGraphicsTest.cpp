@@ -73,8 +73,9 @@ std::vector<Seen> read(PDDoc doc, uint32_t cap = 0, PDGraphicsSummary* summary =
 
 TEST(PageGraphics, ShapesComeInUserSpaceThroughTheTransformationsAndFormXObjects) {
     // A rectangle moved by cm, a closed path of four lines (a rectangle too), an open
-    // polyline (its segments), a circle of curves (its box), an unpainted clip, and a
-    // rectangle inside the form XObject scaled by the caller and moved by its /Matrix.
+    // polyline (its segments), a circle of curves (its box, closed), an unpainted clip, a
+    // rectangle inside the form XObject scaled by the caller and moved by its /Matrix, and
+    // an arc (a rounded corner: not closed).
     Owned doc = pageDocument(
         "q 1 0 0 1 10 20 cm 0 0 50 10 re S Q "
         "100 100 m 130 100 l 130 110 l 100 110 l h f "
@@ -82,10 +83,11 @@ TEST(PageGraphics, ShapesComeInUserSpaceThroughTheTransformationsAndFormXObjects
         "300 300 m 300 305.5 304.5 310 310 310 c 315.5 310 320 305.5 320 300 c "
         "320 294.5 315.5 290 310 290 c 304.5 290 300 294.5 300 300 c S "
         "0 0 600 800 re W n "
-        "q 2 0 0 2 0 0 cm /X1 Do Q",
+        "q 2 0 0 2 0 0 cm /X1 Do Q "
+        "400 400 m 400 405.5 404.5 410 410 410 c S",
         "5 5 10 10 re B");
     const std::vector<Seen> g = read(doc.get());
-    ASSERT_EQ(g.size(), 6u);
+    ASSERT_EQ(g.size(), 7u);
     EXPECT_EQ(g[0].kind, PD_GRAPHIC_RECT);
     EXPECT_EQ(g[0].flags, uint32_t(PD_GRAPHIC_STROKED));
     EXPECT_FLOAT_EQ(g[0].x0, 10);
@@ -99,6 +101,7 @@ TEST(PageGraphics, ShapesComeInUserSpaceThroughTheTransformationsAndFormXObjects
     EXPECT_EQ(g[3].kind, PD_GRAPHIC_LINE);
     EXPECT_FLOAT_EQ(g[3].y1, 230);
     EXPECT_EQ(g[4].kind, PD_GRAPHIC_CURVE);
+    EXPECT_EQ(g[4].flags, uint32_t(PD_GRAPHIC_STROKED | PD_GRAPHIC_CLOSED));
     EXPECT_FLOAT_EQ(g[4].x0, 300);
     EXPECT_FLOAT_EQ(g[4].y1, 310);
     // (5, 5)-(15, 15) moved by (100, 0) then scaled by 2.
@@ -108,6 +111,8 @@ TEST(PageGraphics, ShapesComeInUserSpaceThroughTheTransformationsAndFormXObjects
     EXPECT_FLOAT_EQ(g[5].y0, 10);
     EXPECT_FLOAT_EQ(g[5].x1, 230);
     EXPECT_FLOAT_EQ(g[5].y1, 30);
+    EXPECT_EQ(g[6].kind, PD_GRAPHIC_CURVE);
+    EXPECT_EQ(g[6].flags, uint32_t(PD_GRAPHIC_STROKED));
 }
 
 TEST(PageGraphics, TextRunsCarryTheirUnicodeTextAndExtent) {

@@ -424,7 +424,10 @@ class Reader {
             double l, b, r, t;
             bounds(s.points, l, b, r, t);
             if (s.curved) {
-                PDGraphic g = shape(PD_GRAPHIC_CURVE, l, b, r, t, flags);
+                const Point& a = s.points.front();
+                const Point& z = s.points.back();
+                const bool closed = s.closed || (std::fabs(a.x - z.x) < 0.01 && std::fabs(a.y - z.y) < 0.01);
+                PDGraphic g = shape(PD_GRAPHIC_CURVE, l, b, r, t, flags | (closed ? PD_GRAPHIC_CLOSED : 0));
                 emit(g);
             } else if (s.rect || ((s.closed || (flags & PD_GRAPHIC_FILLED)) && isRectangle(s.points))) {
                 PDGraphic g = shape(PD_GRAPHIC_RECT, l, b, r, t, flags);

@@ -102,7 +102,8 @@ int32_t collect(const PDGraphic* g, void* data) {
         return 0;
     }
     if (g->kind == PD_GRAPHIC_CURVE) {
-        if (w >= 6 && h >= 6 && w < 24 && h < 24 && std::fabs(w - h) < 0.2f * std::max(w, h))
+        // Closed curves of a small square's size: circles (arcs are rounded corners).
+        if ((g->flags & PD_GRAPHIC_CLOSED) && w >= 6 && h >= 6 && w < 24 && h < 24 && std::fabs(w - h) < 0.2f * std::max(w, h))
             d.circles.push_back({{l, b, r, t}});
         return 0;
     }
@@ -288,7 +289,7 @@ bool holdsText(const Box& box, const std::vector<Phrase>& ps, float* lowest = nu
 // its label sits at its top, or right of the text when the label sits at its left; none
 // when text fills it (a printed cell).
 std::optional<Box> roomIn(const Box& box, const std::vector<Phrase>& ps) {
-    float lowest = box.top, rightmost = box.left;
+    float lowest = box.top, rightmost = box.left, leftmost = box.right;
     bool any = false;
     for (const Phrase& p : ps) {
         if (blankText(p.text)) continue;
@@ -297,12 +298,14 @@ std::optional<Box> roomIn(const Box& box, const std::vector<Phrase>& ps) {
             any = true;
             lowest = std::min(lowest, p.box.bottom);
             rightmost = std::max(rightmost, p.box.right);
+            leftmost = std::min(leftmost, p.box.left);
         }
     }
     if (!any) return box;
     if (textCover(box, ps) > 0.35f) return std::nullopt;
     if (lowest - box.bottom >= 9) return Box{box.left, box.bottom, box.right, lowest - 1};
-    if (box.right - rightmost >= 40) return Box{rightmost + 2, box.bottom, box.right, box.top};
+    if (box.right - rightmost >= 40 && leftmost - box.left < std::max(20.0f, 0.1f * box.width()))
+        return Box{rightmost + 2, box.bottom, box.right, box.top};
     return std::nullopt;
 }
 
@@ -555,16 +558,19 @@ std::vector<Candidate> candidates(const Drawing& d, const std::vector<Phrase>& p
     });
     for (const Segment& r : rules) {
         if (r.length() < 30) continue;
-        // A rule across the page with nothing written on it parts sections.
-        bool across = r.length() > 0.85f * d.page.width();
-        for (const Phrase& p : ps)
-            across = across && !(p.box.bottom > r.at - 3 && p.box.bottom < r.at + 16 &&
-                                 hOverlap(p.box, {r.from, 0, r.to, 0}) > 0 && !blankText(p.text));
-        if (across) continue;
+        // A rule across the page parts sections: only room that a label on it starts
+        // ("Address: ____") is a place to write.
+        const bool across = r.length() > 0.85f * d.page.width();
         // The room above it up to the next rule over it, at most 16 points.
         float roof = r.at + 16;
         for (const Segment& o : rules)
             if (o.at > r.at + 1 && o.at < roof && o.from < r.to - 2 && o.to > r.from + 2) roof = o.at;
+        // Text over the rule that does not stand on it (a title above a rule) leaves only
+        // the room below it.
+        for (const Phrase& p : ps)
+            if (!blankText(p.text) && p.box.bottom > r.at + 4 && p.box.bottom < roof &&
+                hOverlap(p.box, {r.from, 0, r.to, 0}) > 0)
+                roof = p.box.bottom;
         if (roof - r.at < 8) continue;
         // What of it is taken: the sides of boxes lying on it and the text standing on it
         // (labels and underlined text). The rest is room to write.
@@ -577,8 +583,15 @@ std::vector<Candidate> candidates(const Drawing& d, const std::vector<Phrase>& p
                 taken.emplace_back(p.box.left - 2, p.box.right + 2);
         std::sort(taken.begin(), taken.end());
         float from = r.from;
+        const auto labelled = [&](float at) {
+            for (const Phrase& p : ps)
+                if (!blankText(p.text) && p.box.bottom > r.at - 3 && p.box.bottom < roof - 2 &&
+                    p.box.right <= at + 3 && p.box.right > at - 14)
+                    return true;
+            return false;
+        };
         const auto room = [&](float to) {
-            if (to - from >= 30) {
+            if (to - from >= 30 && (!across || labelled(from))) {
                 Candidate c{Kind::Text, {from, r.at, to, roof}};
                 c.fromUnderline = true;
                 out.push_back(c);

@@ -441,12 +441,13 @@ enum {
     PD_GRAPHIC_IMAGE = 5   /* an image XObject or inline image; bounding box as RECT */
 };
 
-/* How a shape is painted (flags of PDGraphic). */
-enum { PD_GRAPHIC_STROKED = 0x1, PD_GRAPHIC_FILLED = 0x2 };
+/* How a shape is painted (flags of PDGraphic), and whether its subpath is closed (by h, or
+ * ending where it began: a circle, not an arc). */
+enum { PD_GRAPHIC_STROKED = 0x1, PD_GRAPHIC_FILLED = 0x2, PD_GRAPHIC_CLOSED = 0x4 };
 
 typedef struct PDGraphic {
     int32_t kind;        /* PD_GRAPHIC_* */
-    uint32_t flags;      /* PD_GRAPHIC_STROKED, PD_GRAPHIC_FILLED (shapes only) */
+    uint32_t flags;      /* PD_GRAPHIC_STROKED, _FILLED, _CLOSED (shapes only) */
     float x0, y0, x1, y1;
     float lineWidth;     /* stroke width in default user space (shapes) */
     float fontSize;      /* height of the text in default user space (text) */
