@@ -7,8 +7,9 @@ as it is) goes through `qfforms detect`, and the widgets of the output are match
 the widgets taken out: a detection matches when its rectangle overlaps one taken out with
 intersection over union >= 0.5 and the kinds agree (text, check, radio, choice, signature),
 each widget matched once. Push buttons and hidden widgets are left out of what is counted
-(nothing detects them). Prints precision and recall per form and over the set, and the time
-per page; --json FILE writes the figures too, --floor P,R fails (exit 1) below them.
+(nothing detects them). Prints precision and recall per form and over the set, also
+without the choice fields (detection proposes none: their frames come out as text
+fields), and the time per page; --json FILE writes the figures too, --floor P,R fails (exit 1) below them.
 
 usage: detect_eval.py --qfforms PATH --corpus DIR [--forms a.pdf,b.pdf] [--json FILE]
                       [--floor P,R] [--keep DIR]
@@ -25,15 +26,18 @@ import time
 from pypdf import PdfReader, PdfWriter
 from pypdf.generic import ArrayObject, NameObject
 
-# Forms whose pages draw the boxes and lines their fields sit on. The others of the corpus
-# draw their fields' frames only in the widgets' own appearances (taken out with them), or
-# are damaged, or hold no fields.
+# The corpus forms with fields whose pages, once stripped, still draw lines or boxes. The
+# others draw their fields' frames only in the widgets' own appearances (taken out with
+# them), are damaged beyond pypdf's copy, or hold no fields.
 FORMS = [
     "pdfjs-irs-f1040-prefilled.pdf",
     "pdflib-hybrid-xfa-fields.pdf",
     "pikepdf-dd0293-hybrid-xfa.pdf",
     "pdflib-sample-form-js-named-actions.pdf",
-    "pdfcpu-cjk-japanese-form.pdf",
+    "qpdf-field-types.pdf",
+    "pypdf-libreoffice-form.pdf",
+    "qpdf-broken-button-set.pdf",
+    "qpdf-rotated-pages-multiline-text.pdf",
 ]
 
 RADIO, PUSH = 1 << 15, 1 << 16
@@ -123,6 +127,16 @@ def iou(a, b):
     return i / ((a[2] - a[0]) * (a[3] - a[1]) + (b[2] - b[0]) * (b[3] - b[1]) - i)
 
 
+def without_choices(truth, found):
+    """truth without its choice fields, and found without what lies over one (IoU >= 0.5):
+    the figures of the kinds detection proposes."""
+    choices = [t for t in truth if t[1] == "choice"]
+    rest = [t for t in truth if t[1] != "choice"]
+    kept = [f for f in found
+            if not any(c[0] == f[0] and iou(c[2], f[2]) >= 0.5 for c in choices)]
+    return rest, kept
+
+
 def match(truth, found):
     """How many of found match one of truth each (greedy by overlap)."""
     pairs = []
@@ -172,6 +186,8 @@ def main():
             found = widgets(PdfReader(out))
             check = subprocess.run(["qpdf", "--check", out], capture_output=True, text=True)
             matched = match(truth, found)
+            truth_nc, found_nc = without_choices(truth, found)
+            matched_nc = match(truth_nc, found_nc)
             kinds = {}
             for _, k, _ in truth:
                 kinds.setdefault(k, [0, 0])[0] += 1
@@ -180,6 +196,8 @@ def main():
             rows.append({
                 "form": name, "pages": pages, "truth": len(truth), "found": len(found),
                 "matched": matched,
+                "truth_no_choice": len(truth_nc), "found_no_choice": len(found_nc),
+                "matched_no_choice": matched_nc,
                 "precision": matched / len(found) if found else 1.0,
                 "recall": matched / len(truth) if truth else 1.0,
                 "detect_seconds_per_page": max(p["seconds"] for p in report) if report else 0,
@@ -190,9 +208,14 @@ def main():
     truth = sum(r["truth"] for r in rows)
     found = sum(r["found"] for r in rows)
     matched = sum(r["matched"] for r in rows)
+    truth_nc = sum(r["truth_no_choice"] for r in rows)
+    found_nc = sum(r["found_no_choice"] for r in rows)
+    matched_nc = sum(r["matched_no_choice"] for r in rows)
     total = {"truth": truth, "found": found, "matched": matched,
              "precision": matched / found if found else 1.0,
              "recall": matched / truth if truth else 1.0,
+             "precision_no_choice": matched_nc / found_nc if found_nc else 1.0,
+             "recall_no_choice": matched_nc / truth_nc if truth_nc else 1.0,
              "slowest_page_seconds": max(r["detect_seconds_per_page"] for r in rows)}
     print(f"{'form':44} {'pages':>5} {'truth':>5} {'found':>5} {'match':>5} "
           f"{'prec':>5} {'recall':>6} {'s/page':>7} {'qpdf':>4}")
@@ -203,6 +226,8 @@ def main():
     print(f"{'overall':44} {'':5} {truth:5} {found:5} {matched:5} "
           f"{total['precision']:5.2f} {total['recall']:6.2f}  slowest page's detection "
           f"{total['slowest_page_seconds']:.3f} s")
+    print(f"{'without choice fields':44} {'':5} {truth_nc:5} {found_nc:5} {matched_nc:5} "
+          f"{total['precision_no_choice']:5.2f} {total['recall_no_choice']:6.2f}")
     for r in rows:
         print(f"  {r['form']}: truth/found by kind "
               + ", ".join(f"{k} {v[0]}/{v[1]}" for k, v in sorted(r["kinds"].items())))

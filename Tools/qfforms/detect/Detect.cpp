@@ -492,6 +492,7 @@ std::vector<Candidate> candidates(const Drawing& d, const std::vector<Phrase>& p
                     large[j].width() * large[j].height() < 0.9f * b.width() * b.height())
                     inner.push_back(j);
             for (const Box& o : small) smallInside = smallInside || inside(o, b, 1);
+            for (const Circle& o : d.circles) smallInside = smallInside || inside(o.box, b, 1);
             if (inner.empty() && !smallInside) continue;
             bool parts = !smallInside && drawn(b);
             for (size_t j : inner) parts = parts && large[j].height() >= 0.85f * b.height();
