@@ -186,7 +186,7 @@ int detectCommand(const std::vector<std::string>& args) {
         total += r.proposals.size();
         if (o.json) {
             Json j{{"page", page}, {"seconds", r.seconds}, {"operators", r.operators},
-                   {"shapes", r.shapes}, {"fields", Json::array()}};
+                   {"shapes", r.shapes}, {"textRuns", r.textRuns}, {"fields", Json::array()}};
             for (size_t i = 0; i < r.proposals.size(); ++i) {
                 Json f = proposalJson(r.proposals[i]);
                 f["field"] = names[i];

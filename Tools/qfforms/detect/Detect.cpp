@@ -482,7 +482,6 @@ std::vector<Candidate> candidates(const Drawing& d, const std::vector<Phrase>& p
     {
         std::vector<Box> kept;
         std::vector<bool> part(large.size(), false);
-        std::vector<std::pair<Box, uint32_t>> split;
         for (size_t i = 0; i < large.size(); ++i) {
             const Box& b = large[i];
             std::vector<size_t> inner;
@@ -495,21 +494,29 @@ std::vector<Candidate> candidates(const Drawing& d, const std::vector<Phrase>& p
             for (const Circle& o : d.circles) smallInside = smallInside || inside(o.box, b, 1);
             if (inner.empty() && !smallInside) continue;
             bool parts = !smallInside && drawn(b);
-            for (size_t j : inner) parts = parts && large[j].height() >= 0.85f * b.height();
+            bool alike = inner.size() >= 3;
+            for (size_t j : inner) {
+                parts = parts && large[j].height() >= 0.85f * b.height();
+                alike = alike && std::fabs(large[j].width() - large[inner[0]].width()) <= 1.5f;
+            }
             if (!parts) {
                 part[i] = true; // a frame
                 continue;
             }
             for (size_t j : inner) part[j] = true;
-            split.emplace_back(b, static_cast<uint32_t>(inner.size()));
+            if (alike) {
+                Candidate c{Kind::Text, b};
+                c.comb = true;
+                c.maxLength = static_cast<uint32_t>(inner.size());
+                out.push_back(c);
+                part[i] = true;
+            } else {
+                parted.push_back(b);
+            }
         }
         for (size_t i = 0; i < large.size(); ++i)
             if (!part[i]) kept.push_back(large[i]);
         large = std::move(kept);
-        for (const auto& [b, n] : split) {
-            (void)n;
-            parted.push_back(b);
-        }
     }
 
     // Rows of small equal boxes side by side: one comb field each; other small squares are
