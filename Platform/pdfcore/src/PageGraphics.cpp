@@ -39,6 +39,13 @@ struct Point {
     double x, y;
 };
 
+// A number of the file as an integer within [lo, hi] (NaN: lo).
+int64_t clampedInt(double v, int64_t lo, int64_t hi) {
+    if (!(v >= double(lo))) return lo;
+    if (v >= double(hi)) return hi;
+    return static_cast<int64_t>(v);
+}
+
 struct Subpath {
     std::vector<Point> points; // in default user space
     bool curved = false;
@@ -117,8 +124,14 @@ std::u16string hexText(const std::string& hex) {
     return out;
 }
 
+// Codes of fonts are at most two bytes; the entries a map or a width array may write,
+// so that a font of a damaged or hostile file costs at most this much.
+constexpr uint32_t kMaxCode = 0xFFFF;
+constexpr uint32_t kMaxFontEntries = 1u << 20;
+
 // Reads the bfchar and bfrange sections of a /ToUnicode CMap.
 void readToUnicode(const std::string& data, std::map<uint32_t, std::u16string>& map) {
+    uint32_t budget = kMaxFontEntries;
     // Tokens: <hex> as "<" + digits, [ and ], and words.
     std::vector<std::string> tokens;
     for (size_t i = 0; i < data.size();) {
@@ -154,12 +167,16 @@ void readToUnicode(const std::string& data, std::map<uint32_t, std::u16string>& 
         if (t == "beginbfchar") section = Char, ++i;
         else if (t == "beginbfrange") section = Range, ++i;
         else if (t == "endbfchar" || t == "endbfrange") section = None, ++i;
+        else if (budget == 0) break;
         else if (section == Char && i + 1 < tokens.size() && isHex(t) && isHex(tokens[i + 1])) {
-            map[hexNumber(t.substr(1))] = hexText(tokens[i + 1].substr(1));
+            const uint32_t code = hexNumber(t.substr(1));
+            if (code <= kMaxCode) map[code] = hexText(tokens[i + 1].substr(1));
+            --budget;
             i += 2;
         } else if (section == Range && i + 2 < tokens.size() && isHex(t) && isHex(tokens[i + 1])) {
-            const uint32_t lo = hexNumber(t.substr(1)), hi = hexNumber(tokens[i + 1].substr(1));
-            if (hi < lo || hi - lo > 0xFFFF) {
+            const uint32_t lo = hexNumber(t.substr(1));
+            const uint32_t hi = std::min(hexNumber(tokens[i + 1].substr(1)), kMaxCode);
+            if (hi < lo || hi - lo >= budget) {
                 i += 3;
                 continue;
             }
@@ -169,11 +186,12 @@ void readToUnicode(const std::string& data, std::map<uint32_t, std::u16string>& 
                     map[code] = dst;
                     ++dst.back();
                 }
+                budget -= hi - lo + 1;
                 i += 3;
             } else if (tokens[i + 2] == "[") {
                 size_t k = i + 3;
-                for (uint32_t code = lo; k < tokens.size() && tokens[k] != "]"; ++k, ++code)
-                    if (isHex(tokens[k])) map[code] = hexText(tokens[k].substr(1));
+                for (uint32_t code = lo; k < tokens.size() && tokens[k] != "]" && budget > 0; ++k, ++code, --budget)
+                    if (isHex(tokens[k]) && code <= kMaxCode) map[code] = hexText(tokens[k].substr(1));
                 i = k + 1;
             } else {
                 i += 3;
@@ -218,21 +236,24 @@ std::unique_ptr<Font> readFont(QPDFObjectHandle dict) {
             auto w = cid.getKey("/W");
             if (w.isArray()) {
                 const int n = w.getArrayNItems();
-                for (int i = 0; i < n && font->widths.size() < 70000;) {
+                uint32_t budget = kMaxFontEntries;
+                for (int i = 0; i < n && budget > 0;) {
                     auto first = w.getArrayItem(i);
                     if (!first.isNumber()) break;
-                    const auto c0 = static_cast<uint32_t>(first.getNumericValue());
+                    const auto c0 = static_cast<uint32_t>(clampedInt(first.getNumericValue(), 0, kMaxCode + 1));
                     auto next = i + 1 < n ? w.getArrayItem(i + 1) : QPDFObjectHandle::newNull();
                     if (next.isArray()) {
                         const int m = next.getArrayNItems();
-                        for (int k = 0; k < m; ++k)
+                        for (int k = 0; k < m && c0 + k <= kMaxCode && budget > 0; ++k, --budget)
                             if (next.getArrayItem(k).isNumber())
                                 font->widths[c0 + k] = next.getArrayItem(k).getNumericValue();
+                        budget -= budget > 0; // an empty list costs too
                         i += 2;
                     } else if (next.isNumber() && i + 2 < n && w.getArrayItem(i + 2).isNumber()) {
-                        const auto c1 = static_cast<uint32_t>(next.getNumericValue());
+                        const auto c1 = static_cast<uint32_t>(clampedInt(next.getNumericValue(), 0, kMaxCode));
                         const double width = w.getArrayItem(i + 2).getNumericValue();
-                        for (uint32_t c = c0; c <= c1 && c - c0 < 0x10000; ++c) font->widths[c] = width;
+                        for (uint32_t c = c0; c <= c1 && budget > 0; ++c, --budget) font->widths[c] = width;
+                        budget -= budget > 0;
                         i += 3;
                     } else {
                         break;
@@ -258,7 +279,7 @@ std::unique_ptr<Font> readFont(QPDFObjectHandle dict) {
     auto widths = dict.getKey("/Widths");
     auto firstChar = dict.getKey("/FirstChar");
     if (widths.isArray() && firstChar.isNumber()) {
-        const int first = static_cast<int>(firstChar.getNumericValue());
+        const int first = static_cast<int>(clampedInt(firstChar.getNumericValue(), -1, 256));
         const int n = std::min(widths.getArrayNItems(), 256);
         for (int i = 0; i < n; ++i)
             if (widths.getArrayItem(i).isNumber() && first + i >= 0 && first + i < 256)
@@ -287,7 +308,7 @@ std::unique_ptr<Font> readFont(QPDFObjectHandle dict) {
         for (int i = 0; i < diffs.getArrayNItems(); ++i) {
             auto item = diffs.getArrayItem(i);
             if (item.isNumber()) {
-                code = static_cast<int>(item.getNumericValue());
+                code = static_cast<int>(clampedInt(item.getNumericValue(), -1, 256));
             } else if (item.isName()) {
                 if (code >= 0 && code < 256) {
                     const char16_t u = glyphUnicode(item.getName().substr(1));
@@ -474,8 +495,12 @@ class Reader {
             if (it != fonts_.end()) return it->second.get();
             return (fonts_[og] = readFont(dict)).get();
         }
-        direct_.push_back(readFont(dict));
-        return direct_.back().get();
+        // A font written into its resources is known by them and its name, read once
+        // however often it is chosen.
+        const auto key = std::make_pair(resources.getObjGen(), name);
+        auto it = direct_.find(key);
+        if (it != direct_.end()) return it->second.get();
+        return (direct_[key] = readFont(dict)).get();
     }
 
     // Shows string s; spacing adjustments of TJ come as separate calls. Adds to the
@@ -773,7 +798,7 @@ class Reader {
     std::u16string runText_;
     bool runUndecoded_ = false;
     std::map<QPDFObjGen, std::unique_ptr<Font>> fonts_;
-    std::vector<std::unique_ptr<Font>> direct_;
+    std::map<std::pair<QPDFObjGen, std::string>, std::unique_ptr<Font>> direct_;
     std::set<QPDFObjGen> onStack_;
 
   public:

@@ -67,6 +67,9 @@ bool isWhite(uint32_t argb) {
 
 int32_t collect(const PDGraphic* g, void* data) {
     Drawing& d = *static_cast<Drawing*>(data);
+    // Only what lies within reach of the page is looked at (nothing infinite or NaN).
+    for (float v : {g->x0, g->y0, g->x1, g->y1})
+        if (!(std::fabs(v) < 1e6f)) return 0;
     if (g->kind == PD_GRAPHIC_TEXT) {
         d.runs.push_back({{g->x0, g->y0, g->x1, g->y1},
                           std::u16string(g->text ? g->text : u"", g->textLen),
