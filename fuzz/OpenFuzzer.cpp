@@ -1,11 +1,11 @@
 // libFuzzer target: arbitrary bytes opened as a PDF (PDDocOpenMem). A document that opens
 // is read the way `qfforms inspect` reads it and further: every page (boxes, rotation, tab
-// order, what it draws as field detection reads it) and annotation (subtype, rectangle, flags, state, its page, its field), every
-// terminal field (names, type, flags, values, tooltip, maximum length, options, widgets
-// and their looks), every trigger action as the widget clipboard records it
-// (pdActionToJson); then it is written (PDDocSaveMem) and what was written is opened and
-// read again. Result codes are answers, whatever they are; what must hold is no crash, no
-// leak, no hang, and that what pdfcore writes it opens again.
+// order, what it draws as field detection reads it) and annotation (subtype, rectangle,
+// flags, state, its page, its field), every terminal field (names, type, flags, values,
+// tooltip, maximum length, options, widgets and their looks), every trigger action as the
+// widget clipboard records it (pdActionToJson); then it is written (PDDocSaveMem) and what
+// was written is opened and read again. Result codes are answers, whatever they are; what
+// must hold is no crash, no leak, no hang, and that what pdfcore writes it opens again.
 //
 // Single-threaded; each input's handles are all released before the next input.
 
