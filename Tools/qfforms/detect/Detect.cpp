@@ -6,6 +6,7 @@
 #include <map>
 #include <optional>
 #include <stdexcept>
+#include <tuple>
 
 namespace qfforms::detect {
 
@@ -14,7 +15,6 @@ namespace {
 // A segment along one axis: horizontal at `at` from `from` to `to`, or vertical likewise.
 struct Segment {
     float at, from, to;
-    float width; // stroke width
     float length() const { return to - from; }
 };
 
@@ -100,8 +100,8 @@ int32_t collect(const PDGraphic* g, void* data) {
     }
     if (g->kind == PD_GRAPHIC_LINE) {
         if (!stroked) return 0;
-        if (h < 0.8f && w > 2) d.horizontal.push_back({(b + t) / 2, l, r, g->lineWidth});
-        else if (w < 0.8f && h > 2) d.vertical.push_back({(l + r) / 2, b, t, g->lineWidth});
+        if (h < 0.8f && w > 2) d.horizontal.push_back({(b + t) / 2, l, r});
+        else if (w < 0.8f && h > 2) d.vertical.push_back({(l + r) / 2, b, t});
         return 0;
     }
     if (g->kind == PD_GRAPHIC_CURVE) {
@@ -113,20 +113,19 @@ int32_t collect(const PDGraphic* g, void* data) {
     // Rectangles: thin ones are rules, others boxes (and their sides rules too, so that
     // cells of boxes drawn side by side are found like cells of ruled tables).
     if (h <= 2.5f && w > 2) {
-        d.horizontal.push_back({(b + t) / 2, l, r, h});
+        d.horizontal.push_back({(b + t) / 2, l, r});
         return 0;
     }
     if (w <= 2.5f && h > 2) {
-        d.vertical.push_back({(l + r) / 2, b, t, w});
+        d.vertical.push_back({(l + r) / 2, b, t});
         return 0;
     }
     if (filled && !stroked) return 0; // a shaded area, not an outline
     d.boxes.push_back({l, b, r, t});
-    const float lw = g->lineWidth;
-    d.horizontal.push_back({b, l, r, lw});
-    d.horizontal.push_back({t, l, r, lw});
-    d.vertical.push_back({l, b, t, lw});
-    d.vertical.push_back({r, b, t, lw});
+    d.horizontal.push_back({b, l, r});
+    d.horizontal.push_back({t, l, r});
+    d.vertical.push_back({l, b, t});
+    d.vertical.push_back({r, b, t});
     return 0;
 }
 
@@ -272,20 +271,15 @@ float textCover(const Box& box, const std::vector<Phrase>& ps) {
     return area / std::max(box.width() * box.height(), 1.0f);
 }
 
-// The text lying inside box (not its leaders).
-bool holdsText(const Box& box, const std::vector<Phrase>& ps, float* lowest = nullptr) {
-    bool any = false;
-    float low = box.top;
+// Whether text (not leaders) lies inside box.
+bool holdsText(const Box& box, const std::vector<Phrase>& ps) {
     for (const Phrase& p : ps) {
         if (blankText(p.text)) continue;
         const float w = hOverlap(box, p.box), h = vOverlap(box, p.box);
-        if (w > 0.5f * std::min(p.box.width(), box.width()) && h > 0.5f * p.box.height()) {
-            any = true;
-            low = std::min(low, p.box.bottom);
-        }
+        if (w > 0.5f * std::min(p.box.width(), box.width()) && h > 0.5f * p.box.height())
+            return true;
     }
-    if (lowest) *lowest = low;
-    return any;
+    return false;
 }
 
 // Where one writes in box: all of it when it holds no text; the part below the text when
