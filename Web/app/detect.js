@@ -1,9 +1,9 @@
 // Detect fields: the host proposes the fields the page in sight draws (boxes, underlines,
 // squares, circles), shown as outlines over the page and as a list in the panel, each
 // with its kind and the name taken from its label. The person unticks the ones not wanted
-// (in the list or by clicking the outline), edits names, and accepts: the chosen ones
-// become fields as the creation tools make them, in one undo step. Nothing changes in the
-// document before that.
+// (in the list or by clicking the outline), edits names and kinds, and accepts: the
+// chosen ones become fields as the creation tools make them, in one undo step. Nothing
+// changes in the document before that.
 
 import {post} from './api.js';
 import {addTexts, t, translate} from './texts.js';
@@ -15,7 +15,7 @@ addTexts({
     detectCount: '{0} proposed, {1} chosen', detectNone: 'No fields proposed.',
     detectMade: '{0} fields made.',
     kindtext: 'Text', kindcheck: 'Check box', kindradio: 'Radio button', kindsignature: 'Signature',
-    detectComb: 'comb of {0}', detectMultiline: 'multiline',
+    detectComb: 'comb of {0}', detectMultiline: 'multiline', detectKind: 'kind of field',
   },
   ja: {
     detect: 'フィールドを検出', detectHint: '表示中のページの枠と線からフィールドを提案します',
@@ -24,6 +24,7 @@ addTexts({
     detectMade: '{0} 個のフィールドを作成しました。',
     kindtext: 'テキスト', kindcheck: 'チェックボックス', kindradio: 'ラジオボタン',
     kindsignature: '署名', detectComb: '{0} 文字のコーム', detectMultiline: '複数行',
+    detectKind: 'フィールドの種類',
   },
 });
 
@@ -96,7 +97,7 @@ function drawOutlines() {
     const box = document.createElement('div');
     box.className = 'detect-outline';
     box.dataset.index = p.index;
-    box.dataset.kind = p.kind;
+    box.dataset.kind = chosen[p.index].kind;
     box.title = `${chosen[p.index].name || kindWords(p)} — ${p.label}`;
     const [x, y, w, h] = p.view;
     Object.assign(box.style, {left: `${x}px`, top: `${y}px`, width: `${w}px`, height: `${h}px`});
@@ -129,9 +130,19 @@ function drawList() {
     take.checked = chosen[p.index].take;
     take.setAttribute('aria-label', p.label || kindWords(p));
     take.addEventListener('change', () => setTaken(p.index, take.checked));
-    const kind = document.createElement('span');
+    const kind = document.createElement('select');
     kind.className = 'kind';
-    kind.textContent = kindWords(p);
+    for (const k of ['text', 'check', 'radio', 'signature']) {
+      const option = new Option(k === p.kind ? kindWords(p) : t(`kind${k}`), k);
+      kind.append(option);
+    }
+    kind.value = chosen[p.index].kind;
+    kind.setAttribute('aria-label', t('detectKind'));
+    kind.addEventListener('change', () => {
+      chosen[p.index].kind = kind.value;
+      const outline = view.querySelector(`.detect-outline[data-index="${p.index}"]`);
+      if (outline) outline.dataset.kind = kind.value;
+    });
     const name = document.createElement('input');
     name.type = 'text';
     name.className = 'name';
@@ -182,7 +193,7 @@ async function detect() {
   if (!answer.ok) return;
   found = answer.body;
   layoutKey = `${view.style.width} ${view.style.height}`;
-  chosen = found.proposals.map((p) => ({take: true, name: p.name}));
+  chosen = found.proposals.map((p) => ({take: true, name: p.name, kind: p.kind}));
   drawList();
   drawOutlines();
 }
@@ -190,12 +201,14 @@ async function detect() {
 async function acceptChosen() {
   const accept = [];
   const names = {};
+  const kinds = {};
   found.proposals.forEach((p, i) => {
     if (!chosen[i].take) return;
     accept.push(i);
     if (chosen[i].name !== p.name) names[i] = chosen[i].name;
+    if (chosen[i].kind !== p.kind) kinds[i] = chosen[i].kind;
   });
-  const answer = await post('/api/detect/accept', {page: found.page, accept, names});
+  const answer = await post('/api/detect/accept', {page: found.page, accept, names, kinds});
   if (!answer.ok) return;
   close();
   document.getElementById('notice').textContent = t('detectMade', answer.body.fields.length);

@@ -4,9 +4,10 @@
 //
 // On a copy of FLAT.pdf (a real form without its fields): Detect fields proposes outlines
 // over the page and a list, and changes nothing; a click on an outline and a tick in the
-// list reject two, a name is edited, and Accept makes the others fields in one undo step
-// named after their labels (the edited one as typed), which one undo takes back. A second
-// detection over the fields made proposes none of them again. DIR gets screenshots.
+// list reject two, a name and a kind are changed, and Accept makes the others fields in one
+// undo step, named after their labels (the edited one as typed, the changed one of its new
+// kind), which one undo takes back. A second detection over the fields made proposes none
+// of them again. DIR gets screenshots.
 
 import assert from 'node:assert/strict';
 import fs from 'node:fs';
@@ -38,6 +39,11 @@ after(async () => {
 const settled = () => settledIn(page);
 const state = () => stateOf(page);
 const shot = (name) => page.screenshot({path: path.join(artifacts, name)});
+const kindOf = async (name) =>
+  (await page.evaluate(async () => {
+    const token = new URLSearchParams(location.search).get('token');
+    return (await fetch('/api/fields', {headers: {'X-QF-Token': token}})).json();
+  })).fields.find((f) => f.name === name && f.widgets.length)?.kind;
 // The fields with a widget on a page (a field whose widgets an undo took out stays in the
 // open document, unwritten).
 const fieldNames = async () =>
@@ -71,6 +77,10 @@ test('proposals are shown, chosen, renamed and accepted as one undo step', async
     (e) => e.hasAttribute('data-rejected')));
   const third = page.locator('#detect-panel li[data-index="2"] input.name');
   await third.fill('given_name');
+  // The fourth, a text field, is made a signature field.
+  assert.equal(await page.locator('#detect-panel li[data-index="3"] select.kind').inputValue(), 'text');
+  await page.selectOption('#detect-panel li[data-index="3"] select.kind', 'signature');
+  const signed = names[3];
   const rejected = [names[0], names[1]].filter((n) => n);
   await page.click('#detect-panel button.accept');
   await settled();
@@ -83,6 +93,7 @@ test('proposals are shown, chosen, renamed and accepted as one undo step', async
   const made = await fieldNames();
   const accepted = names.slice(2).map((n, i) => (i === 0 ? 'given_name' : n)).filter((n) => n);
   for (const n of accepted) assert.ok(made.includes(n), `${n} in ${made.join()}`);
+  assert.equal(await kindOf(signed), 'signature');
   for (const n of rejected) {
     if (!accepted.includes(n)) assert.ok(!made.includes(n), `${n} was rejected`);
   }

@@ -1009,8 +1009,10 @@ class Editor {
         return answer({{"page", index}, {"proposals", list}, {"notes", notes}});
     }
 
-    // Makes the proposals {"page": N, "accept": [indices], "names": {"index": name}} of the
-    // last detection on that page fields, as one undo step; "names" renames some first.
+    // Makes the proposals {"page": N, "accept": [indices], "names": {"index": name},
+    // "kinds": {"index": kind}} of the last detection on that page fields, as one undo
+    // step; "names" renames some first and "kinds" makes some of another kind ("text",
+    // "check", "radio", "signature"; a button made a radio button is a group of its own).
     HttpResponse acceptDetected(const Json& body) {
         action_ = Sentence::Detected;
         const Json* page = body.contains("page") ? &body["page"] : nullptr;
@@ -1031,6 +1033,25 @@ class Editor {
                     if (!n->is_string() || n->get<std::string>().size() > 1000)
                         throw Refusal(sentence(lang_, Sentence::DetectFirst));
                     p.name = fromUtf8(n->get<std::string>());
+                }
+            }
+            if (body.contains("kinds") && body["kinds"].is_object()) {
+                const auto k = body["kinds"].find(std::to_string(i.get<size_t>()));
+                if (k != body["kinds"].end()) {
+                    static constexpr detect::Kind kKinds[] = {detect::Kind::Text, detect::Kind::Check,
+                                                              detect::Kind::Radio, detect::Kind::Signature};
+                    const auto named = std::find_if(std::begin(kKinds), std::end(kKinds), [&](detect::Kind kind) {
+                        return k->is_string() && k->get<std::string>() == detect::kindName(kind);
+                    });
+                    if (named == std::end(kKinds)) throw Refusal(sentence(lang_, Sentence::DetectFirst));
+                    if (*named != p.kind) {
+                        p.kind = *named;
+                        // Past the detected groups' numbers, one per proposal.
+                        p.group = p.kind == detect::Kind::Radio
+                                      ? static_cast<int>(detected_.size() + i.get<size_t>())
+                                      : -1;
+                        if (p.kind != detect::Kind::Text) p.multiline = p.comb = false, p.maxLength = 0;
+                    }
                 }
             }
             chosen.push_back(std::move(p));
