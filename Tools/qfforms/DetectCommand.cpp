@@ -110,7 +110,9 @@ std::string leftOut(const detect::PageResult& r, const detect::Limits& limits) {
         out += "; skipped " + std::to_string(r.skippedXObjects) +
                " drawings nested too deep, inside themselves or damaged";
     if (r.existingWidgets)
-        out += "; " + std::to_string(r.existingWidgets) + " places kept for the fields already there";
+        out += "; " + std::to_string(r.existingWidgets) +
+               (r.existingWidgets == 1 ? " place kept for the field" : " places kept for the fields") +
+               " already there";
     return out;
 }
 

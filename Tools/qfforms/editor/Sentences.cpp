@@ -145,7 +145,7 @@ constexpr Entry kTable[] = {
     {Sentence::DetectShapesSkipped,
      "The page draws too much: only its first {0} lines and boxes were looked at.",
      "ページの描画が多すぎるため、最初の {0} 本の線と枠だけを調べました。"},
-    {Sentence::DetectKept, "{0} places hold fields already and were left as they are.",
+    {Sentence::DetectKept, "Places that hold fields already were left as they are: {0}.",
      "{0} か所には既にフィールドがあるため、そのままにしました。"},
     {Sentence::KindText, "a text field", "テキストフィールド"},
     {Sentence::KindCombo, "a combo box", "コンボボックス"},
