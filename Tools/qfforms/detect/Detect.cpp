@@ -646,6 +646,23 @@ PageResult detectPage(PDDoc doc, uint32_t index, const Limits& limits) {
 
     const std::vector<Phrase> ps = phrases(d.runs);
     std::vector<Candidate> found = candidates(d, ps);
+    // A cell several lines tall in a column of one-line cells (the amounts of a tax form)
+    // is written in its last line, as the others are.
+    for (Candidate& c : found) {
+        if (c.kind != Kind::Text || c.fromUnderline || c.comb || c.box.width() > 120) continue;
+        std::vector<float> heights;
+        for (const Candidate& o : found)
+            if (&o != &c && o.kind == Kind::Text && !o.fromUnderline &&
+                std::fabs(o.box.left - c.box.left) < 1.5f && std::fabs(o.box.right - c.box.right) < 1.5f)
+                heights.push_back(o.box.height());
+        if (heights.size() < 3) continue;
+        std::nth_element(heights.begin(), heights.begin() + heights.size() / 2, heights.end());
+        const float line = heights[heights.size() / 2];
+        if (c.box.height() >= 1.8f * line) {
+            c.box.top = c.box.bottom + line;
+            c.multiline = false;
+        }
+    }
 
     // Widgets already on the page keep their place: nothing is proposed over them.
     std::vector<Box> widgets;
