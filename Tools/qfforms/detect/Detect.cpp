@@ -568,8 +568,10 @@ std::vector<Candidate> candidates(const Drawing& d, const std::vector<Phrase>& p
         const bool across = r.length() > 0.85f * d.page.width();
         // The room above it up to the next rule over it, at most 16 points.
         float roof = r.at + 16;
+        bool ruled = false; // a rule above closes the room: the band of a ruled table
         for (const Segment& o : rules)
-            if (o.at > r.at + 1 && o.at < roof && o.from < r.to - 2 && o.to > r.from + 2) roof = o.at;
+            if (o.at > r.at + 1 && o.at < roof && o.from < r.to - 2 && o.to > r.from + 2)
+                roof = o.at, ruled = true;
         // Text over the rule that does not stand on it (a title above a rule) leaves only
         // the room below it.
         for (const Phrase& p : ps)
@@ -596,7 +598,9 @@ std::vector<Candidate> candidates(const Drawing& d, const std::vector<Phrase>& p
             return false;
         };
         const auto room = [&](float to) {
-            if (to - from >= 30 && (!across || labelled(from))) {
+            // Across the page, and in a band of a ruled table, only room that a label
+            // starts is written in (the rest of a heading's row is not).
+            if (to - from >= 30 && (!(across || ruled) || labelled(from))) {
                 Candidate c{Kind::Text, {from, r.at, to, roof}};
                 c.fromUnderline = true;
                 out.push_back(c);
