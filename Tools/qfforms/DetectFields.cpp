@@ -86,11 +86,16 @@ std::vector<std::string> acceptProposals(Session& session, qfhost::Host& host, u
                 name = freeName(doc, toUtf8(p.name));
             }
             if (name) session.run("set", Json{{"property", "FieldName"}, {"value", *name}});
+            const uint32_t before = annotCount(doc, page);
             session.run("drag", Json{{"page", page},
                                      {"from", {p.box.left, p.box.top}},
                                      {"to", {p.box.right, p.box.bottom}},
                                      {"moves", 1}});
-            const uint32_t index = annotCount(doc, page) - 1;
+            // The tool adds its widget at the end of the page's annotations.
+            if (annotCount(doc, page) != before + 1)
+                throw StepFailure(std::nullopt, std::string("the tool ") + wanted +
+                                                    " made no field over a proposal");
+            const uint32_t index = before;
             const std::string made = fieldNameAt(doc, page, index);
             if (p.kind == detect::Kind::Radio && !groupNames.count(p.group))
                 groupNames[p.group] = made;
