@@ -7,7 +7,8 @@
            above a floor (bench/detect_eval.py), and the outputs pass qpdf --check
   edges    a page without drawn boxes says so and adds nothing; a page of 400,000 strokes
            finishes in time and says what it skipped; the fields already on a page keep
-           their places; the input stays as it was; bad arguments are refused
+           their places; the input stays as it was; --pages and --lang; bad arguments are
+           refused
 """
 
 import argparse
@@ -214,6 +215,18 @@ def edges(args):
         expect("drawing operators only, the rest skipped" in r.stdout, r.stdout)
         expect("lines and boxes only, the rest skipped" in r.stdout, r.stdout)
         expect(seconds < 2 * 1.0 + 1.0, f"the chart took {seconds:.2f} s")
+
+        # --pages: only the pages named, and an unlabelled place named by the tool in the
+        # session's language.
+        two = os.path.join(tmp, "two.pdf")
+        pdf_with_content(two, b"72 650 200 20 re S", pages=2)
+        r = run(["detect", two, "--out", os.path.join(tmp, "two-out.pdf"), "--pages", "1",
+                 "--lang", "ja"], q)
+        expect(r.returncode == 0 and r.stdout.startswith("page 1: 1 field\n")
+               and "page 0" not in r.stdout, r.stdout + r.stderr)
+        made = widgets(os.path.join(tmp, "two-out.pdf"))
+        expect(len(made) == 1 and not field_entry(made[0], "/T").isascii(),
+               f"one field named in Japanese: {[field_entry(w, '/T') for w in made]}")
 
         # Bad arguments.
         for bad, words in ((["detect", form], "needs --out"),
