@@ -5,7 +5,6 @@
 #include "Pd.h"
 #include "Session.h"
 #include "detect/Detect.h"
-
 #include "qfhost/Document.h"
 #include "qfhost/Host.h"
 #include "qfhost/ModuleLoader.h"
@@ -79,7 +78,8 @@ std::optional<std::string> pageList(const std::string& text, uint32_t count,
         if (*last >= count)
             return "--pages: page " + std::to_string(*last) + " is past the last page (" +
                    std::to_string(count) + " pages, counted from 0)";
-        for (uint32_t p = *first; p <= *last; ++p) chosen.insert(p);
+        for (uint32_t p = *first; p <= *last; ++p)
+            chosen.insert(p);
     }
     if (chosen.empty()) return "--pages: no page given";
     pages.assign(chosen.begin(), chosen.end());
@@ -110,9 +110,10 @@ std::string leftOut(const detect::PageResult& r, const detect::Limits& limits) {
         out += "; skipped " + std::to_string(r.skippedXObjects) +
                " drawings nested too deep, inside themselves or damaged";
     if (r.existingWidgets)
-        out += "; " + std::to_string(r.existingWidgets) +
-               (r.existingWidgets == 1 ? " place kept for the field" : " places kept for the fields") +
-               " already there";
+        out +=
+            "; " + std::to_string(r.existingWidgets) +
+            (r.existingWidgets == 1 ? " place kept for the field" : " places kept for the fields") +
+            " already there";
     return out;
 }
 
@@ -166,12 +167,14 @@ int detectCommand(const std::vector<std::string>& args) {
     qfhost::Document& doc = *host->currentDocument();
     std::vector<uint32_t> pages;
     if (o.pages.empty()) {
-        for (uint32_t p = 0; p < doc.pageCount(); ++p) pages.push_back(p);
+        for (uint32_t p = 0; p < doc.pageCount(); ++p)
+            pages.push_back(p);
     } else if (auto problem = pageList(o.pages, doc.pageCount(), pages)) {
         return usage(*problem);
     }
     if (!o.breakSignatures && holdsSignatures(doc.pdDoc()))
-        return fail(o.out, std::string(kSignedDocument) + " (pass --break-signatures to save anyway)");
+        return fail(o.out,
+                    std::string(kSignedDocument) + " (pass --break-signatures to save anyway)");
 
     const detect::Limits limits;
     Json report = Json::array();
@@ -187,7 +190,7 @@ int detectCommand(const std::vector<std::string>& args) {
         }
         total += r.proposals.size();
         if (o.json) {
-            Json j{{"page", page}, {"seconds", r.seconds}, {"operators", r.operators},
+            Json j{{"page", page},       {"seconds", r.seconds},   {"operators", r.operators},
                    {"shapes", r.shapes}, {"textRuns", r.textRuns}, {"fields", Json::array()}};
             for (size_t i = 0; i < r.proposals.size(); ++i) {
                 Json f = proposalJson(r.proposals[i]);
@@ -221,7 +224,8 @@ int detectCommand(const std::vector<std::string>& args) {
         return fail(o.out, e.what());
     }
     const Written written = writeOutputs(session.outputs(), o.force);
-    for (const std::string& problem : written.problems) std::cerr << "qfforms: " << problem << "\n";
+    for (const std::string& problem : written.problems)
+        std::cerr << "qfforms: " << problem << "\n";
     if (!written.problems.empty()) return 1;
     std::error_code ec;
     (o.json ? std::cerr : std::cout)

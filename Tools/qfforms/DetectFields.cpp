@@ -2,7 +2,6 @@
 
 #include "Layout.h"
 #include "Pd.h"
-
 #include "qfhost/Document.h"
 #include "qfhost/Services.h"
 #include "qfhost/View.h"
@@ -16,10 +15,14 @@ namespace {
 
 const char* toolOf(detect::Kind kind) {
     switch (kind) {
-    case detect::Kind::Text: return "TextFieldCreate";
-    case detect::Kind::Check: return "CheckBoxCreate";
-    case detect::Kind::Radio: return "RadioGroupCreate";
-    case detect::Kind::Signature: return "DigitalSignatureFieldCreate";
+    case detect::Kind::Text:
+        return "TextFieldCreate";
+    case detect::Kind::Check:
+        return "CheckBoxCreate";
+    case detect::Kind::Radio:
+        return "RadioGroupCreate";
+    case detect::Kind::Signature:
+        return "DigitalSignatureFieldCreate";
     }
     return "TextFieldCreate";
 }
@@ -47,9 +50,9 @@ std::string fieldNameAt(PDDoc doc, uint32_t page, uint32_t index) {
     check(PDPageGetAnnot(p.get(), index, annot.out()));
     check(PDWidgetAnnotGetParent(annot.get(), field.out()));
     const PDField f = field.get();
-    return readUtf8([f](char16_t* b, uint32_t n, uint32_t* l) {
-               return PDFieldGetFullName(f, b, n, l);
-           }).value_or("");
+    return readUtf8(
+               [f](char16_t* b, uint32_t n, uint32_t* l) { return PDFieldGetFullName(f, b, n, l); })
+        .value_or("");
 }
 
 } // namespace
@@ -102,7 +105,8 @@ std::vector<std::string> acceptProposals(Session& session, qfhost::Host& host, u
             names.push_back(made);
             const Json widget = Json::array({Json{{"page", page}, {"index", index}}});
             const auto set = [&](const char* id, Json value) {
-                session.run("property", Json{{"id", id}, {"value", std::move(value)}, {"widgets", widget}});
+                session.run("property",
+                            Json{{"id", id}, {"value", std::move(value)}, {"widgets", widget}});
             };
             const std::u16string& tip = p.kind == detect::Kind::Radio ? std::u16string() : p.label;
             if (!tip.empty()) set("tooltip", toUtf8(tip));
@@ -113,14 +117,18 @@ std::vector<std::string> acceptProposals(Session& session, qfhost::Host& host, u
             }
         }
         session.run("command", Json{{"name", "AutoTabOrderAnnot"}, {"pages", {page}}});
-        if (tool.empty()) view->deactivateTool();
-        else view->activateTool(tool);
+        if (tool.empty())
+            view->deactivateTool();
+        else
+            view->activateTool(tool);
         view->setZoom(zoom);
     } catch (...) {
         commands.endGroup(false);
         view->setZoom(zoom);
-        if (tool.empty()) view->deactivateTool();
-        else view->activateTool(tool);
+        if (tool.empty())
+            view->deactivateTool();
+        else
+            view->activateTool(tool);
         throw;
     }
     commands.endGroup(true);

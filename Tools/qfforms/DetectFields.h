@@ -7,7 +7,6 @@
 
 #include "Session.h"
 #include "detect/Detect.h"
-
 #include "qfhost/Host.h"
 
 #include <cstdint>

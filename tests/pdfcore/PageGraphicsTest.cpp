@@ -4,7 +4,6 @@
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
-
 #include <string>
 #include <vector>
 
@@ -41,12 +40,11 @@ std::string stream(const std::string& dict, const std::string& data) {
 // A one-page document drawing content, with fonts F1 (Helvetica, WinAnsi), F2 (a Type0
 // font with a /ToUnicode map of two codes) and the form XObject X1 drawing formContent.
 Owned pageDocument(const std::string& content, const std::string& formContent = "q Q") {
-    const std::string cmap =
-        "/CIDInit /ProcSet findresource begin 12 dict begin begincmap\n"
-        "1 begincodespacerange <0000> <FFFF> endcodespacerange\n"
-        "1 beginbfchar <0001> <6C0F> endbfchar\n"
-        "1 beginbfrange <0002> <0002> [<540D>] endbfrange\n"
-        "endcmap end end";
+    const std::string cmap = "/CIDInit /ProcSet findresource begin 12 dict begin begincmap\n"
+                             "1 begincodespacerange <0000> <FFFF> endcodespacerange\n"
+                             "1 beginbfchar <0001> <6C0F> endbfchar\n"
+                             "1 beginbfrange <0002> <0002> [<540D>] endbfrange\n"
+                             "endcmap end end";
     return openBytes(makePdf({
         "<< /Type /Catalog /Pages 2 0 R >>",
         "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
@@ -76,16 +74,16 @@ TEST(PageGraphics, ShapesComeInUserSpaceThroughTheTransformationsAndFormXObjects
     // polyline (its segments), a circle of curves (its box, closed), an unpainted clip, a
     // rectangle inside the form XObject scaled by the caller and moved by its /Matrix, and
     // an arc (a rounded corner: not closed).
-    Owned doc = pageDocument(
-        "q 1 0 0 1 10 20 cm 0 0 50 10 re S Q "
-        "100 100 m 130 100 l 130 110 l 100 110 l h f "
-        "200 200 m 260 200 l 260 230 l S "
-        "300 300 m 300 305.5 304.5 310 310 310 c 315.5 310 320 305.5 320 300 c "
-        "320 294.5 315.5 290 310 290 c 304.5 290 300 294.5 300 300 c S "
-        "0 0 600 800 re W n "
-        "q 2 0 0 2 0 0 cm /X1 Do Q "
-        "400 400 m 400 405.5 404.5 410 410 410 c S",
-        "5 5 10 10 re B");
+    Owned doc =
+        pageDocument("q 1 0 0 1 10 20 cm 0 0 50 10 re S Q "
+                     "100 100 m 130 100 l 130 110 l 100 110 l h f "
+                     "200 200 m 260 200 l 260 230 l S "
+                     "300 300 m 300 305.5 304.5 310 310 310 c 315.5 310 320 305.5 320 300 c "
+                     "320 294.5 315.5 290 310 290 c 304.5 290 300 294.5 300 300 c S "
+                     "0 0 600 800 re W n "
+                     "q 2 0 0 2 0 0 cm /X1 Do Q "
+                     "400 400 m 400 405.5 404.5 410 410 410 c S",
+                     "5 5 10 10 re B");
     const std::vector<Seen> g = read(doc.get());
     ASSERT_EQ(g.size(), 7u);
     EXPECT_EQ(g[0].kind, PD_GRAPHIC_RECT);
@@ -118,16 +116,15 @@ TEST(PageGraphics, ShapesComeInUserSpaceThroughTheTransformationsAndFormXObjects
 TEST(PageGraphics, TextRunsCarryTheirUnicodeTextAndExtent) {
     // Two spaces of Helvetica at 10 points from (100, 700), a run split by a wide TJ
     // gap, and two codes of a CID font mapped by /ToUnicode (one a range of an array).
-    Owned doc = pageDocument(
-        "BT /F1 10 Tf 100 700 Td (Name:) Tj ET "
-        "BT /F1 10 Tf 100 600 Td [(A) -2000 (B)] TJ ET "
-        "BT /F2 12 Tf 1 0 0 1 50 500 Tm <00010002> Tj ET");
+    Owned doc = pageDocument("BT /F1 10 Tf 100 700 Td (Name:) Tj ET "
+                             "BT /F1 10 Tf 100 600 Td [(A) -2000 (B)] TJ ET "
+                             "BT /F2 12 Tf 1 0 0 1 50 500 Tm <00010002> Tj ET");
     const std::vector<Seen> g = read(doc.get());
     ASSERT_EQ(g.size(), 4u);
     EXPECT_EQ(g[0].kind, PD_GRAPHIC_TEXT);
     EXPECT_EQ(g[0].text, u"Name:");
     EXPECT_FLOAT_EQ(g[0].x0, 100);
-    EXPECT_NEAR(g[0].y0, 698, 0.01);  // the descent below the baseline
+    EXPECT_NEAR(g[0].y0, 698, 0.01); // the descent below the baseline
     EXPECT_NEAR(g[0].fontSize, 10, 0.01);
     EXPECT_EQ(g[1].text, u"A");
     EXPECT_EQ(g[2].text, u"B");
@@ -139,7 +136,8 @@ TEST(PageGraphics, TextRunsCarryTheirUnicodeTextAndExtent) {
 
 TEST(PageGraphics, CapsAndStopsAreAnswersNotFailures) {
     std::string many;
-    for (int i = 0; i < 1000; ++i) many += "0 " + std::to_string(i) + " m 10 " + std::to_string(i) + " l S ";
+    for (int i = 0; i < 1000; ++i)
+        many += "0 " + std::to_string(i) + " m 10 " + std::to_string(i) + " l S ";
     Owned doc = pageDocument(many + "/X1 Do", "/X1 Do");
     PDGraphicsSummary summary{};
     const std::vector<Seen> capped = read(doc.get(), 300, &summary);
@@ -154,11 +152,10 @@ TEST(PageGraphics, CapsAndStopsAreAnswersNotFailures) {
 
     Owned pg = page(doc.get(), 0);
     int calls = 0;
-    EXPECT_EQ(PDPageReadGraphics(pg.get(), 0,
-                                 [](const PDGraphic*, void* n) -> int32_t {
-                                     return ++*static_cast<int*>(n) == 3;
-                                 },
-                                 &calls, nullptr),
+    EXPECT_EQ(PDPageReadGraphics(
+                  pg.get(), 0,
+                  [](const PDGraphic*, void* n) -> int32_t { return ++*static_cast<int*>(n) == 3; },
+                  &calls, nullptr),
               PD_OK);
     EXPECT_EQ(calls, 3);
     EXPECT_EQ(PDPageReadGraphics(pg.get(), 0, nullptr, nullptr, nullptr), PD_ERR_BAD_ARGUMENT);

@@ -3,14 +3,13 @@
 // path and the text state (PDPageReadGraphics).
 #include "Core.h"
 
-#include <qpdf/QPDFPageObjectHelper.hh>
-
 #include <algorithm>
 #include <cctype>
 #include <cmath>
 #include <cstring>
 #include <map>
 #include <memory>
+#include <qpdf/QPDFPageObjectHelper.hh>
 #include <set>
 #include <string>
 #include <vector>
@@ -26,8 +25,8 @@ struct Matrix {
 
     // this, then m (points are row vectors: p × this × m).
     Matrix then(const Matrix& m) const {
-        return {a * m.a + b * m.c,       a * m.b + b * m.d,       c * m.a + d * m.c,
-                c * m.b + d * m.d,       e * m.a + f * m.c + m.e, e * m.b + f * m.d + m.f};
+        return {a * m.a + b * m.c, a * m.b + b * m.d,       c * m.a + d * m.c,
+                c * m.b + d * m.d, e * m.a + f * m.c + m.e, e * m.b + f * m.d + m.f};
     }
     void apply(double x, double y, double& ox, double& oy) const {
         ox = a * x + c * y + e;
@@ -56,13 +55,13 @@ struct Subpath {
 // A font as far as the text's place and Unicode go.
 struct Font {
     bool twoByte = false;
-    bool decodes = true;              // false: no code maps to Unicode
-    bool codesAreUnicode = false;     // UCS-2 CMaps
+    bool decodes = true;          // false: no code maps to Unicode
+    bool codesAreUnicode = false; // UCS-2 CMaps
     std::map<uint32_t, std::u16string> toUnicode;
-    std::u16string byteText[256];     // simple fonts without /ToUnicode
+    std::u16string byteText[256];      // simple fonts without /ToUnicode
     std::map<uint32_t, double> widths; // in glyph space thousandths
     double defaultWidth = 500;
-    double widthScale = 0.001;        // glyph space to text space (type 3: FontMatrix)
+    double widthScale = 0.001; // glyph space to text space (type 3: FontMatrix)
 
     double width(uint32_t code) const {
         auto it = widths.find(code);
@@ -88,16 +87,39 @@ struct NamedGlyph {
     const char* name;
     char16_t unicode;
 };
-constexpr NamedGlyph kGlyphNames[] = {
-    {"space", u' '},      {"period", u'.'},      {"comma", u','},        {"colon", u':'},
-    {"semicolon", u';'},  {"hyphen", u'-'},      {"slash", u'/'},        {"parenleft", u'('},
-    {"parenright", u')'}, {"quoteright", 0x2019}, {"quotesingle", u'\''}, {"ampersand", u'&'},
-    {"zero", u'0'},       {"one", u'1'},         {"two", u'2'},          {"three", u'3'},
-    {"four", u'4'},       {"five", u'5'},        {"six", u'6'},          {"seven", u'7'},
-    {"eight", u'8'},      {"nine", u'9'},        {"numbersign", u'#'},   {"dollar", u'$'},
-    {"percent", u'%'},    {"question", u'?'},    {"underscore", u'_'},   {"at", u'@'},
-    {"endash", 0x2013},   {"emdash", 0x2014},    {"bullet", 0x2022},     {"quotedblleft", 0x201C},
-    {"quotedblright", 0x201D}};
+constexpr NamedGlyph kGlyphNames[] = {{"space", u' '},
+                                      {"period", u'.'},
+                                      {"comma", u','},
+                                      {"colon", u':'},
+                                      {"semicolon", u';'},
+                                      {"hyphen", u'-'},
+                                      {"slash", u'/'},
+                                      {"parenleft", u'('},
+                                      {"parenright", u')'},
+                                      {"quoteright", 0x2019},
+                                      {"quotesingle", u'\''},
+                                      {"ampersand", u'&'},
+                                      {"zero", u'0'},
+                                      {"one", u'1'},
+                                      {"two", u'2'},
+                                      {"three", u'3'},
+                                      {"four", u'4'},
+                                      {"five", u'5'},
+                                      {"six", u'6'},
+                                      {"seven", u'7'},
+                                      {"eight", u'8'},
+                                      {"nine", u'9'},
+                                      {"numbersign", u'#'},
+                                      {"dollar", u'$'},
+                                      {"percent", u'%'},
+                                      {"question", u'?'},
+                                      {"underscore", u'_'},
+                                      {"at", u'@'},
+                                      {"endash", 0x2013},
+                                      {"emdash", 0x2014},
+                                      {"bullet", 0x2022},
+                                      {"quotedblleft", 0x201C},
+                                      {"quotedblright", 0x201D}};
 
 char16_t glyphUnicode(const std::string& name) {
     if (name.size() == 1 && std::isalpha(static_cast<unsigned char>(name[0]))) return name[0];
@@ -114,7 +136,8 @@ char16_t glyphUnicode(const std::string& name) {
 // The hex digits of <...> in a CMap as a number and as UTF-16 units.
 uint32_t hexNumber(const std::string& hex) {
     uint32_t v = 0;
-    for (char ch : hex) v = (v << 4) | static_cast<uint32_t>(std::stoul(std::string(1, ch), nullptr, 16));
+    for (char ch : hex)
+        v = (v << 4) | static_cast<uint32_t>(std::stoul(std::string(1, ch), nullptr, 16));
     return v;
 }
 std::u16string hexText(const std::string& hex) {
@@ -148,7 +171,8 @@ void readToUnicode(const std::string& data, std::map<uint32_t, std::u16string>& 
             tokens.emplace_back(1, ch);
             ++i;
         } else if (ch == '%') {
-            while (i < data.size() && data[i] != '\n' && data[i] != '\r') ++i;
+            while (i < data.size() && data[i] != '\n' && data[i] != '\r')
+                ++i;
         } else if (std::isspace(static_cast<unsigned char>(ch))) {
             ++i;
         } else {
@@ -164,10 +188,14 @@ void readToUnicode(const std::string& data, std::map<uint32_t, std::u16string>& 
     enum { None, Char, Range } section = None;
     for (size_t i = 0; i < tokens.size();) {
         const std::string& t = tokens[i];
-        if (t == "beginbfchar") section = Char, ++i;
-        else if (t == "beginbfrange") section = Range, ++i;
-        else if (t == "endbfchar" || t == "endbfrange") section = None, ++i;
-        else if (budget == 0) break;
+        if (t == "beginbfchar")
+            section = Char, ++i;
+        else if (t == "beginbfrange")
+            section = Range, ++i;
+        else if (t == "endbfchar" || t == "endbfrange")
+            section = None, ++i;
+        else if (budget == 0)
+            break;
         else if (section == Char && i + 1 < tokens.size() && isHex(t) && isHex(tokens[i + 1])) {
             const uint32_t code = hexNumber(t.substr(1));
             if (code <= kMaxCode) map[code] = hexText(tokens[i + 1].substr(1));
@@ -190,8 +218,10 @@ void readToUnicode(const std::string& data, std::map<uint32_t, std::u16string>& 
                 i += 3;
             } else if (tokens[i + 2] == "[") {
                 size_t k = i + 3;
-                for (uint32_t code = lo; k < tokens.size() && tokens[k] != "]" && budget > 0; ++k, ++code, --budget)
-                    if (isHex(tokens[k]) && code <= kMaxCode) map[code] = hexText(tokens[k].substr(1));
+                for (uint32_t code = lo; k < tokens.size() && tokens[k] != "]" && budget > 0;
+                     ++k, ++code, --budget)
+                    if (isHex(tokens[k]) && code <= kMaxCode)
+                        map[code] = hexText(tokens[k].substr(1));
                 i = k + 1;
             } else {
                 i += 3;
@@ -208,14 +238,17 @@ std::unique_ptr<Font> readFont(QPDFObjectHandle dict) {
         font->decodes = false;
         return font;
     }
-    const std::string subtype = dict.getKey("/Subtype").isName() ? dict.getKey("/Subtype").getName() : "";
-    const std::string base = dict.getKey("/BaseFont").isName() ? dict.getKey("/BaseFont").getName() : "";
+    const std::string subtype =
+        dict.getKey("/Subtype").isName() ? dict.getKey("/Subtype").getName() : "";
+    const std::string base =
+        dict.getKey("/BaseFont").isName() ? dict.getKey("/BaseFont").getName() : "";
     auto toUnicode = dict.getKey("/ToUnicode");
     if (toUnicode.isStream()) {
         try {
             auto data = toUnicode.getStreamData(qpdf_dl_generalized);
-            readToUnicode(std::string(reinterpret_cast<const char*>(data->getBuffer()), data->getSize()),
-                          font->toUnicode);
+            readToUnicode(
+                std::string(reinterpret_cast<const char*>(data->getBuffer()), data->getSize()),
+                font->toUnicode);
         } catch (const std::exception&) {
             // A damaged map decodes nothing; the encoding below still may.
         }
@@ -226,13 +259,14 @@ std::unique_ptr<Font> readFont(QPDFObjectHandle dict) {
         auto encoding = dict.getKey("/Encoding");
         if (encoding.isName()) {
             const std::string e = encoding.getName();
-            font->codesAreUnicode = e.find("UCS2") != std::string::npos ||
-                                    e.find("UTF16") != std::string::npos;
+            font->codesAreUnicode =
+                e.find("UCS2") != std::string::npos || e.find("UTF16") != std::string::npos;
         }
         auto kids = dict.getKey("/DescendantFonts");
         auto cid = kids.isArray() && kids.getArrayNItems() > 0 ? kids.getArrayItem(0) : kids;
         if (cid.isDictionary()) {
-            if (cid.getKey("/DW").isNumber()) font->defaultWidth = cid.getKey("/DW").getNumericValue();
+            if (cid.getKey("/DW").isNumber())
+                font->defaultWidth = cid.getKey("/DW").getNumericValue();
             auto w = cid.getKey("/W");
             if (w.isArray()) {
                 const int n = w.getArrayNItems();
@@ -240,7 +274,8 @@ std::unique_ptr<Font> readFont(QPDFObjectHandle dict) {
                 for (int i = 0; i < n && budget > 0;) {
                     auto first = w.getArrayItem(i);
                     if (!first.isNumber()) break;
-                    const auto c0 = static_cast<uint32_t>(clampedInt(first.getNumericValue(), 0, kMaxCode + 1));
+                    const auto c0 =
+                        static_cast<uint32_t>(clampedInt(first.getNumericValue(), 0, kMaxCode + 1));
                     auto next = i + 1 < n ? w.getArrayItem(i + 1) : QPDFObjectHandle::newNull();
                     if (next.isArray()) {
                         const int m = next.getArrayNItems();
@@ -250,9 +285,11 @@ std::unique_ptr<Font> readFont(QPDFObjectHandle dict) {
                         budget -= budget > 0; // an empty list costs too
                         i += 2;
                     } else if (next.isNumber() && i + 2 < n && w.getArrayItem(i + 2).isNumber()) {
-                        const auto c1 = static_cast<uint32_t>(clampedInt(next.getNumericValue(), 0, kMaxCode));
+                        const auto c1 =
+                            static_cast<uint32_t>(clampedInt(next.getNumericValue(), 0, kMaxCode));
                         const double width = w.getArrayItem(i + 2).getNumericValue();
-                        for (uint32_t c = c0; c <= c1 && budget > 0; ++c, --budget) font->widths[c] = width;
+                        for (uint32_t c = c0; c <= c1 && budget > 0; ++c, --budget)
+                            font->widths[c] = width;
                         budget -= budget > 0;
                         i += 3;
                     } else {
@@ -291,9 +328,12 @@ std::unique_ptr<Font> readFont(QPDFObjectHandle dict) {
         if (dingbats) {
             // The squares and boxes forms draw as check boxes; other dingbats read as such.
             static constexpr char16_t kBoxes[] = {0x25A0, 0x274F, 0x2750, 0x2751, 0x2752};
-            if (code >= 'n' && code <= 'r') u = kBoxes[code - 'n'];
-            else if (code == '4') u = 0x2714;
-            else if (code > 32) u = 0x2700 + code;
+            if (code >= 'n' && code <= 'r')
+                u = kBoxes[code - 'n'];
+            else if (code == '4')
+                u = 0x2714;
+            else if (code > 32)
+                u = 0x2700 + code;
         } else if (code >= 0x80 && code < 0xA0) {
             u = kWinAnsiHigh[code - 0x80];
         } else if (code >= 0x20) {
@@ -411,7 +451,8 @@ class Reader {
         g.x0 = static_cast<float>(x0), g.y0 = static_cast<float>(y0);
         g.x1 = static_cast<float>(x1), g.y1 = static_cast<float>(y1);
         const Matrix& m = gs_.ctm;
-        g.lineWidth = static_cast<float>(gs_.lineWidth * std::sqrt(std::fabs(m.a * m.d - m.b * m.c)));
+        g.lineWidth =
+            static_cast<float>(gs_.lineWidth * std::sqrt(std::fabs(m.a * m.d - m.b * m.c)));
         g.strokeColor = gs_.stroke;
         g.fillColor = gs_.fill;
         return g;
@@ -447,10 +488,13 @@ class Reader {
             if (s.curved) {
                 const Point& a = s.points.front();
                 const Point& z = s.points.back();
-                const bool closed = s.closed || (std::fabs(a.x - z.x) < 0.01 && std::fabs(a.y - z.y) < 0.01);
-                PDGraphic g = shape(PD_GRAPHIC_CURVE, l, b, r, t, flags | (closed ? PD_GRAPHIC_CLOSED : 0));
+                const bool closed =
+                    s.closed || (std::fabs(a.x - z.x) < 0.01 && std::fabs(a.y - z.y) < 0.01);
+                PDGraphic g =
+                    shape(PD_GRAPHIC_CURVE, l, b, r, t, flags | (closed ? PD_GRAPHIC_CLOSED : 0));
                 emit(g);
-            } else if (s.rect || ((s.closed || (flags & PD_GRAPHIC_FILLED)) && isRectangle(s.points))) {
+            } else if (s.rect ||
+                       ((s.closed || (flags & PD_GRAPHIC_FILLED)) && isRectangle(s.points))) {
                 PDGraphic g = shape(PD_GRAPHIC_RECT, l, b, r, t, flags);
                 emit(g);
             } else {
@@ -511,12 +555,15 @@ class Reader {
         for (size_t i = 0; i < s.size();) {
             uint32_t code = static_cast<unsigned char>(s[i]);
             size_t n = 1;
-            if (twoByte && i + 1 < s.size()) code = (code << 8) | static_cast<unsigned char>(s[i + 1]), n = 2;
+            if (twoByte && i + 1 < s.size())
+                code = (code << 8) | static_cast<unsigned char>(s[i + 1]), n = 2;
             i += n;
             const double w = font ? font->width(code) : 0.5;
             if (font) {
-                if (font->decodes) runText_ += font->text(code);
-                else runUndecoded_ = true;
+                if (font->decodes)
+                    runText_ += font->text(code);
+                else
+                    runUndecoded_ = true;
             }
             double advance = w * gs_.fontSize + gs_.charSpacing;
             if (n == 1 && code == 32) advance += gs_.wordSpacing;
@@ -551,7 +598,8 @@ class Reader {
         g.fontSize = static_cast<float>(gs_.fontSize * std::hypot(m.c, m.d));
         // Blank runs (spaces laid out as text) carry no label.
         bool blank = true;
-        for (char16_t ch : runText_) blank = blank && (ch == u' ' || ch == 0xA0);
+        for (char16_t ch : runText_)
+            blank = blank && (ch == u' ' || ch == 0xA0);
         if (runUndecoded_ && runText_.empty()) ++summary_.undecodedText;
         if (!blank || runUndecoded_) {
             g.text = runText_.data();
@@ -581,7 +629,10 @@ class Reader {
         auto matrix = dict.getKey("/Matrix");
         if (matrix.isArray() && matrix.getArrayNItems() == 6) {
             std::vector<double> m;
-            for (int i = 0; i < 6; ++i) m.push_back(matrix.getArrayItem(i).isNumber() ? matrix.getArrayItem(i).getNumericValue() : 0);
+            for (int i = 0; i < 6; ++i)
+                m.push_back(matrix.getArrayItem(i).isNumber()
+                                ? matrix.getArrayItem(i).getNumericValue()
+                                : 0);
             gs_.ctm = Matrix{m[0], m[1], m[2], m[3], m[4], m[5]}.then(gs_.ctm);
         }
         auto own = dict.getKey("/Resources");
@@ -597,8 +648,8 @@ class Reader {
         if (og.isIndirect()) onStack_.erase(og);
     }
 
-    void run(const std::string& op, std::vector<QPDFObjectHandle>& ops,
-             QPDFObjectHandle resources, int depth) {
+    void run(const std::string& op, std::vector<QPDFObjectHandle>& ops, QPDFObjectHandle resources,
+             int depth) {
         const auto n = [&](size_t i) { return num(ops, i); };
         if (op.empty()) return;
         switch (op[0]) {
@@ -611,8 +662,10 @@ class Reader {
         case 'c':
             if (op == "cm" && ops.size() == 6)
                 gs_.ctm = Matrix{n(0), n(1), n(2), n(3), n(4), n(5)}.then(gs_.ctm);
-            else if (op == "c" && ops.size() == 6) curveTo({{n(0), n(1)}, {n(2), n(3)}, {n(4), n(5)}});
-            else if (op == "cs") gs_.fill = 0xFF000000u;
+            else if (op == "c" && ops.size() == 6)
+                curveTo({{n(0), n(1)}, {n(2), n(3)}, {n(4), n(5)}});
+            else if (op == "cs")
+                gs_.fill = 0xFF000000u;
             return;
         case 'C':
             if (op == "CS") gs_.stroke = 0xFF000000u;
@@ -620,7 +673,10 @@ class Reader {
         case 'w':
             if (op == "w") gs_.lineWidth = n(0);
             return;
-        case 'g': case 'r': case 'k': case 's':
+        case 'g':
+        case 'r':
+        case 'k':
+        case 's':
             if (op == "g" || op == "rg" || op == "k" || op == "sc" || op == "scn") {
                 gs_.fill = colorOf(ops);
                 return;
@@ -642,7 +698,10 @@ class Reader {
                 current_ = {x, y};
             }
             return;
-        case 'G': case 'R': case 'K': case 'S':
+        case 'G':
+        case 'R':
+        case 'K':
+        case 'S':
             if (op == "G" || op == "RG" || op == "K" || op == "SC" || op == "SCN") {
                 gs_.stroke = colorOf(ops);
                 return;
@@ -673,7 +732,8 @@ class Reader {
         case 'h':
             if (op == "h") closePath();
             return;
-        case 'f': case 'F':
+        case 'f':
+        case 'F':
             paint(PD_GRAPHIC_FILLED);
             return;
         case 'B':
@@ -716,8 +776,10 @@ class Reader {
                 auto x = xobjects.getKey(ops[0].getName());
                 if (!x.isStream()) return;
                 auto subtype = x.getDict().getKey("/Subtype");
-                if (subtype.isName() && subtype.getName() == "/Image") image();
-                else if (subtype.isName() && subtype.getName() == "/Form") form(x, resources, depth);
+                if (subtype.isName() && subtype.getName() == "/Image")
+                    image();
+                else if (subtype.isName() && subtype.getName() == "/Form")
+                    form(x, resources, depth);
             }
             return;
         default:
@@ -772,7 +834,8 @@ class Reader {
 
     void curveTo(std::vector<Point> pts) {
         if (path_.empty()) path_.emplace_back();
-        for (const Point& p : pts) path_.back().points.push_back(user(p.x, p.y));
+        for (const Point& p : pts)
+            path_.back().points.push_back(user(p.x, p.y));
         path_.back().curved = true;
         current_ = pts.back();
     }

@@ -32,10 +32,10 @@ struct Circle {
 struct Drawing {
     Box page;
     std::vector<Segment> horizontal, vertical;
-    std::vector<Box> boxes;     // stroked or filled rectangles of some size both ways
+    std::vector<Box> boxes;      // stroked or filled rectangles of some size both ways
     std::vector<Box> whiteBoxes; // rectangles filled white
     std::vector<Circle> circles;
-    std::vector<Phrase> runs;   // text runs as drawn
+    std::vector<Phrase> runs; // text runs as drawn
     std::vector<Box> images;
     uint32_t shapes = 0;
     bool shapesCapped = false;
@@ -100,13 +100,16 @@ int32_t collect(const PDGraphic* g, void* data) {
     }
     if (g->kind == PD_GRAPHIC_LINE) {
         if (!stroked) return 0;
-        if (h < 0.8f && w > 2) d.horizontal.push_back({(b + t) / 2, l, r});
-        else if (w < 0.8f && h > 2) d.vertical.push_back({(l + r) / 2, b, t});
+        if (h < 0.8f && w > 2)
+            d.horizontal.push_back({(b + t) / 2, l, r});
+        else if (w < 0.8f && h > 2)
+            d.vertical.push_back({(l + r) / 2, b, t});
         return 0;
     }
     if (g->kind == PD_GRAPHIC_CURVE) {
         // Closed curves of a small square's size: circles (arcs are rounded corners).
-        if ((g->flags & PD_GRAPHIC_CLOSED) && w >= 6 && h >= 6 && w < 24 && h < 24 && std::fabs(w - h) < 0.2f * std::max(w, h))
+        if ((g->flags & PD_GRAPHIC_CLOSED) && w >= 6 && h >= 6 && w < 24 && h < 24 &&
+            std::fabs(w - h) < 0.2f * std::max(w, h))
             d.circles.push_back({{l, b, r, t}});
         return 0;
     }
@@ -139,8 +142,8 @@ bool blankText(const std::u16string& s) {
 
 // The glyphs forms draw as boxes to tick.
 bool isBoxGlyph(char16_t c) {
-    return c == 0x2610 || c == 0x25A1 || c == 0x274F || c == 0x2750 || c == 0x2751 ||
-           c == 0x2752 || c == 0x25A2 || c == 0x2B1C;
+    return c == 0x2610 || c == 0x25A1 || c == 0x274F || c == 0x2750 || c == 0x2751 || c == 0x2752 ||
+           c == 0x25A2 || c == 0x2B1C;
 }
 
 // Joins runs into phrases: runs on one baseline with at most a wide space between them.
@@ -152,7 +155,8 @@ std::vector<Phrase> phrases(std::vector<Phrase> runs) {
     for (size_t i = 0; i < runs.size();) {
         size_t j = i + 1;
         const float tolerance = 0.35f * std::max(runs[i].size, 4.0f);
-        while (j < runs.size() && runs[i].box.bottom - runs[j].box.bottom <= tolerance) ++j;
+        while (j < runs.size() && runs[i].box.bottom - runs[j].box.bottom <= tolerance)
+            ++j;
         std::vector<Phrase> line(runs.begin() + i, runs.begin() + j);
         std::sort(line.begin(), line.end(),
                   [](const Phrase& a, const Phrase& b) { return a.box.left < b.box.left; });
@@ -185,7 +189,8 @@ std::u16string cleanLabel(std::u16string s) {
     while (!s.empty() && (isLeader(s.back()) || s.back() == u':' || s.back() == 0xFF1A))
         s.pop_back();
     size_t start = 0;
-    while (start < s.size() && (isLeader(s[start]))) ++start;
+    while (start < s.size() && (isLeader(s[start])))
+        ++start;
     return s.substr(start);
 }
 
@@ -249,12 +254,15 @@ std::vector<Box> cells(const Drawing& d) {
     }
     // Each cell once.
     std::sort(out.begin(), out.end(), [](const Box& a, const Box& b) {
-        return std::tie(a.bottom, a.left, a.right, a.top) < std::tie(b.bottom, b.left, b.right, b.top);
+        return std::tie(a.bottom, a.left, a.right, a.top) <
+               std::tie(b.bottom, b.left, b.right, b.top);
     });
     out.erase(std::unique(out.begin(), out.end(),
                           [](const Box& a, const Box& b) {
-                              return std::fabs(a.left - b.left) < 1 && std::fabs(a.right - b.right) < 1 &&
-                                     std::fabs(a.top - b.top) < 1 && std::fabs(a.bottom - b.bottom) < 1;
+                              return std::fabs(a.left - b.left) < 1 &&
+                                     std::fabs(a.right - b.right) < 1 &&
+                                     std::fabs(a.top - b.top) < 1 &&
+                                     std::fabs(a.bottom - b.bottom) < 1;
                           }),
               out.end());
     return out;
@@ -310,10 +318,14 @@ std::optional<Box> roomIn(const Box& box, const std::vector<Phrase>& ps) {
 
 const char* kindName(Kind kind) {
     switch (kind) {
-    case Kind::Text: return "text";
-    case Kind::Check: return "check";
-    case Kind::Radio: return "radio";
-    case Kind::Signature: return "signature";
+    case Kind::Text:
+        return "text";
+    case Kind::Check:
+        return "check";
+    case Kind::Radio:
+        return "radio";
+    case Kind::Signature:
+        return "signature";
     }
     return "text";
 }
@@ -348,7 +360,8 @@ std::u16string nameFromLabel(std::u16string_view label) {
         }
         if (out.size() >= 40) break;
     }
-    while (!out.empty() && out.back() == u'_') out.pop_back();
+    while (!out.empty() && out.back() == u'_')
+        out.pop_back();
     return out;
 }
 
@@ -368,12 +381,13 @@ std::optional<Phrase> labelOf(const Box& box, const std::vector<Phrase>& ps, boo
     for (const Phrase& p : ps) {
         if (blankText(p.text)) continue;
         const float py = (p.box.bottom + p.box.top) / 2;
-        if (p.box.right <= box.left + 2 &&
-            (std::fabs(py - cy) < std::max(6.0f, box.height() / 2) || vOverlap(p.box, box) > 0.5f * p.box.height())) {
+        if (p.box.right <= box.left + 2 && (std::fabs(py - cy) < std::max(6.0f, box.height() / 2) ||
+                                            vOverlap(p.box, box) > 0.5f * p.box.height())) {
             const float gap = box.left - p.box.right;
             if (gap < 200 && (!left || gap < leftGap)) left = &p, leftGap = gap;
         }
-        if (hOverlap(p.box, box) > 0 && p.box.bottom >= box.top - 3 && p.box.bottom < box.top + 24) {
+        if (hOverlap(p.box, box) > 0 && p.box.bottom >= box.top - 3 &&
+            p.box.bottom < box.top + 24) {
             const float gap = p.box.bottom - box.top;
             if (!above || gap < aboveGap) above = &p, aboveGap = gap;
         }
@@ -404,10 +418,12 @@ std::u16string optionText(const Box& box, const std::vector<Phrase>& ps) {
 
 bool signatureLabel(const std::u16string& text) {
     std::u16string lower;
-    for (char16_t c : text) lower += (c >= u'A' && c <= u'Z') ? char16_t(c - u'A' + u'a') : c;
+    for (char16_t c : text)
+        lower += (c >= u'A' && c <= u'Z') ? char16_t(c - u'A' + u'a') : c;
     return lower.find(u"signature") != std::u16string::npos ||
            lower.find(u"sign here") != std::u16string::npos ||
-           lower.find(u"署名") != std::u16string::npos || lower.find(u"サイン") != std::u16string::npos ||
+           lower.find(u"署名") != std::u16string::npos ||
+           lower.find(u"サイン") != std::u16string::npos ||
            lower.find(u"記名押印") != std::u16string::npos;
 }
 
@@ -419,7 +435,8 @@ std::vector<Candidate> candidates(const Drawing& d, const std::vector<Phrase>& p
     for (const Phrase& run : d.runs) {
         if (run.text.size() != 1 || !isBoxGlyph(run.text[0])) continue;
         const float s = std::min(run.box.width(), run.box.height());
-        const float cx = (run.box.left + run.box.right) / 2, cy = (run.box.bottom + run.box.top) / 2;
+        const float cx = (run.box.left + run.box.right) / 2,
+                    cy = (run.box.bottom + run.box.top) / 2;
         out.push_back({Kind::Check, {cx - s / 2, cy - s / 2, cx + s / 2, cy + s / 2}});
     }
     // Circles: one radio button per centre (a ring and its dot are one); circles that cut
@@ -433,8 +450,10 @@ std::vector<Candidate> candidates(const Drawing& d, const std::vector<Phrase>& p
             if (j == i || overlap(c, o) <= 0) continue;
             const bool concentric = std::fabs((o.left + o.right) / 2 - cx) < 1 &&
                                     std::fabs((o.bottom + o.top) / 2 - cy) < 1;
-            if (!concentric) keep = false;
-            else if (o.width() > c.width() + 0.5f || (std::fabs(o.width() - c.width()) <= 0.5f && j < i))
+            if (!concentric)
+                keep = false;
+            else if (o.width() > c.width() + 0.5f ||
+                     (std::fabs(o.width() - c.width()) <= 0.5f && j < i))
                 keep = false; // the outer ring (or the first of equal ones) stands for them
         }
         if (keep) out.push_back({Kind::Radio, c});
@@ -442,23 +461,28 @@ std::vector<Candidate> candidates(const Drawing& d, const std::vector<Phrase>& p
 
     // Boxes: drawn rectangles and the cells of ruled tables.
     std::vector<Box> all = d.boxes;
-    for (const Box& c : cells(d)) all.push_back(c);
-    for (const Box& w : d.whiteBoxes) all.push_back(w);
+    for (const Box& c : cells(d))
+        all.push_back(c);
+    for (const Box& w : d.whiteBoxes)
+        all.push_back(w);
     std::vector<Box> small, large;
     for (const Box& b : all) {
         const float w = b.width(), h = b.height();
         if (w < 4 || h < 4) continue;
         if (w * h > 0.25f * pageArea) continue;
         const bool square = std::fabs(w - h) <= 0.25f * std::max(w, h);
-        if (square && w <= 20) small.push_back(b);
-        else large.push_back(b);
+        if (square && w <= 20)
+            small.push_back(b);
+        else
+            large.push_back(b);
     }
     // Each box once (a drawn rectangle is also a cell of its own sides).
     const auto dedupe = [](std::vector<Box>& v) {
         std::vector<Box> kept;
         for (const Box& b : v) {
             bool dup = false;
-            for (const Box& k : kept) dup = dup || overlap(b, k) > 0.8;
+            for (const Box& k : kept)
+                dup = dup || overlap(b, k) > 0.8;
             if (!dup) kept.push_back(b);
         }
         v = std::move(kept);
@@ -487,8 +511,10 @@ std::vector<Candidate> candidates(const Drawing& d, const std::vector<Phrase>& p
                 if (j != i && inside(large[j], b, 1) &&
                     large[j].width() * large[j].height() < 0.9f * b.width() * b.height())
                     inner.push_back(j);
-            for (const Box& o : small) smallInside = smallInside || inside(o, b, 1);
-            for (const Circle& o : d.circles) smallInside = smallInside || inside(o.box, b, 1);
+            for (const Box& o : small)
+                smallInside = smallInside || inside(o, b, 1);
+            for (const Circle& o : d.circles)
+                smallInside = smallInside || inside(o.box, b, 1);
             if (inner.empty() && !smallInside) continue;
             bool parts = !smallInside && drawn(b);
             bool alike = inner.size() >= 3;
@@ -500,7 +526,8 @@ std::vector<Candidate> candidates(const Drawing& d, const std::vector<Phrase>& p
                 part[i] = true; // a frame
                 continue;
             }
-            for (size_t j : inner) part[j] = true;
+            for (size_t j : inner)
+                part[j] = true;
             if (alike) {
                 Candidate c{Kind::Text, b};
                 c.comb = true;
@@ -527,14 +554,17 @@ std::vector<Candidate> candidates(const Drawing& d, const std::vector<Phrase>& p
         size_t j = i + 1;
         while (j < small.size() && std::fabs(small[j].bottom - small[i].bottom) <= 1 &&
                std::fabs(small[j].width() - small[i].width()) <= 1.5f &&
-               small[j].left - small[j - 1].right <= 1.5f && small[j].left - small[j - 1].right >= -1.5f)
+               small[j].left - small[j - 1].right <= 1.5f &&
+               small[j].left - small[j - 1].right >= -1.5f)
             ++j;
         if (j - i >= 3) {
-            Candidate c{Kind::Text, {small[i].left, small[i].bottom, small[j - 1].right, small[i].top}};
+            Candidate c{Kind::Text,
+                        {small[i].left, small[i].bottom, small[j - 1].right, small[i].top}};
             c.comb = true;
             c.maxLength = static_cast<uint32_t>(j - i);
             out.push_back(c);
-            for (size_t k = i; k < j; ++k) inComb[k] = true;
+            for (size_t k = i; k < j; ++k)
+                inComb[k] = true;
         }
         i = j;
     }
@@ -546,7 +576,8 @@ std::vector<Candidate> candidates(const Drawing& d, const std::vector<Phrase>& p
         out.push_back({Kind::Check, b});
     }
 
-    for (const Box& b : parted) large.push_back(b);
+    for (const Box& b : parted)
+        large.push_back(b);
     for (const Box& b : large) {
         if (b.height() < 7 || b.width() < 12) continue;
         const std::optional<Box> room = roomIn(b, ps);
@@ -583,7 +614,8 @@ std::vector<Candidate> candidates(const Drawing& d, const std::vector<Phrase>& p
         // (labels and underlined text). The rest is room to write.
         std::vector<std::pair<float, float>> taken;
         for (const Box& b : all)
-            if ((std::fabs(b.bottom - r.at) < 1.5f || std::fabs(b.top - r.at) < 1.5f) && b.height() >= 4)
+            if ((std::fabs(b.bottom - r.at) < 1.5f || std::fabs(b.top - r.at) < 1.5f) &&
+                b.height() >= 4)
                 taken.emplace_back(b.left - 1, b.right + 1);
         for (const Phrase& p : ps)
             if (!blankText(p.text) && p.box.bottom > r.at - 3 && p.box.bottom < roof - 2)
@@ -657,7 +689,8 @@ PageResult detectPage(PDDoc doc, uint32_t index, const Limits& limits) {
         std::vector<float> heights;
         for (const Candidate& o : found)
             if (&o != &c && o.kind == Kind::Text && !o.fromUnderline &&
-                std::fabs(o.box.left - c.box.left) < 1.5f && std::fabs(o.box.right - c.box.right) < 1.5f)
+                std::fabs(o.box.left - c.box.left) < 1.5f &&
+                std::fabs(o.box.right - c.box.right) < 1.5f)
                 heights.push_back(o.box.height());
         if (heights.size() < 3) continue;
         std::nth_element(heights.begin(), heights.begin() + heights.size() / 2, heights.end());
@@ -692,9 +725,11 @@ PageResult detectPage(PDDoc doc, uint32_t index, const Limits& limits) {
                  std::min(c.box.right, d.page.right), std::min(c.box.top, d.page.top)};
         if (c.box.width() < 4 || c.box.height() < 4) continue;
         bool taken = false;
-        for (const Candidate& k : kept) taken = taken || overlap(c.box, k.box) > 0.5;
+        for (const Candidate& k : kept)
+            taken = taken || overlap(c.box, k.box) > 0.5;
         bool widget = false;
-        for (const Box& w : widgets) widget = widget || overlap(c.box, w) > 0.3;
+        for (const Box& w : widgets)
+            widget = widget || overlap(c.box, w) > 0.3;
         if (widget) ++result.existingWidgets;
         if (!taken && !widget) kept.push_back(c);
     }
@@ -705,9 +740,11 @@ PageResult detectPage(PDDoc doc, uint32_t index, const Limits& limits) {
     for (size_t i = 0; i < kept.size(); ++i)
         if (kept[i].kind == Kind::Radio) radios.push_back(i);
     std::vector<size_t> root(kept.size());
-    for (size_t i = 0; i < root.size(); ++i) root[i] = i;
+    for (size_t i = 0; i < root.size(); ++i)
+        root[i] = i;
     const auto find = [&root](size_t i) {
-        while (root[i] != i) i = root[i] = root[root[i]];
+        while (root[i] != i)
+            i = root[i] = root[root[i]];
         return i;
     };
     for (size_t a : radios) {
@@ -716,8 +753,9 @@ PageResult detectPage(PDDoc doc, uint32_t index, const Limits& limits) {
             if (a >= b) continue;
             const bool row = std::fabs(x.bottom - y.bottom) <= 2 &&
                              std::max(x.left, y.left) - std::min(x.right, y.right) < 200;
-            const bool column = std::fabs(x.left - y.left) <= 2 &&
-                                std::max(x.bottom, y.bottom) - std::min(x.top, y.top) < 2 * x.height();
+            const bool column =
+                std::fabs(x.left - y.left) <= 2 &&
+                std::max(x.bottom, y.bottom) - std::min(x.top, y.top) < 2 * x.height();
             if (row || column) root[find(a)] = find(b);
         }
     }
@@ -733,7 +771,8 @@ PageResult detectPage(PDDoc doc, uint32_t index, const Limits& limits) {
         auto it = firstOf.find(kept[i].group);
         const Box& b = kept[i].box;
         if (it == firstOf.end() || b.top > kept[it->second].box.top + 2 ||
-            (std::fabs(b.top - kept[it->second].box.top) <= 2 && b.left < kept[it->second].box.left))
+            (std::fabs(b.top - kept[it->second].box.top) <= 2 &&
+             b.left < kept[it->second].box.left))
             firstOf[kept[i].group] = i;
     }
 
@@ -745,7 +784,8 @@ PageResult detectPage(PDDoc doc, uint32_t index, const Limits& limits) {
         std::u16string name = base;
         for (int n = 2; used.count(name); ++n) {
             std::u16string digits;
-            for (int v = n; v > 0; v /= 10) digits.insert(digits.begin(), char16_t(u'0' + v % 10));
+            for (int v = n; v > 0; v /= 10)
+                digits.insert(digits.begin(), char16_t(u'0' + v % 10));
             name = base + u"_" + digits;
         }
         used[name] = 1;
@@ -768,7 +808,8 @@ PageResult detectPage(PDDoc doc, uint32_t index, const Limits& limits) {
             auto g = groupNames.find(c.group);
             if (g == groupNames.end()) {
                 const auto l = labelOf(kept[firstOf[c.group]].box, ps, false);
-                const std::u16string base = l ? nameFromLabel(cleanLabel(l->text)) : std::u16string();
+                const std::u16string base =
+                    l ? nameFromLabel(cleanLabel(l->text)) : std::u16string();
                 g = groupNames.emplace(c.group, unique(base)).first;
             }
             p.name = g->second;
@@ -786,10 +827,11 @@ PageResult detectPage(PDDoc doc, uint32_t index, const Limits& limits) {
         result.proposals.push_back(std::move(p));
     }
     // Rows from the top, left to right, as the tab order goes.
-    std::stable_sort(result.proposals.begin(), result.proposals.end(), [](const Proposal& a, const Proposal& b) {
-        if (a.box.bottom != b.box.bottom) return a.box.bottom > b.box.bottom;
-        return a.box.left < b.box.left;
-    });
+    std::stable_sort(result.proposals.begin(), result.proposals.end(),
+                     [](const Proposal& a, const Proposal& b) {
+                         if (a.box.bottom != b.box.bottom) return a.box.bottom > b.box.bottom;
+                         return a.box.left < b.box.left;
+                     });
     result.seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     return result;

@@ -54,7 +54,7 @@ struct PageResult {
     uint32_t page = 0;
     std::vector<Proposal> proposals;
     uint32_t operators = 0;
-    uint32_t shapes = 0;          // lines, boxes and curves read
+    uint32_t shapes = 0; // lines, boxes and curves read
     uint32_t textRuns = 0;
     bool operatorsCapped = false; // the content was read only up to Limits::maxOperators
     bool shapesCapped = false;    // shapes past Limits::maxShapes were not looked at
@@ -64,7 +64,8 @@ struct PageResult {
     double seconds = 0;
 };
 
-// Detects the fields of page index of doc. Throws PdError when the page cannot be read.
+// Detects the fields of page index of doc. Throws std::runtime_error with pdfcore's message
+// when the page cannot be read (no such page, content qpdf cannot parse).
 PageResult detectPage(PDDoc doc, uint32_t index, const Limits& limits = {});
 
 // A field name made from a label: ASCII letters lower-cased, runs of other ASCII marks

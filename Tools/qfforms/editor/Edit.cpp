@@ -969,10 +969,17 @@ class Editor {
     HttpResponse detectFields(const Json& body) {
         const Json* page = body.contains("page") ? &body["page"] : nullptr;
         View& v = view();
-        if (!page || !page->is_number_unsigned() || page->get<uint64_t>() >= v.document().pageCount())
+        if (!page || !page->is_number_unsigned() ||
+            page->get<uint64_t>() >= v.document().pageCount())
             throw Refusal(sentence(lang_, Sentence::DetectPage));
         const uint32_t index = page->get<uint32_t>();
-        const detect::PageResult r = detect::detectPage(v.document().pdDoc(), index, detect::Limits{});
+        action_ = Sentence::DetectRead;
+        detect::PageResult r;
+        try {
+            r = detect::detectPage(v.document().pdDoc(), index, detect::Limits{});
+        } catch (const std::runtime_error& e) {
+            throw StepFailure(std::nullopt, e.what()); // pdfcore's answer about the page
+        }
         detected_ = r.proposals;
         detectedPage_ = index;
         const View::PixelRect at = v.pageRect(index);
@@ -986,8 +993,9 @@ class Editor {
                    {"name", toUtf8(p.name)},
                    {"label", toUtf8(p.label)},
                    {"rect", {p.box.left, p.box.bottom, p.box.right, p.box.top}},
-                   {"view", {std::min(a[0], b[0]) - at.left, std::min(a[1], b[1]) - at.top,
-                             std::fabs(b[0] - a[0]), std::fabs(b[1] - a[1])}}};
+                   {"view",
+                    {std::min(a[0], b[0]) - at.left, std::min(a[1], b[1]) - at.top,
+                     std::fabs(b[0] - a[0]), std::fabs(b[1] - a[1])}}};
             if (p.multiline) j["multiline"] = true;
             if (p.comb) j["comb"] = true, j["maxLength"] = p.maxLength;
             if (p.group >= 0) j["group"] = p.group;
@@ -995,9 +1003,10 @@ class Editor {
         }
         std::vector<std::string> notes;
         if (r.proposals.empty())
-            notes.push_back(sentence(lang_, r.imageOnly                            ? Sentence::DetectScanned
-                                            : r.shapes == 0 && !r.operatorsCapped ? Sentence::DetectNoBoxes
-                                                                                  : Sentence::DetectNone));
+            notes.push_back(sentence(lang_, r.imageOnly ? Sentence::DetectScanned
+                                            : r.shapes == 0 && !r.operatorsCapped
+                                                ? Sentence::DetectNoBoxes
+                                                : Sentence::DetectNone));
         if (r.operatorsCapped)
             notes.push_back(sentence(lang_, Sentence::DetectOperatorsSkipped,
                                      {std::to_string(detect::Limits{}.maxOperators)}));
@@ -1005,7 +1014,8 @@ class Editor {
             notes.push_back(sentence(lang_, Sentence::DetectShapesSkipped,
                                      {std::to_string(detect::Limits{}.maxShapes)}));
         if (r.existingWidgets)
-            notes.push_back(sentence(lang_, Sentence::DetectKept, {std::to_string(r.existingWidgets)}));
+            notes.push_back(
+                sentence(lang_, Sentence::DetectKept, {std::to_string(r.existingWidgets)}));
         return answer({{"page", index}, {"proposals", list}, {"notes", notes}});
     }
 
@@ -1023,7 +1033,8 @@ class Editor {
         std::vector<bool> taken(detected_.size(), false);
         std::vector<detect::Proposal> chosen;
         for (const Json& i : *accept) {
-            if (!i.is_number_unsigned() || i.get<uint64_t>() >= detected_.size() || taken[i.get<size_t>()])
+            if (!i.is_number_unsigned() || i.get<uint64_t>() >= detected_.size() ||
+                taken[i.get<size_t>()])
                 throw Refusal(sentence(lang_, Sentence::DetectFirst));
             taken[i.get<size_t>()] = true;
             detect::Proposal p = detected_[i.get<size_t>()];
@@ -1038,19 +1049,24 @@ class Editor {
             if (body.contains("kinds") && body["kinds"].is_object()) {
                 const auto k = body["kinds"].find(std::to_string(i.get<size_t>()));
                 if (k != body["kinds"].end()) {
-                    static constexpr detect::Kind kKinds[] = {detect::Kind::Text, detect::Kind::Check,
-                                                              detect::Kind::Radio, detect::Kind::Signature};
-                    const auto named = std::find_if(std::begin(kKinds), std::end(kKinds), [&](detect::Kind kind) {
-                        return k->is_string() && k->get<std::string>() == detect::kindName(kind);
-                    });
-                    if (named == std::end(kKinds)) throw Refusal(sentence(lang_, Sentence::DetectFirst));
+                    static constexpr detect::Kind kKinds[] = {
+                        detect::Kind::Text, detect::Kind::Check, detect::Kind::Radio,
+                        detect::Kind::Signature};
+                    const auto named =
+                        std::find_if(std::begin(kKinds), std::end(kKinds), [&](detect::Kind kind) {
+                            return k->is_string() &&
+                                   k->get<std::string>() == detect::kindName(kind);
+                        });
+                    if (named == std::end(kKinds))
+                        throw Refusal(sentence(lang_, Sentence::DetectFirst));
                     if (*named != p.kind) {
                         p.kind = *named;
                         // Past the detected groups' numbers, one per proposal.
                         p.group = p.kind == detect::Kind::Radio
                                       ? static_cast<int>(detected_.size() + i.get<size_t>())
                                       : -1;
-                        if (p.kind != detect::Kind::Text) p.multiline = p.comb = false, p.maxLength = 0;
+                        if (p.kind != detect::Kind::Text)
+                            p.multiline = p.comb = false, p.maxLength = 0;
                     }
                 }
             }
@@ -1058,7 +1074,8 @@ class Editor {
         }
         if (chosen.empty()) throw Refusal(sentence(lang_, Sentence::DetectFirst));
         host_.selection().clear();
-        const std::vector<std::string> names = acceptProposals(session_, host_, *detectedPage_, chosen);
+        const std::vector<std::string> names =
+            acceptProposals(session_, host_, *detectedPage_, chosen);
         detected_.clear();
         detectedPage_.reset();
         return answer({{"fields", names}});

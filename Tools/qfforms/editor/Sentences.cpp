@@ -36,6 +36,8 @@ constexpr Entry kTable[] = {
     {Sentence::Placed, "The copies could not be placed", "コピーを配置できませんでした"},
     {Sentence::Detected, "The detected fields could not be made",
      "検出したフィールドを作成できませんでした"},
+    {Sentence::DetectRead, "The page's drawing could not be read",
+     "ページの描画を読み取れませんでした"},
     {Sentence::Undone, "The last step could not be undone", "元に戻せませんでした"},
     {Sentence::Redone, "The step could not be redone", "やり直せませんでした"},
     {Sentence::ToolStarted, "The tool could not start", "ツールを開始できませんでした"},

@@ -27,6 +27,7 @@ enum class Sentence {
     Arranged,
     Placed,
     Detected,
+    DetectRead,
     Undone,
     Redone,
     ToolStarted,
