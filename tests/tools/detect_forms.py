@@ -51,7 +51,7 @@ def pdf_with_content(path, content, pages=1):
              f"/F2 << /Type /Font /Subtype /Type1 /BaseFont /ZapfDingbats >> "
              f"/F3 << /Type /Font /Subtype /Type0 /BaseFont /Mincho /Encoding /Identity-H "
              f"/DescendantFonts [<< /Type /Font /Subtype /CIDFontType2 /BaseFont /Mincho "
-             f"/CIDSystemInfo << /Registry (Adobe) /Ordering (Identity) /Supplement 0 >> "
+             f"/CIDSystemInfo << /Registry (QF) /Ordering (Identity) /Supplement 0 >> "
              f"/DW 1000 >>] /ToUnicode {cmap} 0 R >>")
     objects = ["<< /Type /Catalog /Pages 2 0 R >>",
                "<< /Type /Pages /Kids [%s] /Count %d >>"
