@@ -1,11 +1,11 @@
 // libFuzzer target: arbitrary bytes opened as a PDF (PDDocOpenMem). A document that opens
 // is read the way `qfforms inspect` reads it and further: every page (boxes, rotation, tab
-// order) and annotation (subtype, rectangle, flags, state, its page, its field), every
-// terminal field (names, type, flags, values, tooltip, maximum length, options, widgets
-// and their looks), every trigger action as the widget clipboard records it
-// (pdActionToJson); then it is written (PDDocSaveMem) and what was written is opened and
-// read again. Result codes are answers, whatever they are; what must hold is no crash, no
-// leak, no hang, and that what pdfcore writes it opens again.
+// order, what it draws as field detection reads it) and annotation (subtype, rectangle,
+// flags, state, its page, its field), every terminal field (names, type, flags, values,
+// tooltip, maximum length, options, widgets and their looks), every trigger action as the
+// widget clipboard records it (pdActionToJson); then it is written (PDDocSaveMem) and what
+// was written is opened and read again. Result codes are answers, whatever they are; what
+// must hold is no crash, no leak, no hang, and that what pdfcore writes it opens again.
 //
 // Single-threaded; each input's handles are all released before the next input.
 
@@ -126,6 +126,16 @@ void page(PDDoc doc, uint32_t index, PDOCConfig config) {
     PDPageGetBox(p.get(), PD_BOX_CROP, &box);
     PDPageGetRotate(p.get(), &rotation);
     PDPageGetTabOrder(p.get(), &order);
+    // What the page draws, as field detection reads it: every graphic inside finite
+    // bounds or flagged as it is, and the cap holding.
+    PDGraphicsSummary summary{};
+    const auto look = [](const PDGraphic* g, void*) -> int32_t {
+        if (g->textLen && !g->text) std::abort();
+        return 0;
+    };
+    if (PDPageReadGraphics(p.get(), 20000, look, nullptr, &summary) == PD_OK &&
+        summary.operators > 20000)
+        std::abort();
     uint32_t count = 0;
     if (PDPageGetNumAnnots(p.get(), &count) != PD_OK) return;
     for (uint32_t k = 0; k < count; ++k) {

@@ -5,12 +5,14 @@
 //   qfforms render IN.pdf ...    draws a page as the editor's view shows it, as SVG
 //   qfforms copy IN.pdf ...      prints a widget's clipboard record
 //   qfforms paste IN.pdf ...     makes a widget from a record read on standard input
+//   qfforms detect IN.pdf ...    makes fields of the boxes and lines a flat form draws
 //   qfforms edit [IN.pdf] ...    the form editor in the browser, served on 127.0.0.1
 //
 // Exit status: 0 success; 1 the file could not be inspected or rendered, or a step of the
 // script failed or the run could not start or write its outputs; 2 wrong usage.
 
 #include "Clip.h"
+#include "DetectCommand.h"
 #include "Files.h"
 #include "Inspect.h"
 #include "Pd.h"
@@ -38,6 +40,8 @@ constexpr const char* kUsage =
     "       qfforms copy IN.pdf --field NAME [--widget K] [--module PATH]\n"
     "       qfforms paste IN.pdf --page N --out OUT.pdf [--join] [--break-signatures]\n"
     "                     [--force] [--module PATH] < RECORD.json\n"
+    "       qfforms detect IN.pdf --out OUT.pdf [--pages LIST] [--lang en|ja] [--json]\n"
+    "                      [--break-signatures] [--force] [--module PATH]\n"
     "       qfforms edit [IN.pdf] [--port N] [--lang en|ja] [--module PATH] [--web DIR]\n"
     "  each also [--password PASSWORD | --password-file FILE] for encrypted files\n"
     "\n"
@@ -55,6 +59,9 @@ constexpr const char* kUsage =
     "            new field named after the record, or with --join as a widget of the field\n"
     "            of the record's name (docs/scripting.md), and write the result to OUT.pdf\n"
     "            (exit 1 when the record makes no widget or the field cannot be joined)\n"
+    "  detect    propose the fields the pages of IN.pdf draw (underlines, boxes, squares,\n"
+    "            circles), make them fields named after their labels and write OUT.pdf\n"
+    "            (qfforms detect --help)\n"
     "\n"
     "  An encrypted file opens with its user or owner password: --password PASSWORD, or\n"
     "  the first line of --password-file FILE (other users of the machine may see a\n"
@@ -135,6 +142,7 @@ int main(int argc, char** argv) {
     if (command == "copy") return qfforms::copyCommand(rest);
     if (command == "paste") return qfforms::pasteCommand(rest);
     if (command == "edit") return qfforms::editCommand(rest);
+    if (command == "detect") return qfforms::detectCommand(rest);
     if (command != "inspect") return usageError("unknown command '" + std::string(command) + "'");
     return inspect(rest);
 }

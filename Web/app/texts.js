@@ -302,6 +302,7 @@ const commandLabels = {
     Widget_SetProperty: 'change property', SetActions: 'change behaviour',
     SetCalculationOrder: 'calculation order', Arrange: 'arrange', Cut: 'cut',
     DuplicateCopy: 'duplicate', PlaceMultiple: 'place multiple',
+    DetectFields: 'detected fields',
     other: 'change',
   },
   ja: {
@@ -314,6 +315,7 @@ const commandLabels = {
     Widget_SetProperty: 'プロパティの変更', SetActions: '動作の変更',
     SetCalculationOrder: '計算の順序', Arrange: '整列', Cut: '切り取り',
     DuplicateCopy: '複製', PlaceMultiple: '複数配置',
+    DetectFields: 'フィールドの検出',
     other: '変更',
   },
 };

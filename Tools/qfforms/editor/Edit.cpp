@@ -1,5 +1,6 @@
 #include "Edit.h"
 
+#include "DetectFields.h"
 #include "FieldActions.h"
 #include "FieldList.h"
 #include "Files.h"
@@ -225,7 +226,9 @@ class Editor {
             if (!body.is_object()) return jsonAnswer(400, {{"error", "the body must be an object"}});
             action_ = Sentence::ToolAction;
             if (p == "/api/event") return event(body);
+            if (p == "/api/detect") return detectFields(body);
             ++revision_;
+            if (p == "/api/detect/accept") return acceptDetected(body);
             if (p == "/api/step") return step(body);
             if (p == "/api/save") return save(body);
             if (p == "/api/language") return language(body);
@@ -967,6 +970,124 @@ class Editor {
 
     // ---- saving ----
 
+    // Proposes the fields of {"page": N} without changing the document: each with its
+    // place on the page (points) and in the view (pixels from the page's top left corner),
+    // kept for the accept step.
+    HttpResponse detectFields(const Json& body) {
+        const Json* page = body.contains("page") ? &body["page"] : nullptr;
+        View& v = view();
+        if (!page || !page->is_number_unsigned() ||
+            page->get<uint64_t>() >= v.document().pageCount())
+            throw Refusal(sentence(lang_, Sentence::DetectPage));
+        const uint32_t index = page->get<uint32_t>();
+        action_ = Sentence::DetectRead;
+        detect::PageResult r;
+        try {
+            r = detect::detectPage(v.document().pdDoc(), index, detect::Limits{});
+        } catch (const std::runtime_error& e) {
+            throw StepFailure(std::nullopt, e.what()); // pdfcore's answer about the page
+        }
+        detected_ = r.proposals;
+        detectedPage_ = index;
+        const View::PixelRect at = v.pageRect(index);
+        Json list = Json::array();
+        for (size_t i = 0; i < r.proposals.size(); ++i) {
+            const detect::Proposal& p = r.proposals[i];
+            const auto a = v.pageToViewPrecise(index, p.box.left, p.box.top);
+            const auto b = v.pageToViewPrecise(index, p.box.right, p.box.bottom);
+            Json j{{"index", i},
+                   {"kind", detect::kindName(p.kind)},
+                   {"name", toUtf8(p.name)},
+                   {"label", toUtf8(p.label)},
+                   {"rect", {p.box.left, p.box.bottom, p.box.right, p.box.top}},
+                   {"view",
+                    {std::min(a[0], b[0]) - at.left, std::min(a[1], b[1]) - at.top,
+                     std::fabs(b[0] - a[0]), std::fabs(b[1] - a[1])}}};
+            if (p.multiline) j["multiline"] = true;
+            if (p.comb) j["comb"] = true, j["maxLength"] = p.maxLength;
+            if (p.group >= 0) j["group"] = p.group;
+            list.push_back(std::move(j));
+        }
+        std::vector<std::string> notes;
+        if (r.proposals.empty())
+            notes.push_back(sentence(lang_, r.imageOnly ? Sentence::DetectScanned
+                                            : r.shapes == 0 && !r.operatorsCapped
+                                                ? Sentence::DetectNoBoxes
+                                                : Sentence::DetectNone));
+        if (r.operatorsCapped)
+            notes.push_back(sentence(lang_, Sentence::DetectOperatorsSkipped,
+                                     {std::to_string(detect::Limits{}.maxOperators)}));
+        if (r.shapesCapped)
+            notes.push_back(sentence(lang_, Sentence::DetectShapesSkipped,
+                                     {std::to_string(detect::Limits{}.maxShapes)}));
+        if (r.existingWidgets)
+            notes.push_back(
+                sentence(lang_, Sentence::DetectKept, {std::to_string(r.existingWidgets)}));
+        return answer({{"page", index}, {"proposals", list}, {"notes", notes}});
+    }
+
+    // Makes the proposals {"page": N, "accept": [indices], "names": {"index": name},
+    // "kinds": {"index": kind}} of the last detection on that page fields, as one undo
+    // step; "names" renames some first and "kinds" makes some of another kind ("text",
+    // "check", "radio", "signature"; a button made a radio button is a group of its own).
+    HttpResponse acceptDetected(const Json& body) {
+        action_ = Sentence::Detected;
+        const Json* page = body.contains("page") ? &body["page"] : nullptr;
+        const Json* accept = body.contains("accept") ? &body["accept"] : nullptr;
+        if (!page || !page->is_number_unsigned() || !detectedPage_ ||
+            page->get<uint64_t>() != *detectedPage_ || !accept || !accept->is_array())
+            throw Refusal(sentence(lang_, Sentence::DetectFirst));
+        std::vector<bool> taken(detected_.size(), false);
+        std::vector<detect::Proposal> chosen;
+        for (const Json& i : *accept) {
+            if (!i.is_number_unsigned() || i.get<uint64_t>() >= detected_.size() ||
+                taken[i.get<size_t>()])
+                throw Refusal(sentence(lang_, Sentence::DetectFirst));
+            taken[i.get<size_t>()] = true;
+            detect::Proposal p = detected_[i.get<size_t>()];
+            if (body.contains("names") && body["names"].is_object()) {
+                const auto n = body["names"].find(std::to_string(i.get<size_t>()));
+                if (n != body["names"].end()) {
+                    if (!n->is_string() || n->get<std::string>().size() > 1000)
+                        throw Refusal(sentence(lang_, Sentence::DetectFirst));
+                    p.name = fromUtf8(n->get<std::string>());
+                }
+            }
+            if (body.contains("kinds") && body["kinds"].is_object()) {
+                const auto k = body["kinds"].find(std::to_string(i.get<size_t>()));
+                if (k != body["kinds"].end()) {
+                    static constexpr detect::Kind kKinds[] = {
+                        detect::Kind::Text, detect::Kind::Check, detect::Kind::Radio,
+                        detect::Kind::Signature};
+                    const auto named =
+                        std::find_if(std::begin(kKinds), std::end(kKinds), [&](detect::Kind kind) {
+                            return k->is_string() &&
+                                   k->get<std::string>() == detect::kindName(kind);
+                        });
+                    if (named == std::end(kKinds))
+                        throw Refusal(sentence(lang_, Sentence::DetectFirst));
+                    if (*named != p.kind) {
+                        p.kind = *named;
+                        // Past the detected groups' numbers, one per proposal.
+                        p.group = p.kind == detect::Kind::Radio
+                                      ? static_cast<int>(detected_.size() + i.get<size_t>())
+                                      : -1;
+                        if (p.kind != detect::Kind::Text)
+                            p.multiline = p.comb = false, p.maxLength = 0;
+                    }
+                }
+            }
+            chosen.push_back(std::move(p));
+        }
+        if (chosen.empty()) throw Refusal(sentence(lang_, Sentence::DetectFirst));
+        host_.selection().clear();
+        const std::vector<std::string> names =
+            acceptProposals(session_, host_, *detectedPage_, chosen);
+        detected_.clear();
+        detectedPage_.reset();
+        return answer({{"fields", names}});
+    }
+
     HttpResponse save(const Json& body) {
         fs::path target = path_;
         if (body.contains("as")) {
@@ -1269,6 +1390,9 @@ class Editor {
     std::optional<std::array<int32_t, 2>> press_;
     uint64_t revision_ = 0;
     uint64_t annotationsRevision_ = 0;
+    // The last fields proposed, and their page, until they are accepted.
+    std::vector<detect::Proposal> detected_;
+    std::optional<uint32_t> detectedPage_;
     boost::signals2::scoped_connection annotChanged_, annotsChanged_;
     struct ViewerCopy {
         const Document* doc;

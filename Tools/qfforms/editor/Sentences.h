@@ -26,6 +26,8 @@ enum class Sentence {
     Pasted,
     Arranged,
     Placed,
+    Detected,
+    DetectRead,
     Undone,
     Redone,
     ToolStarted,
@@ -62,6 +64,14 @@ enum class Sentence {
     TooFew,         // {0}: how many fields the step takes
     DoesNotFit,
     TooMany,        // {0}: how many copies a step places at most
+    DetectPage,
+    DetectFirst,
+    DetectNoBoxes,
+    DetectNone,
+    DetectScanned,
+    DetectOperatorsSkipped, // {0}: how many operators were read
+    DetectShapesSkipped,    // {0}: how many lines and boxes were looked at
+    DetectKept,             // {0}: how many places fields already hold
     // Kinds of fields, as NotButtons names them.
     KindText,
     KindCombo,

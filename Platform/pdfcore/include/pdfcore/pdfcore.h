@@ -423,6 +423,69 @@ PDFCORE_API PDResult PDPageGetTabOrder(PDPage page, PDAtom* outOrder);
  * PD_ERR_BAD_ARGUMENT. */
 PDFCORE_API PDResult PDPageSetTabOrder(PDPage page, PDAtom order);
 
+/* ---- Page graphics ------------------------------------------------------ */
+
+/* What a page draws, read from its content streams and the form XObjects they draw: the
+ * shapes that paths paint and the text that text operators show, each with the current
+ * transformation applied, so in the page's default user space (points, y up, before
+ * /Rotate), the space of annotation rectangles. Clipping, colours of patterns, shadings
+ * and marked content are not followed. */
+
+enum {
+    PD_GRAPHIC_LINE = 1,   /* a straight segment from (x0, y0) to (x1, y1) */
+    PD_GRAPHIC_RECT = 2,   /* a rectangle (re, or a closed subpath of four axis-parallel
+                            * segments); x0, y0, x1, y1: left, bottom, right, top */
+    PD_GRAPHIC_CURVE = 3,  /* a subpath holding curves; its bounding box as for RECT */
+    PD_GRAPHIC_TEXT = 4,   /* a run of text one operator shows; bounding box as for RECT,
+                            * from the baseline's descent to the ascent of its font */
+    PD_GRAPHIC_IMAGE = 5   /* an image XObject or inline image; bounding box as RECT */
+};
+
+/* How a shape is painted (flags of PDGraphic), and whether its subpath is closed (by h, or
+ * ending where it began: a circle, not an arc). */
+enum { PD_GRAPHIC_STROKED = 0x1, PD_GRAPHIC_FILLED = 0x2, PD_GRAPHIC_CLOSED = 0x4 };
+
+typedef struct PDGraphic {
+    int32_t kind;        /* PD_GRAPHIC_* */
+    uint32_t flags;      /* PD_GRAPHIC_STROKED, _FILLED, _CLOSED (shapes only) */
+    float x0, y0, x1, y1;
+    float lineWidth;     /* stroke width in default user space (shapes) */
+    float fontSize;      /* height of the text in default user space (text) */
+    uint32_t strokeColor; /* 0xAARRGGBB, device colours converted to RGB; alpha 0 for */
+    uint32_t fillColor;   /* colours of other spaces (patterns, separations...) */
+    const char16_t* text; /* the run's Unicode text (text only, else NULL), text units */
+    uint32_t textLen;
+} PDGraphic;
+
+/* Called once per graphic in drawing order. The graphic and its text live only for the
+ * call. Answer nonzero to stop reading: PDPageReadGraphics then returns PD_OK. */
+typedef int32_t (*PDGraphicProc)(const PDGraphic* graphic, void* clientData);
+
+typedef struct PDGraphicsSummary {
+    uint32_t operators;       /* content operators read, form XObjects' included */
+    uint32_t graphics;        /* graphics handed to the callback */
+    uint32_t skippedOperators; /* 1 when the operator cap ended reading before the end
+                               * of the page's content (the rest was not read), else 0 */
+    uint32_t skippedXObjects; /* form XObjects not read: nested past 12 levels, drawn
+                               * inside themselves, or damaged */
+    uint32_t undecodedText;   /* text runs whose font maps no code to Unicode (type 3
+                               * and CID fonts without /ToUnicode): handed out with
+                               * their bounding box and an empty text */
+} PDGraphicsSummary;
+
+/* Reads the graphics of page, calling proc for each. At most maxOperators content
+ * operators are read (0: no cap); reading stops there and the summary says so. Text is
+ * decoded through the font's /ToUnicode, else for simple fonts as WinAnsi bytes with the
+ * glyph names of /Differences that spell letters, digits and common signs (uniXXXX too),
+ * ZapfDingbats' squares as U+25A0 and U+274F to U+2752, and for CID fonts of UCS-2
+ * encodings as the codes themselves. summary may be NULL. NULL page or proc: PD_ERR_MISSING_OBJECT,
+ * PD_ERR_BAD_ARGUMENT; content qpdf cannot parse at all: PD_ERR_DAMAGED (the graphics
+ * read before it have been handed out; summary untouched). The document is not changed.
+ * Thread: the document's. */
+PDFCORE_API PDResult PDPageReadGraphics(PDPage page, uint32_t maxOperators,
+                                        PDGraphicProc proc, void* clientData,
+                                        PDGraphicsSummary* outSummary);
+
 /* ---- Annotations -------------------------------------------------------- */
 
 /* Annotation flags (/F). */
