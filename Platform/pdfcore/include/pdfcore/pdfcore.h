@@ -403,6 +403,13 @@ PDFCORE_API PDResult PDPageGetRotate(PDPage page, int32_t* outDegrees);
  * 360; other values: PD_ERR_BAD_ARGUMENT. */
 PDFCORE_API PDResult PDPageSetRotate(PDPage page, int32_t degrees);
 PDFCORE_API PDResult PDPageGetNumAnnots(PDPage page, uint32_t* outCount);
+/* The rectangles of the page's annotations, in the order of its list, as PDAnnotGetRect
+ * reads them, in one call and without a handle for each: pass NULL (capacity 0) to learn
+ * the count in *outCount, then an array of at least that many; a smaller one gives
+ * PD_ERR_BUFFER_SMALL and the count. An annotation without a readable /Rect gives a
+ * rectangle of zeros. */
+PDFCORE_API PDResult PDPageGetAnnotRects(PDPage page, PDRect* outRects, uint32_t capacity,
+                                         uint32_t* outCount);
 PDFCORE_API PDResult PDPageGetAnnot(PDPage page, uint32_t index, PDAnnot* outAnnot);
 /* Position of annot in the page's /Annots; PD_ERR_NOT_FOUND when it is not there. */
 PDFCORE_API PDResult PDPageGetAnnotIndex(PDPage page, PDAnnot annot, uint32_t* outIndex);
@@ -526,6 +533,14 @@ PDFCORE_API PDResult PDDocRenameField(PDDoc doc, PDField field, const char16_t* 
 /* Terminal fields of the form in tree order (the order of /Fields, depth first). */
 PDFCORE_API PDResult PDDocGetNumFields(PDDoc doc, uint32_t* outCount);
 PDFCORE_API PDResult PDDocGetField(PDDoc doc, uint32_t index, PDField* outField);
+/* How many fields this session has made with PDDocCreateField and its typed variants, in
+ * the order made: a count taken before some calls and one after them bound what those calls
+ * made, without a walk of the form. Counted from 0 at PDDocOpen or PDDocCreate, and never
+ * smaller later. */
+PDFCORE_API PDResult PDDocGetNumFieldsMade(PDDoc doc, uint32_t* outCount);
+/* The index-th field made (0-based, below PDDocGetNumFieldsMade, else PD_ERR_RANGE), or a
+ * NULL handle when a collection of garbage has freed it since (PDDocCollectGarbage). */
+PDFCORE_API PDResult PDDocGetFieldMade(PDDoc doc, uint32_t index, PDField* outField);
 
 /* The partial name (/T); the fully qualified name. */
 PDFCORE_API PDResult PDFieldGetName(PDField field, char16_t* buf, uint32_t bufLen,
