@@ -80,6 +80,14 @@ bool holdsSignatures(PDDoc doc) {
     return doc && PDDocIsSigned(doc, &isSigned) == PD_OK && isSigned;
 }
 
+bool savesIncrementally(PDDoc doc, bool fullRewrite) {
+    PDBool can = 0;
+    if (fullRewrite || !doc || PDDocCanSaveIncrementally(doc, &can) != PD_OK || !can)
+        return false;
+    uint64_t size = 0;
+    return holdsSignatures(doc) || (PDDocGetFileSize(doc, &size) == PD_OK && size >= kLargeFile);
+}
+
 std::string atomName(PDAtom atom) {
     const char* name = nullptr;
     check(PDAtomGetString(atom, &name));

@@ -260,11 +260,31 @@ PDFCORE_API PDResult PDDocCreate(uint32_t pageCount, float width, float height,
  * as #23. The same holds for PDDocSaveMem. */
 PDFCORE_API PDResult PDDocSave(PDDoc doc, const char* path);
 /* PDDocSave with PD_SAVE_* flags (see "Writing files"); unknown flags:
- * PD_ERR_BAD_ARGUMENT. */
+ * PD_ERR_BAD_ARGUMENT. With PD_SAVE_INCREMENTAL the target receives the bytes the document
+ * was opened from, unchanged, followed by an incremental update: the objects this session
+ * changed or made, and a cross-reference section whose /Prev leads to the file's own. The
+ * signatures of the file stay valid over the bytes they signed, and a save costs what
+ * changed, not the size of the file (but for the copy of its bytes). Unchanged, the file is
+ * written as it was read. The target is still replaced whole, as PDDocSave replaces it, and
+ * may be another file than the one opened. A document that cannot take an update
+ * (PDDocCanSaveIncrementally), or one in which qpdf finds something to repair while the
+ * update is made, or whose update qpdf does not read back as it was meant, is written whole,
+ * as without the flag. */
 PDFCORE_API PDResult PDDocSaveEx(PDDoc doc, const char* path, uint32_t flags);
+/* Whether PD_SAVE_INCREMENTAL can append to the document: false for one made with
+ * PDDocCreate, one that is encrypted (its appended objects would need the file's key) and
+ * one whose file qpdf had to repair while reading it (its cross-reference section cannot be
+ * trusted to lead to the objects). */
+PDFCORE_API PDResult PDDocCanSaveIncrementally(PDDoc doc, PDBool* outCan);
 /* Writes the document into a buffer allocated with malloc; the caller frees it with
  * PDFreeBuffer(). */
 PDFCORE_API PDResult PDDocSaveMem(PDDoc doc, void** outData, size_t* outSize);
+/* PDDocSaveMem with PD_SAVE_INCREMENTAL (as PDDocSaveEx writes it) or 0; other flags:
+ * PD_ERR_BAD_ARGUMENT. */
+PDFCORE_API PDResult PDDocSaveMemEx(PDDoc doc, uint32_t flags, void** outData, size_t* outSize);
+/* The size in bytes of the file or memory the document was opened from; 0 for one made with
+ * PDDocCreate. */
+PDFCORE_API PDResult PDDocGetFileSize(PDDoc doc, uint64_t* outSize);
 /* PDDocSaveMem without the document's encryption: for a viewer of the same session that
  * has no password (the editor's page), never for a file that is kept, which PDDocSave and
  * PDDocSaveMem write encrypted. An unencrypted document gives what PDDocSaveMem gives.
@@ -364,7 +384,8 @@ PDFCORE_API PDResult PDDocRemoveAnnotChangedListener(PDDoc doc, uint32_t cookie)
 
 /* Flags of PDDocSaveEx and PDFileStage. */
 enum {
-    PD_SAVE_FORCE = 1  /* write over a target whose permissions do not allow writing it */
+    PD_SAVE_FORCE = 1,       /* write over a target whose permissions do not allow writing it */
+    PD_SAVE_INCREMENTAL = 2  /* PDDocSaveEx only: append the changes to the file's bytes */
 };
 
 typedef struct PDStagedFileRec* PDStagedFile;
