@@ -84,8 +84,10 @@ bool savesIncrementally(PDDoc doc, bool fullRewrite) {
     PDBool can = 0;
     if (fullRewrite || !doc || PDDocCanSaveIncrementally(doc, &can) != PD_OK || !can)
         return false;
-    uint64_t size = 0;
-    return holdsSignatures(doc) || (PDDocGetFileSize(doc, &size) == PD_OK && size >= kLargeFile);
+    if (holdsSignatures(doc)) return true;
+    uint64_t size = 0, objects = 0;
+    return PDDocGetFileSize(doc, &size, &objects) == PD_OK && size >= kLargeFile &&
+           size >= objects * kLargeObject;
 }
 
 std::string atomName(PDAtom atom) {

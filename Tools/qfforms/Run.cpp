@@ -99,8 +99,9 @@ Options:
                      whole (--full-rewrite, or an encrypted or repaired file): its
                      signatures then no longer hold
   --full-rewrite     write every document whole (--out and "save" steps). Without it a
-                     document read from a signed file, or from a file of 10 MiB or more,
-                     is saved as an incremental update: the file's bytes as they were,
+                     document read from a signed file, or from a file of 10 MiB or more
+                     made mostly of stream data (4 KiB an object or more), is saved
+                     as an incremental update: the file's bytes as they were,
                      then what the session changed (its signatures stay valid, and the
                      save costs what changed); an encrypted file, or one that had to be
                      repaired to be read, is written whole all the same

@@ -64,8 +64,9 @@ constexpr const char* kUsage =
     "  Files written replace their target whole or not at all and keep its permissions,\n"
     "  owner and group; a link is written through. A target that is not a regular file\n"
     "  is refused, and so is one that is read-only unless --force is given. A signed file,\n"
-    "  or one of 10 MiB or more, is saved as an incremental update (its bytes kept, the\n"
-    "  changes appended) unless --full-rewrite is given.\n";
+    "  or one of 10 MiB or more made mostly of stream data (4 KiB an object or more), is\n"
+    "  saved as an incremental update (its bytes kept, the changes appended) unless\n"
+    "  --full-rewrite is given.\n";
 
 // pdfcore's warnings (a font file that cannot be read, a character no font draws), one line
 // each on standard error.

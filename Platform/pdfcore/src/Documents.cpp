@@ -256,11 +256,11 @@ PDResult PDDocSaveMemEx(PDDoc doc, uint32_t flags, void** outData, size_t* outSi
     return saveMem(doc, false, flags & PD_SAVE_INCREMENTAL, outData, outSize);
 }
 
-PDResult PDDocGetFileSize(PDDoc doc, uint64_t* outSize) {
+PDResult PDDocGetFileSize(PDDoc doc, uint64_t* outSize, uint64_t* outObjects) {
     return guard([&] {
         Document& d = checkedDoc(doc);
-        checkOut(outSize);
-        *outSize = d.fileBytes.size();
+        if (outSize) *outSize = d.fileBytes.size();
+        if (outObjects) *outObjects = d.fileBytes.empty() ? 0 : d.qpdf->getXRefTable().size();
     });
 }
 

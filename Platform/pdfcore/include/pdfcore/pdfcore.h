@@ -282,9 +282,10 @@ PDFCORE_API PDResult PDDocSaveMem(PDDoc doc, void** outData, size_t* outSize);
 /* PDDocSaveMem with PD_SAVE_INCREMENTAL (as PDDocSaveEx writes it) or 0; other flags:
  * PD_ERR_BAD_ARGUMENT. */
 PDFCORE_API PDResult PDDocSaveMemEx(PDDoc doc, uint32_t flags, void** outData, size_t* outSize);
-/* The size in bytes of the file or memory the document was opened from; 0 for one made with
- * PDDocCreate. */
-PDFCORE_API PDResult PDDocGetFileSize(PDDoc doc, uint64_t* outSize);
+/* The size in bytes of the file or memory the document was opened from, and the number of
+ * objects its cross-reference sections list; 0 and 0 for one made with PDDocCreate. Either
+ * out pointer may be NULL. */
+PDFCORE_API PDResult PDDocGetFileSize(PDDoc doc, uint64_t* outSize, uint64_t* outObjects);
 /* PDDocSaveMem without the document's encryption: for a viewer of the same session that
  * has no password (the editor's page), never for a file that is kept, which PDDocSave and
  * PDDocSaveMem write encrypted. An unencrypted document gives what PDDocSaveMem gives.
