@@ -284,7 +284,7 @@ def print_table(rows, peers):
     head = ["workload", "pages", "fields", "ours s", "ours MiB"]
     for p in peers:
         head += [NAMES[p] + " s", NAMES[p] + " MiB", "ours / " + NAMES[p]]
-    head += ["floor: qpdf s", "ours / floor"]
+    head += ["floor: qpdf s", "floor MiB", "ours / floor", "ours MiB / floor MiB"]
     print("| " + " | ".join(head) + " |")
     print("|" + "---|" * len(head))
     for workload, pages, fields, r in rows:
@@ -301,9 +301,10 @@ def print_table(rows, peers):
                 cells += ["%.2f" % m.median, "%.0f" % m.mib, "%.2f" % (ours.median / m.median)]
         floor = r.get("floor")
         if floor is None:
-            cells += ["—", "—"]
+            cells += ["—", "—", "—", "—"]
         else:
-            cells += ["%.2f" % floor.median, "%.2f" % (ours.median / floor.median)]
+            cells += ["%.2f" % floor.median, "%.0f" % floor.mib,
+                      "%.2f" % (ours.median / floor.median), "%.2f" % (ours.mib / floor.mib)]
         print("| " + " | ".join(cells) + " |")
 
 
