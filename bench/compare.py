@@ -7,7 +7,10 @@ peers, checks every output, and prints one table (Markdown).
 Ours runs through `qfforms run` with generated scripts: the creation tools' drags and
 clicks for W1 (each tool activated once; combo and list options set on the selected
 widget's sheet, radio groups made with "GroupRadioButtons"), a "Widget_Rename" command per
-field for W2, and for W3 a burst of edits on one page of 2,000 widgets. Times are whole
+field for W2, and for W3 a burst of edits on one page of 2,000 widgets. The peers run the
+scripts of /work/shared/peers (--peers-dir), each written the fastest correct way its
+library allows: W1 on their own layout of the same fields, W2 on our W1 output, so that
+every program renames the same file, each name getting the suffix "_x". Times are whole
 process wall seconds, medians over the runs; memory is the largest peak resident size.
 """
 
@@ -73,7 +76,7 @@ def w2_script(fields):
     """A rename of every widget: the first makes the field of the new name, the others
     join it, and the emptied field of the old name goes."""
     return [{"command": {"name": "Widget_Rename", "widget": {"field": n},
-                         "newName": workloads.RENAME_PREFIX + n}}
+                         "newName": n + workloads.RENAME_SUFFIX}}
             for n, widgets in fields.items() for _ in range(widgets)]
 
 
@@ -189,15 +192,21 @@ def main():
     parser.add_argument("--runs", type=int, default=3)
     parser.add_argument("--size", action="append", help="PAGES:FIELDS")
     parser.add_argument("--peers", default="pdflib,pymupdf")
+    parser.add_argument("--peers-dir", default="/work/shared/peers",
+                        help="the peers' scripts (w1_pymupdf.py, w2_pdflib.js, check.py...)")
     parser.add_argument("--peer-cap", type=float, default=180,
                         help="seconds after which a peer's run is stopped")
     parser.add_argument("--no-w3", action="store_true")
     args = parser.parse_args()
     sizes = [tuple(map(int, s.split(":"))) for s in (args.size or ["20:1000", "100:10000"])]
     peers = [p for p in args.peers.split(",") if p]
+    shared = os.path.abspath(args.peers_dir)
+    # pdf-lib as bench/peers/package-lock.json pins it (bench/run installs it), so that the
+    # shared folder is only read.
+    peer_env = dict(os.environ, NODE_PATH=os.path.join(HERE, "peers", "node_modules"))
     peer_command = {
-        "pdflib": ["node", os.path.join(HERE, "peers", "pdflib.mjs")],
-        "pymupdf": ["/usr/bin/python3", os.path.join(HERE, "peers", "pymupdf.py")]}
+        "pdflib": lambda w: ["node", os.path.join(shared, w + "_pdflib.js")],
+        "pymupdf": lambda w: ["/usr/bin/python3", os.path.join(shared, w + "_pymupdf.py")]}
     peer_skip = {"pdflib": ("signature",), "pymupdf": ()}
     qf = [os.path.abspath(args.qfforms), "run"]
     rows = []
@@ -224,20 +233,22 @@ def main():
                     qf + [path("w2-%s.json" % tag), "--in", out, "--out", renamed], env)
                 workloads.verify_w2(renamed, fields, names)
                 results["W2"]["floor"].run(["qpdf", renamed, path("floor.pdf")])
-            # The peers: W1 of their own, W2 on our W1 output, so that every program renames
-            # the same file. Fewer runs for the large size, each stopped at the cap.
-            peer_runs = args.runs if fields < 5000 else 1
+            # The peers: W1 of their own, checked by the shared check.py; W2 on our W1
+            # output. A run stopped at the cap ends that peer's runs of the workload.
             for peer in peers:
                 skip = peer_skip[peer]
                 theirs = path("%s-w1-%s.pdf" % (peer, tag))
-                for _ in range(peer_runs):
-                    command = peer_command[peer] + ["w1", str(pages), str(fields), theirs]
-                    if not results["W1"][peer].run(command, cap=args.peer_cap):
+                for _ in range(args.runs):
+                    command = peer_command[peer]("w1") + [str(pages), str(fields), theirs]
+                    if not results["W1"][peer].run(command, peer_env, args.peer_cap):
                         break
-                    workloads.verify_w1(theirs, fields, skip)
-                for _ in range(peer_runs):
-                    command = peer_command[peer] + ["w2", out, path("%s-w2.pdf" % peer)]
-                    if not results["W2"][peer].run(command, cap=args.peer_cap):
+                    subprocess.run(["/usr/bin/python3", os.path.join(shared, "check.py"),
+                                    theirs, str(fields)] +
+                                   (["--skip"] + [k.capitalize() for k in skip] if skip else []),
+                                   check=True, stdout=subprocess.DEVNULL)
+                for _ in range(args.runs):
+                    command = peer_command[peer]("w2") + [out, path("%s-w2.pdf" % peer)]
+                    if not results["W2"][peer].run(command, peer_env, args.peer_cap):
                         break
                     workloads.verify_w2(path("%s-w2.pdf" % peer), fields, names)
             for w in ("W1", "W2"):
@@ -273,7 +284,7 @@ def print_table(rows, peers):
     head = ["workload", "pages", "fields", "ours s", "ours MiB"]
     for p in peers:
         head += [NAMES[p] + " s", NAMES[p] + " MiB", "ours / " + NAMES[p]]
-    head += ["floor: qpdf s", "ours / floor"]
+    head += ["floor: qpdf s", "floor MiB", "ours / floor", "ours MiB / floor MiB"]
     print("| " + " | ".join(head) + " |")
     print("|" + "---|" * len(head))
     for workload, pages, fields, r in rows:
@@ -290,9 +301,10 @@ def print_table(rows, peers):
                 cells += ["%.2f" % m.median, "%.0f" % m.mib, "%.2f" % (ours.median / m.median)]
         floor = r.get("floor")
         if floor is None:
-            cells += ["—", "—"]
+            cells += ["—", "—", "—", "—"]
         else:
-            cells += ["%.2f" % floor.median, "%.2f" % (ours.median / floor.median)]
+            cells += ["%.2f" % floor.median, "%.0f" % floor.mib,
+                      "%.2f" % (ours.median / floor.median), "%.2f" % (ours.mib / floor.mib)]
         print("| " + " | ".join(cells) + " |")
 
 

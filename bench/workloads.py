@@ -14,7 +14,7 @@ of kind KINDS[i % 7]:
   signature   a signature field, 50 x 16
 Every widget but the signature's has a normal appearance.
 
-W2 (rename): W1's output reopened; every field F renamed to "W2_" + F; saved.
+W2 (rename): W1's output reopened; every field F renamed to F + "_x"; saved.
 """
 
 import collections
@@ -27,7 +27,7 @@ OPTIONS = ["One", "Two", "Three"]
 SCRIPT = "this.print(true);"
 PAGE = (612, 792)
 COLUMNS, ROWS = 10, 34
-RENAME_PREFIX = "W2_"
+RENAME_SUFFIX = "_x"
 
 RADIO, PUSH, COMBO = 1 << 15, 1 << 16, 1 << 17
 
@@ -173,5 +173,5 @@ def verify_w1(path, fields, skip=(), names=None):
 
 
 def verify_w2(path, fields, before, skip=()):
-    """Checks a W2 output: W1's fields, each renamed to RENAME_PREFIX + its old name."""
-    return verify_w1(path, fields, skip, [RENAME_PREFIX + n for n in before])
+    """Checks a W2 output: W1's fields, each renamed to its old name + RENAME_SUFFIX."""
+    return verify_w1(path, fields, skip, [n + RENAME_SUFFIX for n in before])

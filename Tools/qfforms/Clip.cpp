@@ -23,7 +23,8 @@ const char* const kClipUsage =
     "       qfforms copy IN.pdf --field NAME [--widget K] [--password PASSWORD]\n"
     "                    [--password-file FILE] [--module PATH]\n"
     "       qfforms paste IN.pdf --page N --out OUT.pdf [--join] [--break-signatures]\n"
-    "                     [--force] [--password PASSWORD] [--password-file FILE]\n"
+    "                     [--full-rewrite] [--force] [--password PASSWORD]\n"
+    "                     [--password-file FILE]\n"
     "                     [--module PATH] < RECORD.json\n";
 
 namespace {
@@ -34,6 +35,7 @@ struct Options {
     std::string in, field, out, module, widget, page, password, passwordFile;
     bool help = false;
     bool breakSignatures = false;
+    bool fullRewrite = false;
     bool join = false;
     bool force = false;
 };
@@ -65,6 +67,7 @@ std::optional<std::string> parse(const std::vector<std::string>& args, Options& 
                                {"--module", &o.module}},
                               {{"--help", &o.help},
                                {"--break-signatures", &o.breakSignatures},
+                               {"--full-rewrite", &o.fullRewrite},
                                {"--join", &o.join},
                                {"--force", &o.force}},
                               files);
@@ -219,11 +222,13 @@ int pasteCommand(const std::vector<std::string>& args) {
         if (rc != 0)
             return fail(o.in, "the forms module could not make a widget of the record (the "
                               "forms module: " + moduleText(s.loader, rc) + ")");
-        if (!o.breakSignatures && holdsSignatures(doc.pdDoc()))
+        const bool incremental = savesIncrementally(doc.pdDoc(), o.fullRewrite);
+        if (!incremental && !o.breakSignatures && holdsSignatures(doc.pdDoc()))
             return fail(o.out, std::string(kSignedDocument) +
                                    " (pass --break-signatures to save anyway)");
         const PDResult saved =
-            PDDocSaveEx(doc.pdDoc(), o.out.c_str(), o.force ? PD_SAVE_FORCE : 0);
+            PDDocSaveEx(doc.pdDoc(), o.out.c_str(),
+                        (o.force ? PD_SAVE_FORCE : 0) | (incremental ? PD_SAVE_INCREMENTAL : 0));
         if (saved != PD_OK) return fail(o.out, writeProblem(saved, "--force"));
         Handle field;
         check(PDWidgetAnnotGetParent(pasted.get(), field.out()));

@@ -20,8 +20,8 @@ namespace qfforms {
 
 const char* const kDetectUsage =
     "       qfforms detect IN.pdf --out OUT.pdf [--pages LIST] [--lang en|ja] [--json]\n"
-    "                      [--break-signatures] [--force] [--password PASSWORD]\n"
-    "                      [--password-file FILE] [--module PATH]\n";
+    "                      [--full-rewrite] [--break-signatures] [--force]\n"
+    "                      [--password PASSWORD] [--password-file FILE] [--module PATH]\n";
 
 namespace {
 
@@ -38,13 +38,16 @@ constexpr const char* kHelp = R"(
   --pages LIST   the pages to look at, counted from 0: "0,2,5-7" (default: all)
   --lang en|ja   the language of the names the tools give unlabelled fields (default en)
   --json         print the proposals as JSON on standard output instead of the lines
+  --full-rewrite write OUT.pdf whole, never as an update appended to IN.pdf's bytes (a
+                 signed file is saved as an update by default, which keeps its signatures;
+                 written whole it needs --break-signatures)
   Exit status: 0 written (also when no page drew a box: it says so); 1 the file could not
   be read or written; 2 wrong usage.
 )";
 
 struct Options {
     std::string in, out, pages, language = "en", module, password, passwordFile;
-    bool json = false, force = false, breakSignatures = false, help = false;
+    bool json = false, force = false, breakSignatures = false, fullRewrite = false, help = false;
 };
 
 int usage(const std::string& problem) {
@@ -132,7 +135,8 @@ int detectCommand(const std::vector<std::string>& args) {
                                       {{"--help", &o.help},
                                        {"--json", &o.json},
                                        {"--force", &o.force},
-                                       {"--break-signatures", &o.breakSignatures}},
+                                       {"--break-signatures", &o.breakSignatures},
+                                       {"--full-rewrite", &o.fullRewrite}},
                                       files))
         return usage(*problem);
     if (o.help) return std::cout << "usage:\n" << kDetectUsage << kHelp, 0;
@@ -172,7 +176,8 @@ int detectCommand(const std::vector<std::string>& args) {
     } else if (auto problem = pageList(o.pages, doc.pageCount(), pages)) {
         return usage(*problem);
     }
-    if (!o.breakSignatures && holdsSignatures(doc.pdDoc()))
+    const bool incremental = savesIncrementally(doc.pdDoc(), o.fullRewrite);
+    if (!incremental && !o.breakSignatures && holdsSignatures(doc.pdDoc()))
         return fail(o.out,
                     std::string(kSignedDocument) + " (pass --break-signatures to save anyway)");
 
@@ -219,7 +224,7 @@ int detectCommand(const std::vector<std::string>& args) {
     if (o.json) std::cout << report.dump(2, ' ', false, Json::error_handler_t::replace) << "\n";
 
     try {
-        session.keep(fs::u8path(o.out), saveToMemory(doc));
+        session.keep(fs::u8path(o.out), saveToMemory(doc, incremental));
     } catch (const std::exception& e) {
         return fail(o.out, e.what());
     }

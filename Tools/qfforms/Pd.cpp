@@ -80,6 +80,16 @@ bool holdsSignatures(PDDoc doc) {
     return doc && PDDocIsSigned(doc, &isSigned) == PD_OK && isSigned;
 }
 
+bool savesIncrementally(PDDoc doc, bool fullRewrite) {
+    PDBool can = 0;
+    if (fullRewrite || !doc || PDDocCanSaveIncrementally(doc, &can) != PD_OK || !can)
+        return false;
+    if (holdsSignatures(doc)) return true;
+    uint64_t size = 0, objects = 0;
+    return PDDocGetFileSize(doc, &size, &objects) == PD_OK && size >= kLargeFile &&
+           size >= objects * kLargeObject;
+}
+
 std::string atomName(PDAtom atom) {
     const char* name = nullptr;
     check(PDAtomGetString(atom, &name));

@@ -21,7 +21,8 @@ namespace qfforms {
 
 const char* const kRunHelp =
     R"(usage: qfforms run SCRIPT.json [--in IN.pdf] [--out OUT.pdf] [--lang en|ja]
-                      [--settings FILE] [--keep-going] [--break-signatures] [--force]
+                      [--settings FILE] [--keep-going] [--break-signatures]
+                      [--full-rewrite] [--force]
                       [--password PASSWORD | --password-file FILE] [--module PATH]
 
 Replays an authoring session through the reference host and the forms module, as the
@@ -94,8 +95,16 @@ Options:
   --lang en|ja       the language of names and messages (default en)
   --settings FILE    user settings to use (default: the user's settings file, if any)
   --keep-going       report a failing step and go on; the outputs are still written
-  --break-signatures save a document that holds signatures (--out and "save" steps):
-                     the file is written anew, and its signatures no longer hold
+  --break-signatures save a document that holds signatures even when it is written
+                     whole (--full-rewrite, or an encrypted or repaired file): its
+                     signatures then no longer hold
+  --full-rewrite     write every document whole (--out and "save" steps). Without it a
+                     document read from a signed file, or from a file of 10 MiB or more
+                     made mostly of stream data (4 KiB an object or more), is saved
+                     as an incremental update: the file's bytes as they were,
+                     then what the session changed (its signatures stay valid, and the
+                     save costs what changed); an encrypted file, or one that had to be
+                     repaired to be read, is written whole all the same
   --force            write over outputs that are read-only (they stay read-only)
   --password PASSWORD
                      the password of encrypted documents (--in and "open" steps); a
@@ -141,6 +150,7 @@ struct Options {
     std::string language = "en";
     bool keepGoing = false;
     bool breakSignatures = false;
+    bool fullRewrite = false;
     bool force = false;
     bool help = false;
 };
@@ -172,6 +182,7 @@ std::optional<std::string> parseOptions(const std::vector<std::string>& args, Op
                                       {{"--help", &o.help},
                                        {"--keep-going", &o.keepGoing},
                                        {"--break-signatures", &o.breakSignatures},
+                                       {"--full-rewrite", &o.fullRewrite},
                                        {"--force", &o.force}},
                                       scripts))
         return problem;
@@ -319,6 +330,7 @@ int runCommand(const std::vector<std::string>& args) {
 
     Session runner(*host, *loader, scriptPath.parent_path());
     runner.allowBreakingSignatures(options.breakSignatures);
+    runner.setFullRewrite(options.fullRewrite);
     runner.setPassword(std::move(password));
     if (!options.in.empty()) {
         try {
@@ -338,13 +350,14 @@ int runCommand(const std::vector<std::string>& args) {
             std::cerr << "qfforms: --out: the script opened no document\n";
             return 1;
         }
-        if (!options.breakSignatures && holdsSignatures(doc->pdDoc())) {
+        const bool incremental = savesIncrementally(doc->pdDoc(), options.fullRewrite);
+        if (!incremental && !options.breakSignatures && holdsSignatures(doc->pdDoc())) {
             std::cerr << "qfforms: " << options.out << ": " << kSignedDocument
                       << " (pass --break-signatures to save anyway)\n";
             return 1;
         }
         try {
-            runner.keep(fs::u8path(options.out), saveToMemory(*doc));
+            runner.keep(fs::u8path(options.out), saveToMemory(*doc, incremental));
         } catch (const std::exception& e) {
             std::cerr << "qfforms: " << options.out << ": " << e.what() << "\n";
             return 1;

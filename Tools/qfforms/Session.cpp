@@ -188,6 +188,7 @@ class Runner {
 
     const std::vector<Output>& outputs() const { return outputs_; }
     void allowBreakingSignatures(bool allowed) { breakSignatures_ = allowed; }
+    void setFullRewrite(bool fullRewrite) { fullRewrite_ = fullRewrite; }
     void setPassword(Password password) { password_ = std::move(password); }
 
   private:
@@ -939,10 +940,11 @@ class Runner {
     void save(const Json& a) {
         const fs::path path = resolve(text(a, "save: the file"));
         qfhost::Document& doc = currentView().document();
-        if (!breakSignatures_ && holdsSignatures(doc.pdDoc()))
+        const bool incremental = savesIncrementally(doc.pdDoc(), fullRewrite_);
+        if (!incremental && !breakSignatures_ && holdsSignatures(doc.pdDoc()))
             throw StepFailure(std::nullopt, std::string(kSignedDocument) +
                                                 " (pass --break-signatures to save anyway)");
-        keep(path, saveToMemory(doc));
+        keep(path, saveToMemory(doc, incremental));
     }
 
     qfhost::Host& host_;
@@ -951,6 +953,7 @@ class Runner {
     std::vector<Output> outputs_;
     uint32_t commandId_ = 0;
     bool breakSignatures_ = false;
+    bool fullRewrite_ = false;
     Password password_;
 };
 
@@ -1029,7 +1032,12 @@ std::string saveWith(qfhost::Document& doc,
 
 } // namespace
 
-std::string saveToMemory(qfhost::Document& doc) { return saveWith(doc, PDDocSaveMem); }
+std::string saveToMemory(qfhost::Document& doc, bool incremental) {
+    if (!incremental) return saveWith(doc, PDDocSaveMem);
+    return saveWith(doc, [](PDDoc d, void** data, size_t* size) {
+        return PDDocSaveMemEx(d, PD_SAVE_INCREMENTAL, data, size);
+    });
+}
 
 Json fieldPropertiesState(qfhost::Host& host) {
     const qfhost::FieldProperties::Sheet sheet =
@@ -1095,6 +1103,7 @@ void Session::keep(std::filesystem::path path, std::string bytes) {
 const std::vector<Output>& Session::outputs() const { return impl_->outputs(); }
 
 void Session::allowBreakingSignatures(bool allowed) { impl_->allowBreakingSignatures(allowed); }
+void Session::setFullRewrite(bool fullRewrite) { impl_->setFullRewrite(fullRewrite); }
 
 void Session::setPassword(Password password) { impl_->setPassword(std::move(password)); }
 

@@ -55,9 +55,12 @@ class Session {
     void keep(std::filesystem::path path, std::string bytes);
     // The files that "save" and "render" steps kept, in the order first kept.
     const std::vector<Output>& outputs() const;
-    // Whether "save" steps may write a document that holds signatures (see
+    // Whether "save" steps may write a document that holds signatures whole (see
     // holdsSignatures); without it they fail. Off at first.
     void allowBreakingSignatures(bool allowed);
+    // Whether "save" steps write every document whole, never as an incremental update
+    // (savesIncrementally). Off at first.
+    void setFullRewrite(bool fullRewrite);
     // The password that openFile and "open" steps open documents with (none at first).
     void setPassword(Password password);
 
@@ -66,8 +69,10 @@ class Session {
     std::unique_ptr<Impl> impl_;
 };
 
-// The document as it is now (PDDocSaveMem); StepFailure when it cannot be written.
-std::string saveToMemory(qfhost::Document& doc);
+// The document as it is now (PDDocSaveMem), or, with incremental, the file it was read from
+// with the session's changes appended (PDDocSaveMemEx, PD_SAVE_INCREMENTAL); StepFailure
+// when it cannot be written.
+std::string saveToMemory(qfhost::Document& doc, bool incremental = false);
 // The same without its encryption (PDDocSaveMemDecrypted), for the editor's page to draw:
 // never for a file.
 std::string viewerCopy(qfhost::Document& doc);

@@ -73,6 +73,24 @@ TEST(Collect, ChangesNothingWrittenAndKeepsWhatHandlesHold) {
     EXPECT_TRUE(named(collected.doc.get(), "Made7"));
     EXPECT_FALSE(named(collected.doc.get(), "Made3"));
     EXPECT_TRUE(named(plain.doc.get(), "Made3"));
+    // The fields made, in order, the file's not among them: those collected answer none.
+    uint32_t made = 0;
+    ASSERT_EQ(PDDocGetNumFieldsMade(collected.doc.get(), &made), PD_OK);
+    EXPECT_EQ(made, 25u);
+    auto madeName = [](const Session& s, uint32_t index) {
+        PDField f = nullptr;
+        EXPECT_EQ(PDDocGetFieldMade(s.doc.get(), index, &f), PD_OK);
+        Owned owned(f);
+        return f ? fieldName(f) : std::u16string(u"(none)");
+    };
+    EXPECT_EQ(madeName(collected, 3), u"(none)");
+    EXPECT_EQ(madeName(plain, 3), u"Made3");
+    EXPECT_EQ(madeName(collected, 7), u"Made7");
+    EXPECT_EQ(madeName(collected, 24), u"Later4");
+    PDField past = nullptr;
+    EXPECT_EQ(PDDocGetFieldMade(collected.doc.get(), 25, &past), PD_ERR_RANGE);
+    EXPECT_EQ(past, nullptr);
+
     uint32_t again = 99;
     EXPECT_EQ(PDDocCollectGarbage(collected.doc.get(), &again), PD_OK);
     EXPECT_EQ(again, 0u);

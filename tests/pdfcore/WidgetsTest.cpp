@@ -2,6 +2,7 @@
 // them: pages rendered with pdftoppm, objects read back with pypdf.
 #include "TestSupport.h"
 
+#include <cstring>
 #include <functional>
 #include <tuple>
 
@@ -788,4 +789,34 @@ annots[0]['/MK'][NameObject('/TP')] = NumberObject(1)
     EXPECT_NEAR(count(r, 20, 20, 180, 180, 0, red), 158 * 79, 800);
     EXPECT_EQ(count(r, 21, 21, 179, 55, 1, red), 0) << "room left below";
     EXPECT_GT(count(r, 21, 70, 179, 130, 1, red), 150 * 55);
+}
+
+// A page's rectangles in one call are those its annotations answer one by one, in the
+// list's order also after annotations left and came back in between.
+TEST(AnnotRects, FollowTheListOrder) {
+    Owned doc = createDoc();
+    Owned pg = page(doc.get(), 0);
+    std::vector<FieldAndWidget> made;
+    for (int i = 0; i < 6; ++i)
+        made.push_back(addField(doc.get(), pg.get(), "R" + std::to_string(i), PD_ATOM_Tx,
+                                rect(10.f * i, 100, 10.f * i + 8, 120)));
+    ASSERT_EQ(PDPageRemoveAnnot(pg.get(), made[1].widget.get()), PD_OK);
+    ASSERT_EQ(PDPageAddAnnot(pg.get(), 4, made[1].widget.get()), PD_OK);
+    ASSERT_EQ(PDPageRemoveAnnot(pg.get(), made[3].widget.get()), PD_OK);
+
+    uint32_t count = 0;
+    ASSERT_EQ(PDPageGetAnnotRects(pg.get(), nullptr, 0, &count), PD_OK);
+    ASSERT_EQ(count, 5u);
+    std::vector<PDRect> rects(count);
+    uint32_t small = 0;
+    EXPECT_EQ(PDPageGetAnnotRects(pg.get(), rects.data(), 4, &small), PD_ERR_BUFFER_SMALL);
+    EXPECT_EQ(small, 5u);
+    ASSERT_EQ(PDPageGetAnnotRects(pg.get(), rects.data(), count, &count), PD_OK);
+    auto annots = annotsOf(pg.get());
+    ASSERT_EQ(annots.size(), 5u);
+    for (size_t i = 0; i < annots.size(); ++i) {
+        PDRect r{};
+        ASSERT_EQ(PDAnnotGetRect(annots[i].get(), &r), PD_OK);
+        EXPECT_EQ(std::memcmp(&r, &rects[i], sizeof r), 0) << i;
+    }
 }

@@ -395,23 +395,46 @@ def check_failures(args, folder):
               "input %s: exit %d, %r" % (os.path.basename(path), result.returncode,
                                          result.stderr))
 
-    # A signed file is written only with --break-signatures: the whole file is written
-    # anew, so its signatures stop holding. An empty signature field is no signature.
+    # A signed file gets its changes appended as an update: the signed bytes stay as they
+    # are, and poppler still finds every signature valid over its own revision. Written
+    # whole (--full-rewrite), it needs --break-signatures, as the signatures then stop
+    # holding. An empty signature field is no signature.
     signed = os.path.join(args.corpus, "pyhanko-two-fields-signed-twice.pdf")
+    original = open(signed, "rb").read()
     saving = write_script(folder, "saving.json", [{"save": out}])
     empty = write_script(folder, "empty.json", [])
+    field = write_script(folder, "field.json", [
+        {"tool": "TextFieldCreate"},
+        {"drag": {"page": 0, "from": [20, 130], "to": [120, 112]}}])
     refusal = "the document is signed: saving rewrites the whole file"
-    for what, command in (("--out", [empty, "--out", out]), ("save", [saving])):
+    for what, command in (("--out", [field, "--out", out]), ("save", [saving])):
         result = qfforms(args.qfforms, "run", *command, "--in", signed)
+        if check(result.returncode == 0 and os.path.exists(out),
+                 "signed, %s: %r" % (what, result.stderr)):
+            written = open(out, "rb").read()
+            check(written.startswith(original) and
+                  (len(written) > len(original)) == (what == "--out"),
+                  "signed, %s: the signed bytes were not kept in front" % what)
+            sig = subprocess.run(["pdfsig", out], capture_output=True, text=True)
+            check(sig.stdout.count("Signature is Valid.") == 2,
+                  "signed, %s: pdfsig: %s" % (what, sig.stdout + sig.stderr))
+            check(subprocess.run(["qpdf", "--check", out],
+                                 capture_output=True).returncode in (0, 3),
+                  "signed, %s: qpdf --check" % what)
+            os.remove(out)
+        result = qfforms(args.qfforms, "run", *command, "--in", signed, "--full-rewrite")
         check(result.returncode == 1 and refusal in result.stderr and
               "--break-signatures" in result.stderr and result.stderr.count("\n") == 1 and
-              not os.path.exists(out), "signed, %s: %r" % (what, result.stderr))
-        result = qfforms(args.qfforms, "run", *command, "--in", signed, "--break-signatures")
+              not os.path.exists(out), "signed, %s, --full-rewrite: %r" % (what, result.stderr))
+        result = qfforms(args.qfforms, "run", *command, "--in", signed, "--full-rewrite",
+                         "--break-signatures")
         if check(result.returncode == 0 and os.path.exists(out),
                  "signed, %s, --break-signatures: %r" % (what, result.stderr)):
             values = [f.get("/V") for f in (PdfReader(out).get_fields() or {}).values()
                       if f.get("/FT") == "/Sig"]
             check(len(values) == 2 and all(values), "signed: the signatures were not kept")
+            check(not open(out, "rb").read().startswith(original),
+                  "signed, %s, --full-rewrite: the file was not written whole" % what)
             os.remove(out)
     unsigned = os.path.join(args.corpus, "pyhanko-textfield-group-unsigned-sig.pdf")
     result = qfforms(args.qfforms, "run", empty, "--in", unsigned, "--out", out)

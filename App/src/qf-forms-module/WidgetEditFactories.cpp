@@ -11,6 +11,8 @@
 #include "qf/internal/ServiceObjectException.h"
 #include "service-common/ServiceProvider"
 
+#include <vector>
+
 namespace {
 
 // A page index of all ones stands for "no page".
@@ -106,21 +108,34 @@ BasicServiceObjectPtr<> selectedOnPage(ServiceObject* document, uint64_t pageInd
 QF::PDHandlePtr GetWidgetAtPos(ServiceObject* document, uint64_t pageIndex, const float* point) {
     static constexpr const char* kFunction = "`anonymous-namespace'::GetWidgetAtPos";
     const QF::PDHandlePtr page = pageOf(document, pageIndex, kFunction);
+    // The rectangles first, in one call: only an annotation under the point is looked at.
     uint32_t count = 0;
-    CheckPDResult(PDPageGetNumAnnots(page.get(), &count), kFunction);
-    const QF::PDHandlePtr config = ocConfig(document);
+    CheckPDResult(PDPageGetAnnotRects(page.get(), nullptr, 0, &count), kFunction);
+    std::vector<PDRect> rects(count);
+    CheckPDResult(PDPageGetAnnotRects(page.get(), rects.data(), count, &count), kFunction);
+    const auto under = [point](PDRect r) {
+        r = QF::Normalized(r);
+        return point[0] >= r.left && point[0] <= r.right && point[1] >= r.bottom &&
+               point[1] <= r.top;
+    };
+    QF::PDHandlePtr config;
+    bool configRead = false;
     for (uint32_t i = count; i-- > 0;) {
+        if (!under(rects[i])) continue;
         QF::PDHandlePtr annot;
         PDAtom subtype = 0;
         PDRect r{};
         if (PDPageGetAnnot(page.get(), i, annot.put()) != PD_OK ||
             PDAnnotGetSubtype(annot.get(), &subtype) != PD_OK || subtype != PD_ATOM_Widget)
             continue;
+        if (!configRead) {
+            config = ocConfig(document);
+            configRead = true;
+        }
         if (!shown(config.get(), annot.get())) continue;
+        // A rectangle that cannot be read came as zeros: not under any point.
         if (PDAnnotGetRect(annot.get(), &r) != PD_OK) continue;
-        r = QF::Normalized(r);
-        if (point[0] >= r.left && point[0] <= r.right && point[1] >= r.bottom && point[1] <= r.top)
-            return annot;
+        return annot;
     }
     return {};
 }

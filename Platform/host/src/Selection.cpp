@@ -286,39 +286,24 @@ namespace {
 // How far a paste that would cover an annotation moves, right and down, in points.
 constexpr float kPasteOffset = 10;
 
-// The terminal fields of doc, each with one reference (identity: handles are stable).
-std::vector<PDField> fieldsOf(PDDoc doc) {
-    std::vector<PDField> fields;
-    uint32_t count = 0;
-    if (PDDocGetNumFields(doc, &count) != PD_OK) return fields;
-    for (uint32_t i = 0; i < count; ++i) {
-        PDField f = nullptr;
-        if (PDDocGetField(doc, i, &f) == PD_OK && f) fields.push_back(f);
-    }
-    return fields;
-}
-
-void releaseAll(const std::vector<PDField>& fields) {
-    for (PDField f : fields) PDHandleRelease(f);
-}
-
-// Takes every widget out of the fields that are not in before: a field left without
-// widgets is not written (what a failed paste built goes).
-void discardNewFields(PDDoc doc, const std::vector<PDField>& before) {
-    const std::vector<PDField> after = fieldsOf(doc);
-    for (PDField f : after) {
-        if (std::find(before.begin(), before.end(), f) != before.end()) continue;
+// Takes every widget out of the fields made since the document had made `since`: a field
+// left without widgets is not written (what a failed paste built goes).
+void discardFieldsMadeSince(PDDoc doc, uint32_t since) {
+    uint32_t made = 0;
+    if (PDDocGetNumFieldsMade(doc, &made) != PD_OK) return;
+    for (uint32_t i = since; i < made; ++i) {
+        detail::Held field;
+        if (PDDocGetFieldMade(doc, i, field.put()) != PD_OK || !field.get()) continue;
         uint32_t widgets = 0;
-        PDFieldGetNumWidgets(f, &widgets);
-        for (uint32_t i = widgets; i-- > 0;) {
-            PDAnnot w = nullptr;
-            if (PDFieldGetWidget(f, i, &w) == PD_OK && w) {
-                PDFieldRemoveWidget(f, w);
-                PDHandleRelease(w);
+        PDFieldGetNumWidgets(field.get(), &widgets);
+        for (uint32_t w = widgets; w-- > 0;) {
+            PDAnnot widget = nullptr;
+            if (PDFieldGetWidget(field.get(), w, &widget) == PD_OK && widget) {
+                PDFieldRemoveWidget(field.get(), widget);
+                PDHandleRelease(widget);
             }
         }
     }
-    releaseAll(after);
 }
 
 PDField findField(PDDoc doc, const std::u16string& name) {
@@ -409,15 +394,9 @@ uint32_t nameAfterRecord(PDDoc doc, PDAnnot widget, const std::u16string& record
 // annotation there.
 PDRect placedOnPage(const View& view, PDPage page, uint32_t pageIndex, PDRect r) {
     uint32_t count = 0;
-    if (PDPageGetNumAnnots(page, &count) != PD_OK) return r;
-    std::vector<PDRect> taken;
-    for (uint32_t i = 0; i < count; ++i) {
-        PDAnnot a = nullptr;
-        PDRect ar{};
-        if (PDPageGetAnnot(page, i, &a) == PD_OK && a && PDAnnotGetRect(a, &ar) == PD_OK)
-            taken.push_back(ar);
-        PDHandleRelease(a);
-    }
+    if (PDPageGetAnnotRects(page, nullptr, 0, &count) != PD_OK) return r;
+    std::vector<PDRect> taken(count);
+    if (PDPageGetAnnotRects(page, taken.data(), count, &count) != PD_OK) return r;
     auto same = [&r](const PDRect& t) {
         constexpr float kTolerance = 0.01f;
         return std::fabs(std::min(t.left, t.right) - std::min(r.left, r.right)) < kTolerance &&
@@ -505,7 +484,8 @@ uint32_t AnnotSelection::pasteText(uint64_t pageIndex, const std::string& text, 
     if (!SODetails::hasMethod(factory.get(), 2)) return codes::kNotRegistered;
 
     const PDDoc pd = doc->pdDoc();
-    const std::vector<PDField> before = fieldsOf(pd);
+    uint32_t fieldsBefore = 0;
+    if (PDDocGetNumFieldsMade(pd, &fieldsBefore) != PD_OK) return codes::kPdfFailure;
     PDAnnot widget = nullptr;
     uint32_t rc = SODetails::methods<QF::AnnotEditSelectFactoryTable>(factory.get())
                       ->PasteAnnot(factory.get(), view->object(), pageIndex,
@@ -537,12 +517,10 @@ uint32_t AnnotSelection::pasteText(uint64_t pageIndex, const std::string& text, 
             PDFieldRemoveWidget(parent, widget);
             PDHandleRelease(parent);
         }
-        discardNewFields(pd, before);
+        discardFieldsMadeSince(pd, fieldsBefore);
         PDHandleRelease(widget);
-        releaseAll(before);
         return rc;
     }
-    releaseAll(before);
     selectWidget(pageIndex, widget);
     if (outWidget) {
         *outWidget = widget;

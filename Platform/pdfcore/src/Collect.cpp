@@ -116,6 +116,8 @@ size_t collectGarbage(Document& doc) {
     if (freed != 0) {
         const auto gone = [&](QPDFObjGen og) { return !marker.marked(og); };
         eraseIf(doc.emptiedFields, gone);
+        for (QPDFObjGen& og : doc.fieldsMade)
+            if (gone(og)) og = QPDFObjGen();
         eraseIf(doc.staleAppearances, [&](const auto& e) { return gone(e.first); });
         eraseIf(doc.annotFacts, [&](const auto& e) { return gone(e.first); });
         eraseIf(doc.drawnStreams, [&](const auto& e) { return gone(e.first); });

@@ -104,6 +104,13 @@ public:
     QPDFObjectHandle at(size_t index) const;
     // The position of the annotation, or -1.
     int64_t indexOf(QPDFObjGen og) const;
+    // Calls visit with every annotation in order: a walk of the slots, without a search of
+    // the tree for each position.
+    template <typename Visit>
+    void forEach(Visit&& visit) const {
+        for (const auto& annot : slots_)
+            if (annot.isInitialized()) visit(annot);
+    }
     // Puts annot in at position index (<= size()); it must not be listed yet.
     void insert(size_t index, QPDFObjectHandle annot);
     // Takes the annotation out; false when it is not listed.
@@ -171,6 +178,9 @@ struct Document {
     size_t listedTerminals = 0;
     bool formChanged = true;
     uint32_t freshNameCounter = 0;
+    // Every field createField made, in order (PDDocGetFieldMade); (0, 0) for one that a
+    // collection freed.
+    std::vector<QPDFObjGen> fieldsMade;
     // Fields whose last widget PDFieldRemoveWidget took out in this session (the new
     // object of a split merged field). Those still without widgets are not written
     // (UnusedFieldsDetached); entries stay when widgets come back.

@@ -2,6 +2,7 @@
 #include "Core.h"
 #include "Fonts.h"
 #include "Save.h"
+#include "SaveIncremental.h"
 
 #include <qpdf/QPDFPageDocumentHelper.hh>
 #include <qpdf/QPDFWriter.hh>
@@ -132,20 +133,26 @@ void writeTo(Document& doc, QPDFWriter& w, bool decrypted) {
     w.write();
 }
 
-PDResult saveMem(PDDoc doc, bool decrypted, void** outData, size_t* outSize) {
+PDResult saveMem(PDDoc doc, bool decrypted, bool incremental, void** outData, size_t* outSize) {
     return guard([&] {
         Document& d = checkedDoc(doc);
         checkOut(outData);
         checkOut(outSize);
+        auto copy = [&](const void* data, size_t size) {
+            void* mem = std::malloc(size ? size : 1);
+            if (!mem) fail(PD_ERR_OUT_OF_MEMORY);
+            std::memcpy(mem, data, size);
+            *outData = mem;
+            *outSize = size;
+        };
+        if (incremental) {
+            if (auto appended = appendedFile(d)) return copy(appended->data(), appended->size());
+        }
         QPDFWriter w(*d.qpdf);
         w.setOutputMemory();
         writeTo(d, w, decrypted);
         auto buf = w.getBufferSharedPointer();
-        void* mem = std::malloc(buf->getSize() ? buf->getSize() : 1);
-        if (!mem) fail(PD_ERR_OUT_OF_MEMORY);
-        std::memcpy(mem, buf->getBuffer(), buf->getSize());
-        *outData = mem;
-        *outSize = buf->getSize();
+        copy(buf->getBuffer(), buf->getSize());
     });
 }
 
@@ -226,22 +233,51 @@ PDResult PDDocSaveEx(PDDoc doc, const char* path, uint32_t flags) {
         // written.
         SaveTarget target;
         if (PDResult r = checkTarget(path, flags, target)) fail(r);
-        QPDFWriter w(*d.qpdf);
-        w.setOutputMemory();
-        writeTo(d, w, false);
-        auto buf = w.getBufferSharedPointer();
         PDStagedFileRec file;
-        if (PDResult r = stageFile(target, buf->getBuffer(), buf->getSize(), file)) fail(r);
+        std::optional<std::string> appended;
+        if (flags & PD_SAVE_INCREMENTAL) appended = appendedFile(d);
+        if (appended) {
+            if (PDResult r = stageFile(target, appended->data(), appended->size(), file)) fail(r);
+        } else {
+            QPDFWriter w(*d.qpdf);
+            w.setOutputMemory();
+            writeTo(d, w, false);
+            auto buf = w.getBufferSharedPointer();
+            if (PDResult r = stageFile(target, buf->getBuffer(), buf->getSize(), file)) fail(r);
+        }
         if (PDResult r = commitFile(file)) fail(r);
     });
 }
 
+PDResult PDDocSaveMemEx(PDDoc doc, uint32_t flags, void** outData, size_t* outSize) {
+    if (outData) *outData = nullptr;
+    if (outSize) *outSize = 0;
+    if (flags & ~uint32_t(PD_SAVE_INCREMENTAL)) return PD_ERR_BAD_ARGUMENT;
+    return saveMem(doc, false, flags & PD_SAVE_INCREMENTAL, outData, outSize);
+}
+
+PDResult PDDocGetFileSize(PDDoc doc, uint64_t* outSize, uint64_t* outObjects) {
+    return guard([&] {
+        Document& d = checkedDoc(doc);
+        if (outSize) *outSize = d.fileBytes.size();
+        if (outObjects) *outObjects = d.fileBytes.empty() ? 0 : d.qpdf->getXRefTable().size();
+    });
+}
+
+PDResult PDDocCanSaveIncrementally(PDDoc doc, PDBool* outCan) {
+    return guard([&] {
+        Document& d = checkedDoc(doc);
+        checkOut(outCan);
+        *outCan = canAppend(d) ? 1 : 0;
+    });
+}
+
 PDResult PDDocSaveMem(PDDoc doc, void** outData, size_t* outSize) {
-    return saveMem(doc, false, outData, outSize);
+    return saveMem(doc, false, false, outData, outSize);
 }
 
 PDResult PDDocSaveMemDecrypted(PDDoc doc, void** outData, size_t* outSize) {
-    return saveMem(doc, true, outData, outSize);
+    return saveMem(doc, true, false, outData, outSize);
 }
 
 void PDFreeBuffer(void* data) { std::free(data); }

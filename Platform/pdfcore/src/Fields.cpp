@@ -449,6 +449,7 @@ PDResult createField(PDDoc doc, std::u16string name, bool freshIfEmpty, PDAtom t
         field = makeIndirect(d, field);
         containerOf(d, field).appendItem(field);
         d.nameIndex.emplace(name, field.getObjGen());
+        d.fieldsMade.push_back(field.getObjGen());
         if (parent.isDictionary() || d.formChanged) {
             d.formChanged = true;
         } else {
@@ -808,6 +809,26 @@ PDResult PDDocGetField(PDDoc doc, uint32_t index, PDField* outField) {
         ensureTerminals(d);
         if (index >= d.terminalFields.size()) fail(PD_ERR_RANGE);
         *outField = handleFor(d, d.terminalFields[index], Kind::Field);
+    });
+}
+
+PDResult PDDocGetNumFieldsMade(PDDoc doc, uint32_t* outCount) {
+    return guard([&] {
+        Document& d = checkedDoc(doc);
+        checkOut(outCount);
+        *outCount = static_cast<uint32_t>(d.fieldsMade.size());
+    });
+}
+
+PDResult PDDocGetFieldMade(PDDoc doc, uint32_t index, PDField* outField) {
+    if (outField) *outField = nullptr;
+    return guard([&] {
+        Document& d = checkedDoc(doc);
+        checkOut(outField);
+        if (index >= d.fieldsMade.size()) fail(PD_ERR_RANGE);
+        const QPDFObjGen og = d.fieldsMade[index];
+        if (og.getObj() == 0) return;
+        *outField = handleFor(d, d.qpdf->getObject(og), Kind::Field);
     });
 }
 

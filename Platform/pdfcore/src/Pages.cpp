@@ -367,6 +367,32 @@ PDResult PDPageGetAnnot(PDPage page, uint32_t index, PDAnnot* outAnnot) {
     });
 }
 
+PDResult PDPageGetAnnotRects(PDPage page, PDRect* outRects, uint32_t capacity,
+                             uint32_t* outCount) {
+    return guard([&] {
+        auto& p = checked(page, Kind::Page);
+        checkOut(outCount);
+        const AnnotList& list = listOf(*p.doc, p.obj);
+        *outCount = static_cast<uint32_t>(list.size());
+        if (!outRects) return;
+        if (capacity < list.size()) fail(PD_ERR_BUFFER_SMALL);
+        size_t i = 0;
+        list.forEach([&](QPDFObjectHandle annot) {
+            auto& facts = p.doc->annotFacts[annot.getObjGen()];
+            if (!facts.hasRect) {
+                try {
+                    facts.rect = rectOf(annot.getKey("/Rect"));
+                    facts.hasRect = true;
+                } catch (const Failure&) {
+                    outRects[i++] = PDRect{};
+                    return;
+                }
+            }
+            outRects[i++] = facts.rect;
+        });
+    });
+}
+
 PDResult PDPageGetAnnotIndex(PDPage page, PDAnnot annot, uint32_t* outIndex) {
     return guard([&] {
         auto& p = checked(page, Kind::Page);

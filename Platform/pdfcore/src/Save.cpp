@@ -24,7 +24,7 @@ constexpr size_t kNameBytes = 160;
 // folder, whose numbers mean nothing here.
 constexpr int64_t kStaleSeconds = 600;
 
-constexpr uint32_t kKnownFlags = PD_SAVE_FORCE;
+constexpr uint32_t kKnownFlags = PD_SAVE_FORCE | PD_SAVE_INCREMENTAL;
 
 std::string tempName(const std::string& target) {
     size_t cut = std::min(target.size(), kNameBytes);

@@ -1106,14 +1106,18 @@ class Editor {
         }
         action_ = Sentence::Saved;
         Document& doc = view().document();
-        // Asked once: after the first save the signatures no longer hold anyway.
-        if (!signaturesBroken_ && holdsSignatures(doc.pdDoc())) {
+        // A signed or large file gets an update appended unless asked to write it whole.
+        // Asked once: after the first whole write the signatures no longer hold anyway.
+        const bool incremental =
+            savesIncrementally(doc.pdDoc(), body.value("fullRewrite", false));
+        if (!incremental && !signaturesBroken_ && holdsSignatures(doc.pdDoc())) {
             if (!body.value("breakSignatures", false))
                 return jsonAnswer(409, {{"error", sentence(lang_, Sentence::Signed)},
                                         {"signed", true}});
             signaturesBroken_ = true;
         }
-        const PDResult saved = PDDocSaveEx(doc.pdDoc(), target.string().c_str(), 0);
+        const PDResult saved = PDDocSaveEx(doc.pdDoc(), target.string().c_str(),
+                                           incremental ? PD_SAVE_INCREMENTAL : 0);
         if (saved != PD_OK) {
             const std::string file = target.string();
             switch (saved) {

@@ -260,11 +260,32 @@ PDFCORE_API PDResult PDDocCreate(uint32_t pageCount, float width, float height,
  * as #23. The same holds for PDDocSaveMem. */
 PDFCORE_API PDResult PDDocSave(PDDoc doc, const char* path);
 /* PDDocSave with PD_SAVE_* flags (see "Writing files"); unknown flags:
- * PD_ERR_BAD_ARGUMENT. */
+ * PD_ERR_BAD_ARGUMENT. With PD_SAVE_INCREMENTAL the target receives the bytes the document
+ * was opened from, unchanged, followed by an incremental update: the objects this session
+ * changed or made, and a cross-reference section whose /Prev leads to the file's own. The
+ * signatures of the file stay valid over the bytes they signed, and a save costs what
+ * changed, not the size of the file (but for the copy of its bytes). Unchanged, the file is
+ * written as it was read. The target is still replaced whole, as PDDocSave replaces it, and
+ * may be another file than the one opened. A document that cannot take an update
+ * (PDDocCanSaveIncrementally), or one in which qpdf finds something to repair while the
+ * update is made, or whose update qpdf does not read back as it was meant, is written whole,
+ * as without the flag. */
 PDFCORE_API PDResult PDDocSaveEx(PDDoc doc, const char* path, uint32_t flags);
+/* Whether PD_SAVE_INCREMENTAL can append to the document: false for one made with
+ * PDDocCreate, one that is encrypted (its appended objects would need the file's key) and
+ * one whose file qpdf had to repair while reading it (its cross-reference section cannot be
+ * trusted to lead to the objects). */
+PDFCORE_API PDResult PDDocCanSaveIncrementally(PDDoc doc, PDBool* outCan);
 /* Writes the document into a buffer allocated with malloc; the caller frees it with
  * PDFreeBuffer(). */
 PDFCORE_API PDResult PDDocSaveMem(PDDoc doc, void** outData, size_t* outSize);
+/* PDDocSaveMem with PD_SAVE_INCREMENTAL (as PDDocSaveEx writes it) or 0; other flags:
+ * PD_ERR_BAD_ARGUMENT. */
+PDFCORE_API PDResult PDDocSaveMemEx(PDDoc doc, uint32_t flags, void** outData, size_t* outSize);
+/* The size in bytes of the file or memory the document was opened from, and the number of
+ * objects its cross-reference sections list; 0 and 0 for one made with PDDocCreate. Either
+ * out pointer may be NULL. */
+PDFCORE_API PDResult PDDocGetFileSize(PDDoc doc, uint64_t* outSize, uint64_t* outObjects);
 /* PDDocSaveMem without the document's encryption: for a viewer of the same session that
  * has no password (the editor's page), never for a file that is kept, which PDDocSave and
  * PDDocSaveMem write encrypted. An unencrypted document gives what PDDocSaveMem gives.
@@ -364,7 +385,8 @@ PDFCORE_API PDResult PDDocRemoveAnnotChangedListener(PDDoc doc, uint32_t cookie)
 
 /* Flags of PDDocSaveEx and PDFileStage. */
 enum {
-    PD_SAVE_FORCE = 1  /* write over a target whose permissions do not allow writing it */
+    PD_SAVE_FORCE = 1,       /* write over a target whose permissions do not allow writing it */
+    PD_SAVE_INCREMENTAL = 2  /* PDDocSaveEx only: append the changes to the file's bytes */
 };
 
 typedef struct PDStagedFileRec* PDStagedFile;
@@ -403,6 +425,13 @@ PDFCORE_API PDResult PDPageGetRotate(PDPage page, int32_t* outDegrees);
  * 360; other values: PD_ERR_BAD_ARGUMENT. */
 PDFCORE_API PDResult PDPageSetRotate(PDPage page, int32_t degrees);
 PDFCORE_API PDResult PDPageGetNumAnnots(PDPage page, uint32_t* outCount);
+/* The rectangles of the page's annotations, in the order of its list, as PDAnnotGetRect
+ * reads them, in one call and without a handle for each: pass NULL (capacity 0) to learn
+ * the count in *outCount, then an array of at least that many; a smaller one gives
+ * PD_ERR_BUFFER_SMALL and the count. An annotation without a readable /Rect gives a
+ * rectangle of zeros. */
+PDFCORE_API PDResult PDPageGetAnnotRects(PDPage page, PDRect* outRects, uint32_t capacity,
+                                         uint32_t* outCount);
 PDFCORE_API PDResult PDPageGetAnnot(PDPage page, uint32_t index, PDAnnot* outAnnot);
 /* Position of annot in the page's /Annots; PD_ERR_NOT_FOUND when it is not there. */
 PDFCORE_API PDResult PDPageGetAnnotIndex(PDPage page, PDAnnot annot, uint32_t* outIndex);
@@ -589,6 +618,14 @@ PDFCORE_API PDResult PDDocRenameField(PDDoc doc, PDField field, const char16_t* 
 /* Terminal fields of the form in tree order (the order of /Fields, depth first). */
 PDFCORE_API PDResult PDDocGetNumFields(PDDoc doc, uint32_t* outCount);
 PDFCORE_API PDResult PDDocGetField(PDDoc doc, uint32_t index, PDField* outField);
+/* How many fields this session has made with PDDocCreateField and its typed variants, in
+ * the order made: a count taken before some calls and one after them bound what those calls
+ * made, without a walk of the form. Counted from 0 at PDDocOpen or PDDocCreate, and never
+ * smaller later. */
+PDFCORE_API PDResult PDDocGetNumFieldsMade(PDDoc doc, uint32_t* outCount);
+/* The index-th field made (0-based, below PDDocGetNumFieldsMade, else PD_ERR_RANGE), or a
+ * NULL handle when a collection of garbage has freed it since (PDDocCollectGarbage). */
+PDFCORE_API PDResult PDDocGetFieldMade(PDDoc doc, uint32_t index, PDField* outField);
 
 /* The partial name (/T); the fully qualified name. */
 PDFCORE_API PDResult PDFieldGetName(PDField field, char16_t* buf, uint32_t bufLen,

@@ -1,0 +1,229 @@
+// Saves that append an update: the file's bytes stay as they were, and what a reader finds
+// through the update is, object for object, what a whole write of the same session holds.
+#include "TestSupport.h"
+
+#ifndef POINTERHOLDER_TRANSITION
+#define POINTERHOLDER_TRANSITION 4
+#endif
+#include <qpdf/QPDF.hh>
+
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <map>
+
+using namespace pdtest;
+
+namespace {
+
+std::string fileBytes(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+std::string savedMem(PDDoc doc, uint32_t flags) {
+    void* data = nullptr;
+    size_t size = 0;
+    EXPECT_EQ(PDDocSaveMemEx(doc, flags, &data, &size), PD_OK);
+    std::string bytes(static_cast<const char*>(data), size);
+    PDFreeBuffer(data);
+    return bytes;
+}
+
+// Whether two files hold the same document: every object reached from the trailer's
+// /Root and /Info has the same value in both, references matched pair by pair (a whole
+// write numbers the objects anew) and streams compared by their decoded data (a whole
+// write may compress a stream the update leaves as it is, or the other way round).
+class SameDocument {
+public:
+    SameDocument(const std::string& a, const std::string& b) {
+        a_.setSuppressWarnings(true);
+        b_.setSuppressWarnings(true);
+        a_.processMemoryFile("a", a.data(), a.size());
+        b_.processMemoryFile("b", b.data(), b.size());
+    }
+
+    // "" when the same, else the path to the first difference.
+    std::string difference() {
+        for (const char* key : {"/Root", "/Info"}) {
+            if (!same(a_.getTrailer().getKey(key), b_.getTrailer().getKey(key), key))
+                return where_;
+        }
+        return {};
+    }
+
+private:
+    bool differ(const std::string& path) {
+        where_ = path;
+        return false;
+    }
+
+    bool same(QPDFObjectHandle a, QPDFObjectHandle b, const std::string& path) {
+        if (a.isIndirect() != b.isIndirect()) return differ(path + " (indirect in one only)");
+        if (a.isIndirect()) {
+            auto [it, first] = pairs_.emplace(a.getObjGen(), b.getObjGen());
+            if (!first) return it->second == b.getObjGen() || differ(path + " (other object)");
+        }
+        if (a.getTypeCode() != b.getTypeCode()) return differ(path + " (type)");
+        if (a.isStream()) {
+            std::shared_ptr<Buffer> da, db;
+            try {
+                da = a.getStreamData();
+                db = b.getStreamData();
+            } catch (const std::exception&) {  // a filter qpdf does not decode
+                da = a.getRawStreamData();
+                db = b.getRawStreamData();
+            }
+            if (da->getSize() != db->getSize() ||
+                std::memcmp(da->getBuffer(), db->getBuffer(), da->getSize()) != 0)
+                return differ(path + " (data)");
+            return sameEntries(a.getDict(), b.getDict(), path, true);
+        }
+        if (a.isDictionary()) return sameEntries(a, b, path, false);
+        if (a.isArray()) {
+            if (a.getArrayNItems() != b.getArrayNItems()) return differ(path + " (length)");
+            for (int i = 0; i < a.getArrayNItems(); ++i) {
+                if (!same(a.getArrayItem(i), b.getArrayItem(i), path + "[" + std::to_string(i) + "]"))
+                    return false;
+            }
+            return true;
+        }
+        return a.unparseResolved() == b.unparseResolved() || differ(path + " (value)");
+    }
+
+    bool sameEntries(QPDFObjectHandle a, QPDFObjectHandle b, const std::string& path,
+                     bool stream) {
+        std::set<std::string> keys = a.getKeys();
+        for (const auto& k : b.getKeys()) keys.insert(k);
+        for (const auto& k : keys) {
+            if (stream && (k == "/Length" || k == "/Filter" || k == "/DecodeParms")) continue;
+            if (!same(a.getKey(k), b.getKey(k), path + k)) return false;
+        }
+        return true;
+    }
+
+    QPDF a_, b_;
+    std::map<QPDFObjGen, QPDFObjGen> pairs_;
+    std::string where_;
+};
+
+// Edits that reach most kinds of objects: a rename (the field and the name index), a value
+// (the field and its widgets' drawings), a widget moved, a new field with its widget (new
+// objects, /Fields, the page's /Annots) and a widget taken out of its field and page (a
+// field then left out of the file). round gives the names and values their own text.
+void edit(PDDoc doc, int round) {
+    const std::string tag = std::to_string(round);
+    auto fields = fieldsOf(doc);
+    ASSERT_FALSE(fields.empty());
+    const auto first = fieldName(fields[0].get());
+    const auto renamed = first + u"_r" + u16(tag);
+    EXPECT_EQ(PDDocRenameField(doc, fields[0].get(), renamed.data(), uint32_t(renamed.size())),
+              PD_OK);
+    for (auto& f : fields) {
+        PDAtom type = 0;
+        if (PDFieldGetType(f.get(), &type) == PD_OK && type == PD_ATOM_Tx) {
+            EXPECT_EQ(setValue(f.get(), u"update " + u16(tag)), PD_OK);
+            break;
+        }
+    }
+    if (fields.size() > 1) {
+        auto widgets = widgetsOf(fields[1].get());
+        PDRect r{};
+        if (!widgets.empty() && PDAnnotGetRect(widgets[0].get(), &r) == PD_OK) {
+            r.left += 5;
+            r.right += 5;
+            EXPECT_EQ(PDAnnotSetRect(widgets[0].get(), &r), PD_OK);
+        }
+    }
+    Owned pg = page(doc, 0);
+    addField(doc, pg.get(), "Appended" + tag, PD_ATOM_Tx, rect(20, 20, 140, 40));
+    auto last = widgetsOf(fields.back().get());
+    if (fields.size() > 2 && !last.empty()) {
+        PDPage on = nullptr;
+        if (PDAnnotGetPage(last[0].get(), &on) == PD_OK && on) {
+            Owned held(on);
+            EXPECT_EQ(PDPageRemoveAnnot(on, last[0].get()), PD_OK);
+        }
+        EXPECT_EQ(PDFieldRemoveWidget(fields.back().get(), last[0].get()), PD_OK);
+    }
+}
+
+std::vector<std::u16string> fieldNames(PDDoc doc) {
+    std::vector<std::u16string> names;
+    for (auto& f : fieldsOf(doc)) names.push_back(fieldName(f.get()));
+    return names;
+}
+
+class IncrementalSave : public ::testing::TestWithParam<const char*> {};
+
+// Two rounds of edits, each saved both ways from the same session: the update keeps the
+// file's bytes in front, reads back clean, and holds what the whole write holds.
+TEST_P(IncrementalSave, HoldsWhatAWholeWriteHolds) {
+    const std::string path = corpus(GetParam());
+    const std::string original = fileBytes(path);
+    Owned doc = openDoc(path);
+    PDBool can = 0;
+    ASSERT_EQ(PDDocCanSaveIncrementally(doc.get(), &can), PD_OK);
+    ASSERT_TRUE(can);
+    EXPECT_EQ(savedMem(doc.get(), PD_SAVE_INCREMENTAL), original) << "nothing changed yet";
+
+    ScratchDir dir;
+    for (int round = 1; round <= 2; ++round) {
+        SCOPED_TRACE("round " + std::to_string(round));
+        edit(doc.get(), round);
+        const std::string appended = savedMem(doc.get(), PD_SAVE_INCREMENTAL);
+        const std::string whole = savedMem(doc.get(), 0);
+        ASSERT_GT(appended.size(), original.size());
+        EXPECT_EQ(appended.compare(0, original.size(), original), 0) << "the file's bytes changed";
+        EXPECT_EQ(SameDocument(appended, whole).difference(), "");
+
+        const std::string out = dir.file("appended.pdf");
+        ASSERT_EQ(PDDocSaveEx(doc.get(), out.c_str(), PD_SAVE_INCREMENTAL), PD_OK);
+        EXPECT_EQ(fileBytes(out), appended);
+        EXPECT_EQ(qpdfCheck(out), 0);
+        // The field left without widgets is in memory still, and in neither file.
+        PDDoc a = nullptr, w = nullptr;
+        ASSERT_EQ(PDDocOpenMem(appended.data(), appended.size(), &a), PD_OK);
+        ASSERT_EQ(PDDocOpenMem(whole.data(), whole.size(), &w), PD_OK);
+        Owned ownedA(a), ownedW(w);
+        EXPECT_EQ(fieldNames(a), fieldNames(w));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Corpus, IncrementalSave,
+                         ::testing::Values("qpdf-field-types.pdf", "pdfjs-irs-f1040-prefilled.pdf",
+                                           "pdflib-hybrid-xfa-fields.pdf",
+                                           "pyhanko-two-fields-signed-twice.pdf",
+                                           "qpdf-digitally-signed.pdf",
+                                           "qpdf-rotated-copied-annotations.pdf",
+                                           "pdfbox-basic-fields-all-types.pdf"));
+
+// What cannot take an update is written whole: a new document, an encrypted file (the
+// appended objects would need its key), a file qpdf repaired while reading it.
+TEST(IncrementalSaveRefused, WritesTheFileWhole) {
+    for (const char* name : {"", "jspdf-encrypted-acroform.pdf", "pdfjs-damaged-signed-fuzzed.pdf"}) {
+        SCOPED_TRACE(name);
+        Owned doc = *name ? openDoc(corpus(name)) : createDoc();
+        PDBool can = 1;
+        ASSERT_EQ(PDDocCanSaveIncrementally(doc.get(), &can), PD_OK);
+        EXPECT_FALSE(can);
+        uint32_t pages = 0;
+        ASSERT_EQ(PDDocGetNumPages(doc.get(), &pages), PD_OK);
+        if (pages > 0) {
+            addField(doc.get(), page(doc.get(), 0).get(), "Added", PD_ATOM_Tx,
+                     rect(20, 20, 140, 40));
+        }
+        const std::string appended = savedMem(doc.get(), PD_SAVE_INCREMENTAL);
+        EXPECT_EQ(SameDocument(appended, savedMem(doc.get(), 0)).difference(), "");
+        if (*name) {
+            EXPECT_NE(appended.compare(0, 1024, fileBytes(corpus(name)), 0, 1024), 0);
+        }
+    }
+    void* data = nullptr;
+    size_t size = 0;
+    Owned doc = createDoc();
+    EXPECT_EQ(PDDocSaveMemEx(doc.get(), PD_SAVE_FORCE, &data, &size), PD_ERR_BAD_ARGUMENT);
+    EXPECT_EQ(data, nullptr);
+}
+
+}  // namespace
