@@ -236,7 +236,7 @@ void BM_EditPointerMove(benchmark::State& state, bool dragging) {
     const PDAnnot widget = form.widgets[k];
     PDRect r{}, moved{}, after{};
     PDAnnotGetRect(widget, &r);
-    if (selectAt(r) != 0 || view.activeToolName() != "Edit") {
+    if (selectAt(r) != 0 || view.activeToolName() != "WidgetEdit") {
         state.SkipWithError("selectAt did not start the edit tool");
         return;
     }

@@ -805,13 +805,15 @@ TEST(AnnotRects, FollowTheListOrder) {
     ASSERT_EQ(PDPageRemoveAnnot(pg.get(), made[3].widget.get()), PD_OK);
 
     uint32_t count = 0;
-    ASSERT_EQ(PDPageGetAnnotRects(pg.get(), nullptr, 0, &count), PD_OK);
+    ASSERT_EQ(PDPageGetAnnotRects(pg.get(), 0, nullptr, 0, &count), PD_OK);
     ASSERT_EQ(count, 5u);
     std::vector<PDRect> rects(count);
-    uint32_t small = 0;
-    EXPECT_EQ(PDPageGetAnnotRects(pg.get(), rects.data(), 4, &small), PD_ERR_BUFFER_SMALL);
-    EXPECT_EQ(small, 5u);
-    ASSERT_EQ(PDPageGetAnnotRects(pg.get(), rects.data(), count, &count), PD_OK);
+    // A window from position 3 gets the last two; one past the end is refused.
+    uint32_t total = 0;
+    ASSERT_EQ(PDPageGetAnnotRects(pg.get(), 3, rects.data() + 3, 4, &total), PD_OK);
+    EXPECT_EQ(total, 5u);
+    EXPECT_EQ(PDPageGetAnnotRects(pg.get(), 6, rects.data(), 1, &total), PD_ERR_BAD_ARGUMENT);
+    ASSERT_EQ(PDPageGetAnnotRects(pg.get(), 0, rects.data(), 3, &count), PD_OK);
     auto annots = annotsOf(pg.get());
     ASSERT_EQ(annots.size(), 5u);
     for (size_t i = 0; i < annots.size(); ++i) {

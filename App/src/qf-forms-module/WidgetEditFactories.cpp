@@ -108,11 +108,12 @@ BasicServiceObjectPtr<> selectedOnPage(ServiceObject* document, uint64_t pageInd
 QF::PDHandlePtr GetWidgetAtPos(ServiceObject* document, uint64_t pageIndex, const float* point) {
     static constexpr const char* kFunction = "`anonymous-namespace'::GetWidgetAtPos";
     const QF::PDHandlePtr page = pageOf(document, pageIndex, kFunction);
-    // The rectangles first, in one call: only an annotation under the point is looked at.
+    // The rectangles first, a window of them at a time from the top of the z-order: only
+    // an annotation under the point is looked at.
+    constexpr uint32_t kWindow = 128;
     uint32_t count = 0;
-    CheckPDResult(PDPageGetAnnotRects(page.get(), nullptr, 0, &count), kFunction);
-    std::vector<PDRect> rects(count);
-    CheckPDResult(PDPageGetAnnotRects(page.get(), rects.data(), count, &count), kFunction);
+    CheckPDResult(PDPageGetAnnotRects(page.get(), 0, nullptr, 0, &count), kFunction);
+    std::vector<PDRect> rects(std::min(count, kWindow));
     const auto under = [point](PDRect r) {
         r = QF::Normalized(r);
         return point[0] >= r.left && point[0] <= r.right && point[1] >= r.bottom &&
@@ -120,8 +121,16 @@ QF::PDHandlePtr GetWidgetAtPos(ServiceObject* document, uint64_t pageIndex, cons
     };
     QF::PDHandlePtr config;
     bool configRead = false;
+    uint32_t first = count;
     for (uint32_t i = count; i-- > 0;) {
-        if (!under(rects[i])) continue;
+        if (i < first) {
+            first = i + 1 > kWindow ? i + 1 - kWindow : 0;
+            uint32_t total = 0;
+            CheckPDResult(PDPageGetAnnotRects(page.get(), first, rects.data(), i + 1 - first,
+                                              &total),
+                          kFunction);
+        }
+        if (!under(rects[i - first])) continue;
         QF::PDHandlePtr annot;
         PDAtom subtype = 0;
         PDRect r{};

@@ -394,9 +394,9 @@ uint32_t nameAfterRecord(PDDoc doc, PDAnnot widget, const std::u16string& record
 // annotation there.
 PDRect placedOnPage(const View& view, PDPage page, uint32_t pageIndex, PDRect r) {
     uint32_t count = 0;
-    if (PDPageGetAnnotRects(page, nullptr, 0, &count) != PD_OK) return r;
+    if (PDPageGetAnnotRects(page, 0, nullptr, 0, &count) != PD_OK) return r;
     std::vector<PDRect> taken(count);
-    if (PDPageGetAnnotRects(page, taken.data(), count, &count) != PD_OK) return r;
+    if (PDPageGetAnnotRects(page, 0, taken.data(), count, &count) != PD_OK) return r;
     auto same = [&r](const PDRect& t) {
         constexpr float kTolerance = 0.01f;
         return std::fabs(std::min(t.left, t.right) - std::min(r.left, r.right)) < kTolerance &&

@@ -111,6 +111,14 @@ public:
         for (const auto& annot : slots_)
             if (annot.isInitialized()) visit(annot);
     }
+    // Calls visit with the annotations from position first on, in order, for as long as it
+    // answers true.
+    template <typename Visit>
+    void forEachFrom(size_t first, Visit&& visit) const {
+        if (first >= live_) return;
+        for (size_t slot = slotOf(first); slot < slots_.size(); ++slot)
+            if (slots_[slot].isInitialized() && !visit(slots_[slot])) return;
+    }
     // Puts annot in at position index (<= size()); it must not be listed yet.
     void insert(size_t index, QPDFObjectHandle annot);
     // Takes the annotation out; false when it is not listed.

@@ -367,17 +367,18 @@ PDResult PDPageGetAnnot(PDPage page, uint32_t index, PDAnnot* outAnnot) {
     });
 }
 
-PDResult PDPageGetAnnotRects(PDPage page, PDRect* outRects, uint32_t capacity,
+PDResult PDPageGetAnnotRects(PDPage page, uint32_t first, PDRect* outRects, uint32_t capacity,
                              uint32_t* outCount) {
     return guard([&] {
         auto& p = checked(page, Kind::Page);
         checkOut(outCount);
         const AnnotList& list = listOf(*p.doc, p.obj);
         *outCount = static_cast<uint32_t>(list.size());
+        if (first > list.size() || (!outRects && capacity)) fail(PD_ERR_BAD_ARGUMENT);
         if (!outRects) return;
-        if (capacity < list.size()) fail(PD_ERR_BUFFER_SMALL);
         size_t i = 0;
-        list.forEach([&](QPDFObjectHandle annot) {
+        list.forEachFrom(first, [&](QPDFObjectHandle annot) {
+            if (i == capacity) return false;
             auto& facts = p.doc->annotFacts[annot.getObjGen()];
             if (!facts.hasRect) {
                 try {
@@ -385,10 +386,11 @@ PDResult PDPageGetAnnotRects(PDPage page, PDRect* outRects, uint32_t capacity,
                     facts.hasRect = true;
                 } catch (const Failure&) {
                     outRects[i++] = PDRect{};
-                    return;
+                    return true;
                 }
             }
             outRects[i++] = facts.rect;
+            return true;
         });
     });
 }

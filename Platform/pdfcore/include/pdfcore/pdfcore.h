@@ -425,13 +425,15 @@ PDFCORE_API PDResult PDPageGetRotate(PDPage page, int32_t* outDegrees);
  * 360; other values: PD_ERR_BAD_ARGUMENT. */
 PDFCORE_API PDResult PDPageSetRotate(PDPage page, int32_t degrees);
 PDFCORE_API PDResult PDPageGetNumAnnots(PDPage page, uint32_t* outCount);
-/* The rectangles of the page's annotations, in the order of its list, as PDAnnotGetRect
- * reads them, in one call and without a handle for each: pass NULL (capacity 0) to learn
- * the count in *outCount, then an array of at least that many; a smaller one gives
- * PD_ERR_BUFFER_SMALL and the count. An annotation without a readable /Rect gives a
- * rectangle of zeros. */
-PDFCORE_API PDResult PDPageGetAnnotRects(PDPage page, PDRect* outRects, uint32_t capacity,
-                                         uint32_t* outCount);
+/* The rectangles of the page's annotations from position first on, in the order of its
+ * list, as PDAnnotGetRect reads them, in one call and without a handle for each: *outCount
+ * receives the page's number of annotations, and outRects (NULL with capacity 0 to learn
+ * the count) the rectangles of positions first to first + capacity - 1, or to the last.
+ * A caller that looks for the top-most annotation reads windows from the end. An
+ * annotation without a readable /Rect gives a rectangle of zeros. first past the count:
+ * PD_ERR_BAD_ARGUMENT. */
+PDFCORE_API PDResult PDPageGetAnnotRects(PDPage page, uint32_t first, PDRect* outRects,
+                                         uint32_t capacity, uint32_t* outCount);
 PDFCORE_API PDResult PDPageGetAnnot(PDPage page, uint32_t index, PDAnnot* outAnnot);
 /* Position of annot in the page's /Annots; PD_ERR_NOT_FOUND when it is not there. */
 PDFCORE_API PDResult PDPageGetAnnotIndex(PDPage page, PDAnnot annot, uint32_t* outIndex);
