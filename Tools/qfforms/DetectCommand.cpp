@@ -223,11 +223,10 @@ int detectCommand(const std::vector<std::string>& args) {
     }
     if (o.json) std::cout << report.dump(2, ' ', false, Json::error_handler_t::replace) << "\n";
 
-    try {
-        session.keep(fs::u8path(o.out), saveToMemory(doc, incremental));
-    } catch (const std::exception& e) {
-        return fail(o.out, e.what());
-    }
+    Output out;
+    if (auto problem = stageDocument(doc.pdDoc(), fs::u8path(o.out), incremental, o.force, out))
+        return fail(o.out, *problem);
+    session.keep(std::move(out));
     const Written written = writeOutputs(session.outputs(), o.force);
     for (const std::string& problem : written.problems)
         std::cerr << "qfforms: " << problem << "\n";

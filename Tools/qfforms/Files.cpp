@@ -223,13 +223,25 @@ std::string listed(const std::vector<Output>& outputs, size_t from, size_t to) {
 
 } // namespace
 
+std::optional<std::string> stageDocument(PDDoc doc, const fs::path& path, bool incremental,
+                                         bool force, Output& out) {
+    auto staged = std::make_shared<StagedDocument>();
+    const uint32_t flags = (force ? PD_SAVE_FORCE : 0) | (incremental ? PD_SAVE_INCREMENTAL : 0);
+    if (const PDResult r = PDDocStage(doc, path.string().c_str(), flags, &staged->file))
+        return writeProblem(r, "--force");
+    out = {path, {}, std::move(staged)};
+    return std::nullopt;
+}
+
 Written writeOutputs(const std::vector<Output>& outputs, bool force) {
     Written result;
     std::vector<PDStagedFile> staged;
     for (const Output& o : outputs) {
         PDStagedFile file = nullptr;
-        const PDResult r = PDFileStage(o.path.string().c_str(), o.bytes.data(), o.bytes.size(),
-                                       force ? PD_SAVE_FORCE : 0, &file);
+        const PDResult r =
+            o.staged ? (file = std::exchange(o.staged->file, nullptr)) ? PD_OK : PD_ERR_IO
+                     : PDFileStage(o.path.string().c_str(), o.bytes.data(), o.bytes.size(),
+                                   force ? PD_SAVE_FORCE : 0, &file);
         if (r != PD_OK) {
             for (PDStagedFile f : staged) PDStagedFileDiscard(f);
             result.problems.push_back(o.path.string() + ": " + writeProblem(r, "--force"));

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <initializer_list>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -86,11 +87,29 @@ std::string passwordProblem(bool given);
 // The line for a document whose permissions do not allow changing its form.
 extern const char* const kFormLocked;
 
-// A file a command writes: where, and its bytes.
+// A document written already into a new file beside its target (PDDocStage), waiting for
+// writeOutputs to commit it with the others; removed when it is not.
+struct StagedDocument {
+    PDStagedFile file = nullptr;
+    StagedDocument() = default;
+    StagedDocument(const StagedDocument&) = delete;
+    StagedDocument& operator=(const StagedDocument&) = delete;
+    ~StagedDocument() { PDStagedFileDiscard(file); }
+};
+
+// A file a command writes: where, and its bytes, or the file staged already.
 struct Output {
     std::filesystem::path path;
     std::string bytes;
+    std::shared_ptr<StagedDocument> staged;
 };
+
+// An output of doc written now into a new file beside path, so that a large document is
+// never whole in memory: as an update appended to the file read when incremental (see
+// savesIncrementally), a read-only target only with force. The line to show after the
+// file's name when it cannot be written.
+std::optional<std::string> stageDocument(PDDoc doc, const std::filesystem::path& path,
+                                         bool incremental, bool force, Output& out);
 
 // What writeOutputs did.
 struct Written {

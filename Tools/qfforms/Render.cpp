@@ -164,7 +164,7 @@ int renderCommand(const std::vector<std::string>& args) {
     }
 
     const fs::path out = fs::u8path(o.out);
-    const Written written = writeOutputs({{out, std::move(svg)}}, o.force);
+    const Written written = writeOutputs({{out, std::move(svg), {}}}, o.force);
     for (const std::string& problem : written.problems) std::cerr << "qfforms: " << problem << "\n";
     if (!written.problems.empty()) return 1;
     std::error_code ec;

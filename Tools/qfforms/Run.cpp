@@ -356,12 +356,14 @@ int runCommand(const std::vector<std::string>& args) {
                       << " (pass --break-signatures to save anyway)\n";
             return 1;
         }
-        try {
-            runner.keep(fs::u8path(options.out), saveToMemory(*doc, incremental));
-        } catch (const std::exception& e) {
-            std::cerr << "qfforms: " << options.out << ": " << e.what() << "\n";
+        Output out;
+        if (auto problem = stageDocument(doc->pdDoc(), fs::u8path(options.out), incremental,
+                                         options.force, out)) {
+            std::cerr << "qfforms: " << options.out << ": " << *problem << "\n";
+            if (!runner.outputs().empty()) std::cerr << "qfforms: no file was written\n";
             return 1;
         }
+        runner.keep(std::move(out));
     }
     const Written written = writeOutputs(runner.outputs(), options.force);
     for (const fs::path& path : written.replaced)

@@ -177,13 +177,16 @@ class Runner {
 
     // Adds an output; a later output to the same file replaces the earlier one.
     void keep(fs::path path, std::string bytes) {
+        keep(Output{std::move(path), std::move(bytes), {}});
+    }
+    void keep(Output output) {
         for (Output& o : outputs_) {
-            if (o.path == path) {
-                o.bytes = std::move(bytes);
+            if (o.path == output.path) {
+                o = std::move(output);
                 return;
             }
         }
-        outputs_.push_back({std::move(path), std::move(bytes)});
+        outputs_.push_back(std::move(output));
     }
 
     const std::vector<Output>& outputs() const { return outputs_; }
@@ -1099,6 +1102,8 @@ void Session::openFile(const std::filesystem::path& path) { impl_->openFile(path
 void Session::keep(std::filesystem::path path, std::string bytes) {
     impl_->keep(std::move(path), std::move(bytes));
 }
+
+void Session::keep(Output output) { impl_->keep(std::move(output)); }
 
 const std::vector<Output>& Session::outputs() const { return impl_->outputs(); }
 

@@ -53,6 +53,7 @@ class Session {
     // Keeps a file to be written when the session is over (an Output, Files.h); a later
     // output to the same path replaces the earlier one.
     void keep(std::filesystem::path path, std::string bytes);
+    void keep(Output output);
     // The files that "save" and "render" steps kept, in the order first kept.
     const std::vector<Output>& outputs() const;
     // Whether "save" steps may write a document that holds signatures whole (see

@@ -133,6 +133,66 @@ void writeTo(Document& doc, QPDFWriter& w, bool decrypted) {
     w.write();
 }
 
+// What qpdf's writer writes, into a file being staged, in pieces of kPiece bytes: a file is
+// never whole in memory. A failure of the file (a full disk, the size limit) stops the
+// writer by a Failure from write; the writer may finish its pipelines while that unwinds,
+// so after it the pipeline only keeps the failure (result()), and finish never throws.
+class FilePipeline final : public Pipeline {
+  public:
+    explicit FilePipeline(NewFile& file) : Pipeline("pdfcore staged file", nullptr), file_(file) {
+        piece_.reserve(kPiece);
+    }
+    void write(unsigned char const* data, size_t size) override {
+        while (size > 0 && result_ == PD_OK) {
+            const size_t n = std::min(size, kPiece - piece_.size());
+            piece_.append(reinterpret_cast<const char*>(data), n);
+            data += n;
+            size -= n;
+            if (piece_.size() == kPiece && !flush()) fail(result_);
+        }
+    }
+    void finish() override { flush(); }
+    PDResult result() const { return result_; }
+
+  private:
+    static constexpr size_t kPiece = size_t(1) << 18;
+    bool flush() {
+        if (result_ == PD_OK && !piece_.empty())
+            result_ = writeFile(file_, piece_.data(), piece_.size());
+        piece_.clear();
+        return result_ == PD_OK;
+    }
+    NewFile& file_;
+    std::string piece_;
+    PDResult result_ = PD_OK;
+};
+
+// Writes the document into a new file beside the checked target: the update appended to
+// the bytes read when incremental and the document allows it, else the whole file.
+void stageDocument(Document& d, const SaveTarget& target, bool incremental,
+                   PDStagedFileRec& file) {
+    std::optional<std::string> appended;
+    if (incremental) appended = appendedFile(d);
+    PDResult r = PD_OK;
+    if (appended) {
+        r = stageFile(target, appended->data(), appended->size(), file);
+    } else {
+        r = stageWith(target, [&](NewFile& out) {
+            FilePipeline pipe(out);
+            try {
+                QPDFWriter w(*d.qpdf);
+                w.setOutputPipeline(&pipe);
+                writeTo(d, w, false);
+            } catch (const Failure&) {
+                if (pipe.result() == PD_OK) throw;
+            }
+            pipe.finish();
+            return pipe.result();
+        }, file);
+    }
+    if (r != PD_OK) fail(r);
+}
+
 PDResult saveMem(PDDoc doc, bool decrypted, bool incremental, void** outData, size_t* outSize) {
     return guard([&] {
         Document& d = checkedDoc(doc);
@@ -234,18 +294,22 @@ PDResult PDDocSaveEx(PDDoc doc, const char* path, uint32_t flags) {
         SaveTarget target;
         if (PDResult r = checkTarget(path, flags, target)) fail(r);
         PDStagedFileRec file;
-        std::optional<std::string> appended;
-        if (flags & PD_SAVE_INCREMENTAL) appended = appendedFile(d);
-        if (appended) {
-            if (PDResult r = stageFile(target, appended->data(), appended->size(), file)) fail(r);
-        } else {
-            QPDFWriter w(*d.qpdf);
-            w.setOutputMemory();
-            writeTo(d, w, false);
-            auto buf = w.getBufferSharedPointer();
-            if (PDResult r = stageFile(target, buf->getBuffer(), buf->getSize(), file)) fail(r);
-        }
+        stageDocument(d, target, flags & PD_SAVE_INCREMENTAL, file);
         if (PDResult r = commitFile(file)) fail(r);
+    });
+}
+
+PDResult PDDocStage(PDDoc doc, const char* path, uint32_t flags, PDStagedFile* outFile) {
+    if (outFile) *outFile = nullptr;
+    if (!outFile || (flags & ~uint32_t(PD_SAVE_FORCE | PD_SAVE_INCREMENTAL)))
+        return PD_ERR_BAD_ARGUMENT;
+    return guard([&] {
+        Document& d = checkedDoc(doc);
+        SaveTarget target;
+        if (PDResult r = checkTarget(path, flags, target)) fail(r);
+        auto file = std::make_unique<PDStagedFileRec>();
+        stageDocument(d, target, flags & PD_SAVE_INCREMENTAL, *file);
+        *outFile = file.release();
     });
 }
 

@@ -89,13 +89,24 @@ PDResult checkTarget(const char* path, uint32_t flags, SaveTarget& out) {
 
 PDResult stageFile(const SaveTarget& target, const void* data, size_t size,
                    PDStagedFileRec& out) {
+    return stageWith(target, [&](NewFile& file) { return writeFile(file, data, size); }, out);
+}
+
+PDResult stageWith(const SaveTarget& target, const std::function<PDResult(NewFile&)>& write,
+                   PDStagedFileRec& out) {
     removeStaleTemps(target.folder);
     NewFile file;
     PDResult r = PD_ERR_ALREADY;
     for (int attempt = 0; attempt < 16 && r == PD_ERR_ALREADY; ++attempt)
         r = createFile(inFolder(target.folder, tempName(target.name)), target.exists, file);
     if (r != PD_OK) return r;
-    r = writeFile(file, data, size);
+    try {
+        r = write(file);
+    } catch (...) {
+        abandonFile(file);
+        removeFile(file.path);
+        throw;
+    }
     if (r == PD_OK) {
         r = finishFile(file, target);
     } else {

@@ -386,7 +386,7 @@ PDFCORE_API PDResult PDDocRemoveAnnotChangedListener(PDDoc doc, uint32_t cookie)
 /* Flags of PDDocSaveEx and PDFileStage. */
 enum {
     PD_SAVE_FORCE = 1,       /* write over a target whose permissions do not allow writing it */
-    PD_SAVE_INCREMENTAL = 2  /* PDDocSaveEx only: append the changes to the file's bytes */
+    PD_SAVE_INCREMENTAL = 2  /* PDDocSaveEx, PDDocStage: append the changes to the file's bytes */
 };
 
 typedef struct PDStagedFileRec* PDStagedFile;
@@ -403,6 +403,13 @@ PDFCORE_API PDResult PDFileStage(const char* path, const void* data, size_t size
 PDFCORE_API PDResult PDStagedFileCommit(PDStagedFile file);
 /* Removes the staged file without touching its target, and frees file. NULL: nothing. */
 PDFCORE_API void PDStagedFileDiscard(PDStagedFile file);
+/* Writes the document into a new file beside path as PDDocSaveEx writes it (flags
+ * PD_SAVE_FORCE and PD_SAVE_INCREMENTAL), to be committed or discarded as PDFileStage's:
+ * the file goes to the disk as qpdf writes it, never whole in memory. On failure *outFile
+ * is NULL and nothing is left behind. NULL outFile or unknown flags: PD_ERR_BAD_ARGUMENT;
+ * path and the document as for PDDocSaveEx. The calling thread owns the document. */
+PDFCORE_API PDResult PDDocStage(PDDoc doc, const char* path, uint32_t flags,
+                                PDStagedFile* outFile);
 
 /* ---- Pages -------------------------------------------------------------- */
 
