@@ -651,8 +651,6 @@ layout.setupLayout({
   focusPanel: () => $('#panel').querySelector('input, select, textarea, button')?.focus(),
 });
 translate();
-// The document loads while the state comes (a locked one fails here and loads once opened).
-pdfDocument().catch(() => {});
 getText('/api/state').then(
   (text) => show(JSON.parse(text).state),
   (e) => say(e instanceof TypeError ? t('serverGone') : String(e.message ?? e)));

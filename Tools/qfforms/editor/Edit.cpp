@@ -155,6 +155,9 @@ HttpResponse jsonAnswer(int status, const Json& body) {
     return HttpResponse::json(status, dump(body));
 }
 
+// GET /api/fields' answer.
+std::string fieldListJson(Document& doc) { return dump(Json{{"fields", fieldList(doc.pdDoc())}}); }
+
 // A whole number member of an event, within 32 bits.
 int64_t integerOf(const Json& body, const char* key, int64_t fallback) {
     auto it = body.find(key);
@@ -195,7 +198,9 @@ class Editor {
 
     // Makes ready what the page asks for first, before a browser comes.
     void prepare() {
-        if (lock_ == Lock::None) viewerBytes();
+        if (lock_ != Lock::None) return;
+        made(viewer_, viewerCopy);
+        made(fields_, fieldListJson);
     }
 
     HttpResponse handle(const HttpRequest& request) {
@@ -207,13 +212,13 @@ class Editor {
                 if (!get) return notAllowed();
                 HttpResponse r;
                 r.contentType = "application/pdf";
-                r.body = viewerBytes();
+                r.body = made(viewer_, viewerCopy);
                 return r;
             }
             if (p.rfind("/api/overlay/", 0) == 0) return get ? overlay(request) : notAllowed();
             if (p == "/api/fields") {
                 if (!get) return notAllowed();
-                return jsonAnswer(200, {{"fields", fieldList(view().document().pdDoc())}});
+                return HttpResponse::json(200, made(fields_, fieldListJson));
             }
             if (!post) return p.rfind("/api/", 0) == 0 ? notAllowed() : notFound();
 
@@ -1151,15 +1156,21 @@ class Editor {
         return answer(Json::object());
     }
 
-    // The copy of the document that pdf.js on the page draws, without encryption (it has no
-    // password), made again only after the document changed: the page asks for it each time
-    // it loads.
-    const std::string& viewerBytes() {
+    // What the page asks for each time it loads, made again only after the document changed:
+    // the copy of the document that pdf.js on the page draws (without encryption: it has no
+    // password) and the field list.
+    struct Made {
+        const Document* doc;
+        uint64_t revision;
+        std::string bytes;
+    };
+    template <typename Make>
+    const std::string& made(std::optional<Made>& kept, Make&& make) {
         Document& doc = view().document();
         const uint64_t revision = annotationsRevision(doc);
-        if (!viewer_ || viewer_->doc != &doc || viewer_->revision != revision)
-            viewer_ = ViewerCopy{&doc, revision, viewerCopy(doc)};
-        return viewer_->bytes;
+        if (!kept || kept->doc != &doc || kept->revision != revision)
+            kept = Made{&doc, revision, make(doc)};
+        return kept->bytes;
     }
 
     // ---- the password ----
@@ -1200,6 +1211,7 @@ class Editor {
         session_.setPassword({});
         lock_ = Lock::None;
         viewer_.reset();
+        fields_.reset();
         return answer(Json::object());
     }
 
@@ -1398,12 +1410,7 @@ class Editor {
     std::vector<detect::Proposal> detected_;
     std::optional<uint32_t> detectedPage_;
     boost::signals2::scoped_connection annotChanged_, annotsChanged_;
-    struct ViewerCopy {
-        const Document* doc;
-        uint64_t revision;
-        std::string bytes;
-    };
-    std::optional<ViewerCopy> viewer_;
+    std::optional<Made> viewer_, fields_;
     qfhost::CommandsManager::Depths depths_{};
     std::string lang_ = "en";
 

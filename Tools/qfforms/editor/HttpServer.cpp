@@ -445,6 +445,10 @@ void HttpServer::Impl::admit(tcp::socket socket) {
     const bool room = serving < kMaxConnections || evictIdle();
     // Past twice the cap not even a refusal is written: the socket just closes.
     if (!room && connections.size() >= 2 * kMaxConnections) return;
+    // An answer's last piece goes at once, not after the browser acknowledges the one
+    // before (which it may hold back for 40 ms).
+    boost::system::error_code ignored;
+    socket.set_option(tcp::no_delay(true), ignored);
     auto c = std::make_shared<Connection>(*this, std::move(socket));
     connections.push_front(c);
     c->place = connections.begin();
