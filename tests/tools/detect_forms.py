@@ -17,7 +17,6 @@ import os
 import subprocess
 import sys
 import tempfile
-import time
 import zlib
 
 from pypdf import PdfReader
@@ -202,19 +201,16 @@ def edges(args):
         check = subprocess.run(["qpdf", "--check", again], capture_output=True, text=True)
         expect(check.returncode == 0, check.stdout)
 
-        # A chart of 400,000 segments on each of two pages: within the budget, saying
-        # what it skipped.
+        # A chart of 400,000 segments on each of two pages: read up to the caps, saying
+        # what it skipped (its time is bench/ and docs/detection.md's).
         chart = os.path.join(tmp, "chart.pdf")
         lines = b"".join(b"%d %d m %d %d l S " % (i % 600, i % 790, i % 600 + 3, i % 790 + 1)
                          for i in range(400000))
         pdf_with_content(chart, lines, pages=2)
-        started = time.monotonic()
         r = run(["detect", chart, "--out", os.path.join(tmp, "chart-out.pdf")], q)
-        seconds = time.monotonic() - started
         expect(r.returncode == 0, r.stderr)
         expect("drawing operators only, the rest skipped" in r.stdout, r.stdout)
         expect("lines and boxes only, the rest skipped" in r.stdout, r.stdout)
-        expect(seconds < 2 * 1.0 + 1.0, f"the chart took {seconds:.2f} s")
 
         # --pages: only the pages named, and an unlabelled place named by the tool in the
         # session's language.
