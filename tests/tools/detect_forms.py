@@ -6,7 +6,7 @@
   quality  two corpus forms stripped of their widgets come back with precision and recall
            above a floor (bench/detect_eval.py), and the outputs pass qpdf --check
   edges    a page without drawn boxes says so and adds nothing; a page of 400,000 strokes
-           finishes in time and says what it skipped; the fields already on a page keep
+           stops at the caps and says what it skipped; the fields already on a page keep
            their places; the input stays as it was; --pages and --lang; bad arguments are
            refused
 """
