@@ -117,6 +117,21 @@ class Editor:
         fields = open("/proc/%d/stat" % self.proc.pid).read().rsplit(")", 1)[1].split()
         return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
+    def threads(self):
+        """What each of the editor's threads waits in, and how many descriptors it holds:
+        what a test says when an answer does not come."""
+        base = "/proc/%d" % self.proc.pid
+        try:
+            said = ["%d descriptors" % len(os.listdir(base + "/fd"))]
+            for tid in sorted(os.listdir(base + "/task")):
+                read = lambda name: open("%s/task/%s/%s" % (base, tid, name)).read().strip()
+                said.append("%s %s in %s (syscall %s)" % (
+                    read("comm"), read("stat").rsplit(")", 1)[1].split()[0], read("wchan"),
+                    read("syscall").split()[0]))
+            return "; ".join(said)
+        except OSError as e:
+            return "not readable: %s" % e
+
     def raw(self, text):
         """Sends text as it is and returns what comes back."""
         with self.connect() as s:
@@ -427,7 +442,11 @@ def check_password(args, folder):
 
 
 def answered_in_time(editor, seconds, why):
-    status, took = editor.timed()
+    try:
+        status, took = editor.timed()
+    except OSError as e:
+        check(False, "%s: %s; the editor: %s" % (why, e, editor.threads()))
+        return float("inf")
     check(status == 200 and took < seconds, "%s: %d after %.2f s" % (why, status, took))
     return took
 

@@ -144,6 +144,8 @@ struct HttpServer::Impl {
     void listen(uint16_t port);
     void accept();
     void acceptReady(const boost::system::error_code& ec);
+    void acceptSome();
+    void retryLater();
     void admit(tcp::socket socket);
     bool evictIdle();
     void markIdle(Connection& c);
@@ -415,7 +417,26 @@ void HttpServer::Impl::accept() {
 // starts only once accept has found the backlog empty, else connections left in it would
 // wait for the next one to come.
 void HttpServer::Impl::acceptReady(const boost::system::error_code& ec) {
-    if (ec || stopping) return;
+    if (stopping || ec == asio::error::operation_aborted) return;
+    // Nothing else takes connections: whatever fails here (the wait itself, memory for a
+    // connection, the reactor refusing a socket), accept is tried again after a pause.
+    if (ec) return retryLater();
+    try {
+        acceptSome();
+    } catch (const std::exception&) {
+        retryLater();
+    }
+}
+
+void HttpServer::Impl::retryLater() {
+    backoffDelay = std::clamp(backoffDelay * 2, kMinBackoff, kMaxBackoff);
+    backoff.expires_after(backoffDelay);
+    backoff.async_wait([this](const boost::system::error_code& e) {
+        if (!e) acceptReady({});
+    });
+}
+
+void HttpServer::Impl::acceptSome() {
     // A few at a time, so that the connections already open get their turn.
     for (int i = 0; i < 32; ++i) {
         tcp::socket socket(io);
@@ -427,12 +448,7 @@ void HttpServer::Impl::acceptReady(const boost::system::error_code& ec) {
             // connection that has long waited for a request gives its descriptor back;
             // else accept is tried again after a pause, not at once and for ever.
             if (evictIdle()) continue;
-            backoffDelay = std::clamp(backoffDelay * 2, kMinBackoff, kMaxBackoff);
-            backoff.expires_after(backoffDelay);
-            backoff.async_wait([this](const boost::system::error_code& e) {
-                if (!e) acceptReady({});
-            });
-            return;
+            return retryLater();
         }
         backoffDelay = {};
         admit(std::move(socket));
