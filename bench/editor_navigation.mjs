@@ -155,10 +155,12 @@ try {
   for (let r = 0; r < runs; ++r) {
     const page = await browser.newPage({viewport: {width: 1280, height: 1000}});
     await page.goto(big.url);
-    // From the page's request for the list to the first frame with its items drawn.
+    // From the page's request for the list to the first frame that shows its rows in
+    // sight, the list as long as its n fields and their branches.
     const drawn = await page.evaluate((n) => new Promise((ok) => {
       const check = () => {
-        if (document.querySelectorAll('#fields li[data-field]').length < n) {
+        const tree = document.querySelector('#fields .tree');
+        if (!tree?.querySelector('li[data-field]') || tree.scrollHeight < n * 18) {
           return requestAnimationFrame(check);
         }
         const asked = performance.getEntriesByType('resource')

@@ -2,6 +2,8 @@
 // page and marks for required and calculated fields. A click selects the field's first
 // widget and brings it into sight; a double click (or F2) renames it in place through the
 // undoable "Widget_Rename"; the filter keeps the fields whose names hold its text.
+// Only the rows in sight are in the page: a form of thousands of fields is listed and
+// filtered in the time a screenful takes.
 
 import {getText} from './api.js';
 import {addTexts, t, translate} from './texts.js';
@@ -24,8 +26,18 @@ addTexts({
 
 let send = null;
 let shownKey = null;
-let fields = [];
 let reveal = null; // the field to bring into sight once its widget is selected
+
+// Every row of the tree, branches before what they hold: {part, depth, field, name (the
+// field's full name in lowercase, for the filter), parent (a row's index, or -1)}.
+let rows = [];
+// The indexes of the rows the filter keeps, in order.
+let kept = [];
+let selected = new Set(); // the names of the fields whose rows show as selected
+const drawn = new Map(); // row index to its element, for the rows in sight
+const kRowHeight = 18; // pixels; the CSS gives each row this height
+const kSpare = 10; // rows drawn beyond each edge, so that a short scroll shows no gap
+let words = null; // texts of the language, looked up once per list
 
 function panel() {
   let aside = document.getElementById('fields');
@@ -34,17 +46,28 @@ function panel() {
     aside.id = 'fields';
     aside.innerHTML = `<h2 data-text="fieldList"></h2>
       <input type="search" id="field-filter" autocomplete="off" data-title="filter">
-      <ul class="tree" role="tree"></ul><p class="empty" data-text="noFields" hidden></p>`;
+      <p class="empty" data-text="noFields" hidden></p><ul class="tree" role="tree"></ul>`;
     document.querySelector('main').prepend(aside);
     aside.querySelector('#field-filter').addEventListener('input', (ev) => filter(ev.target.value));
-    listen(aside.querySelector('.tree'));
+    const ul = aside.querySelector('.tree');
+    listen(ul);
+    let queued = false;
+    ul.addEventListener('scroll', () => {
+      if (queued) return;
+      queued = true;
+      requestAnimationFrame(() => {
+        queued = false;
+        draw();
+      });
+    }, {passive: true});
+    new ResizeObserver(() => draw()).observe(ul);
     translate(aside);
   }
   return aside;
 }
 
-// The tree of names: a node per name part; a field is the node of its full name.
-function tree(list) {
+// The rows of the tree of names: a node per name part; a field is the node of its full name.
+function flatten(list) {
   const root = {children: new Map()};
   for (const f of list) {
     let node = root;
@@ -54,10 +77,20 @@ function tree(list) {
     }
     node.field = f;
   }
-  return root;
+  const out = [];
+  const walk = (node, depth, parent) => {
+    for (const child of node.children.values()) {
+      const index = out.length;
+      out.push({part: child.part, depth, field: child.field,
+        name: child.field?.name.toLowerCase(), parent});
+      walk(child, depth + 1, index);
+    }
+  };
+  walk(root, 0, -1);
+  return out;
 }
 
-// One item of the tree, made by cloning: a list of thousands of fields is drawn at once.
+// One row, made by cloning.
 const itemTemplate = (() => {
   const li = document.createElement('li');
   li.setAttribute('role', 'treeitem');
@@ -71,62 +104,82 @@ const marksTemplate = (() => {
   return marks;
 })();
 
-// Draws the tree under node into parent; each field's row goes into rows by name, and
-// every item into items with the branch items above it (for the filter).
-function drawTree(node, parent, above, words) {
-  for (const child of node.children.values()) {
-    const li = itemTemplate.cloneNode(true);
-    const row = li.firstChild;
-    row.firstChild.textContent = child.part;
-    const f = child.field;
-    if (f) {
-      li.dataset.field = f.name;
-      row.title = `${f.name} — ${words.hint}`;
-      row.tabIndex = 0;
-      const marks = marksTemplate.cloneNode(true);
-      marks.firstChild.className = `kind ${f.kind}`;
-      marks.firstChild.textContent = words.kinds[f.kind] ??= t(`kind${f.kind}`);
-      if (f.required) marks.append(mark('required', '*'));
-      if (f.calculated) marks.append(mark('calculated', '='));
-      if (f.widgets.length) {
-        const page = document.createElement('span');
-        page.className = 'page-no';
-        page.textContent = t('pageN', f.widgets[0][0] + 1);
-        marks.append(page);
-      }
-      row.append(marks);
-      rows.set(f.name, {li, row, field: f});
+function rowElement(index, position) {
+  const r = rows[index];
+  const li = itemTemplate.cloneNode(true);
+  const item = li.firstChild;
+  item.firstChild.textContent = r.part;
+  li.dataset.row = index;
+  li.style.top = `${position * kRowHeight}px`;
+  li.style.setProperty('--depth', r.depth);
+  li.setAttribute('aria-level', r.depth + 1);
+  const f = r.field;
+  if (f) {
+    li.dataset.field = f.name;
+    item.title = `${f.name} — ${words.hint}`;
+    item.tabIndex = 0;
+    if (selected.has(f.name)) item.classList.add('selected');
+    const marks = marksTemplate.cloneNode(true);
+    marks.firstChild.className = `kind ${f.kind}`;
+    marks.firstChild.textContent = words.kinds[f.kind] ??= t(`kind${f.kind}`);
+    if (f.required) marks.append(mark('required', '*'));
+    if (f.calculated) marks.append(mark('calculated', '='));
+    if (f.widgets.length) {
+      const page = document.createElement('span');
+      page.className = 'page-no';
+      page.textContent = t('pageN', f.widgets[0][0] + 1);
+      marks.append(page);
     }
-    items.push({li, name: f?.name.toLowerCase(), above});
-    if (child.children.size) {
-      const ul = document.createElement('ul');
-      ul.setAttribute('role', 'group');
-      drawTree(child, ul, [li, ...above], words);
-      li.append(ul);
-    }
-    parent.append(li);
+    item.append(marks);
   }
+  return li;
 }
 
-// The field of the row an event came from, with its item.
-function rowOf(ev) {
-  const field = ev.target.closest('.item')?.parentElement.dataset.field;
-  return field === undefined ? null : rows.get(field);
+// Puts the kept rows in sight (and a few beyond) into the list, keeping those already
+// there: a row being renamed stays while it is in sight. The filter empties the list
+// first, as it moves rows.
+function draw() {
+  const ul = document.querySelector('#fields .tree');
+  if (!ul || !words) return;
+  const first = Math.max(0, Math.floor(ul.scrollTop / kRowHeight) - kSpare);
+  const last = Math.min(kept.length,
+    Math.ceil((ul.scrollTop + ul.clientHeight) / kRowHeight) + kSpare);
+  const wanted = new Map();
+  for (let position = first; position < last; ++position) wanted.set(kept[position], position);
+  for (const [index, li] of drawn) {
+    if (wanted.has(index)) continue;
+    li.remove();
+    drawn.delete(index);
+  }
+  const added = document.createDocumentFragment();
+  for (const [index, position] of wanted) {
+    if (drawn.has(index)) continue;
+    const li = rowElement(index, position);
+    drawn.set(index, li);
+    added.append(li);
+  }
+  ul.append(added);
+}
+
+// The field of the row an event came from.
+function fieldOf(ev) {
+  const li = ev.target.closest('.item')?.parentElement;
+  return li ? rows[li.dataset.row]?.field : null;
 }
 
 function listen(ul) {
   ul.addEventListener('click', (ev) => {
-    const r = rowOf(ev);
-    if (r) choose(r.field);
+    const f = fieldOf(ev);
+    if (f) choose(f);
   });
   ul.addEventListener('dblclick', (ev) => {
-    const r = rowOf(ev);
-    if (r) rename(r.li, r.field);
+    const f = fieldOf(ev);
+    if (f) rename(ev.target.closest('li'), f);
   });
   ul.addEventListener('keydown', (ev) => {
-    const r = rowOf(ev);
-    if (r && ev.key === 'Enter') choose(r.field);
-    if (r && ev.key === 'F2') rename(r.li, r.field);
+    const f = fieldOf(ev);
+    if (f && ev.key === 'Enter') choose(f);
+    if (f && ev.key === 'F2') rename(ev.target.closest('li'), f);
   });
 }
 
@@ -172,33 +225,35 @@ function rename(li, f) {
   input.addEventListener('blur', () => finish(true));
 }
 
-// Every item of the tree with its lowercase name (fields only) and the branch items
-// above it, made when the tree is drawn, so that filtering touches only what changes; and
-// each field's row by its name.
-let items = [];
-const rows = new Map();
-let selected = new Set(); // the names of the fields whose rows show as selected
-
-// Shows the fields whose full names hold text (any case), with the branches above them.
+// Keeps the fields whose full names hold text (any case), with the branches above them.
 function filter(text) {
   const needle = text.trim().toLowerCase();
-  const shown = new Set();
-  for (const item of items) {
-    if (needle && (item.name === undefined || !item.name.includes(needle))) continue;
-    shown.add(item.li);
-    for (const li of item.above) shown.add(li);
+  if (!needle) {
+    kept = rows.map((_, i) => i);
+  } else {
+    const keep = new Uint8Array(rows.length);
+    rows.forEach((r, i) => {
+      if (r.name === undefined || !r.name.includes(needle)) return;
+      for (let k = i; k >= 0 && !keep[k]; k = rows[k].parent) keep[k] = 1;
+    });
+    kept = [];
+    keep.forEach((on, i) => on && kept.push(i));
   }
-  for (const {li} of items) {
-    const hide = !shown.has(li);
-    if (li.hidden !== hide) li.hidden = hide;
-  }
+  const ul = document.querySelector('#fields .tree');
+  ul.style.setProperty('--rows', kept.length);
+  for (const li of drawn.values()) li.remove();
+  drawn.clear();
+  draw();
 }
 
 function markSelected(state) {
   const names = new Set((state.selection?.all ?? (state.selection ? [state.selection] : []))
     .map((w) => w.field));
-  for (const name of selected) if (!names.has(name)) rows.get(name)?.row.classList.remove('selected');
-  for (const name of names) rows.get(name)?.row.classList.add('selected');
+  for (const li of drawn.values()) {
+    const item = li.querySelector('.item');
+    const on = names.has(li.dataset.field);
+    if (item && item.classList.contains('selected') !== on) item.classList.toggle('selected', on);
+  }
   selected = names;
   if (reveal && names.has(reveal)) {
     const outline = [...document.querySelectorAll('.overlay rect.widget')]
@@ -220,17 +275,12 @@ export function renderFields(state, step) {
     shownKey = key;
     getText('/api/fields').then((text) => {
       if (shownKey !== key) return;
-      fields = JSON.parse(text).fields;
-      const ul = aside.querySelector('.tree');
-      items = [];
-      rows.clear();
-      selected = new Set();
-      const drawn = document.createDocumentFragment();
-      drawTree(tree(fields), drawn, [], {hint: t('renameHint'), kinds: {}});
-      ul.replaceChildren(drawn);
+      const fields = JSON.parse(text).fields;
+      rows = flatten(fields);
+      words = {hint: t('renameHint'), kinds: {}};
       aside.querySelector('.empty').hidden = fields.length > 0;
-      filter(aside.querySelector('#field-filter').value);
       markSelected(state);
+      filter(aside.querySelector('#field-filter').value);
     }, () => {});
   }
   markSelected(state);
