@@ -151,14 +151,18 @@ function draw() {
     li.remove();
     drawn.delete(index);
   }
-  const added = document.createDocumentFragment();
+  // In the page in the list's order, so that Tab goes down the rows: the window moves by
+  // rows above or below those it keeps.
+  const above = document.createDocumentFragment(), below = document.createDocumentFragment();
+  const firstKept = Math.min(...[...drawn.keys()].map((index) => wanted.get(index)));
   for (const [index, position] of wanted) {
     if (drawn.has(index)) continue;
     const li = rowElement(index, position);
     drawn.set(index, li);
-    added.append(li);
+    (position < firstKept ? above : below).append(li);
   }
-  ul.append(added);
+  ul.prepend(above);
+  ul.append(below);
 }
 
 // The field of the row an event came from.
