@@ -213,11 +213,12 @@ void report(size_t step, const std::string& verb, const std::optional<uint32_t>&
     std::cerr << message << "\n";
 }
 
-// Runs the steps; returns how many failed (stops after the first without keepGoing).
-size_t runSteps(Session& runner, const Json& steps, bool keepGoing) {
+// Runs the steps; returns how many failed (stops after the first without keepGoing). Each
+// step is dropped once it has run: a script of thousands of steps is not held to the end.
+size_t runSteps(Session& runner, Json& steps, bool keepGoing) {
     size_t failures = 0;
     for (size_t i = 0; i < steps.size(); ++i) {
-        const Json& step = steps[i];
+        const Json step = std::exchange(steps[i], nullptr);
         std::string verb;
         std::optional<uint32_t> code;
         std::string message;
@@ -274,11 +275,11 @@ int runCommand(const std::vector<std::string>& args) {
         std::cerr << "qfforms: " << options.script << ": cannot read the script\n";
         return 1;
     }
-    std::ostringstream buffer;
-    buffer << in.rdbuf();
     Json steps;
     try {
-        steps = parseScript(buffer.str());
+        std::ostringstream buffer;
+        buffer << in.rdbuf();
+        steps = parseScript(std::move(buffer).str());
     } catch (const Json::parse_error& e) {
         std::cerr << "qfforms: " << options.script << ": the script is not JSON ("
                   << jsonDetail(e) << ")\n";
