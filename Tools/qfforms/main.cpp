@@ -28,6 +28,10 @@
 #include <string_view>
 #include <vector>
 
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
+
 namespace {
 
 constexpr const char* kUsage =
@@ -132,6 +136,13 @@ int main(int argc, char** argv) {
     // A write past the file size limit then fails (EFBIG), and the save says so and leaves
     // the file as it was, instead of the signal ending the program half way.
     std::signal(SIGXFSZ, SIG_IGN);
+#endif
+#if defined(__GLIBC__)
+    // qpdf compresses each stream it writes with a zlib state of its own, about 256 KiB that
+    // glibc takes from the top of the heap and hands back to the system once freed: two
+    // system calls and fresh zeroed pages per stream, a third of a save of 1,000 fields.
+    // Keeping 1 MiB spare at the top of the heap reuses the same pages.
+    mallopt(M_TOP_PAD, 1 << 20);
 #endif
     if (argc < 2) return usageError("");
     const std::string_view command = argv[1];
