@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -460,6 +461,16 @@ TEST_F(WidgetClipboard, TheEditToolsClipboardCommands) {
                                      Naming::NewField),
               0u);
     EXPECT_EQ(annotCount(doc.pdDoc(), 0), 2u);
+
+    // Another program's copy, of the same length, is what this one reads next.
+    const std::u16string cut = systemClipboardText();
+    std::u16string other = cut;
+    other[other.find(u"Text")] = u'N';
+    {
+        std::ofstream out(std::getenv("QF_CLIPBOARD"), std::ios::binary | std::ios::trunc);
+        out << Json{{"UnicodeText", {{"text", std::string(other.begin(), other.end())}}}}.dump();
+    }
+    EXPECT_EQ(systemClipboardText(), other);
 }
 
 } // namespace

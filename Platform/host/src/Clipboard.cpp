@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <random>
 #include <sstream>
 
@@ -148,7 +149,15 @@ public:
 
     void Load(Formats& formats) override {
         formats.clear();
-        std::ifstream in(file_, std::ios::binary);
+        // What this process stored last, while the file is still the one it wrote: no
+        // reading and parsing it again at every paste.
+        const std::optional<Stamp> now = stampOf(file_);
+        std::ifstream in;
+        if (now && now == storedStamp_) {
+            formats = stored_;
+        } else {
+            in.open(file_, std::ios::binary);
+        }
         if (in) {
             const nlohmann::json stored = nlohmann::json::parse(in, nullptr, false);
             if (stored.is_object()) {
@@ -206,11 +215,15 @@ public:
                 throw HostError(codes::kHostFailure, "cannot write the clipboard file " + file_);
             }
         }
+        // Taken before the rename: a writer that comes after it changes the stamp.
+        const std::optional<Stamp> stamp = stampOf(temp.string());
         fs::rename(temp, target, ec);
         if (ec) {
             fs::remove(temp, ec);
             throw HostError(codes::kHostFailure, "cannot write the clipboard file " + file_);
         }
+        stored_ = formats;
+        storedStamp_ = stamp;
         if (!copy_.empty()) {
             const auto it = formats.find(text_);
             if (it != formats.end()) {
@@ -222,10 +235,28 @@ public:
     }
 
 private:
+    // A file's time of change and size: another writer's file differs in one of them (the
+    // file systems this runs on keep times to the microsecond or finer).
+    struct Stamp {
+        fs::file_time_type changed;
+        uintmax_t size;
+        bool operator==(const Stamp&) const = default;
+    };
+    static std::optional<Stamp> stampOf(const std::string& file) {
+        std::error_code ec;
+        const fs::file_time_type changed = fs::last_write_time(file, ec);
+        if (ec) return std::nullopt;
+        const uintmax_t size = fs::file_size(file, ec);
+        if (ec) return std::nullopt;
+        return Stamp{changed, size};
+    }
+
     std::string file_;
     std::string copy_;
     std::string paste_;
     uint32_t text_;
+    Formats stored_;                   // what Store wrote last
+    std::optional<Stamp> storedStamp_; // the file as Store left it
 };
 
 using Table = QF::WinServicesTable;
