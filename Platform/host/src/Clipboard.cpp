@@ -14,7 +14,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <optional>
+#include <iterator>
 #include <random>
 #include <sstream>
 
@@ -149,17 +149,16 @@ public:
 
     void Load(Formats& formats) override {
         formats.clear();
-        // What this process stored last, while the file is still the one it wrote: no
-        // reading and parsing it again at every paste.
-        const std::optional<Stamp> now = stampOf(file_);
-        std::ifstream in;
-        if (now && now == storedStamp_) {
+        // What this process stored last, while the file still holds what it wrote: not
+        // parsed again at every paste.
+        std::ifstream in(file_, std::ios::binary);
+        const bool opened = in.is_open();
+        std::string onDisk;
+        if (opened) onDisk.assign(std::istreambuf_iterator<char>(in), {});
+        if (opened && !storedText_.empty() && onDisk == storedText_) {
             formats = stored_;
-        } else {
-            in.open(file_, std::ios::binary);
-        }
-        if (in) {
-            const nlohmann::json stored = nlohmann::json::parse(in, nullptr, false);
+        } else if (opened) {
+            const nlohmann::json stored = nlohmann::json::parse(onDisk, nullptr, false);
             if (stored.is_object()) {
                 for (const auto& [name, value] : stored.items()) {
                     if (!value.is_object()) continue;
@@ -207,23 +206,22 @@ public:
         if (target.has_parent_path()) fs::create_directories(target.parent_path(), ec);
         fs::path temp = target;
         temp += ".tmp-" + std::to_string(std::random_device()());
+        std::string text = stored.dump();
         {
             std::ofstream out(temp, std::ios::binary | std::ios::trunc);
-            out << stored.dump();
+            out << text;
             if (!out.flush()) {
                 fs::remove(temp, ec);
                 throw HostError(codes::kHostFailure, "cannot write the clipboard file " + file_);
             }
         }
-        // Taken before the rename: a writer that comes after it changes the stamp.
-        const std::optional<Stamp> stamp = stampOf(temp.string());
         fs::rename(temp, target, ec);
         if (ec) {
             fs::remove(temp, ec);
             throw HostError(codes::kHostFailure, "cannot write the clipboard file " + file_);
         }
         stored_ = formats;
-        storedStamp_ = stamp;
+        storedText_ = std::move(text);
         if (!copy_.empty()) {
             const auto it = formats.find(text_);
             if (it != formats.end()) {
@@ -235,28 +233,12 @@ public:
     }
 
 private:
-    // A file's time of change and size: another writer's file differs in one of them (the
-    // file systems this runs on keep times to the microsecond or finer).
-    struct Stamp {
-        fs::file_time_type changed;
-        uintmax_t size;
-        bool operator==(const Stamp&) const = default;
-    };
-    static std::optional<Stamp> stampOf(const std::string& file) {
-        std::error_code ec;
-        const fs::file_time_type changed = fs::last_write_time(file, ec);
-        if (ec) return std::nullopt;
-        const uintmax_t size = fs::file_size(file, ec);
-        if (ec) return std::nullopt;
-        return Stamp{changed, size};
-    }
-
     std::string file_;
     std::string copy_;
     std::string paste_;
     uint32_t text_;
-    Formats stored_;                   // what Store wrote last
-    std::optional<Stamp> storedStamp_; // the file as Store left it
+    Formats stored_;         // what Store wrote last
+    std::string storedText_; // and the file's text it wrote
 };
 
 using Table = QF::WinServicesTable;
