@@ -11,12 +11,12 @@
 //
 // Prints the median and worst of each in milliseconds.
 
-import {spawn} from 'node:child_process';
 import {mkdtempSync, rmSync, writeFileSync} from 'node:fs';
 import {createRequire} from 'node:module';
 import {tmpdir} from 'node:os';
 import {dirname, join, resolve} from 'node:path';
 import {fileURLToPath} from 'node:url';
+import {formOf, manyFields, startEditor} from '../tests/web/harness.mjs';
 
 const root = resolve(dirname(fileURLToPath(import.meta.url)), '..');
 const args = process.argv.slice(2);
@@ -29,53 +29,6 @@ const form = resolve(option('--form', join(root, '../shared/corpus/pdfjs-irs-f10
 const runs = Number(option('--runs', '5'));
 const fieldCount = Number(option('--fields', '2000'));
 const {chromium} = createRequire(join(root, 'Web', 'package.json'))('playwright-core');
-
-// A form written directly: pages is a list of pages, each a list of text fields
-// {name, rect: [x0, y0, x1, y1]} on US Letter.
-function formOf(pages) {
-  const objects = ['<< /Type /Catalog /Pages 2 0 R /AcroForm 3 0 R >>', null, null];
-  const pageRefs = [], fieldRefs = [];
-  for (const fields of pages) {
-    const pageNo = objects.length + 1;
-    pageRefs.push(`${pageNo} 0 R`);
-    objects.push(null);
-    const annots = [];
-    for (const {name, rect} of fields) {
-      const no = objects.length + 1;
-      objects.push(`<< /Type /Annot /Subtype /Widget /FT /Tx /T (${name}) ` +
-        `/Rect [${rect.join(' ')}] /P ${pageNo} 0 R /F 4 /DA (/Helv 9 Tf 0 g) >>`);
-      annots.push(`${no} 0 R`);
-      fieldRefs.push(`${no} 0 R`);
-    }
-    objects[pageNo - 1] = `<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] ` +
-      `/Annots [${annots.join(' ')}] >>`;
-  }
-  objects[1] = `<< /Type /Pages /Count ${pages.length} /Kids [${pageRefs.join(' ')}] >>`;
-  objects[2] = `<< /Fields [${fieldRefs.join(' ')}] /DA (/Helv 0 Tf 0 g) ` +
-    '/DR << /Font << /Helv << /Type /Font /Subtype /Type1 /BaseFont /Helvetica >> >> >> >>';
-  let out = '%PDF-1.7\n';
-  const offsets = [];
-  objects.forEach((o, i) => {
-    offsets.push(out.length);
-    out += `${i + 1} 0 obj\n${o}\nendobj\n`;
-  });
-  const xref = out.length;
-  out += `xref\n0 ${objects.length + 1}\n0000000000 65535 f \n`;
-  for (const o of offsets) out += `${String(o).padStart(10, '0')} 00000 n \n`;
-  out += `trailer\n<< /Size ${objects.length + 1} /Root 1 0 R >>\nstartxref\n${xref}\n%%EOF\n`;
-  return out;
-}
-
-// n text fields, 50 to a page in a column, named group<page>.f<k>.
-function manyFields(n) {
-  const pages = [];
-  for (let i = 0; i < n; ++i) {
-    const k = i % 50, y = 760 - k * 14;
-    if (k === 0) pages.push([]);
-    pages.at(-1).push({name: `group${pages.length - 1}.f${k}`, rect: [72, y - 12, 300, y]});
-  }
-  return formOf(pages);
-}
 
 // One page of 400 fields: a block of 50 (10 x 5) at the top, the one dragged, and 350
 // below (14 x 25) for it to snap to.
@@ -90,19 +43,6 @@ function dragPage() {
     fields.push({name: `rest.f${i}`, rect: [x, top - 12, x + 36, top]});
   }
   return formOf([fields]);
-}
-
-async function startEditor(file) {
-  const proc = spawn(qfforms, ['edit', file, '--port', '0'], {stdio: ['ignore', 'pipe', 'inherit']});
-  const url = await new Promise((ok, fail) => {
-    let out = '';
-    proc.on('exit', (code) => fail(new Error(`qfforms edit exited with ${code}`)));
-    proc.stdout.on('data', (d) => {
-      const m = /http:\/\/127\.0\.0\.1:\d+\/\?token=[0-9a-f]+/.exec(out += d);
-      if (m) ok(m[0]);
-    });
-  });
-  return {proc, url};
 }
 
 const sharp = () => [...document.querySelectorAll('.page[data-visible]')].every((e) => {
@@ -122,7 +62,7 @@ const browser = await chromium.launch(
   {executablePath: '/usr/bin/chromium', headless: true, args: ['--no-sandbox']});
 try {
   const firstPaint = [], zoom = [], listDrawn = [], filtered = [];
-  const editor = await startEditor(form);
+  const editor = await startEditor(qfforms, form, folder);
   for (let r = 0; r < runs; ++r) {
     const page = await browser.newPage({viewport: {width: 1280, height: 1000}});
     const start = Date.now();
@@ -151,7 +91,7 @@ try {
 
   const many = join(folder, 'many.pdf');
   writeFileSync(many, manyFields(fieldCount), 'latin1');
-  const big = await startEditor(many);
+  const big = await startEditor(qfforms, many, folder);
   for (let r = 0; r < runs; ++r) {
     const page = await browser.newPage({viewport: {width: 1280, height: 1000}});
     await page.goto(big.url);
@@ -186,7 +126,7 @@ try {
   const dragged = [];
   const dragForm = join(folder, 'drag.pdf');
   writeFileSync(dragForm, dragPage(), 'latin1');
-  const dragEditor = await startEditor(dragForm);
+  const dragEditor = await startEditor(qfforms, dragForm, folder);
   for (let r = 0; r < runs; ++r) {
     const page = await browser.newPage({viewport: {width: 1280, height: 1000}});
     await page.goto(dragEditor.url);

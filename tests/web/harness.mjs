@@ -93,3 +93,50 @@ export function stage(name, f, page, artifacts, prefix = '') {
     }
   });
 }
+
+// A form written directly: pages is a list of pages, each a list of text fields
+// {name, rect: [x0, y0, x1, y1]} on US Letter.
+export function formOf(pages) {
+  const objects = ['<< /Type /Catalog /Pages 2 0 R /AcroForm 3 0 R >>', null, null];
+  const pageRefs = [], fieldRefs = [];
+  for (const fields of pages) {
+    const pageNo = objects.length + 1;
+    pageRefs.push(`${pageNo} 0 R`);
+    objects.push(null);
+    const annots = [];
+    for (const {name, rect} of fields) {
+      const no = objects.length + 1;
+      objects.push(`<< /Type /Annot /Subtype /Widget /FT /Tx /T (${name}) ` +
+        `/Rect [${rect.join(' ')}] /P ${pageNo} 0 R /F 4 /DA (/Helv 9 Tf 0 g) >>`);
+      annots.push(`${no} 0 R`);
+      fieldRefs.push(`${no} 0 R`);
+    }
+    objects[pageNo - 1] = `<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] ` +
+      `/Annots [${annots.join(' ')}] >>`;
+  }
+  objects[1] = `<< /Type /Pages /Count ${pages.length} /Kids [${pageRefs.join(' ')}] >>`;
+  objects[2] = `<< /Fields [${fieldRefs.join(' ')}] /DA (/Helv 0 Tf 0 g) ` +
+    '/DR << /Font << /Helv << /Type /Font /Subtype /Type1 /BaseFont /Helvetica >> >> >> >>';
+  let out = '%PDF-1.7\n';
+  const offsets = [];
+  objects.forEach((o, i) => {
+    offsets.push(out.length);
+    out += `${i + 1} 0 obj\n${o}\nendobj\n`;
+  });
+  const xref = out.length;
+  out += `xref\n0 ${objects.length + 1}\n0000000000 65535 f \n`;
+  for (const o of offsets) out += `${String(o).padStart(10, '0')} 00000 n \n`;
+  out += `trailer\n<< /Size ${objects.length + 1} /Root 1 0 R >>\nstartxref\n${xref}\n%%EOF\n`;
+  return out;
+}
+
+// n text fields, 50 to a page in a column, named group<page>.f<k>.
+export function manyFields(n) {
+  const pages = [];
+  for (let i = 0; i < n; ++i) {
+    const k = i % 50, y = 760 - k * 14;
+    if (k === 0) pages.push([]);
+    pages.at(-1).push({name: `group${pages.length - 1}.f${k}`, rect: [72, y - 12, 300, y]});
+  }
+  return formOf(pages);
+}

@@ -3,7 +3,8 @@
 //   node tests/web/navigation.test.mjs --qfforms BIN --form FORM.pdf --artifacts DIR
 //
 // On a copy of FORM.pdf (the repository's sample form): the field list selects a field and
-// brings it into sight, filters by name and renames in place (undoably); fit width, fit
+// brings it into sight, filters by name and renames in place (undoably); a list of 600
+// fields holds only its rows in sight and scrolls to its last; fit width, fit
 // page, actual size and the zoom keys, page thumbnails, all drawn from one loaded document;
 // the tab-order list reorders by dragging, one undo. DIR gets screenshots.
 
@@ -11,7 +12,7 @@ import assert from 'node:assert/strict';
 import fs from 'node:fs';
 import path from 'node:path';
 import {after, before, test} from 'node:test';
-import {launch, settled as settledIn, setUp, startEditor, stateOf} from './harness.mjs';
+import {launch, manyFields, settled as settledIn, setUp, startEditor, stateOf} from './harness.mjs';
 
 const {qfforms, artifacts, folder, file} = setUp('form.pdf');
 
@@ -79,6 +80,37 @@ test('the field list selects, filters and renames fields', async () => {
   await shot('navigation-fields-ja.png');
   await page.selectOption('#lang', 'en');
   await settled();
+});
+
+test('a list of 600 fields holds only the rows in sight, and scrolls to the last', async () => {
+  const many = path.join(folder, 'many.pdf');
+  fs.writeFileSync(many, manyFields(600), 'latin1');
+  const other = await startEditor(qfforms, many, folder);
+  const tab = await browser.newPage({viewport: {width: 1280, height: 900}});
+  try {
+    await tab.goto(other.url);
+    await tab.waitForSelector('#fields li[data-field]');
+    const drawn = await tab.locator('#fields li').count();
+    assert.ok(drawn > 20 && drawn < 100, `${drawn} rows in the page`);
+    await tab.evaluate(() => {
+      const tree = document.querySelector('#fields .tree');
+      tree.scrollTop = tree.scrollHeight;
+    });
+    const last = tab.locator('#fields li[data-field="group11.f49"] > .item');
+    await last.click();
+    await settledIn(tab);
+    assert.equal((await stateOf(tab)).selection.field, 'group11.f49');
+    assert.ok(await last.evaluate((e) => e.classList.contains('selected')));
+    await tab.fill('#field-filter', 'F49');
+    const kept = await tab.locator('#fields li[data-field]').evaluateAll(
+      (e) => e.map((li) => li.dataset.field));
+    assert.equal(kept.length, 12, kept.join());
+    assert.ok(kept.every((name) => name.endsWith('.f49')), kept.join());
+    await tab.screenshot({path: path.join(artifacts, 'navigation-long-list.png')});
+  } finally {
+    await tab.close();
+    other.proc.kill();
+  }
 });
 
 test('fit width, fit page, actual size and the zoom keys; one document load', async () => {
