@@ -250,6 +250,18 @@ function filter(text) {
   draw();
 }
 
+// Scrolls the list, when need be, so that the row of the field named name is in the
+// middle of it.
+function showRow(name) {
+  const ul = document.querySelector('#fields .tree');
+  const position = kept.findIndex((index) => rows[index].field?.name === name);
+  if (!ul || position < 0) return;
+  const top = position * kRowHeight;
+  if (top >= ul.scrollTop && top + kRowHeight <= ul.scrollTop + ul.clientHeight) return;
+  ul.scrollTop = top - (ul.clientHeight - kRowHeight) / 2;
+  draw();
+}
+
 function markSelected(state) {
   const names = new Set((state.selection?.all ?? (state.selection ? [state.selection] : []))
     .map((w) => w.field));
@@ -258,7 +270,11 @@ function markSelected(state) {
     const on = names.has(li.dataset.field);
     if (item && item.classList.contains('selected') !== on) item.classList.toggle('selected', on);
   }
+  const [only] = names;
+  const picked = names.size === 1 && !selected.has(only);
   selected = names;
+  // A widget picked on the page brings its field's row into sight.
+  if (picked && !reveal) showRow(only);
   if (reveal && names.has(reveal)) {
     const outline = [...document.querySelectorAll('.overlay rect.widget')]
       .find((r) => r.dataset.field === reveal);

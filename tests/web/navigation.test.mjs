@@ -82,7 +82,7 @@ test('the field list selects, filters and renames fields', async () => {
   await settled();
 });
 
-test('a list of 600 fields holds only the rows in sight, and scrolls to the last', async () => {
+test('a list of 600 fields holds only the rows in sight, scrolls to the last and to a picked widget', async () => {
   const many = path.join(folder, 'many.pdf');
   fs.writeFileSync(many, manyFields(600), 'latin1');
   const other = await startEditor(qfforms, many, folder);
@@ -107,6 +107,22 @@ test('a list of 600 fields holds only the rows in sight, and scrolls to the last
     assert.equal(kept.length, 12, kept.join());
     assert.ok(kept.every((name) => name.endsWith('.f49')), kept.join());
     await tab.screenshot({path: path.join(artifacts, 'navigation-long-list.png')});
+
+    // A widget picked on the page brings its row into the list's sight.
+    await tab.fill('#field-filter', '');
+    await tab.evaluate(() => { document.querySelector('#fields .tree').scrollTop = 0; });
+    const outline = await tab.locator('.overlay rect.widget[data-field="group11.f2"]').boundingBox();
+    await tab.mouse.click(outline.x + outline.width / 2, outline.y + outline.height / 2);
+    await settledIn(tab);
+    assert.equal((await stateOf(tab)).selection.field, 'group11.f2');
+    const inSight = await tab.evaluate(() => {
+      const row = document.querySelector('#fields li[data-field="group11.f2"] > .item');
+      const tree = document.querySelector('#fields .tree').getBoundingClientRect();
+      const box = row?.getBoundingClientRect();
+      return !!box && box.top >= tree.top && box.bottom <= tree.bottom &&
+        row.classList.contains('selected');
+    });
+    assert.ok(inSight, 'the picked field\'s row is in sight and marked');
   } finally {
     await tab.close();
     other.proc.kill();
