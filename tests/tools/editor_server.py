@@ -70,15 +70,23 @@ class Editor:
                 os.environ.get("UBSAN_OPTIONS", ""), ignored))
         if clipboard:
             env = dict(env or os.environ, QF_CLIPBOARD=clipboard)
-        self.proc = subprocess.Popen([args.qfforms, "edit", pdf, "--port", "0", "--web", web],
-                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-                                     preexec_fn=limit, env=env)
+        # What the editor writes goes to files, never to a pipe that this script might not
+        # read while it waits for an answer: a full pipe would stop the editor.
+        self.out_path = os.path.join(folder, "editor-out.txt")
+        self.err_path = os.path.join(folder, "editor-err.txt")
+        with open(self.out_path, "w") as out, open(self.err_path, "w") as err:
+            self.proc = subprocess.Popen(
+                [args.qfforms, "edit", pdf, "--port", "0", "--web", web], stdin=subprocess.DEVNULL,
+                stdout=out, stderr=err, preexec_fn=limit, env=env)
         self.web = web
-        line = self.proc.stdout.readline()
-        match = re.search(r"http://127\.0\.0\.1:(\d+)/\?token=([0-9a-f]+)", line)
+        match, deadline = None, time.monotonic() + 30
+        while not match and self.proc.poll() is None and time.monotonic() < deadline:
+            time.sleep(0.01)
+            match = re.search(r"http://127\.0\.0\.1:(\d+)/\?token=([0-9a-f]+)",
+                              self.output()[0])
         if not match:
             self.proc.kill()
-            raise RuntimeError("no address in %r %r" % (line, self.proc.stderr.read()))
+            raise RuntimeError("no address in %r %r" % self.output())
         self.port = int(match.group(1))
         self.token = match.group(2)
 
@@ -118,16 +126,27 @@ class Editor:
         return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
     def threads(self):
-        """What each of the editor's threads waits in, and how many descriptors it holds:
-        what a test says when an answer does not come."""
+        """What each of the editor's threads waits in (with the file a descriptor it waits
+        on names), how many descriptors it holds and how much it has written: what a test
+        says when an answer does not come."""
         base = "/proc/%d" % self.proc.pid
         try:
             said = ["%d descriptors" % len(os.listdir(base + "/fd"))]
-            for tid in sorted(os.listdir(base + "/task")):
+            for tid in sorted(os.listdir(base + "/task"), key=int):
                 read = lambda name: open("%s/task/%s/%s" % (base, tid, name)).read().strip()
-                said.append("%s %s in %s (syscall %s)" % (
-                    read("comm"), read("stat").rsplit(")", 1)[1].split()[0], read("wchan"),
-                    read("syscall").split()[0]))
+                call = read("syscall").split()
+                on = ""
+                if len(call) > 1 and call[0] in ("0", "1", "7", "20", "232"):
+                    try:
+                        on = " on %s" % os.readlink("%s/fd/%d" % (base, int(call[1], 16)))
+                    except (OSError, ValueError):
+                        pass
+                said.append("%s %s in %s (syscall %s%s)" % (
+                    "main" if tid == str(self.proc.pid) else "thread",
+                    read("stat").rsplit(")", 1)[1].split()[0], read("wchan"), call[0], on))
+            out, err = self.output()
+            said.append("%d bytes written, %d on standard error, ending %r" % (
+                len(out) + len(err), len(err), err[-300:]))
             return "; ".join(said)
         except OSError as e:
             return "not readable: %s" % e
@@ -151,14 +170,22 @@ class Editor:
         return self.api("/api/event", {"type": kind, "code": code, "x": x, "y": y,
                                        "modifiers": modifiers})
 
+    def output(self):
+        """What the editor has written so far on its standard output and error."""
+        def read(path):
+            with open(path, errors="replace") as f:
+                return f.read()
+        return read(self.out_path), read(self.err_path)
+
     def stop(self):
         self.proc.send_signal(signal.SIGINT)
         try:
-            out, err = self.proc.communicate(timeout=20)
+            self.proc.wait(timeout=20)
         except subprocess.TimeoutExpired:
             self.proc.kill()
+            self.proc.wait()
             return None, "", "did not stop"
-        return self.proc.returncode, out, err
+        return (self.proc.returncode,) + self.output()
 
 
 SECURITY_HEADERS = {
@@ -568,7 +595,8 @@ def check_limits(args, folder):
         start = time.monotonic()
         editor.proc.send_signal(signal.SIGTERM)
         try:
-            out, _ = editor.proc.communicate(timeout=10)
+            editor.proc.wait(timeout=10)
+            out = editor.output()[0]
         except subprocess.TimeoutExpired:
             out = ""
         took = time.monotonic() - start
