@@ -198,6 +198,41 @@ INSTANTIATE_TEST_SUITE_P(Corpus, IncrementalSave,
                                            "qpdf-rotated-copied-annotations.pdf",
                                            "pdfbox-basic-fields-all-types.pdf"));
 
+// A widget taken out of a group of radio buttons into a new field of its own, as a rename
+// does: it keeps the colour its group gave its glyph, and the drawings it showed stay the
+// file's objects, so that the update carries the widget and the field, not new drawings.
+TEST(IncrementalSaveMove, AMovedWidgetKeepsItsLookAndItsDrawings) {
+    constexpr uint32_t kBlue = 0xFF4182DD;
+    std::string file;
+    {
+        Owned made = createDoc();
+        Owned pg = page(made.get(), 0);
+        Owned group = createField(made.get(), "group", PD_ATOM_Btn, PD_FIELD_RADIO);
+        Owned first = addWidget(made.get(), group.get(), pg.get(), rect(20, 700, 34, 714));
+        ASSERT_EQ(PDWidgetAnnotSetFontColor(first.get(), kBlue), PD_OK);
+        addWidget(made.get(), group.get(), pg.get(), rect(40, 700, 54, 714));
+        file = savedMem(made.get(), 0);
+    }
+    PDDoc opened = nullptr;
+    ASSERT_EQ(PDDocOpenMem(file.data(), file.size(), &opened), PD_OK);
+    Owned doc(opened);
+    Owned group = findField(doc.get(), "group");
+    auto widgets = widgetsOf(group.get());
+    ASSERT_EQ(widgets.size(), 2u);
+    ASSERT_EQ(PDFieldRemoveWidget(group.get(), widgets[1].get()), PD_OK);
+    Owned alone = createField(doc.get(), "alone", PD_ATOM_Btn, PD_FIELD_RADIO);
+    ASSERT_EQ(PDFieldAppendWidget(alone.get(), widgets[1].get()), PD_OK);
+    uint32_t colour = 0;
+    ASSERT_EQ(PDWidgetAnnotGetFontColor(widgets[1].get(), &colour), PD_OK);
+    EXPECT_EQ(colour, kBlue);
+
+    const std::string appended = savedMem(doc.get(), PD_SAVE_INCREMENTAL);
+    ASSERT_GT(appended.size(), file.size());
+    const std::string update = appended.substr(file.size());
+    EXPECT_EQ(update.find("/Form"), std::string::npos) << update;
+    EXPECT_NE(update.find("(alone)"), std::string::npos);
+}
+
 // What cannot take an update is written whole: a new document, an encrypted file (the
 // appended objects would need its key), a file qpdf repaired while reading it.
 TEST(IncrementalSaveRefused, WritesTheFileWhole) {

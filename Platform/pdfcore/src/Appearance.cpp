@@ -1522,6 +1522,39 @@ void keepVisibleStates(QPDFObjectHandle before, QPDFObjectHandle ap) {
     }
 }
 
+// Whether kept, a stream the widget already showed, holds the very drawing that made holds:
+// the same data once decoded, and the same entries but those that say how it is stored.
+bool sameDrawing(QPDFObjectHandle kept, QPDFObjectHandle made) {
+    if (!kept.isStream() || kept.getObjGen() == made.getObjGen()) return false;
+    static const std::set<std::string> kStorage = {"/Length", "/Filter", "/DecodeParms"};
+    QPDFObjectHandle a = kept.getDict(), b = made.getDict();
+    for (auto [key, value] : a.ditems())
+        if (!kStorage.count(key) && b.getKey(key).unparse() != value.unparse()) return false;
+    for (const auto& key : b.getKeys())
+        if (!kStorage.count(key) && !a.hasKey(key)) return false;
+    auto data = contentOf(kept);
+    auto drawn = made.getRawStreamData();
+    return data && data->size() == drawn->getSize() &&
+           data->compare(0, data->size(), reinterpret_cast<const char*>(drawn->getBuffer()),
+                         drawn->getSize()) == 0;
+}
+
+// Where a drawing comes out as the widget's stream already drew it, that stream stays: a
+// redraw that changes nothing (a widget joining a field of its own value) leaves the file's
+// objects as they were, and an update of the file does not carry them again.
+void keepSameDrawings(QPDFObjectHandle before, QPDFObjectHandle ap) {
+    for (const char* which : {"/N", "/D"}) {
+        QPDFObjectHandle was = before.getKeyIfDict(which), now = ap.getKeyIfDict(which);
+        if (now.isStream()) {
+            if (sameDrawing(was, now)) ap.replaceKey(which, was);
+        } else if (was.isDictionary() && !was.isStream() && now.isDictionary()) {
+            for (auto const& state : now.getKeys())
+                if (sameDrawing(was.getKey(state), now.getKey(state)))
+                    now.replaceKey(state, was.getKey(state));
+        }
+    }
+}
+
 } // namespace
 
 namespace {
@@ -1690,6 +1723,7 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget, Redraw what) {
         ap.replaceKey("/N", form({}, c.s));
     }
     if (authored) keepVisibleStates(before, ap);
+    keepSameDrawings(before, ap);
     widget.replaceKey("/AP", ap);
     if (widget.isIndirect()) doc.drawnStreams[widget.getObjGen()] = std::move(drawn);
 }

@@ -1040,6 +1040,14 @@ PDResult PDFieldRemoveWidget(PDField field, PDAnnot widget) {
         auto kids = fieldObj.getKey("/Kids");
         removeFrom(kids, w.obj.getObjGen());
         if (kids.isArray() && kids.getArrayNItems() == 0) fieldObj.removeKey("/Kids");
+        // The text style and alignment the field gave the widget become its own: it draws
+        // the same in the field it joins next, which may have none (a rename's new field).
+        for (const char* key : {"/DA", "/Q"}) {
+            QPDFObjectHandle given = inherited(fieldObj, key);
+            if (w.obj.hasKey(key)) continue;
+            if (given.isString()) w.obj.replaceKey(key, QPDFObjectHandle::newString(given.getStringValue()));
+            if (given.isInteger()) w.obj.replaceKey(key, QPDFObjectHandle::newInteger(given.getIntValue()));
+        }
         w.obj.removeKey("/Parent");
         // Some writers repeat the field type on each widget; left there, it would make the
         // widget a field of its own, and of the wrong type for a field it joins later.

@@ -682,7 +682,8 @@ PDFCORE_API PDResult PDFieldAppendWidget(PDField field, PDAnnot widget);
 PDFCORE_API PDResult PDFieldInsertWidget(PDField field, uint32_t index, PDAnnot widget);
 /* Takes widget out of field (PD_ERR_NOT_KID when it is not one of its widgets). The
  * widget stays on its page without a field (a field type repeated on the widget, /FT,
- * is dropped with its membership); the field stays in the form, also when
+ * is dropped with its membership) and keeps as its own the text style and alignment
+ * (/DA, /Q) that it had from the field; the field stays in the form, also when
  * it has no widget left (it is then not written, see PDDocSave). */
 PDFCORE_API PDResult PDFieldRemoveWidget(PDField field, PDAnnot widget);
 /* Draws the appearances of all widgets of the field again after its entries changed
