@@ -973,25 +973,12 @@ std::array<double, 6> rotationMatrix(int rotation, double rectW, double rectH) {
     return {1, 0, 0, 1, 0, 0};
 }
 
-// A form XObject of the content: written into reuse when that is a stream (its dictionary
-// emptied first), else a new stream. A frame, when given, is the author's drawing under
-// the content, named /Frame in its resources.
-QPDFObjectHandle makeForm(Document& doc, const Frame& f, int rotation, double rectW, double rectH,
-                          const std::vector<const Font*>& fonts, const std::string& content,
-                          QPDFObjectHandle icon, QPDFObjectHandle reuse,
-                          QPDFObjectHandle frame = QPDFObjectHandle::newNull()) {
-    std::string data;
-    data.reserve(kDrawnMark.size() + content.size());
-    data.append(kDrawnMark).append(content);
-    QPDFObjectHandle stream = reuse;
-    if (stream.isStream()) {
-        for (const auto& key : stream.getDict().getKeys())
-            stream.getDict().removeKey(key);
-        stream.replaceStreamData(data, QPDFObjectHandle::newNull(), QPDFObjectHandle::newNull());
-    } else {
-        stream = makeStream(doc, data);
-    }
-    QPDFObjectHandle d = stream.getDict();
+// The entries of a form XObject that draws a widget of frame f turned by rotation, with
+// fonts and the icon or the author's frame as its resources.
+QPDFObjectHandle formDict(const Frame& f, int rotation, double rectW, double rectH,
+                          const std::vector<const Font*>& fonts, QPDFObjectHandle icon,
+                          QPDFObjectHandle frame) {
+    QPDFObjectHandle d = QPDFObjectHandle::newDictionary();
     d.replaceKey("/Type", QPDFObjectHandle::newName("/XObject"));
     d.replaceKey("/Subtype", QPDFObjectHandle::newName("/Form"));
     d.replaceKey("/BBox", QPDFObjectHandle::newArray({real(0), real(0), real(f.w), real(f.h)}));
@@ -1016,6 +1003,24 @@ QPDFObjectHandle makeForm(Document& doc, const Frame& f, int rotation, double re
         resources.replaceKey("/XObject", xobjects);
     }
     d.replaceKey("/Resources", resources);
+    return d;
+}
+
+// A stream of data with the entries of dict: reuse (a stream of an earlier drawing) written
+// again, or a new one.
+QPDFObjectHandle makeForm(Document& doc, QPDFObjectHandle dict, const std::string& data,
+                          QPDFObjectHandle reuse) {
+    QPDFObjectHandle stream = reuse;
+    if (stream.isStream()) {
+        for (const auto& key : stream.getDict().getKeys())
+            stream.getDict().removeKey(key);
+        stream.replaceStreamData(data, QPDFObjectHandle::newNull(), QPDFObjectHandle::newNull());
+    } else {
+        stream = makeStream(doc, data);
+    }
+    QPDFObjectHandle d = stream.getDict();
+    for (auto [key, value] : dict.ditems())
+        d.replaceKey(key, value);
     return stream;
 }
 
@@ -1522,37 +1527,19 @@ void keepVisibleStates(QPDFObjectHandle before, QPDFObjectHandle ap) {
     }
 }
 
-// Whether kept, a stream the widget already showed, holds the very drawing that made holds:
-// the same data once decoded, and the same entries but those that say how it is stored.
-bool sameDrawing(QPDFObjectHandle kept, QPDFObjectHandle made) {
-    if (!kept.isStream() || kept.getObjGen() == made.getObjGen()) return false;
+// Whether kept, a stream the widget shows, holds the drawing of data with the entries of
+// dict: the same data once decoded, the same entries but those that say how it is stored.
+// decoded holds kept's data once read.
+bool sameDrawing(QPDFObjectHandle kept, std::optional<std::string>& decoded,
+                 QPDFObjectHandle dict, const std::string& data) {
     static const std::set<std::string> kStorage = {"/Length", "/Filter", "/DecodeParms"};
-    QPDFObjectHandle a = kept.getDict(), b = made.getDict();
-    for (auto [key, value] : a.ditems())
-        if (!kStorage.count(key) && b.getKey(key).unparse() != value.unparse()) return false;
-    for (const auto& key : b.getKeys())
-        if (!kStorage.count(key) && !a.hasKey(key)) return false;
-    auto data = contentOf(kept);
-    auto drawn = made.getRawStreamData();
-    return data && data->size() == drawn->getSize() &&
-           data->compare(0, data->size(), reinterpret_cast<const char*>(drawn->getBuffer()),
-                         drawn->getSize()) == 0;
-}
-
-// Where a drawing comes out as the widget's stream already drew it, that stream stays: a
-// redraw that changes nothing (a widget joining a field of its own value) leaves the file's
-// objects as they were, and an update of the file does not carry them again.
-void keepSameDrawings(QPDFObjectHandle before, QPDFObjectHandle ap) {
-    for (const char* which : {"/N", "/D"}) {
-        QPDFObjectHandle was = before.getKeyIfDict(which), now = ap.getKeyIfDict(which);
-        if (now.isStream()) {
-            if (sameDrawing(was, now)) ap.replaceKey(which, was);
-        } else if (was.isDictionary() && !was.isStream() && now.isDictionary()) {
-            for (auto const& state : now.getKeys())
-                if (sameDrawing(was.getKey(state), now.getKey(state)))
-                    now.replaceKey(state, was.getKey(state));
-        }
-    }
+    QPDFObjectHandle held = kept.getDict();
+    for (auto [key, value] : held.ditems())
+        if (!kStorage.count(key) && dict.getKey(key).unparse() != value.unparse()) return false;
+    for (const auto& key : dict.getKeys())
+        if (!held.hasKey(key)) return false;
+    if (!decoded) decoded = contentOf(kept).value_or(std::string(1, '\0'));
+    return *decoded == data;
 }
 
 } // namespace
@@ -1626,15 +1613,31 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget, Redraw what) {
             doc.drawnStreams.erase(it);
         }
     }
+    // A drawing that comes out as a stream the widget shows already drew it takes that
+    // stream again (a widget joining a field of the same value, a style set to what it
+    // was): the file's objects stay as they were, and an update does not carry them.
+    std::vector<std::pair<QPDFObjectHandle, std::optional<std::string>>> shown;
+    for (const char* which : {"/N", "/D"})
+        for (auto& stream : streamsOf(before.getKeyIfDict(which)))
+            if (std::none_of(spare.begin(), spare.end(), [&](QPDFObjectHandle s) {
+                    return s.getObjGen() == stream.getObjGen();
+                }))
+                shown.emplace_back(stream, std::nullopt);
     auto form = [&](const std::vector<const Font*>& fonts, const std::string& content,
                     QPDFObjectHandle icon = QPDFObjectHandle::newNull()) {
+        QPDFObjectHandle dict =
+            formDict(cx.frame, static_cast<int>(rotation), rectW, rectH, fonts, icon, frame);
+        std::string data;
+        data.reserve(kDrawnMark.size() + content.size());
+        data.append(kDrawnMark).append(content);
+        for (auto& [stream, decoded] : shown)
+            if (sameDrawing(stream, decoded, dict, data)) return stream;
         QPDFObjectHandle reuse = QPDFObjectHandle::newNull();
         if (!spare.empty()) {
             reuse = spare.back();
             spare.pop_back();
         }
-        drawn.push_back(makeForm(doc, cx.frame, static_cast<int>(rotation), rectW, rectH, fonts,
-                                 content, icon, reuse, frame));
+        drawn.push_back(makeForm(doc, dict, data, reuse));
         return drawn.back();
     };
     // Background and border: the author's when kept, else from /MK and /BS.
@@ -1723,7 +1726,6 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget, Redraw what) {
         ap.replaceKey("/N", form({}, c.s));
     }
     if (authored) keepVisibleStates(before, ap);
-    keepSameDrawings(before, ap);
     widget.replaceKey("/AP", ap);
     if (widget.isIndirect()) doc.drawnStreams[widget.getObjGen()] = std::move(drawn);
 }
