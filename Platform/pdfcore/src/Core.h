@@ -403,9 +403,10 @@ private:
 size_t collectGarbage(Document& doc);
 // collectGarbage once the outlook for garbage, in sixteenths of an object, reaches 1,024
 // objects and half of what the last collection found in use. Garbage comes of what is
-// taken off a page or out of a field (a widget and its drawings: 4 objects) and, seldom,
-// of objects replaced (a sixteenth for each object made): so garbage stays a share of the
-// document, and a session that only adds (a form drawn from scratch) is seldom walked.
+// taken off a page (a widget and its drawings: 4 objects), of fields left without widgets
+// (1 object) and, seldom, of objects replaced (a sixteenth for each object made): so
+// garbage stays a share of the document, and a session that only adds (a form drawn from
+// scratch) or moves widgets between fields (renames) is seldom walked.
 inline constexpr size_t kDetachedWeight = 4 * 16;
 inline constexpr size_t kOutlookPerObject = 16;
 inline constexpr size_t kCollectAfterObjects = 1024;

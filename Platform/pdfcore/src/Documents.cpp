@@ -81,6 +81,13 @@ PDResult openFrom(std::string bytes, const char* description, const char16_t* pa
                                              doc->fileBytes.size(), candidates[i].c_str());
                 checkPageTreeDepth(*doc->qpdf);
                 doc->qpdf->getAllPages();  // a page tree that cannot be read fails here
+                // Until a collection counts them, the file's objects stand for what is in
+                // use: garbage is collected once it is a share of the document. (An object
+                // takes 8 bytes of the file at least, whatever /Size claims.)
+                QPDFObjectHandle size = doc->qpdf->getTrailer().getKey("/Size");
+                if (size.isInteger() && size.getIntValue() > 0)
+                    doc->liveAtCollect = std::min(static_cast<size_t>(size.getIntValue()),
+                                                  doc->fileBytes.size() / 8);
                 break;
             } catch (const QPDFExc& e) {
                 if (e.getErrorCode() == qpdf_e_password && i + 1 < candidates.size()) continue;

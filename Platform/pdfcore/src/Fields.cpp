@@ -1052,8 +1052,12 @@ PDResult PDFieldRemoveWidget(PDField field, PDAnnot widget) {
         // Some writers repeat the field type on each widget; left there, it would make the
         // widget a field of its own, and of the wrong type for a field it joins later.
         w.obj.removeKey("/FT");
-        if (widgetsOf(fieldObj).empty()) f.doc->emptiedFields.insert(fieldObj.getObjGen());
-        f.doc->garbageOutlook += kDetachedWeight;
+        // The widget is garbage once it leaves its page too (PDPageRemoveAnnot counts it);
+        // moved to another field, as a rename does, it is not. An emptied field is.
+        if (widgetsOf(fieldObj).empty()) {
+            f.doc->emptiedFields.insert(fieldObj.getObjGen());
+            f.doc->garbageOutlook += kOutlookPerObject;
+        }
     });
 }
 
