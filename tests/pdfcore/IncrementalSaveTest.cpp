@@ -201,6 +201,7 @@ INSTANTIATE_TEST_SUITE_P(Corpus, IncrementalSave,
 // A widget taken out of a group of radio buttons into a new field of its own, as a rename
 // does: it keeps the colour its group gave its glyph, and the drawings it showed stay the
 // file's objects, so that the update carries the widget and the field, not new drawings.
+// Moved into a field of another value, a widget is drawn anew.
 TEST(IncrementalSaveMove, AMovedWidgetKeepsItsLookAndItsDrawings) {
     constexpr uint32_t kBlue = 0xFF4182DD;
     std::string file;
@@ -231,6 +232,32 @@ TEST(IncrementalSaveMove, AMovedWidgetKeepsItsLookAndItsDrawings) {
     const std::string update = appended.substr(file.size());
     EXPECT_EQ(update.find("/Form"), std::string::npos) << update;
     EXPECT_NE(update.find("(alone)"), std::string::npos);
+
+    // Into a field of another value a widget is drawn anew: it no longer shows the value
+    // of the field it left.
+    Owned pg = page(doc.get(), 0);
+    Owned text = createField(doc.get(), "text", PD_ATOM_Tx);
+    addWidget(doc.get(), text.get(), pg.get(), rect(20, 600, 120, 620));
+    Owned moved = addWidget(doc.get(), text.get(), pg.get(), rect(20, 570, 120, 590));
+    ASSERT_EQ(setValue(text.get(), u"kept"), PD_OK);
+    savedMem(doc.get(), 0);  // drawn
+    ASSERT_EQ(PDFieldRemoveWidget(text.get(), moved.get()), PD_OK);
+    Owned blank = createField(doc.get(), "blank", PD_ATOM_Tx);
+    ASSERT_EQ(PDFieldAppendWidget(blank.get(), moved.get()), PD_OK);
+    const std::string saved = savedMem(doc.get(), 0);
+    QPDF read;
+    read.processMemoryFile("saved", saved.data(), saved.size());
+    std::map<std::string, std::string> shown;
+    for (auto& field : read.getRoot().getKey("/AcroForm").getKey("/Fields").aitems()) {
+        for (auto& kid : field.getKey("/Kids").aitems()) {
+            if (!kid.getKey("/AP").getKey("/N").isStream()) continue;  // a button's states
+            auto data = kid.getKey("/AP").getKey("/N").getStreamData();
+            shown[field.getKey("/T").getUTF8Value()] +=
+                std::string(reinterpret_cast<const char*>(data->getBuffer()), data->getSize());
+        }
+    }
+    EXPECT_NE(shown["text"].find("(kept)"), std::string::npos);
+    EXPECT_EQ(shown["blank"].find("(kept)"), std::string::npos) << shown["blank"];
 }
 
 // What cannot take an update is written whole: a new document, an encrypted file (the

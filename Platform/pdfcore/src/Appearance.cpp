@@ -1757,6 +1757,13 @@ void flushAppearances(Document& doc) {
     }
 }
 
+std::string drawingInputs(QPDFObjectHandle widget) {
+    std::string out;
+    for (const char* key : {"/FT", "/Ff", "/V", "/Opt", "/MaxLen", "/TI", "/I", "/DA", "/Q", "/DR"})
+        out.append(inherited(widget, key).unparse()).push_back('\n');
+    return out;
+}
+
 void regenerateField(Document& doc, QPDFObjectHandle field, Redraw what) {
     for (auto& widget : widgetsOf(field))
         regenerateAppearance(doc, widget, what);

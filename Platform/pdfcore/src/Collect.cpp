@@ -119,6 +119,7 @@ size_t collectGarbage(Document& doc) {
         for (QPDFObjGen& og : doc.fieldsMade)
             if (gone(og)) og = QPDFObjGen();
         eraseIf(doc.staleAppearances, [&](const auto& e) { return gone(e.first); });
+        eraseIf(doc.detachedInputs, [&](const auto& e) { return gone(e.first); });
         eraseIf(doc.annotFacts, [&](const auto& e) { return gone(e.first); });
         eraseIf(doc.drawnStreams, [&](const auto& e) { return gone(e.first); });
         eraseIf(doc.cleanAnnots, [&](const auto& e) { return gone(e.first); });

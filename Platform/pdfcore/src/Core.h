@@ -223,6 +223,9 @@ struct Document {
     // when something reads or writes their /AP or /AS, or when the document is written: a
     // widget styled by several calls in a row is drawn once, not once per call.
     std::map<QPDFObjGen, Redraw> staleAppearances;
+    // What the drawing of each widget taken out of its field read from the field
+    // (drawingInputs), for the field it joins next: the same, and it is not drawn again.
+    std::unordered_map<QPDFObjGen, std::string, ObjGenHash> detachedInputs;
     // The appearance streams of each widget's last drawing here, written again by its next
     // drawing. Only pdfcore's own drawings are listed: streams of the file are never reused.
     std::unordered_map<QPDFObjGen, std::vector<QPDFObjectHandle>, ObjGenHash> drawnStreams;
@@ -439,6 +442,9 @@ void flushAnnotLists(Document& doc);
 // radio buttons only change /AS; any other change draws the widget anew, except a state
 // that the new drawing would leave empty where the author's showed something.
 void regenerateAppearance(Document& doc, QPDFObjectHandle widget, Redraw what);
+// What a drawing of widget reads through its field (its type, flags, value, options and
+// text style, as written): two widgets whose inputs are equal draw alike.
+std::string drawingInputs(QPDFObjectHandle widget);
 // Regenerates every widget of a terminal field.
 void regenerateField(Document& doc, QPDFObjectHandle field, Redraw what);
 // Draws widget's appearance now when it is out of date: before /AP or /AS is read or set.

@@ -519,6 +519,17 @@ QPDFObjectHandle optionAt(PDHandleRec& f, uint32_t index) {
     return opt.getArrayItem(static_cast<int>(index));
 }
 
+// Whether widget, just put into a field, reads from it what it read from the field it was
+// taken out of last: then its drawing shows the field's value already. (A drawing made
+// since, or one still due, was made in its own right.)
+bool drawsAsBefore(Document& doc, QPDFObjectHandle widget) {
+    auto it = doc.detachedInputs.find(widget.getObjGen());
+    if (it == doc.detachedInputs.end()) return false;
+    const bool same = it->second == drawingInputs(widget);
+    doc.detachedInputs.erase(it);
+    return same;
+}
+
 }  // namespace
 
 // ---- shared with the other sources ------------------------------------------------------
@@ -993,7 +1004,7 @@ PDResult PDFieldAppendWidget(PDField field, PDAnnot widget) {
         sameDoc(f, w);
         if (fieldOfWidget(w.obj).isDictionary()) fail(PD_ERR_ALREADY);
         attachWidget(*f.doc, f, w.obj);
-        regenerateAppearance(*f.doc, w.obj, Redraw::kValue);
+        if (!drawsAsBefore(*f.doc, w.obj)) regenerateAppearance(*f.doc, w.obj, Redraw::kValue);
     });
 }
 
@@ -1005,7 +1016,7 @@ PDResult PDFieldInsertWidget(PDField field, uint32_t index, PDAnnot widget) {
         if (fieldOfWidget(w.obj).isDictionary()) fail(PD_ERR_ALREADY);
         if (index > widgetsOf(f.obj).size()) fail(PD_ERR_RANGE);
         attachWidget(*f.doc, f, w.obj, index);
-        regenerateAppearance(*f.doc, w.obj, Redraw::kValue);
+        if (!drawsAsBefore(*f.doc, w.obj)) regenerateAppearance(*f.doc, w.obj, Redraw::kValue);
     });
 }
 
@@ -1037,6 +1048,8 @@ PDResult PDFieldRemoveWidget(PDField field, PDAnnot widget) {
         }
         // A merged field moves to a new object here (its handles follow it).
         auto fieldObj = isMerged(f.obj) ? splitMerged(*f.doc, f.obj) : f.obj;
+        if (!f.doc->staleAppearances.count(w.obj.getObjGen()))
+            f.doc->detachedInputs[w.obj.getObjGen()] = drawingInputs(w.obj);
         auto kids = fieldObj.getKey("/Kids");
         removeFrom(kids, w.obj.getObjGen());
         if (kids.isArray() && kids.getArrayNItems() == 0) fieldObj.removeKey("/Kids");
