@@ -2,6 +2,7 @@
 
 #include "qfhost/HostError.h"
 
+#include "SharedFile.h"
 #include "Thunks.h"
 
 #include "kr/KRRuntime.h"
@@ -13,9 +14,6 @@
 #include <cstring>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <random>
 #include <sstream>
 
 namespace qfhost {
@@ -151,14 +149,11 @@ public:
         formats.clear();
         // What this process stored last, while the file still holds what it wrote: not
         // parsed again at every paste.
-        std::ifstream in(file_, std::ios::binary);
-        const bool opened = in.is_open();
-        std::string onDisk;
-        if (opened) onDisk.assign(std::istreambuf_iterator<char>(in), {});
-        if (opened && !storedText_.empty() && onDisk == storedText_) {
+        const std::optional<std::string> onDisk = detail::readShared(fs::path(file_));
+        if (onDisk && !storedText_.empty() && *onDisk == storedText_) {
             formats = stored_;
-        } else if (opened) {
-            const nlohmann::json stored = nlohmann::json::parse(onDisk, nullptr, false);
+        } else if (onDisk) {
+            const nlohmann::json stored = nlohmann::json::parse(*onDisk, nullptr, false);
             if (stored.is_object()) {
                 for (const auto& [name, value] : stored.items()) {
                     if (!value.is_object()) continue;
@@ -202,23 +197,13 @@ public:
             stored[nameOf(format)] = {{"base64", encode(bytes)}};
         }
         const fs::path target(file_);
-        std::error_code ec;
-        if (target.has_parent_path()) fs::create_directories(target.parent_path(), ec);
-        fs::path temp = target;
-        temp += ".tmp-" + std::to_string(std::random_device()());
         std::string text = stored.dump();
-        {
-            std::ofstream out(temp, std::ios::binary | std::ios::trunc);
-            out << text;
-            if (!out.flush()) {
-                fs::remove(temp, ec);
+        if (!detail::writeShared(target, text)) {
+            // Its folder may be missing still.
+            std::error_code ec;
+            if (target.has_parent_path()) fs::create_directories(target.parent_path(), ec);
+            if (!detail::writeShared(target, text))
                 throw HostError(codes::kHostFailure, "cannot write the clipboard file " + file_);
-            }
-        }
-        fs::rename(temp, target, ec);
-        if (ec) {
-            fs::remove(temp, ec);
-            throw HostError(codes::kHostFailure, "cannot write the clipboard file " + file_);
         }
         stored_ = formats;
         storedText_ = std::move(text);
