@@ -202,10 +202,6 @@ Owned fieldWidget(PDDoc doc, const char* name) {
     return widgetOf(findField(doc, name).get());
 }
 
-Owned openBytes(const std::string& bytes) {
-    return got(PDDocOpenMem, bytes.data(), bytes.size());
-}
-
 // The triggers of the round trip. Owner 'w' is the widget of t1, 'b' the button's widget,
 // 'f' the field t1. expected leaves out the /Next chain that every action gets.
 struct Slot {

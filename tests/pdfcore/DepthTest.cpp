@@ -19,7 +19,8 @@ double secondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-Owned openBytes(const std::string& bytes, PDResult expected = PD_OK) {
+// A document read from bytes, the opening answering expected.
+Owned openAnswering(const std::string& bytes, PDResult expected) {
     PDDoc doc = nullptr;
     EXPECT_EQ(PDDocOpenMem(bytes.data(), bytes.size(), &doc), expected);
     return Owned(doc);
@@ -82,7 +83,7 @@ TEST(Depth, PageTreesAreFollowedToTheLimitAndRefusedPastIt) {
     // with the code of their own.
     for (size_t levels : {size_t{PD_MAX_TREE_DEPTH} + 1, size_t{40000}}) {
         const auto start = Clock::now();
-        openBytes(pageTree(levels), PD_ERR_TOO_DEEP);
+        openAnswering(pageTree(levels), PD_ERR_TOO_DEEP);
         EXPECT_LT(secondsSince(start), 10) << levels;
     }
     EXPECT_STREQ(utf8(PDGetErrMessage(PD_ERR_TOO_DEEP)).c_str(),
@@ -101,14 +102,13 @@ TEST(Depth, PageTreesAreFollowedToTheLimitAndRefusedPastIt) {
             objects.push_back("<< /Type /Pages /Count 1 /Kids [" + ref(leaf) + "] >>");
             return objects;
         }());
-        openBytes(pdf, PD_ERR_TOO_DEEP);
+        openAnswering(pdf, PD_ERR_TOO_DEEP);
     }
 
     // A loop in the page tree is damage, not depth.
-    openBytes(makePdf({"<< /Type /Catalog /Pages 2 0 R >>",
+    openAnswering(makePdf({"<< /Type /Catalog /Pages 2 0 R >>",
                        "<< /Type /Pages /Count 1 /Kids [3 0 R] >>",
-                       "<< /Type /Pages /Count 1 /Parent 2 0 R /Kids [2 0 R] >>"}),
-              PD_ERR_DAMAGED);
+                       "<< /Type /Pages /Count 1 /Parent 2 0 R /Kids [2 0 R] >>"}), PD_ERR_DAMAGED);
 }
 
 TEST(Depth, FieldTreesAreFollowedToTheLimitAndRefusedPastIt) {
@@ -149,10 +149,10 @@ TEST(Depth, FieldTreesAreFollowedToTheLimitAndRefusedPastIt) {
     for (size_t levels : {size_t{PD_MAX_TREE_DEPTH} + 1, size_t{40000}}) {
         const auto start = Clock::now();
         std::string listed = fieldTree(levels);
-        openBytes(listed, PD_ERR_TOO_DEEP);
+        openAnswering(listed, PD_ERR_TOO_DEEP);
         const std::string fields = "/AcroForm << /Fields [4 0 R] >> ";
         listed.replace(listed.find(fields), fields.size(), std::string(fields.size(), ' '));
-        openBytes(listed, PD_ERR_TOO_DEEP);
+        openAnswering(listed, PD_ERR_TOO_DEEP);
         EXPECT_LT(secondsSince(start), 10) << levels;
     }
 }

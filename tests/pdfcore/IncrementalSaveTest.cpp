@@ -182,11 +182,9 @@ TEST_P(IncrementalSave, HoldsWhatAWholeWriteHolds) {
         EXPECT_EQ(fileBytes(out), appended);
         EXPECT_EQ(qpdfCheck(out), 0);
         // The field left without widgets is in memory still, and in neither file.
-        PDDoc a = nullptr, w = nullptr;
-        ASSERT_EQ(PDDocOpenMem(appended.data(), appended.size(), &a), PD_OK);
-        ASSERT_EQ(PDDocOpenMem(whole.data(), whole.size(), &w), PD_OK);
-        Owned ownedA(a), ownedW(w);
-        EXPECT_EQ(fieldNames(a), fieldNames(w));
+        Owned a = openBytes(appended), w = openBytes(whole);
+        ASSERT_TRUE(a && w);
+        EXPECT_EQ(fieldNames(a.get()), fieldNames(w.get()));
     }
 }
 
@@ -214,9 +212,8 @@ TEST(IncrementalSaveMove, AMovedWidgetKeepsItsLookAndItsDrawings) {
         addWidget(made.get(), group.get(), pg.get(), rect(40, 700, 54, 714));
         file = savedMem(made.get(), 0);
     }
-    PDDoc opened = nullptr;
-    ASSERT_EQ(PDDocOpenMem(file.data(), file.size(), &opened), PD_OK);
-    Owned doc(opened);
+    Owned doc = openBytes(file);
+    ASSERT_TRUE(doc);
     Owned group = findField(doc.get(), "group");
     auto widgets = widgetsOf(group.get());
     ASSERT_EQ(widgets.size(), 2u);

@@ -26,12 +26,6 @@ int32_t record(const PDGraphic* g, void* data) {
     return 0;
 }
 
-Owned openBytes(const std::string& bytes) {
-    PDDoc doc = nullptr;
-    EXPECT_EQ(PDDocOpenMem(bytes.data(), bytes.size(), &doc), PD_OK);
-    return Owned(doc);
-}
-
 std::string stream(const std::string& dict, const std::string& data) {
     return "<< " + dict + " /Length " + std::to_string(data.size()) + " >>\nstream\n" + data +
            "\nendstream";

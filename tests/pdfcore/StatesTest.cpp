@@ -87,9 +87,8 @@ TEST(FieldStateTest, RenamedOnStateRewritesItsExportValueInOpt) {
         " /Rect [100 700 114 714] /AS /Off /AP << /N << /1 7 0 R /Off 7 0 R >> >> >> endobj\n"
         "7 0 obj << /Type /XObject /Subtype /Form /BBox [0 0 14 14] /Length 0 >> stream\n"
         "\nendstream endobj\ntrailer << /Root 1 0 R /Size 8 >>\n%%EOF\n";
-    PDDoc raw = nullptr;
-    ASSERT_EQ(PDDocOpenMem(pdf.data(), pdf.size(), &raw), PD_OK);
-    Owned doc(raw);
+    Owned doc = openBytes(pdf);
+    ASSERT_TRUE(doc);
     Owned field = findField(doc.get(), "size");
     auto widgets = widgetsOf(field.get());
     ASSERT_EQ(widgets.size(), 2u);

@@ -97,6 +97,13 @@ inline Owned openDoc(const std::string& path) {
     return Owned(doc);
 }
 
+// A document read from bytes in memory.
+inline Owned openBytes(const std::string& bytes) {
+    PDDoc doc = nullptr;
+    EXPECT_EQ(PDDocOpenMem(bytes.data(), bytes.size(), &doc), PD_OK);
+    return Owned(doc);
+}
+
 inline Owned page(PDDoc doc, uint32_t index) {
     PDPage p = nullptr;
     EXPECT_EQ(PDDocGetPage(doc, index, &p), PD_OK);
