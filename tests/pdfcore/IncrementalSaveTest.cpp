@@ -255,6 +255,21 @@ TEST(IncrementalSaveMove, AMovedWidgetKeepsItsLookAndItsDrawings) {
     }
     EXPECT_NE(shown["text"].find("(kept)"), std::string::npos);
     EXPECT_EQ(shown["blank"].find("(kept)"), std::string::npos) << shown["blank"];
+
+    // So is one resized while it had no field, though the field it joins reads the same.
+    ASSERT_EQ(PDFieldRemoveWidget(blank.get(), moved.get()), PD_OK);
+    const PDRect wider = rect(20, 570, 220, 590);
+    ASSERT_EQ(PDAnnotSetRect(moved.get(), &wider), PD_OK);
+    savedMem(doc.get(), 0);
+    ASSERT_EQ(PDFieldAppendWidget(blank.get(), moved.get()), PD_OK);
+    const std::string resized = savedMem(doc.get(), 0);
+    QPDF again;
+    again.processMemoryFile("resized", resized.data(), resized.size());
+    for (auto& field : again.getRoot().getKey("/AcroForm").getKey("/Fields").aitems()) {
+        if (field.getKey("/T").getUTF8Value() != "blank") continue;
+        auto drawing = field.getKey("/Kids").getArrayItem(0).getKey("/AP").getKey("/N");
+        EXPECT_EQ(drawing.getDict().getKey("/BBox").getArrayItem(2).getNumericValue(), 200);
+    }
 }
 
 // What cannot take an update is written whole: a new document, an encrypted file (the

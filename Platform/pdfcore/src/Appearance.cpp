@@ -1735,6 +1735,8 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget, Redraw what) {
 void regenerateAppearance(Document& doc, QPDFObjectHandle widget, Redraw what) {
     if (!widget.isDictionary()) return;
     if (!widget.isIndirect()) return drawAppearance(doc, widget, what);
+    // Changed since it left a field, it is drawn when it joins the next one.
+    doc.detachedInputs.erase(widget.getObjGen());
     auto [it, added] = doc.staleAppearances.emplace(widget.getObjGen(), what);
     if (!added) it->second = std::max(it->second, what);
 }

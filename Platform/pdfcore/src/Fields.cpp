@@ -1056,10 +1056,12 @@ PDResult PDFieldRemoveWidget(PDField field, PDAnnot widget) {
         // The text style and alignment the field gave the widget become its own: it draws
         // the same in the field it joins next, which may have none (a rename's new field).
         for (const char* key : {"/DA", "/Q"}) {
-            QPDFObjectHandle given = inherited(fieldObj, key);
             if (w.obj.hasKey(key)) continue;
-            if (given.isString()) w.obj.replaceKey(key, QPDFObjectHandle::newString(given.getStringValue()));
-            if (given.isInteger()) w.obj.replaceKey(key, QPDFObjectHandle::newInteger(given.getIntValue()));
+            QPDFObjectHandle given = inherited(fieldObj, key);
+            if (given.isString())
+                w.obj.replaceKey(key, QPDFObjectHandle::newString(given.getStringValue()));
+            else if (given.isInteger())
+                w.obj.replaceKey(key, QPDFObjectHandle::newInteger(given.getIntValue()));
         }
         w.obj.removeKey("/Parent");
         // Some writers repeat the field type on each widget; left there, it would make the
