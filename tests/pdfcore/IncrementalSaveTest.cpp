@@ -7,6 +7,10 @@
 #endif
 #include <qpdf/QPDF.hh>
 
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <csignal>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -270,6 +274,79 @@ TEST(IncrementalSaveMove, AMovedWidgetKeepsItsLookAndItsDrawings) {
         auto drawing = field.getKey("/Kids").getArrayItem(0).getKey("/AP").getKey("/N");
         EXPECT_EQ(drawing.getDict().getKey("/BBox").getArrayItem(2).getNumericValue(), 200);
     }
+}
+
+// Saved over the file it was read from, a document appends its update in place, and each
+// later save appends only what changed since; a file changed by someone else is replaced
+// whole; an append that does not fit leaves the file as it was.
+TEST(IncrementalSaveInPlace, AppendsWhatChangedSinceTheLastSave) {
+    ScratchDir dir;
+    const std::string path = dir.file("form.pdf"), link = dir.file("link.pdf");
+    const std::string original = fileBytes(corpus("pyhanko-two-fields-signed-twice.pdf"));
+    std::ofstream(path, std::ios::binary) << original;
+    ASSERT_EQ(::link(path.c_str(), link.c_str()), 0);
+    Owned doc = openDoc(path);
+    ASSERT_EQ(PDDocSaveEx(doc.get(), path.c_str(), PD_SAVE_INCREMENTAL), PD_OK);
+    EXPECT_EQ(fileBytes(path), original) << "nothing changed, nothing appended";
+
+    edit(doc.get(), 1);
+    ASSERT_EQ(PDDocSaveEx(doc.get(), path.c_str(), PD_SAVE_INCREMENTAL), PD_OK);
+    const std::string first = fileBytes(path);
+    EXPECT_EQ(first, savedMem(doc.get(), PD_SAVE_INCREMENTAL)) << "the first update differs";
+    EXPECT_EQ(fileBytes(link), first) << "the file was replaced, not appended to";
+
+    // The second update holds the second round's changes only, after the first update.
+    PDRect r{};
+    Owned added = findField(doc.get(), "Appended1");
+    ASSERT_TRUE(added);
+    auto widgets = widgetsOf(added.get());
+    ASSERT_EQ(PDAnnotGetRect(widgets[0].get(), &r), PD_OK);
+    r.right += 30;
+    ASSERT_EQ(PDAnnotSetRect(widgets[0].get(), &r), PD_OK);
+    ASSERT_EQ(PDDocSaveEx(doc.get(), path.c_str(), PD_SAVE_INCREMENTAL), PD_OK);
+    const std::string second = fileBytes(path);
+    ASSERT_GT(second.size(), first.size());
+    EXPECT_EQ(second.compare(0, first.size(), first), 0);
+    EXPECT_LT(second.size() - first.size(), first.size() - original.size());
+    EXPECT_EQ(fileBytes(link), second);
+    EXPECT_EQ(qpdfCheck(path), 0);
+    EXPECT_EQ(SameDocument(second, savedMem(doc.get(), 0)).difference(), "");
+    EXPECT_EQ(run("pdfsig '" + path + "' 2>&1 | grep -c 'Signature is Valid'"), "2\n");
+
+    // Someone else's change: the file is written whole, from the bytes read.
+    std::ofstream(path, std::ios::binary | std::ios::app) << "\n% another writer\n";
+    edit(doc.get(), 2);
+    ASSERT_EQ(PDDocSaveEx(doc.get(), path.c_str(), PD_SAVE_INCREMENTAL), PD_OK);
+    EXPECT_EQ(fileBytes(path), savedMem(doc.get(), PD_SAVE_INCREMENTAL));
+    EXPECT_EQ(fileBytes(link), second + "\n% another writer\n") << "the link was written";
+
+    // A staged update is appended at the commit, and only if the file is as it was.
+    Owned again = openDoc(path);
+    const std::string read = fileBytes(path);
+    edit(again.get(), 3);
+    PDStagedFile staged = nullptr;
+    ASSERT_EQ(PDDocStage(again.get(), path.c_str(), PD_SAVE_INCREMENTAL, &staged), PD_OK);
+    PDStagedFileDiscard(staged);
+    EXPECT_EQ(fileBytes(path), read) << "a discarded update was written";
+    ASSERT_EQ(PDDocStage(again.get(), path.c_str(), PD_SAVE_INCREMENTAL, &staged), PD_OK);
+    std::ofstream(path, std::ios::binary | std::ios::app) << " ";
+    EXPECT_EQ(PDStagedFileCommit(staged), PD_ERR_IO);
+    EXPECT_EQ(fileBytes(path), read + " ");
+
+    // Past the file size limit the append fails and is cut off again.
+    Owned third = openDoc(path);
+    edit(third.get(), 4);
+    rlimit old{};
+    getrlimit(RLIMIT_FSIZE, &old);
+    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit limit = old;
+    limit.rlim_cur = read.size() + 200;
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    const PDResult r4 = PDDocSaveEx(third.get(), path.c_str(), PD_SAVE_INCREMENTAL);
+    setrlimit(RLIMIT_FSIZE, &old);
+    std::signal(SIGXFSZ, handler);
+    EXPECT_EQ(r4, PD_ERR_FILE_LIMIT);
+    EXPECT_EQ(fileBytes(path), read + " ");
 }
 
 // What cannot take an update is written whole: a new document, an encrypted file (the

@@ -2,6 +2,7 @@
 // entry-point wrapper that turns exceptions into results, and helpers over qpdf.
 #pragma once
 
+#include "FileSystem.h"
 #include "pdfcore/pdfcore.h"
 
 // qpdf 11: use std::shared_ptr throughout, without the transitional PointerHolder.
@@ -147,6 +148,16 @@ struct Listener {
     void* clientData;
 };
 
+// The file a document was read from, as the saves that append to it in place leave it.
+// Shared by the document and its staged saves, which may commit after it closed and on
+// another thread: lock guards the rest.
+struct FileOnDisk {
+    std::mutex lock;
+    FileIdentity identity;    // what the next append in place expects to find
+    std::string appended;     // what those saves appended after the bytes read
+    int64_t lastSection = -1; // where the last of their cross-reference sections starts
+};
+
 // One open document. Lives as long as its own handle or any handle of one of its
 // objects holds a reference: every object handle adds one reference to the document
 // handle and drops it when freed.
@@ -154,6 +165,7 @@ struct Document {
     PDHandleRec self;  // the PDDoc handle
     std::unique_ptr<QPDF> qpdf;
     std::string fileBytes;  // the opened file, read whole, so the source may be overwritten
+    std::shared_ptr<FileOnDisk> onDisk;  // of a document read from a regular file
 
     // Handle registry: (object, role) -> live handle. Guarded by registryMutex, as
     // handles may be released from any thread.
@@ -302,10 +314,12 @@ bool isStateOf(QPDFObjectHandle value, const std::string& state);
 // writes) is written "#23" in its place, when qpdf's writer would write the '#' as it is
 // (which reads back as the start of an escape); the destructor puts the names back. Made
 // around writing the file, after everything else that changes objects. It walks every
-// object once per write.
+// object once per write; the second form only the objects given (those an update writes),
+// without following their references.
 class NamesEscapedForWriting {
 public:
     explicit NamesEscapedForWriting(Document& doc);
+    NamesEscapedForWriting(Document& doc, const std::vector<QPDFObjectHandle>& objects);
     ~NamesEscapedForWriting();
     NamesEscapedForWriting(const NamesEscapedForWriting&) = delete;
     NamesEscapedForWriting& operator=(const NamesEscapedForWriting&) = delete;
@@ -319,6 +333,9 @@ private:
         int index;                   // Item: the position in the array
         QPDFObjectHandle original;   // Object, Value, Item: the name as it was
     };
+    // Escapes an indirect name, or the names of an object (escapeIn).
+    void escapeObject(QPDFObjectHandle obj, std::vector<bool>& seen,
+                      std::vector<QPDFObjectHandle>& pending);
     // Escapes the names of a dictionary or array and the direct objects in it, and puts
     // the indirect objects it leads to and that are not seen yet on pending.
     void escapeIn(QPDFObjectHandle container, int depth, std::vector<bool>& seen,

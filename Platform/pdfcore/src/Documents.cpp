@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <set>
 
 namespace pdfcore {
@@ -63,8 +62,9 @@ void checkPageTreeDepth(QPDF& qpdf) {
     }
 }
 
-PDResult openFrom(std::string bytes, const char* description, const char16_t* password,
-                  uint32_t passwordLen, PDDoc* outDoc) {
+// identity: of the file the bytes were read from, or none (size -1).
+PDResult openFrom(std::string bytes, const char* description, const FileIdentity& identity,
+                  const char16_t* password, uint32_t passwordLen, PDDoc* outDoc) {
     if (outDoc) *outDoc = nullptr;
     return guard([&] {
         checkOut(outDoc);
@@ -72,6 +72,10 @@ PDResult openFrom(std::string bytes, const char* description, const char16_t* pa
         doc->self.kind = Kind::Document;
         doc->self.doc = doc.get();
         doc->fileBytes = std::move(bytes);
+        if (identity.size >= 0) {
+            doc->onDisk = std::make_shared<FileOnDisk>();
+            doc->onDisk->identity = identity;
+        }
         const auto candidates = passwordCandidates(textArg(password, passwordLen));
         for (size_t i = 0; i < candidates.size(); ++i) {
             doc->qpdf = std::make_unique<QPDF>();
@@ -111,13 +115,6 @@ PDResult openFrom(std::string bytes, const char* description, const char16_t* pa
         }
         *outDoc = &doc.release()->self;
     });
-}
-
-bool readFile(const char* path, std::string& out) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return false;
-    out.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    return !in.bad();
 }
 
 void writeTo(Document& doc, QPDFWriter& w, bool decrypted) {
@@ -174,15 +171,52 @@ class FilePipeline final : public Pipeline {
     PDResult result_ = PD_OK;
 };
 
-// Writes the document into a new file beside the checked target: the update appended to
-// the bytes read when incremental and the document allows it, else the whole file.
+// Stages an update to append to the file the document was read from, when target is that
+// file as the document's last save left it; false when it is not.
+bool stageInPlace(Document& d, const SaveTarget& target, PDStagedFileRec& file) {
+    FileIdentity now;
+    if (!d.onDisk || !target.exists || !target.writable || !identifyFile(target.path, now))
+        return false;
+    std::string appended;
+    int64_t lastSection = -1;
+    {
+        std::lock_guard<std::mutex> hold(d.onDisk->lock);
+        if (!(now == d.onDisk->identity)) return false;
+        appended = d.onDisk->appended;
+        lastSection = d.onDisk->lastSection;
+    }
+    auto update = updateAfter(d, appended, lastSection);
+    if (!update) return false;
+    // The file's last 4 KiB, which its changes would be unlikely to leave as they were.
+    const size_t fromAppended = std::min<size_t>(4096, appended.size());
+    const size_t fromRead = std::min(d.fileBytes.size(), 4096 - fromAppended);
+    file.tail = d.fileBytes.substr(d.fileBytes.size() - fromRead) +
+                appended.substr(appended.size() - fromAppended);
+    file.target = target;
+    file.onDisk = d.onDisk;
+    file.expected = now;
+    file.update = std::move(update->bytes);
+    file.section = update->section;
+    return true;
+}
+
+// Stages the document for the checked target: when incremental and the document allows
+// it, an update to append to the file it was read from in place, or the bytes read with
+// the update after them in a new file; else the whole file in a new file.
 void stageDocument(Document& d, const SaveTarget& target, bool incremental,
                    PDStagedFileRec& file) {
-    std::optional<std::string> appended;
-    if (incremental) appended = appendedFile(d);
+    std::optional<Update> update;
+    if (incremental) {
+        if (stageInPlace(d, target, file)) return;
+        update = updateAfter(d, {}, -1);
+    }
     PDResult r = PD_OK;
-    if (appended) {
-        r = stageFile(target, appended->data(), appended->size(), file);
+    if (update) {
+        r = stageWith(target, [&](NewFile& out) {
+            const PDResult read = writeFile(out, d.fileBytes.data(), d.fileBytes.size());
+            return read != PD_OK ? read
+                                 : writeFile(out, update->bytes.data(), update->bytes.size());
+        }, file);
     } else {
         r = stageWith(target, [&](NewFile& out) {
             FilePipeline pipe(out);
@@ -205,21 +239,28 @@ PDResult saveMem(PDDoc doc, bool decrypted, bool incremental, void** outData, si
         Document& d = checkedDoc(doc);
         checkOut(outData);
         checkOut(outSize);
-        auto copy = [&](const void* data, size_t size) {
-            void* mem = std::malloc(size ? size : 1);
+        // The buffer of the caller's holds the pieces one after another.
+        auto copy = [&](std::initializer_list<std::string_view> pieces) {
+            size_t size = 0;
+            for (const auto& piece : pieces) size += piece.size();
+            auto* mem = static_cast<char*>(std::malloc(size ? size : 1));
             if (!mem) fail(PD_ERR_OUT_OF_MEMORY);
-            std::memcpy(mem, data, size);
+            size_t at = 0;
+            for (const auto& piece : pieces) {
+                std::memcpy(mem + at, piece.data(), piece.size());
+                at += piece.size();
+            }
             *outData = mem;
             *outSize = size;
         };
         if (incremental) {
-            if (auto appended = appendedFile(d)) return copy(appended->data(), appended->size());
+            if (auto update = updateAfter(d, {}, -1)) return copy({d.fileBytes, update->bytes});
         }
         QPDFWriter w(*d.qpdf);
         w.setOutputMemory();
         writeTo(d, w, decrypted);
         auto buf = w.getBufferSharedPointer();
-        copy(buf->getBuffer(), buf->getSize());
+        copy({std::string_view(reinterpret_cast<const char*>(buf->getBuffer()), buf->getSize())});
     });
 }
 
@@ -252,16 +293,17 @@ PDResult PDDocOpenWithPassword(const char* path, const char16_t* password, uint3
     if (outDoc) *outDoc = nullptr;
     if (!path || !outDoc || (!password && passwordLen)) return PD_ERR_BAD_ARGUMENT;
     std::string bytes;
-    if (!readFile(path, bytes)) return PD_ERR_IO;
-    return openFrom(std::move(bytes), path, password, passwordLen, outDoc);
+    FileIdentity identity;
+    if (PDResult r = readWholeFile(path, bytes, identity)) return r;
+    return openFrom(std::move(bytes), path, identity, password, passwordLen, outDoc);
 }
 
 PDResult PDDocOpenMemWithPassword(const void* data, size_t size, const char16_t* password,
                                   uint32_t passwordLen, PDDoc* outDoc) {
     if (outDoc) *outDoc = nullptr;
     if (!data || !outDoc || (!password && passwordLen)) return PD_ERR_BAD_ARGUMENT;
-    return openFrom(std::string(static_cast<const char*>(data), size), "memory", password,
-                    passwordLen, outDoc);
+    return openFrom(std::string(static_cast<const char*>(data), size), "memory",
+                    FileIdentity{}, password, passwordLen, outDoc);
 }
 
 PDResult PDDocCreate(uint32_t pageCount, float width, float height, PDDoc* outDoc) {

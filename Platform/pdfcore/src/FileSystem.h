@@ -1,7 +1,8 @@
-// The seam between pdfcore's saves and the system's file system: the calls a save makes to
-// look at its target, write a file beside it and put that file in its place. One source
-// file per system implements it (FileSystemPosix.cpp, FileSystemWindows.cpp). Paths are UTF-8. Every call answers
-// a PDResult (the failures a save reports) and never throws but std::bad_alloc.
+// The seam between pdfcore and the system's file system: the calls that read a document's
+// file, and those a save makes to look at its target, write a file beside it and put that
+// file in its place or append to it. One source file per system implements it
+// (FileSystemPosix.cpp, FileSystemWindows.cpp). Paths are UTF-8. Every call answers a
+// PDResult (the failures a save reports) or a bool, and never throws but std::bad_alloc.
 #pragma once
 
 #include "pdfcore/pdfcore.h"
@@ -33,6 +34,31 @@ struct SaveTarget {
 // PD_ERR_IO: the path cannot be looked at otherwise (a part of it is a file, a loop of
 // links).
 PDResult findTarget(const std::string& path, SaveTarget& out);
+
+// Which file is at a path, and in what state: two equal identities are the same file,
+// unchanged since (as far as the system's clock and the file's tail tell).
+struct FileIdentity {
+    uint64_t volume = 0; // st_dev; the volume's serial number
+    uint64_t file = 0;   // st_ino; the file's index on its volume
+    int64_t size = -1;   // bytes; -1: not a regular file, never equal to another
+    int64_t written = 0; // last change of the data, in the system's unit (ns; 100 ns)
+    bool operator==(const FileIdentity&) const = default;
+};
+
+// Reads the whole file at path into out, with what the file was as it was read (size -1
+// when it is not a regular file: a FIFO is read to its end). PD_ERR_IO when it cannot be
+// opened or read.
+PDResult readWholeFile(const std::string& path, std::string& out, FileIdentity& identity);
+// What is at path now (links followed); false when nothing can be looked at there.
+bool identifyFile(const std::string& path, FileIdentity& out);
+// Appends data to the file at path, when it is still expected and still ends in tail (its
+// last bytes when it was read), then flushes it to the disk; out is then what the file is.
+// PD_ERR_IO when the file changed (nothing is written), PD_ERR_ACCESS when it may not be
+// written; a write that fails (PD_ERR_DISK_FULL, PD_ERR_FILE_LIMIT, PD_ERR_IO) cuts the
+// file back to its size, so that it is as it was.
+PDResult appendToFile(const std::string& path, const FileIdentity& expected,
+                      const std::string& tail, const void* data, size_t size,
+                      FileIdentity& out);
 
 // A file being written. handle is the system's (-1 when closed).
 struct NewFile {

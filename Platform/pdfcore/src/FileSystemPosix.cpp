@@ -1,4 +1,4 @@
-// The file system calls of saves on POSIX systems.
+// The file system calls of pdfcore on POSIX systems.
 #include "FileSystem.h"
 
 #include <dirent.h>
@@ -41,7 +41,110 @@ void splitPath(SaveTarget& t) {
     }
 }
 
+FileIdentity identityOf(const struct stat& st) {
+    FileIdentity id;
+    if (!S_ISREG(st.st_mode)) return id;
+    id.volume = uint64_t(st.st_dev);
+    id.file = uint64_t(st.st_ino);
+    id.size = int64_t(st.st_size);
+    id.written = int64_t(st.st_mtim.tv_sec) * 1000000000 + int64_t(st.st_mtim.tv_nsec);
+    return id;
+}
+
+// Reads size bytes at offset; false when fewer come.
+bool readAt(int fd, char* into, size_t size, int64_t offset) {
+    while (size > 0) {
+        const ssize_t n = pread(fd, into, size, off_t(offset));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        into += n;
+        size -= size_t(n);
+        offset += n;
+    }
+    return true;
+}
+
 } // namespace
+
+PDResult readWholeFile(const std::string& path, std::string& out, FileIdentity& identity) {
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return PD_ERR_IO;
+    struct stat st {};
+    if (fstat(fd, &st) != 0) {
+        close(fd);
+        return PD_ERR_IO;
+    }
+    identity = identityOf(st);
+    // The file's size at once; what a file that grows meanwhile adds comes after.
+    out.assign(identity.size > 0 ? size_t(identity.size) : 0, '\0');
+    size_t have = 0;
+    char more[16384];
+    for (;;) {
+        const bool inside = have < out.size();
+        const ssize_t n = inside ? read(fd, out.data() + have, out.size() - have)
+                                 : read(fd, more, sizeof more);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            out.resize(have);
+            close(fd);
+            if (n < 0) return PD_ERR_IO;
+            if (int64_t(have) != identity.size) identity = FileIdentity{};
+            return PD_OK;
+        }
+        if (!inside) out.append(more, size_t(n));
+        have += size_t(n);
+    }
+}
+
+bool identifyFile(const std::string& path, FileIdentity& out) {
+    struct stat st {};
+    if (stat(path.c_str(), &st) != 0) return false;
+    out = identityOf(st);
+    return true;
+}
+
+PDResult appendToFile(const std::string& path, const FileIdentity& expected,
+                      const std::string& tail, const void* data, size_t size,
+                      FileIdentity& out) {
+    const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    if (fd < 0) return fromErrno(errno);
+    // The tail is read through a second descriptor: this one only writes.
+    const int reader = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    struct stat st {};
+    std::string last(tail.size(), '\0');
+    const int64_t tailAt = expected.size - int64_t(tail.size());
+    const bool same = reader >= 0 && fstat(fd, &st) == 0 && identityOf(st) == expected &&
+                      readAt(reader, last.data(), last.size(), tailAt) && last == tail;
+    if (reader >= 0) close(reader);
+    if (!same) {
+        close(fd);
+        return PD_ERR_IO;
+    }
+    PDResult r = PD_OK;
+    const auto* p = static_cast<const char*>(data);
+    int64_t at = expected.size;
+    for (size_t left = size; left > 0 && r == PD_OK;) {
+        const ssize_t n = pwrite(fd, p, left < (1u << 30) ? left : (1u << 30), off_t(at));
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            r = fromErrno(errno);
+        } else {
+            p += n;
+            at += n;
+            left -= size_t(n);
+        }
+    }
+    if (r == PD_OK && fdatasync(fd) != 0) r = fromErrno(errno);
+    if (r != PD_OK) {
+        // Cut back to what was read, so that readers find the file's own last section
+        // at its end again.
+        if (ftruncate(fd, off_t(expected.size)) == 0) fsync(fd);
+    } else if (fstat(fd, &st) == 0) {
+        out = identityOf(st);
+    }
+    if (close(fd) != 0 && r == PD_OK && errno != EINTR) r = fromErrno(errno);
+    return r;
+}
 
 PDResult findTarget(const std::string& path, SaveTarget& out) {
     SaveTarget t;

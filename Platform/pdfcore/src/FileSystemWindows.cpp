@@ -1,4 +1,4 @@
-// The file system calls of saves on Windows. Paths are UTF-8 and go to the system's wide
+// The file system calls of pdfcore on Windows. Paths are UTF-8 and go to the system's wide
 // calls; either slash separates folders. A target that exists is replaced with ReplaceFileW,
 // which gives the new file the target's attributes, security descriptor, creation time and
 // streams, as the POSIX side gives it the mode, owner and group; a new target is a move.
@@ -88,7 +88,119 @@ int64_t fileTimeSeconds(const FILETIME& t) {
     return int64_t(v.QuadPart / 10000000ull);
 }
 
+FileIdentity identityOf(HANDLE h) {
+    FileIdentity id;
+    BY_HANDLE_FILE_INFORMATION info{};
+    if (GetFileType(h) != FILE_TYPE_DISK || !GetFileInformationByHandle(h, &info) ||
+        (info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
+        return id;
+    id.volume = info.dwVolumeSerialNumber;
+    id.file = (uint64_t(info.nFileIndexHigh) << 32) | info.nFileIndexLow;
+    id.size = int64_t((uint64_t(info.nFileSizeHigh) << 32) | info.nFileSizeLow);
+    id.written = int64_t((uint64_t(info.ftLastWriteTime.dwHighDateTime) << 32) |
+                         info.ftLastWriteTime.dwLowDateTime);
+    return id;
+}
+
+// Reads size bytes at offset; false when fewer come.
+bool readAt(HANDLE h, char* into, size_t size, int64_t offset) {
+    LARGE_INTEGER to;
+    to.QuadPart = offset;
+    if (!SetFilePointerEx(h, to, nullptr, FILE_BEGIN)) return false;
+    while (size > 0) {
+        DWORD n = 0;
+        if (!ReadFile(h, into, DWORD(size < (1u << 30) ? size : (1u << 30)), &n, nullptr) ||
+            n == 0)
+            return false;
+        into += n;
+        size -= n;
+    }
+    return true;
+}
+
 } // namespace
+
+PDResult readWholeFile(const std::string& path, std::string& out, FileIdentity& identity) {
+    HANDLE h = CreateFileW(wide(path).c_str(), GENERIC_READ,
+                           FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                           OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (h == INVALID_HANDLE_VALUE) return PD_ERR_IO;
+    identity = identityOf(h);
+    // The file's size at once; what a file that grows meanwhile adds comes after.
+    out.assign(identity.size > 0 ? size_t(identity.size) : 0, '\0');
+    size_t have = 0;
+    char more[16384];
+    for (;;) {
+        const bool inside = have < out.size();
+        const size_t room = inside ? out.size() - have : sizeof more;
+        DWORD n = 0;
+        const BOOL ok = ReadFile(h, inside ? out.data() + have : more,
+                                 DWORD(room < (1u << 30) ? room : (1u << 30)), &n, nullptr);
+        // A pipe whose writer closed answers ERROR_BROKEN_PIPE: its end.
+        if (!ok && GetLastError() != ERROR_BROKEN_PIPE) {
+            CloseHandle(h);
+            return PD_ERR_IO;
+        }
+        if (n == 0) break;
+        if (!inside) out.append(more, n);
+        have += n;
+    }
+    CloseHandle(h);
+    out.resize(have);
+    if (int64_t(have) != identity.size) identity = FileIdentity{};
+    return PD_OK;
+}
+
+bool identifyFile(const std::string& path, FileIdentity& out) {
+    HANDLE h = CreateFileW(wide(path).c_str(), 0,
+                           FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                           OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    if (h == INVALID_HANDLE_VALUE) return false;
+    out = identityOf(h);
+    CloseHandle(h);
+    return true;
+}
+
+PDResult appendToFile(const std::string& path, const FileIdentity& expected,
+                      const std::string& tail, const void* data, size_t size,
+                      FileIdentity& out) {
+    // Others may read the file meanwhile, not write it.
+    HANDLE h = CreateFileW(wide(path).c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ,
+                           nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (h == INVALID_HANDLE_VALUE) return fromError(GetLastError());
+    std::string last(tail.size(), '\0');
+    if (!(identityOf(h) == expected) ||
+        !readAt(h, last.data(), last.size(), expected.size - int64_t(tail.size())) ||
+        last != tail) {
+        CloseHandle(h);
+        return PD_ERR_IO;
+    }
+    PDResult r = PD_OK;
+    LARGE_INTEGER end;
+    end.QuadPart = expected.size;
+    if (!SetFilePointerEx(h, end, nullptr, FILE_BEGIN)) r = fromError(GetLastError());
+    const auto* p = static_cast<const char*>(data);
+    for (size_t left = size; left > 0 && r == PD_OK;) {
+        DWORD written = 0;
+        if (!WriteFile(h, p, DWORD(left < (1u << 30) ? left : (1u << 30)), &written, nullptr)) {
+            r = fromError(GetLastError());
+        } else if (written == 0) {
+            r = PD_ERR_IO;
+        }
+        p += written;
+        left -= written;
+    }
+    if (r == PD_OK && !FlushFileBuffers(h)) r = fromError(GetLastError());
+    if (r != PD_OK) {
+        // Cut back to what was read, so that readers find the file's own last section at
+        // its end again.
+        if (SetFilePointerEx(h, end, nullptr, FILE_BEGIN) && SetEndOfFile(h)) FlushFileBuffers(h);
+    } else {
+        out = identityOf(h);
+    }
+    CloseHandle(h);
+    return r;
+}
 
 std::string utf8OfWide(const std::wstring& text) {
     if (text.empty()) return {};

@@ -63,15 +63,29 @@ NamesEscapedForWriting::NamesEscapedForWriting(Document& doc) : doc_(doc) {
     while (!pending.empty()) {
         QPDFObjectHandle obj = std::move(pending.back());
         pending.pop_back();
-        if (obj.isName()) {
-            // An indirect name, which the object table holds.
-            if (!holdsHash(obj.getName())) continue;
-            changes_.push_back({Change::Object, obj, {}, {}, 0, obj.shallowCopy()});
-            doc.qpdf->replaceObject(obj.getObjGen(),
-                                    QPDFObjectHandle::newName(escapedHash(obj.getName())));
-        } else {
-            escapeIn(obj.isStream() ? obj.getDict() : obj, 0, seen, pending);
-        }
+        escapeObject(obj, seen, pending);
+    }
+}
+
+NamesEscapedForWriting::NamesEscapedForWriting(Document& doc,
+                                               const std::vector<QPDFObjectHandle>& objects)
+    : doc_(doc) {
+    if (kWriterEscapesHash) return;
+    std::vector<bool> seen;
+    std::vector<QPDFObjectHandle> notFollowed;
+    for (const QPDFObjectHandle& obj : objects) escapeObject(obj, seen, notFollowed);
+}
+
+void NamesEscapedForWriting::escapeObject(QPDFObjectHandle obj, std::vector<bool>& seen,
+                                          std::vector<QPDFObjectHandle>& pending) {
+    if (obj.isName()) {
+        // An indirect name, which the object table holds.
+        if (!holdsHash(obj.getName())) return;
+        changes_.push_back({Change::Object, obj, {}, {}, 0, obj.shallowCopy()});
+        doc_.qpdf->replaceObject(obj.getObjGen(),
+                                 QPDFObjectHandle::newName(escapedHash(obj.getName())));
+    } else {
+        escapeIn(obj.isStream() ? obj.getDict() : obj, 0, seen, pending);
     }
 }
 

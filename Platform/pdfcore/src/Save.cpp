@@ -122,6 +122,20 @@ PDResult stageWith(const SaveTarget& target, const std::function<PDResult(NewFil
 }
 
 PDResult commitFile(const PDStagedFileRec& file) {
+    if (file.onDisk) {
+        FileIdentity now;
+        const PDResult r = appendToFile(file.target.path, file.expected, file.tail,
+                                        file.update.data(), file.update.size(), now);
+        if (r == PD_OK) {
+            std::lock_guard<std::mutex> hold(file.onDisk->lock);
+            if (file.onDisk->identity == file.expected) {
+                file.onDisk->identity = now;
+                file.onDisk->appended += file.update;
+                if (!file.update.empty()) file.onDisk->lastSection = file.section;
+            }
+        }
+        return r;
+    }
     const PDResult r = replaceFile(file.temp, file.target);
     if (r != PD_OK) removeFile(file.temp);
     return r;
@@ -156,7 +170,7 @@ PDResult PDStagedFileCommit(PDStagedFile file) {
 
 void PDStagedFileDiscard(PDStagedFile file) {
     if (!file) return;
-    removeFile(file->temp);
+    if (!file->temp.empty()) removeFile(file->temp);
     delete file;
 }
 

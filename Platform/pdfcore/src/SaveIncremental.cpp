@@ -4,15 +4,17 @@
 // before it is kept.
 //
 // What changed is found at the save, not recorded as it happens: each object of the file's
-// cross-reference table is compared, as it would be written, with a second reading of the
-// file's bytes. That cannot miss an object changed by a call nobody thought of, and costs a
-// reading of the objects' dictionaries, never of stream data. Stream data of the file is
+// cross-reference table (with those of updates appended to the file in place since it was
+// read) is compared, value for value as it would be written, with a second reading of those
+// bytes. That cannot miss an object changed by a call nobody thought of, and costs a reading
+// of the objects' dictionaries, never of stream data. Stream data of the file is
 // never replaced here (drawings write only streams of their own, Appearance.cpp), so a
 // stream of the file is compared by its dictionary.
 #include "SaveIncremental.h"
 
 #include "Fonts.h"
 
+#include <qpdf/InputSource.hh>
 #include <qpdf/Pl_Buffer.hh>
 #include <qpdf/Pl_Flate.hh>
 #include <qpdf/QPDFXRefEntry.hh>
@@ -20,6 +22,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <map>
+#include <memory>
+#include <stdexcept>
 
 namespace pdfcore {
 namespace {
@@ -115,38 +120,185 @@ std::string hexString(uint64_t a, uint64_t b) {
     return text;
 }
 
-// The file's own objects as they were read, for the comparison.
-struct Original {
-    QPDF qpdf;
-    explicit Original(const std::string& bytes) {
-        qpdf.setSuppressWarnings(true);
-        qpdf.processMemoryFile("original", bytes.data(), bytes.size());
+// Pieces of bytes read as one file, none of them copied: the file as it was read, what
+// saves appended to it in place since, and an update to come.
+class JoinedInput : public InputSource {
+  public:
+    JoinedInput(std::string name, std::vector<std::string_view> pieces)
+        : name_(std::move(name)), pieces_(std::move(pieces)) {
+        for (const auto& piece : pieces_) size_ += qpdf_offset_t(piece.size());
     }
+    qpdf_offset_t findAndSkipNextEOL() override {
+        while (at_ < size_ && !isEol(byteAt(at_))) ++at_;
+        const qpdf_offset_t found = at_;
+        if (at_ < size_) ++at_;
+        while (at_ < size_ && isEol(byteAt(at_))) ++at_;
+        if (found == size_) last_offset = size_;
+        return found;
+    }
+    std::string const& getName() const override { return name_; }
+    qpdf_offset_t tell() override { return at_; }
+    void seek(qpdf_offset_t offset, int whence) override {
+        const qpdf_offset_t from = whence == SEEK_END ? size_ : whence == SEEK_CUR ? at_ : 0;
+        if (offset < -from || (offset > 0 && from > INT64_MAX - offset))
+            throw std::runtime_error(name_ + ": seek out of range");
+        at_ = from + offset;
+    }
+    void rewind() override { at_ = 0; }
+    size_t read(char* buffer, size_t length) override {
+        if (at_ >= size_) {
+            last_offset = size_;
+            return 0;
+        }
+        last_offset = at_;
+        size_t done = 0;
+        qpdf_offset_t start = 0;
+        for (const auto& piece : pieces_) {
+            const qpdf_offset_t end = start + qpdf_offset_t(piece.size());
+            if (at_ < end && done < length) {
+                const size_t n = std::min(length - done, size_t(end - at_));
+                std::memcpy(buffer + done, piece.data() + (at_ - start), n);
+                done += n;
+                at_ += qpdf_offset_t(n);
+            }
+            start = end;
+        }
+        return done;
+    }
+    void unreadCh(char) override {
+        if (at_ > 0) --at_;
+    }
+
+  private:
+    static bool isEol(char c) { return c == '\r' || c == '\n'; }
+    char byteAt(qpdf_offset_t offset) const {
+        for (const auto& piece : pieces_) {
+            if (offset < qpdf_offset_t(piece.size())) return piece[size_t(offset)];
+            offset -= qpdf_offset_t(piece.size());
+        }
+        return '\0';
+    }
+    std::string name_;
+    std::vector<std::string_view> pieces_;
+    qpdf_offset_t size_ = 0;
+    qpdf_offset_t at_ = 0;
 };
 
-// The file's bytes and the update after them (none when nothing changed). Fails with
-// PD_ERR_UNSUPPORTED when qpdf had to repair what it read, and PD_ERR_INTERNAL when it
-// cannot read the result back as it was meant.
-std::string appended(Document& doc, int64_t previous, bool table) {
+// A reading of the pieces as one file.
+std::unique_ptr<QPDF> readJoined(const char* name, std::vector<std::string_view> pieces) {
+    auto qpdf = std::make_unique<QPDF>();
+    qpdf->setSuppressWarnings(true);
+    qpdf->processInputSource(std::make_shared<JoinedInput>(name, std::move(pieces)));
+    return qpdf;
+}
+
+// Whether an object is a cross-reference stream: one of an update's sections, which no
+// other object refers to.
+bool isSectionStream(QPDFObjectHandle obj) {
+    return obj.isStream() && obj.getDict().getKey("/Type").isNameAndEquals("/XRef");
+}
+
+// Whether two objects would be written the same: the same values, references to the same
+// objects (not followed), dictionary keys without a null value alike.
+bool sameValue(QPDFObjectHandle a, QPDFObjectHandle b) {
+    std::vector<std::pair<QPDFObjectHandle, QPDFObjectHandle>> todo{{a, b}};
+    auto present = [](QPDFObjectHandle value) { return value.isIndirect() || !value.isNull(); };
+    for (bool top = true; !todo.empty(); top = false) {
+        auto [x, y] = std::move(todo.back());
+        todo.pop_back();
+        if (!top && (x.isIndirect() || y.isIndirect())) {
+            if (!x.isIndirect() || !y.isIndirect() || x.getObjGen() != y.getObjGen())
+                return false;
+            continue;
+        }
+        const qpdf_object_type_e type = x.getTypeCode();
+        if (type != y.getTypeCode()) return false;
+        switch (type) {
+        case ::ot_null: break;
+        case ::ot_boolean:
+            if (x.getBoolValue() != y.getBoolValue()) return false;
+            break;
+        case ::ot_integer:
+            if (x.getIntValue() != y.getIntValue()) return false;
+            break;
+        case ::ot_real:
+            if (x.getRealValue() != y.getRealValue()) return false;
+            break;
+        case ::ot_name:
+            if (x.getName() != y.getName()) return false;
+            break;
+        case ::ot_string:
+            if (x.getStringValue() != y.getStringValue()) return false;
+            break;
+        case ::ot_array: {
+            const int n = x.getArrayNItems();
+            if (n != y.getArrayNItems()) return false;
+            for (int i = 0; i < n; ++i) todo.emplace_back(x.getArrayItem(i), y.getArrayItem(i));
+            break;
+        }
+        case ::ot_dictionary: {
+            // (The maps as they are: qpdf's key lists would read every object referred to,
+            // to leave out those that are null.)
+            const auto xs = x.getDictAsMap(), ys = y.getDictAsMap();
+            auto i = xs.begin(), j = ys.begin();
+            for (;;) {
+                while (i != xs.end() && !present(i->second)) ++i;
+                while (j != ys.end() && !present(j->second)) ++j;
+                if (i == xs.end() || j == ys.end()) {
+                    if (i != xs.end() || j != ys.end()) return false;
+                    break;
+                }
+                if (i->first != j->first) return false;
+                todo.emplace_back(i->second, j->second);
+                ++i;
+                ++j;
+            }
+            break;
+        }
+        default:
+            if (x.unparseBinary() != y.unparseBinary()) return false;
+        }
+    }
+    return true;
+}
+
+// Identifies a file that has none from its size and its first and last 64 KiB.
+std::string fileWord(const std::string& bytes) {
+    const size_t part = std::min<size_t>(bytes.size(), 65536);
+    const uint64_t h = fnv1a(bytes.substr(0, part), 0xcbf29ce484222325ull ^ bytes.size());
+    return hexString(fnv1a(bytes.substr(bytes.size() - part), h), 0);
+}
+
+// The update that follows appended (after the file's bytes); empty when nothing changed
+// since. Fails with PD_ERR_UNSUPPORTED when qpdf had to repair what it read, and
+// PD_ERR_INTERNAL when it cannot read the result back as it was meant.
+Update update(Document& doc, std::string_view appended, int64_t previous, bool table) {
     QPDF& live = *doc.qpdf;
-    Original original(doc.fileBytes);
-    const auto xref = live.getXRefTable();
+    const auto original = readJoined("original", {doc.fileBytes, appended});
+    // Every object of the file, with those that earlier updates made but their sections
+    // (numbered past the file's objects, as qpdf numbers what a session makes).
+    const auto read = live.getXRefTable();
+    std::map<QPDFObjGen, bool> xref;
+    for (const auto& [og, entry] : original->getXRefTable())
+        xref.emplace(og, entry.getType() != 0 &&
+                             (read.count(og) || !isSectionStream(original->getObject(og))));
     int maxId = 0;
     std::vector<QPDFObjGen> written;
-    for (const auto& [og, entry] : xref) {
+    for (const auto& [og, kept] : xref) {
         maxId = std::max(maxId, og.getObj());
-        if (entry.getType() == 0) continue;
+        if (!kept) continue;
         QPDFObjectHandle now = live.getObject(og);
-        QPDFObjectHandle then = original.qpdf.getObject(og);
-        bool same = now.isStream() == then.isStream();
-        if (same && now.isStream()) {
-            same = now.getDict().unparseBinary() == then.getDict().unparseBinary();
-        } else if (same) {
-            same = now.unparseResolved() == then.unparseResolved();
-        }
+        QPDFObjectHandle then = original->getObject(og);
+        const bool same = now.isStream() == then.isStream() &&
+                          (now.isStream() ? sameValue(now.getDict(), then.getDict())
+                                          : sameValue(now, then));
         if (!same) written.push_back(og);
+        // The reading lets go of what it compared, so that it never holds the file's
+        // objects all at once; but object streams, which hold objects still to be read.
+        if (!then.isStream() || !then.getDict().getKey("/Type").isNameAndEquals("/ObjStm"))
+            original->replaceObject(og, QPDFObjectHandle::newNull());
     }
-    if (original.qpdf.anyWarnings() || live.anyWarnings()) fail(PD_ERR_UNSUPPORTED);
+    if (original->anyWarnings() || live.anyWarnings()) fail(PD_ERR_UNSUPPORTED);
 
     // Objects made here that the changed ones or the trailer lead to; the file's unchanged
     // objects lead to none of them.
@@ -155,7 +307,8 @@ std::string appended(Document& doc, int64_t previous, bool table) {
     std::vector<QPDFObjectHandle> todo;
     auto reach = [&](QPDFObjectHandle ref) {
         const QPDFObjGen og = ref.getObjGen();
-        if (xref.count(og) || !made.insert(og).second) return;
+        const auto known = xref.find(og);
+        if ((known != xref.end() && known->second) || !made.insert(og).second) return;
         todo.push_back(live.getObject(og));
     };
     for (const auto& og : written) forEachReference(live.getObject(og), reach);
@@ -166,14 +319,20 @@ std::string appended(Document& doc, int64_t previous, bool table) {
         todo.pop_back();
         forEachReference(obj, reach);
     }
-    if (written.empty() && made.empty()) return doc.fileBytes;
+    if (written.empty() && made.empty()) return {};
     written.insert(written.end(), made.begin(), made.end());
     std::sort(written.begin(), written.end());
     for (const auto& og : made) maxId = std::max(maxId, og.getObj());
 
-    const int64_t base = int64_t(doc.fileBytes.size());
+    // Names are compared as they read and escaped as they are written.
+    std::vector<QPDFObjectHandle> objects;
+    for (const auto& og : written) objects.push_back(live.getObject(og));
+    const NamesEscapedForWriting names(doc, objects);
+
+    const int64_t base = int64_t(doc.fileBytes.size() + appended.size());
     std::string out;
-    const char last = doc.fileBytes.empty() ? '\n' : doc.fileBytes.back();
+    const char last = !appended.empty() ? appended.back()
+                      : doc.fileBytes.empty() ? '\n' : doc.fileBytes.back();
     if (last != '\n' && last != '\r') out += '\n';
     std::vector<std::pair<QPDFObjGen, int64_t>> offsets;
     for (const auto& og : written) {
@@ -190,8 +349,7 @@ std::string appended(Document& doc, int64_t previous, bool table) {
         if (!trailer.getKey(key).isNull()) next.replaceKey(key, trailer.getKey(key));
     QPDFObjectHandle id = trailer.getKey("/ID");
     const bool hasId = id.isArray() && id.getArrayNItems() == 2 && id.getArrayItem(0).isString();
-    const std::string first = hasId ? id.getArrayItem(0).unparseBinary()
-                                    : hexString(fnv1a(doc.fileBytes, 0xcbf29ce484222325ull), 0);
+    const std::string first = hasId ? id.getArrayItem(0).unparseBinary() : fileWord(doc.fileBytes);
     const std::string second = hexString(fnv1a(out, 0xcbf29ce484222325ull),
                                          fnv1a(out, 0x84222325cbf29ce4ull));
     next.replaceKey("/ID", QPDFObjectHandle::parse("[" + first + " " + second + "]"));
@@ -208,9 +366,10 @@ std::string appended(Document& doc, int64_t previous, bool table) {
             runs.emplace_back(og.getObj(), 1);
         }
     }
-    QPDFObjectHandle fileSize = trailer.getKey("/Size");
-    const int size = std::max(fileSize.isInteger() ? fileSize.getIntValueAsInt() : 0,
-                              table ? maxId + 1 : maxId + 2);
+    int size = table ? maxId + 1 : maxId + 2;
+    for (QPDFObjectHandle t : {trailer, original->getTrailer()})
+        if (t.getKey("/Size").isInteger())
+            size = std::max(size, t.getKey("/Size").getIntValueAsInt());
     next.replaceKey("/Size", QPDFObjectHandle::newInteger(size));
     char line[64];
     if (table) {
@@ -250,19 +409,16 @@ std::string appended(Document& doc, int64_t previous, bool table) {
     out += "startxref\n" + std::to_string(sectionAt) + "\n%%EOF\n";
 
     // qpdf reads back what changed, from the new section on.
-    std::string whole = doc.fileBytes + out;
-    QPDF check;
-    check.setSuppressWarnings(true);
-    check.processMemoryFile("update", whole.data(), whole.size());
-    if (!check.getRoot().isDictionary()) fail(PD_ERR_INTERNAL);
+    const auto check = readJoined("update", {doc.fileBytes, appended, out});
+    if (!check->getRoot().isDictionary()) fail(PD_ERR_INTERNAL);
     for (const auto& og : written) {
-        QPDFObjectHandle back = check.getObject(og);
+        QPDFObjectHandle back = check->getObject(og);
         if (back.isNull() != live.getObject(og).isNull() ||
             back.isStream() != live.getObject(og).isStream())
             fail(PD_ERR_INTERNAL);
     }
-    if (check.anyWarnings()) fail(PD_ERR_INTERNAL);
-    return whole;
+    if (check->anyWarnings()) fail(PD_ERR_INTERNAL);
+    return {std::move(out), sectionAt};
 }
 
 }  // namespace
@@ -275,16 +431,17 @@ bool canAppend(Document& doc) {
     return isTableAt(doc.fileBytes, previous) || (*at >= '0' && *at <= '9');
 }
 
-std::optional<std::string> appendedFile(Document& doc) {
+std::optional<Update> updateAfter(Document& doc, std::string_view appended,
+                                  int64_t lastSection) {
     if (!canAppend(doc)) return std::nullopt;
     flushAnnotLists(doc);
     flushAppearances(doc);
     writeEmbeddedFaces(doc);
     const UnusedFieldsDetached unused(doc);
-    const NamesEscapedForWriting names(doc);
     const int64_t previous = lastStartXref(doc.fileBytes);
     try {
-        return appended(doc, previous, isTableAt(doc.fileBytes, previous));
+        return update(doc, appended, appended.empty() ? previous : lastSection,
+                      isTableAt(doc.fileBytes, previous));
     } catch (const Failure&) {
         return std::nullopt;
     } catch (const std::bad_alloc&) {

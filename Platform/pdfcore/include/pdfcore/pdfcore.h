@@ -263,13 +263,21 @@ PDFCORE_API PDResult PDDocSave(PDDoc doc, const char* path);
  * PD_ERR_BAD_ARGUMENT. With PD_SAVE_INCREMENTAL the target receives the bytes the document
  * was opened from, unchanged, followed by an incremental update: the objects this session
  * changed or made, and a cross-reference section whose /Prev leads to the file's own. The
- * signatures of the file stay valid over the bytes they signed, and a save costs what
- * changed, not the size of the file (but for the copy of its bytes). Unchanged, the file is
- * written as it was read. The target is still replaced whole, as PDDocSave replaces it, and
- * may be another file than the one opened. A document that cannot take an update
- * (PDDocCanSaveIncrementally), or one in which qpdf finds something to repair while the
- * update is made, or whose update qpdf does not read back as it was meant, is written whole,
- * as without the flag. */
+ * signatures of the file stay valid over the bytes they signed. Unchanged, the file is
+ * written as it was read.
+ * - When the target is the file the document was opened from (PDDocOpen), as it was read
+ *   or as this document's last such save left it (the same file, size, time of its last
+ *   change and last 4 KiB), and this process may write it, the update is appended to it in
+ *   place: the save costs what changed since that last save, not the size of the file. A
+ *   failed write cuts the file back to its size, so that it is as it was; a process killed
+ *   or a machine that stops while the update is written leaves the file with part of an
+ *   update after its bytes (docs: reliability). Hard links stay; the file keeps its
+ *   permissions, owner and identity.
+ * - Any other target (another file, or the file changed by someone else since) is replaced
+ *   whole with the bytes read and the update, as PDDocSave replaces it.
+ * A document that cannot take an update (PDDocCanSaveIncrementally), or one in which qpdf
+ * finds something to repair while the update is made, or whose update qpdf does not read
+ * back as it was meant, is written whole, as without the flag. */
 PDFCORE_API PDResult PDDocSaveEx(PDDoc doc, const char* path, uint32_t flags);
 /* Whether PD_SAVE_INCREMENTAL can append to the document: false for one made with
  * PDDocCreate, one that is encrypted (its appended objects would need the file's key) and
@@ -397,15 +405,20 @@ typedef struct PDStagedFileRec* PDStagedFile;
  * size > 0 or unknown flags: PD_ERR_BAD_ARGUMENT. */
 PDFCORE_API PDResult PDFileStage(const char* path, const void* data, size_t size,
                                  uint32_t flags, PDStagedFile* outFile);
-/* Renames the staged file over its target and flushes the folder. On failure (the target
- * or its folder changed since: PD_ERR_ACCESS, PD_ERR_IO) the target is as it was and the
- * staged file is removed. Either way file is freed. NULL: PD_ERR_MISSING_OBJECT. */
+/* Renames the staged file over its target and flushes the folder (or appends a staged
+ * update, PDDocStage). On failure (the target or its folder changed since: PD_ERR_ACCESS,
+ * PD_ERR_IO; an append that does not fit: PD_ERR_DISK_FULL, PD_ERR_FILE_LIMIT) the target
+ * is as it was and the staged file is removed. Either way file is freed. NULL:
+ * PD_ERR_MISSING_OBJECT. */
 PDFCORE_API PDResult PDStagedFileCommit(PDStagedFile file);
 /* Removes the staged file without touching its target, and frees file. NULL: nothing. */
 PDFCORE_API void PDStagedFileDiscard(PDStagedFile file);
 /* Writes the document into a new file beside path as PDDocSaveEx writes it (flags
  * PD_SAVE_FORCE and PD_SAVE_INCREMENTAL), to be committed or discarded as PDFileStage's:
- * the file goes to the disk as qpdf writes it, never whole in memory. On failure *outFile
+ * the file goes to the disk as qpdf writes it, never whole in memory. An update that
+ * PDDocSaveEx would append in place is made and held instead, and appended at the commit,
+ * which checks again that the file is as the document knew it (PD_ERR_IO when not, and
+ * nothing is written); discarding it writes nothing. On failure *outFile
  * is NULL and nothing is left behind. NULL outFile or unknown flags: PD_ERR_BAD_ARGUMENT;
  * path and the document as for PDDocSaveEx. The calling thread owns the document. */
 PDFCORE_API PDResult PDDocStage(PDDoc doc, const char* path, uint32_t flags,
