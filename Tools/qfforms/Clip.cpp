@@ -237,7 +237,7 @@ int pasteCommand(const std::vector<std::string>& args) {
             return PDFieldGetFullName(f, b, n, l);
         });
         std::cout << "pasted the field \"" << name.value_or("") << "\"\nwrote "
-                  << fs::absolute(fs::u8path(o.out)).lexically_normal().string() << "\n";
+                  << utf8(fs::absolute(fs::u8path(o.out)).lexically_normal()) << "\n";
         return 0;
     } catch (const std::exception& e) {
         return fail(o.in, e.what());

@@ -234,7 +234,7 @@ int detectCommand(const std::vector<std::string>& args) {
     std::error_code ec;
     (o.json ? std::cerr : std::cout)
         << (total == 0 ? "no fields found; " : "") << "wrote "
-        << fs::absolute(fs::u8path(o.out), ec).lexically_normal().string() << "\n";
+        << utf8(fs::absolute(fs::u8path(o.out), ec).lexically_normal()) << "\n";
     return 0;
 }
 

@@ -3,9 +3,6 @@
 #include "Pd.h"
 #include "Records.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -87,23 +84,6 @@ std::string passwordProblem(bool given) {
     return given ? "the password is wrong"
                  : "the file is encrypted and needs a password; give it with --password or "
                    "--password-file";
-}
-
-std::optional<std::string> inputProblem(const std::string& path, uint64_t limit) {
-    struct stat st {};
-    if (::stat(path.c_str(), &st) != 0) {
-        if (errno == ENOENT) return "does not exist";
-        if (errno == ENOTDIR) return "does not exist (a part of its path is no folder)";
-        if (errno == EACCES) return "cannot be read: a folder on the way may not be entered";
-        return std::string("cannot be read: ") + std::strerror(errno);
-    }
-    if (S_ISDIR(st.st_mode)) return "is a folder, not a file";
-    if (!S_ISREG(st.st_mode)) return "is not a regular file (a device, a pipe or a socket)";
-    if (::access(path.c_str(), R_OK) != 0) return "cannot be read: permission denied";
-    if (static_cast<uint64_t>(st.st_size) > limit)
-        return "is " + std::to_string(st.st_size >> 20) + " MiB, more than the " +
-               std::to_string(limit >> 20) + " MiB the program reads";
-    return std::nullopt;
 }
 
 namespace {
@@ -217,7 +197,7 @@ namespace {
 std::string listed(const std::vector<Output>& outputs, size_t from, size_t to) {
     std::string text;
     for (size_t i = from; i < to; ++i)
-        text += (text.empty() ? "" : ", ") + outputs[i].path.string();
+        text += (text.empty() ? "" : ", ") + utf8(outputs[i].path);
     return text.empty() ? "none" : text;
 }
 
@@ -227,7 +207,7 @@ std::optional<std::string> stageDocument(PDDoc doc, const fs::path& path, bool i
                                          bool force, Output& out) {
     auto staged = std::make_shared<StagedDocument>();
     const uint32_t flags = (force ? PD_SAVE_FORCE : 0) | (incremental ? PD_SAVE_INCREMENTAL : 0);
-    if (const PDResult r = PDDocStage(doc, path.string().c_str(), flags, &staged->file))
+    if (const PDResult r = PDDocStage(doc, utf8(path).c_str(), flags, &staged->file))
         return writeProblem(r, "--force");
     out = {path, {}, std::move(staged)};
     return std::nullopt;
@@ -240,11 +220,11 @@ Written writeOutputs(const std::vector<Output>& outputs, bool force) {
         PDStagedFile file = nullptr;
         const PDResult r =
             o.staged ? (file = std::exchange(o.staged->file, nullptr)) ? PD_OK : PD_ERR_IO
-                     : PDFileStage(o.path.string().c_str(), o.bytes.data(), o.bytes.size(),
+                     : PDFileStage(utf8(o.path).c_str(), o.bytes.data(), o.bytes.size(),
                                    force ? PD_SAVE_FORCE : 0, &file);
         if (r != PD_OK) {
             for (PDStagedFile f : staged) PDStagedFileDiscard(f);
-            result.problems.push_back(o.path.string() + ": " + writeProblem(r, "--force"));
+            result.problems.push_back(utf8(o.path) + ": " + writeProblem(r, "--force"));
             if (outputs.size() > 1) result.problems.push_back("no file was written");
             return result;
         }
@@ -258,7 +238,7 @@ Written writeOutputs(const std::vector<Output>& outputs, bool force) {
         }
         for (size_t j = i + 1; j < staged.size(); ++j) PDStagedFileDiscard(staged[j]);
         result.problems.push_back(
-            outputs[i].path.string() + ": " +
+            utf8(outputs[i].path) + ": " +
             (r == PD_ERR_IO ? "the new file could not be renamed over it (did its folder change "
                               "meanwhile?); it is as it was"
                             : writeProblem(r, "")));

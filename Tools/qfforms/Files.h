@@ -3,6 +3,7 @@
 #pragma once
 
 #include "qfhost/Host.h"
+#include "System.h"
 #include "pdfcore/pdfcore.h"
 
 #include <cstdint>
@@ -20,6 +21,13 @@ namespace qfforms {
 // Reads args: each valued option as "--name VALUE" or "--name=VALUE" (an empty value is a
 // usage problem), each flag (-h and --help count as "--help" when listed), and the rest
 // as positional arguments in order. Returns the usage problem, or nothing.
+// A path as the UTF-8 text that pdfcore, the host and messages take (path.string() is
+// the system's narrow encoding: an ANSI code page on Windows, which loses other scripts).
+inline std::string utf8(const std::filesystem::path& path) {
+    const std::u8string text = path.u8string();
+    return std::string(text.begin(), text.end());
+}
+
 std::optional<std::string>
 parseArguments(const std::vector<std::string>& args,
                std::initializer_list<std::pair<const char*, std::string*>> valued,
@@ -41,12 +49,6 @@ std::optional<std::string> passwordUsage(const std::string& option, const std::s
 // after the file's name: the file cannot be read.
 std::optional<std::string> readPassword(const std::string& option, const std::string& file,
                                         Password& out);
-
-// The problem of path as a file to read (a PDF, a script, a settings or password file), to
-// follow "the file" (or what the file is) after its name: it does not exist, is a folder or
-// no regular file (a device such as /dev/zero, a pipe), cannot be read, or is bigger than
-// limit bytes. Nothing when it can be read.
-std::optional<std::string> inputProblem(const std::string& path, uint64_t limit);
 
 // The problem of an open document for the program, as the line to show after its name: more
 // pages or widgets than it takes (kMaxPages, kMaxWidgets), or a page whose size it cannot

@@ -168,7 +168,7 @@ int renderCommand(const std::vector<std::string>& args) {
     for (const std::string& problem : written.problems) std::cerr << "qfforms: " << problem << "\n";
     if (!written.problems.empty()) return 1;
     std::error_code ec;
-    std::cout << "wrote " << fs::absolute(out, ec).lexically_normal().string() << "\n";
+    std::cout << "wrote " << utf8(fs::absolute(out, ec).lexically_normal()) << "\n";
     return 0;
 }
 

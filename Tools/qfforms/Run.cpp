@@ -368,7 +368,7 @@ int runCommand(const std::vector<std::string>& args) {
     }
     const Written written = writeOutputs(runner.outputs(), options.force);
     for (const fs::path& path : written.replaced)
-        std::cout << "wrote " << fs::absolute(path, ec).lexically_normal().string() << "\n";
+        std::cout << "wrote " << utf8(fs::absolute(path, ec).lexically_normal()) << "\n";
     for (const std::string& problem : written.problems)
         std::cerr << "qfforms: " << problem << "\n";
     if (failures != 0) std::cerr << "qfforms: " << failures << " of " << steps.size() << " steps failed\n";

@@ -172,7 +172,7 @@ class Runner {
 
     // Opens path (as given on the command line) in a new view.
     void openFile(const fs::path& path) {
-        host_.openView(openDocument(host_, path.string(), password_, Use::Edit));
+        host_.openView(openDocument(host_, utf8(path), password_, Use::Edit));
     }
 
     // Adds an output; a later output to the same file replaces the earlier one.
@@ -270,9 +270,9 @@ class Runner {
     void open(const Json& a) {
         const fs::path path = resolve(text(a, "open: the file"));
         try {
-            host_.openView(openDocument(host_, path.string(), password_, Use::Edit));
+            host_.openView(openDocument(host_, utf8(path), password_, Use::Edit));
         } catch (const OpenRefused& e) {
-            fail("open: " + path.string() + ": " + e.what());
+            fail("open: " + utf8(path) + ": " + e.what());
         }
     }
 

@@ -18,6 +18,7 @@
 #include "Pd.h"
 #include "Render.h"
 #include "Run.h"
+#include "System.h"
 #include "editor/Edit.h"
 
 #include <csignal>
@@ -144,14 +145,15 @@ int main(int argc, char** argv) {
     // Keeping 1 MiB spare at the top of the heap reuses the same pages.
     mallopt(M_TOP_PAD, 1 << 20);
 #endif
-    if (argc < 2) return usageError("");
-    const std::string_view command = argv[1];
+    const std::vector<std::string> args = qfforms::commandArguments(argc, argv);
+    if (args.empty()) return usageError("");
+    const std::string_view command = args[0];
     if (command == "-h" || command == "--help" || command == "help") {
         std::cout << kUsage;
         return 0;
     }
-    if (command == "run") return qfforms::runCommand(std::vector<std::string>(argv + 2, argv + argc));
-    const std::vector<std::string> rest(argv + 2, argv + argc);
+    const std::vector<std::string> rest(args.begin() + 1, args.end());
+    if (command == "run") return qfforms::runCommand(rest);
     if (command == "render") return qfforms::renderCommand(rest);
     if (command == "copy") return qfforms::copyCommand(rest);
     if (command == "paste") return qfforms::pasteCommand(rest);

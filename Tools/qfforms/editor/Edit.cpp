@@ -1104,7 +1104,7 @@ class Editor {
             if (target != path_ && fs::exists(fs::symlink_status(target, ec)) &&
                 !body.value("replace", false))
                 return jsonAnswer(409, {{"error", sentence(lang_, Sentence::Exists,
-                                                           {target.filename().string()})},
+                                                           {utf8(target.filename())})},
                                         {"exists", true}});
         } else if (sample_) {
             return jsonAnswer(403, {{"error", sentence(lang_, Sentence::SampleNotSaved)}});
@@ -1121,10 +1121,10 @@ class Editor {
                                         {"signed", true}});
             signaturesBroken_ = true;
         }
-        const PDResult saved = PDDocSaveEx(doc.pdDoc(), target.string().c_str(),
+        const PDResult saved = PDDocSaveEx(doc.pdDoc(), utf8(target).c_str(),
                                            incremental ? PD_SAVE_INCREMENTAL : 0);
         if (saved != PD_OK) {
-            const std::string file = target.string();
+            const std::string file = utf8(target);
             switch (saved) {
             case PD_ERR_READ_ONLY: throw Refusal(sentence(lang_, Sentence::ReadOnly, {file}));
             case PD_ERR_NOT_A_FILE: throw Refusal(sentence(lang_, Sentence::NotRegular, {file}));
@@ -1140,7 +1140,7 @@ class Editor {
         dirty_ = false;
         path_ = target;
         sample_ = false;
-        return answer({{"saved", target.string()}});
+        return answer({{"saved", utf8(target)}});
     }
 
     fs::path folder() const {
@@ -1192,7 +1192,7 @@ class Editor {
             // for every password, the lock left as it was.
             if (e.reason() == OpenRefused::Reason::Unusable) {
                 Json answer;
-                answer["error"] = path_.filename().string() + ": " + e.what();
+                answer["error"] = utf8(path_.filename()) + ": " + e.what();
                 answer["wrong"] = false;
                 answer["state"] = state();
                 return jsonAnswer(422, answer);
@@ -1328,10 +1328,10 @@ class Editor {
 
     Json state() {
         Json s;
-        const std::string name = sample_ ? "sample.pdf" : path_.filename().string();
+        const std::string name = sample_ ? "sample.pdf" : utf8(path_.filename());
         if (lock_ != Lock::None) {
             s["document"] = {{"name", name},
-                             {"folder", folder().string()},
+                             {"folder", utf8(folder())},
                              {"modified", false},
                              {"encrypted", true}};
             s["locked"] = lock_ == Lock::Password ? "password" : "owner";
@@ -1345,7 +1345,7 @@ class Editor {
         // count too: anything done or undone since the last save.
         const uint64_t annotations = annotationsRevision(doc);
         s["document"] = {{"name", name},
-                         {"folder", folder().string()},
+                         {"folder", utf8(folder())},
                          {"modified", doc.modified() || dirty_},
                          {"encrypted", doc.encrypted()}};
         s["locked"] = nullptr;
@@ -1481,17 +1481,17 @@ int editCommand(const std::vector<std::string>& args) {
     const bool sample = o.in.empty();
     const fs::path document = fs::absolute(fs::u8path(sample ? QF_SAMPLE_PDF : o.in));
     std::error_code ec;
-    if (auto problem = inputProblem(document.string(), kMaxFileBytes)) {
-        std::cerr << "qfforms: " << document.string() << ": the file " << *problem << "\n";
+    if (auto problem = inputProblem(utf8(document), kMaxFileBytes)) {
+        std::cerr << "qfforms: " << utf8(document) << ": the file " << *problem << "\n";
         return 1;
     }
     const fs::path web = o.web.empty() ? fs::path(QF_WEB_DIR) : fs::u8path(o.web);
     if (!fs::is_regular_file(web / "index.html", ec)) {
-        std::cerr << "qfforms: " << web.string() << ": the editor's page is not there\n";
+        std::cerr << "qfforms: " << utf8(web) << ": the editor's page is not there\n";
         return 1;
     }
     if (!fs::is_directory(web / "node_modules" / "pdfjs-dist", ec))
-        std::cerr << "qfforms: warning: " << (web / "node_modules").string()
+        std::cerr << "qfforms: warning: " << utf8(web / "node_modules")
                   << " has no pdfjs-dist (run npm ci there): pages will not be drawn\n";
 
     // The host first, so that the loader (and the module's objects) go before it.
@@ -1514,13 +1514,13 @@ int editCommand(const std::vector<std::string>& args) {
         session.openFile(document);
     } catch (const OpenRefused& e) {
         if (password.given || e.reason() == OpenRefused::Reason::Unusable) {
-            std::cerr << "qfforms: " << document.string() << ": " << e.what() << "\n";
+            std::cerr << "qfforms: " << utf8(document) << ": " << e.what() << "\n";
             return 1;
         }
         lock = e.reason() == OpenRefused::Reason::Password ? Editor::Lock::Password
                                                            : Editor::Lock::Owner;
     } catch (const std::exception& e) {
-        std::cerr << "qfforms: " << document.string() << ": " << e.what() << "\n";
+        std::cerr << "qfforms: " << utf8(document) << ": " << e.what() << "\n";
         return 1;
     }
     session.setPassword({});
@@ -1542,7 +1542,7 @@ int editCommand(const std::vector<std::string>& args) {
     // SIGINT and SIGTERM come to the network thread, which closes the queue: the main
     // thread ends the job it is running, the jobs still waiting answer 503.
     server->start([&queue] { queue.close(); });
-    std::cout << "qfforms edit: " << document.filename().string() << " at http://127.0.0.1:"
+    std::cout << "qfforms edit: " << utf8(document.filename()) << " at http://127.0.0.1:"
               << server->port() << "/?token=" << secret << "\n";
     if (lock != Editor::Lock::None)
         std::cout << (lock == Editor::Lock::Password
