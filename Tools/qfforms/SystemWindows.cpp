@@ -3,25 +3,15 @@
 
 #include <windows.h>
 
+#include <io.h>
 #include <shellapi.h>
 #include <sys/stat.h>
-#include <io.h>
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 
 namespace qfforms {
-namespace {
-
-std::wstring wide(const std::string& utf8) {
-    if (utf8.empty()) return {};
-    const int n = MultiByteToWideChar(CP_UTF8, 0, utf8.data(), int(utf8.size()), nullptr, 0);
-    std::wstring out(size_t(n > 0 ? n : 0), L'\0');
-    if (n > 0) MultiByteToWideChar(CP_UTF8, 0, utf8.data(), int(utf8.size()), out.data(), n);
-    return out;
-}
-
-} // namespace
 
 std::vector<std::string> commandArguments(int argc, char** argv) {
     int count = 0;
@@ -43,7 +33,7 @@ std::vector<std::string> commandArguments(int argc, char** argv) {
 }
 
 std::optional<std::string> inputProblem(const std::string& path, uint64_t limit) {
-    const std::wstring name = wide(path);
+    const std::wstring name = std::filesystem::u8path(path).wstring();
     struct _stat64 st {};
     if (_wstat64(name.c_str(), &st) != 0) {
         if (errno == ENOENT) return "does not exist";
