@@ -42,7 +42,9 @@ struct FileIdentity {
     uint64_t file = 0;   // st_ino; the file's index on its volume
     int64_t size = -1;   // bytes; -1: not a regular file, never equal to another
     int64_t written = 0; // last change of the data, in the system's unit (ns; 100 ns)
-    bool operator==(const FileIdentity&) const = default;
+    bool operator==(const FileIdentity& o) const {
+        return volume == o.volume && file == o.file && size == o.size && written == o.written;
+    }
 };
 
 // Reads the whole file at path into out, with what the file was as it was read (size -1
