@@ -171,32 +171,16 @@ class FilePipeline final : public Pipeline {
     PDResult result_ = PD_OK;
 };
 
-// Stages an update to append to the file the document was read from, when target is that
-// file as the document's last save left it; false when it is not.
-bool stageInPlace(Document& d, const SaveTarget& target, PDStagedFileRec& file) {
-    FileIdentity now;
+// Whether target is the file the document was read from, as the document's last save left
+// it; then what that file is now, and what saves appended to it in place.
+bool appendsInPlace(Document& d, const SaveTarget& target, FileIdentity& now,
+                    std::string& appended, int64_t& lastSection) {
     if (!d.onDisk || !target.exists || !target.writable || !identifyFile(target.path, now))
         return false;
-    std::string appended;
-    int64_t lastSection = -1;
-    {
-        std::lock_guard<std::mutex> hold(d.onDisk->lock);
-        if (!(now == d.onDisk->identity)) return false;
-        appended = d.onDisk->appended;
-        lastSection = d.onDisk->lastSection;
-    }
-    auto update = updateAfter(d, appended, lastSection);
-    if (!update) return false;
-    // The file's last 4 KiB, which its changes would be unlikely to leave as they were.
-    const size_t fromAppended = std::min<size_t>(4096, appended.size());
-    const size_t fromRead = std::min(d.fileBytes.size(), 4096 - fromAppended);
-    file.tail = d.fileBytes.substr(d.fileBytes.size() - fromRead) +
-                appended.substr(appended.size() - fromAppended);
-    file.target = target;
-    file.onDisk = d.onDisk;
-    file.expected = now;
-    file.update = std::move(update->bytes);
-    file.section = update->section;
+    std::lock_guard<std::mutex> hold(d.onDisk->lock);
+    if (!(now == d.onDisk->identity)) return false;
+    appended = d.onDisk->appended;
+    lastSection = d.onDisk->lastSection;
     return true;
 }
 
@@ -207,8 +191,28 @@ void stageDocument(Document& d, const SaveTarget& target, bool incremental,
                    PDStagedFileRec& file) {
     std::optional<Update> update;
     if (incremental) {
-        if (stageInPlace(d, target, file)) return;
-        update = updateAfter(d, {}, -1);
+        // After the bytes read (and what saves appended in place, when the target is that
+        // file): an update after earlier ones that fails may still go after the bytes read.
+        FileIdentity now;
+        std::string appended;
+        int64_t lastSection = -1;
+        const bool inPlace = appendsInPlace(d, target, now, appended, lastSection);
+        update = updateAfter(d, appended, lastSection);
+        if (update && inPlace) {
+            // The file's last 4 KiB, which its changes would be unlikely to leave as they
+            // were.
+            const size_t fromAppended = std::min<size_t>(4096, appended.size());
+            const size_t fromRead = std::min(d.fileBytes.size(), 4096 - fromAppended);
+            file.tail = d.fileBytes.substr(d.fileBytes.size() - fromRead) +
+                        appended.substr(appended.size() - fromAppended);
+            file.target = target;
+            file.onDisk = d.onDisk;
+            file.expected = now;
+            file.update = std::move(update->bytes);
+            file.section = update->section;
+            return;
+        }
+        if (!update && !appended.empty()) update = updateAfter(d, {}, -1);
     }
     PDResult r = PD_OK;
     if (update) {

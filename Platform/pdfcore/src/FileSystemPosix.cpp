@@ -106,16 +106,13 @@ bool identifyFile(const std::string& path, FileIdentity& out) {
 PDResult appendToFile(const std::string& path, const FileIdentity& expected,
                       const std::string& tail, const void* data, size_t size,
                       FileIdentity& out) {
-    const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
     if (fd < 0) return fromErrno(errno);
-    // The tail is read through a second descriptor: this one only writes.
-    const int reader = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     struct stat st {};
     std::string last(tail.size(), '\0');
     const int64_t tailAt = expected.size - int64_t(tail.size());
-    const bool same = reader >= 0 && fstat(fd, &st) == 0 && identityOf(st) == expected &&
-                      readAt(reader, last.data(), last.size(), tailAt) && last == tail;
-    if (reader >= 0) close(reader);
+    const bool same = fstat(fd, &st) == 0 && identityOf(st) == expected &&
+                      readAt(fd, last.data(), last.size(), tailAt) && last == tail;
     if (!same) {
         close(fd);
         return PD_ERR_IO;

@@ -192,10 +192,10 @@ std::unique_ptr<QPDF> readJoined(const char* name, std::vector<std::string_view>
     return qpdf;
 }
 
-// Whether an object is a cross-reference stream: one of an update's sections, which no
-// other object refers to.
-bool isSectionStream(QPDFObjectHandle obj) {
-    return obj.isStream() && obj.getDict().getKey("/Type").isNameAndEquals("/XRef");
+// Whether obj is a stream of that /Type: /XRef for an update's section, which no other
+// object refers to; /ObjStm for an object stream.
+bool isStreamOf(QPDFObjectHandle obj, const char* type) {
+    return obj.isStream() && obj.getDict().getKey("/Type").isNameAndEquals(type);
 }
 
 // Whether two objects would be written the same: the same values, references to the same
@@ -281,7 +281,7 @@ Update update(Document& doc, std::string_view appended, int64_t previous, bool t
     std::map<QPDFObjGen, bool> xref;
     for (const auto& [og, entry] : original->getXRefTable())
         xref.emplace(og, entry.getType() != 0 &&
-                             (read.count(og) || !isSectionStream(original->getObject(og))));
+                             (read.count(og) || !isStreamOf(original->getObject(og), "/XRef")));
     int maxId = 0;
     std::vector<QPDFObjGen> written;
     for (const auto& [og, kept] : xref) {
@@ -295,8 +295,7 @@ Update update(Document& doc, std::string_view appended, int64_t previous, bool t
         if (!same) written.push_back(og);
         // The reading lets go of what it compared, so that it never holds the file's
         // objects all at once; but object streams, which hold objects still to be read.
-        if (!then.isStream() || !then.getDict().getKey("/Type").isNameAndEquals("/ObjStm"))
-            original->replaceObject(og, QPDFObjectHandle::newNull());
+        if (!isStreamOf(then, "/ObjStm")) original->replaceObject(og, QPDFObjectHandle::newNull());
     }
     if (original->anyWarnings() || live.anyWarnings()) fail(PD_ERR_UNSUPPORTED);
 
