@@ -6,7 +6,6 @@
 #include <cstring>
 #include <deque>
 #include <mutex>
-#include <shared_mutex>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -19,15 +18,8 @@ namespace {
 class AtomTable {
   public:
     uint32_t intern(std::string_view utf8, uint32_t* outId) {
-        {
-            std::shared_lock lock(mutex_);
-            if (auto it = ids_.find(utf8); it != ids_.end()) {
-                *outId = it->second;
-                return KR_OK;
-            }
-        }
-        std::unique_lock lock(mutex_);
-        if (auto it = ids_.find(utf8); it != ids_.end()) { // another thread was first
+        std::lock_guard lock(mutex_);
+        if (auto it = ids_.find(utf8); it != ids_.end()) {
             *outId = it->second;
             return KR_OK;
         }
@@ -47,7 +39,7 @@ class AtomTable {
     }
 
     const char* narrowName(uint32_t id) const {
-        std::shared_lock lock(mutex_);
+        std::lock_guard lock(mutex_);
         if (id == 0 || id > entries_.size()) return nullptr;
         const Entry& e = entries_[id - 1];
         return kr::platform::acpIsUtf8() ? e.name.c_str() : e.narrow.c_str();
@@ -71,7 +63,10 @@ class AtomTable {
         return out;
     }
 
-    mutable std::shared_mutex mutex_;
+    // A plain mutex, not std::shared_mutex: MinGW builds that on winpthreads' rwlock,
+    // whose lazy set-up on first use races, so that threads starting at once could each
+    // lock a lock of their own. The lock is held for one hash lookup.
+    mutable std::mutex mutex_;
     std::deque<Entry> entries_; // the entry of id n is entries_[n - 1]
     std::unordered_map<std::string_view, uint32_t> ids_;
 };

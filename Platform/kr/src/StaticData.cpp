@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <mutex>
-#include <shared_mutex>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -14,7 +13,7 @@ class Store {
   public:
     uint32_t create(uint32_t key, uint32_t staticDataId, void* data,
                     KRStaticDataDestroyProc destroy) {
-        std::unique_lock lock(mutex_);
+        std::lock_guard lock(mutex_);
         if (!available_.load(std::memory_order_relaxed)) return KR_ERR_DESTROYED;
         if (index_.count(key)) return KR_ERR_EXISTS;
         entries_.push_back(Entry{key, staticDataId, data, destroy});
@@ -28,7 +27,7 @@ class Store {
     }
 
     uint32_t get(uint32_t key, uint32_t staticDataId, void** outData) const {
-        std::shared_lock lock(mutex_);
+        std::lock_guard lock(mutex_);
         if (!available_.load(std::memory_order_relaxed)) return KR_ERR_DESTROYED;
         const auto it = index_.find(key);
         if (it == index_.end()) return KR_ERR_NOT_FOUND;
@@ -45,7 +44,7 @@ class Store {
     void destroy() noexcept {
         std::vector<Entry> doomed;
         {
-            std::unique_lock lock(mutex_);
+            std::lock_guard lock(mutex_);
             if (!available_.load(std::memory_order_relaxed)) return;
             available_.store(false, std::memory_order_release);
             doomed.swap(entries_);
@@ -63,7 +62,7 @@ class Store {
         KRStaticDataDestroyProc destroy;
     };
 
-    mutable std::shared_mutex mutex_;
+    mutable std::mutex mutex_; // not std::shared_mutex, which MinGW builds on a racy rwlock
     std::atomic<bool> available_{true};          // written under mutex_ only
     std::vector<Entry> entries_;                 // in order of creation
     std::unordered_map<uint32_t, size_t> index_; // key -> position in entries_

@@ -15,7 +15,6 @@
 #include <string>
 #include <unordered_map>
 #include <mutex>
-#include <shared_mutex>
 #include <string_view>
 
 namespace pdfcore {
@@ -61,11 +60,7 @@ PDAtom predefinedAtom(std::string_view name) {
 class DynamicAtoms {
   public:
     PDAtom atomOf(std::string_view name) {
-        {
-            std::shared_lock lock(mutex_);
-            if (auto it = atoms_.find(name); it != atoms_.end()) return it->second;
-        }
-        std::unique_lock lock(mutex_);
+        std::lock_guard lock(mutex_);
         if (auto it = atoms_.find(name); it != atoms_.end()) return it->second;
         if (names_.size() >= kSpan / 2) fail(PD_ERR_TOO_LARGE);
         PDAtom atom = kPredefinedCount + hash(name) % kSpan;
@@ -89,7 +84,7 @@ class DynamicAtoms {
 
     // The stored name of a dynamic atom, or nullptr for a number never handed out.
     const std::string* name(PDAtom atom) const {
-        std::shared_lock lock(mutex_);
+        std::lock_guard lock(mutex_);
         const auto it = byAtom_.find(atom);
         return it != byAtom_.end() ? it->second : nullptr;
     }
@@ -105,7 +100,9 @@ class DynamicAtoms {
         return h;
     }
 
-    mutable std::shared_mutex mutex_;
+    // Not std::shared_mutex, which MinGW builds on winpthreads' rwlock: its lazy set-up
+    // on first use races. The lock is held for one hash lookup.
+    mutable std::mutex mutex_;
     std::deque<std::string> names_;
     std::unordered_map<std::string_view, PDAtom> atoms_;
     std::unordered_map<PDAtom, const std::string*> byAtom_;
