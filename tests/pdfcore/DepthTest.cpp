@@ -155,6 +155,44 @@ TEST(Depth, FieldTreesAreFollowedToTheLimitAndRefusedPastIt) {
         openAnswering(listed, PD_ERR_TOO_DEEP);
         EXPECT_LT(secondsSince(start), 10) << levels;
     }
+
+    // Damage that the walks of the form would mend past the limit: k, listed under the
+    // last of 600 fields, has no /Parent, and 600 fields whose /Parent links lead up to k
+    // (but which no /Kids list) hold the widget. Either way is within the limit, but giving
+    // k the parent it is listed under would put 1,201 fields above the widget. The form is
+    // read; what is saved opens again, with the same fields.
+    {
+        const size_t chain = 600, k = chain + 4, widget = k + chain + 1;
+        std::vector<std::string> objects{
+            "<< /Type /Catalog /Pages 2 0 R /AcroForm << /Fields [4 0 R] >> >>",
+            "<< /Type /Pages /Count 1 /Kids [3 0 R] >>",
+            "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] /Annots [" + ref(widget) +
+                "] >>"};
+        for (size_t i = 1; i <= chain; ++i)
+            objects.push_back("<< /T (a" + std::to_string(i) + ") /FT /Tx /Kids [" +
+                              ref(i + 4) + "]" + (i > 1 ? " /Parent " + ref(i + 2) : "") + " >>");
+        objects.push_back("<< /T (k) /FT /Tx >>");
+        for (size_t i = 1; i <= chain; ++i)
+            objects.push_back("<< /T (b" + std::to_string(i) + ") /FT /Tx /Parent " +
+                              ref(k + i - 1) + " >>");
+        objects.push_back("<< /Type /Annot /Subtype /Widget /Rect [10 10 110 30] /P 3 0 R "
+                          "/Parent " + ref(widget - 1) + " >>");
+        Owned doc = openBytes(makePdf(objects));
+        std::vector<std::u16string> names;
+        for (auto& f : fieldsOf(doc.get()))
+            names.push_back(fieldName(f.get()));
+        ASSERT_FALSE(names.empty());
+        void* data = nullptr;
+        size_t size = 0;
+        ASSERT_EQ(PDDocSaveMem(doc.get(), &data, &size), PD_OK);
+        const std::string written(static_cast<const char*>(data), size);
+        PDFreeBuffer(data);
+        Owned again = openAnswering(written, PD_OK);
+        std::vector<std::u16string> namesAgain;
+        for (auto& f : fieldsOf(again.get()))
+            namesAgain.push_back(fieldName(f.get()));
+        EXPECT_EQ(namesAgain, names);
+    }
 }
 
 TEST(Depth, DeepOutlinesAreKeptAsTheyAre) {

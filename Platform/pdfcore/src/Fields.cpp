@@ -88,39 +88,79 @@ std::u16string qualified(const std::u16string& parent, QPDFObjectHandle node) {
     return parent.empty() ? t : parent + u'.' + t;
 }
 
+bool parentChainsWithinLimit(Document& doc);
+
+// A /Parent link given to a kid whose own is missing or broken (a field's widget, or a
+// field, listed under a parent it does not point back to). In a damaged file such a link
+// can make a chain of parents longer than a document may have when it opens, where the
+// /Kids walked down and the /Parent links followed up disagree; the links are then taken
+// back, so that what is saved opens again.
+class MendedParents {
+  public:
+    explicit MendedParents(Document& doc) : doc_(doc) {}
+    void link(QPDFObjectHandle kid, QPDFObjectHandle parent) {
+        mended_.push_back({kid, kid.hasKey("/Parent") ? kid.getKey("/Parent")
+                                                      : QPDFObjectHandle::newNull()});
+        kid.replaceKey("/Parent", parent);
+    }
+    // Keeps the links if the chains stay within the limit, else takes them all back.
+    void settle() {
+        if (mended_.empty() || parentChainsWithinLimit(doc_)) return;
+        for (auto& [kid, before] : mended_) {
+            if (before.isNull()) {
+                kid.removeKey("/Parent");
+            } else {
+                kid.replaceKey("/Parent", before);
+            }
+        }
+        mended_.clear();
+    }
+
+  private:
+    Document& doc_;
+    std::vector<std::pair<QPDFObjectHandle, QPDFObjectHandle>> mended_;  // kid, before
+};
+
 // Walks the field tree below root (whose qualified name is name, at level of the tree),
 // visiting each field node once, a node before its kids and the kids in their order. A
-// field below level kMaxDepth: PD_ERR_TOO_DEEP, before it is visited.
+// field below level kMaxDepth: PD_ERR_TOO_DEEP, before it is visited. A kid whose /Parent
+// is missing or broken gets the parent it is listed under (see MendedParents).
 template <typename Visit>
-void walkFields(QPDFObjectHandle root, std::u16string name, int level,
+void walkFields(Document& doc, QPDFObjectHandle root, std::u16string name, int level,
                 std::set<QPDFObjGen>& seen, Visit& visit) {
     struct Pending {
         QPDFObjectHandle node;
         std::u16string name;
         int level;
     };
+    MendedParents mended(doc);
     std::vector<Pending> pending;
     pending.push_back({std::move(root), std::move(name), level});
     std::vector<Pending> kids;
-    while (!pending.empty()) {
-        Pending p = std::move(pending.back());
-        pending.pop_back();
-        if (!p.node.isDictionary()) continue;
-        if (p.node.isIndirect() && !seen.insert(p.node.getObjGen()).second) continue;
-        bool terminal = isTerminal(p.node);
-        visit(p.node, p.name, terminal);
-        if (terminal) continue;
-        kids.clear();
-        for (auto& kid : p.node.getKey("/Kids").aitems()) {
-            if (!kid.isDictionary()) continue;
-            // A kid whose /Parent is missing or broken gets the parent it is listed under.
-            if (p.node.isIndirect() && fieldParent(kid).isNull()) kid.replaceKey("/Parent", p.node);
-            if (isFieldKid(kid)) kids.push_back({kid, qualified(p.name, kid), p.level + 1});
+    try {
+        while (!pending.empty()) {
+            Pending p = std::move(pending.back());
+            pending.pop_back();
+            if (!p.node.isDictionary()) continue;
+            if (p.node.isIndirect() && !seen.insert(p.node.getObjGen()).second) continue;
+            bool terminal = isTerminal(p.node);
+            visit(p.node, p.name, terminal);
+            if (terminal) continue;
+            kids.clear();
+            for (auto& kid : p.node.getKey("/Kids").aitems()) {
+                if (!kid.isDictionary()) continue;
+                if (p.node.isIndirect() && fieldParent(kid).isNull()) mended.link(kid, p.node);
+                if (isFieldKid(kid)) kids.push_back({kid, qualified(p.name, kid), p.level + 1});
+            }
+            if (!kids.empty() && p.level >= kMaxDepth) fail(PD_ERR_TOO_DEEP);
+            pending.insert(pending.end(), std::make_move_iterator(kids.rbegin()),
+                           std::make_move_iterator(kids.rend()));
         }
-        if (!kids.empty() && p.level >= kMaxDepth) fail(PD_ERR_TOO_DEEP);
-        pending.insert(pending.end(), std::make_move_iterator(kids.rbegin()),
-                       std::make_move_iterator(kids.rend()));
+    } catch (...) {
+        mended.settle();
+        throw;
     }
+    mended.settle();
 }
 
 }  // namespace
@@ -179,8 +219,15 @@ void checkFormDepth(Document& doc) {
             pending.emplace_back(kid, level + 1);
         }
     }
-    // Up /Parent from the widgets of the pages, as the search for roots that /Fields misses
-    // goes: how many fields lie above each field (itself included), each counted once.
+    if (!parentChainsWithinLimit(doc)) fail(PD_ERR_TOO_DEEP);
+}
+
+namespace {
+
+// Up /Parent from the widgets of the pages, as the search for roots that /Fields misses
+// goes: whether at most kMaxDepth fields lie above each field (itself included), each
+// counted once.
+bool parentChainsWithinLimit(Document& doc) {
     std::map<QPDFObjGen, size_t> above;
     for (QPDFObjectHandle page : doc.qpdf->getAllPages()) {
         auto annots = page.getKey("/Annots");
@@ -201,14 +248,17 @@ void checkFormDepth(Document& doc) {
                     if (!onPath.insert(og).second) break;  // a loop: followed once
                 }
                 path.push_back(og);
-                if (known + path.size() > static_cast<size_t>(kMaxDepth)) fail(PD_ERR_TOO_DEEP);
+                if (known + path.size() > static_cast<size_t>(kMaxDepth)) return false;
             }
             for (size_t i = 0; i < path.size(); ++i) {
                 if (path[i].isIndirect()) above[path[i]] = known + path.size() - i;
             }
         }
     }
+    return true;
 }
+
+}  // namespace
 
 std::vector<QPDFObjectHandle> formRoots(Document& doc, size_t* listed) {
     std::vector<QPDFObjectHandle> roots;
@@ -264,7 +314,7 @@ void walkForm(Document& doc, bool names, bool terminals) {
     auto roots = formRoots(doc, &listed);
     for (size_t i = 0; i < roots.size(); ++i) {
         if (i == listed && terminals) doc.listedTerminals = doc.terminalFields.size();
-        walkFields(roots[i], hasName(roots[i]) ? textOf(roots[i].getKey("/T")) : u"", 1, seen,
+        walkFields(doc, roots[i], hasName(roots[i]) ? textOf(roots[i].getKey("/T")) : u"", 1, seen,
                    visit);
     }
     if (listed == roots.size() && terminals) doc.listedTerminals = doc.terminalFields.size();
@@ -479,7 +529,7 @@ void eraseSubtreeNames(Document& doc, QPDFObjectHandle node, const std::u16strin
         auto it = doc.nameIndex.find(nm);
         if (it != doc.nameIndex.end() && it->second == n.getObjGen()) doc.nameIndex.erase(it);
     };
-    walkFields(node, name, 1, seen, visit);
+    walkFields(doc, node, name, 1, seen, visit);
 }
 
 // node at level of the tree.
@@ -489,7 +539,7 @@ void addSubtreeNames(Document& doc, QPDFObjectHandle node, const std::u16string&
     auto visit = [&](QPDFObjectHandle n, const std::u16string& nm, bool) {
         if (n.isIndirect() && !nm.empty()) doc.nameIndex[nm] = n.getObjGen();
     };
-    walkFields(node, name, level, seen, visit);
+    walkFields(doc, node, name, level, seen, visit);
 }
 
 QPDFObjectHandle valueObject(QPDFObjectHandle field, const std::u16string& text) {
@@ -751,7 +801,7 @@ PDResult PDDocRenameField(PDDoc doc, PDField field, const char16_t* name, uint32
             // deeper than a tree may is refused before anything changes.
             std::set<QPDFObjGen> seen;
             auto none = [](QPDFObjectHandle, const std::u16string&, bool) {};
-            walkFields(f.obj, n, level, seen, none);
+            walkFields(d, f.obj, n, level, seen, none);
         }
         eraseSubtreeNames(d, f.obj, oldName);
         if (!sameParent) {
@@ -991,7 +1041,9 @@ PDResult PDFieldGetWidget(PDField field, uint32_t index, PDAnnot* outWidget) {
         auto w = widgets[index];
         if (!w.isIndirect()) fail(PD_ERR_DAMAGED);
         if (w.getObjGen() != f.obj.getObjGen() && fieldParent(w).isNull()) {
-            w.replaceKey("/Parent", f.obj);  // a kid that lost its /Parent link
+            MendedParents mended(*f.doc);
+            mended.link(w, f.obj);
+            mended.settle();
         }
         *outWidget = handleFor(*f.doc, w, Kind::Annot);
     });
