@@ -14,6 +14,7 @@
 #include <qpdf/QPDFExc.hh>
 #include <qpdf/QPDFObjectHandle.hh>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -158,6 +159,37 @@ struct FileOnDisk {
     int64_t lastSection = -1; // where the last of their cross-reference sections starts
 };
 
+// The offsets in a document's file at which qpdf began to read, through the input it
+// reads the file by: among them the offset of every object it has read (qpdf reads an
+// object, or the object stream holding it, from the offset its cross-reference entry
+// gives), with others where it read something else. An object whose offset is not among
+// them was never read, so it is still as the file has it. Used by one thread at a time.
+class ReadStarts {
+  public:
+    void add(qpdf_offset_t at) {
+        starts_.push_back(at);
+        if (starts_.size() >= limit_) {
+            settle();
+            limit_ = std::max<size_t>(kFirstLimit, 2 * starts_.size());
+        }
+    }
+    bool contains(qpdf_offset_t at) {
+        if (sorted_ != starts_.size()) settle();
+        return std::binary_search(starts_.begin(), starts_.end(), at);
+    }
+
+  private:
+    static constexpr size_t kFirstLimit = 4096;
+    void settle() {
+        std::sort(starts_.begin(), starts_.end());
+        starts_.erase(std::unique(starts_.begin(), starts_.end()), starts_.end());
+        sorted_ = starts_.size();
+    }
+    std::vector<qpdf_offset_t> starts_;
+    size_t sorted_ = 0;  // starts_ is sorted and without repeats up to here
+    size_t limit_ = kFirstLimit;
+};
+
 // One open document. Lives as long as its own handle or any handle of one of its
 // objects holds a reference: every object handle adds one reference to the document
 // handle and drops it when freed.
@@ -166,6 +198,7 @@ struct Document {
     std::unique_ptr<QPDF> qpdf;
     std::string fileBytes;  // the opened file, read whole, so the source may be overwritten
     std::shared_ptr<FileOnDisk> onDisk;  // of a document read from a regular file
+    std::shared_ptr<ReadStarts> reads;   // where qpdf read in fileBytes
 
     // Handle registry: (object, role) -> live handle. Guarded by registryMutex, as
     // handles may be released from any thread.

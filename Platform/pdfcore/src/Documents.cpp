@@ -4,6 +4,7 @@
 #include "Save.h"
 #include "SaveIncremental.h"
 
+#include <qpdf/BufferInputSource.hh>
 #include <qpdf/QPDFPageDocumentHelper.hh>
 #include <qpdf/QPDFWriter.hh>
 #include <qpdf/QUtil.hh>
@@ -62,6 +63,23 @@ void checkPageTreeDepth(QPDF& qpdf) {
     }
 }
 
+// The document's bytes, as qpdf reads them, noting where each read starts.
+class RecordingInput : public BufferInputSource {
+  public:
+    RecordingInput(const char* description, std::string& bytes, std::shared_ptr<ReadStarts> reads)
+        : BufferInputSource(description,
+                            new Buffer(reinterpret_cast<unsigned char*>(bytes.data()), bytes.size()),
+                            true),  // (the Buffer object, not the bytes)
+          reads_(std::move(reads)) {}
+    void seek(qpdf_offset_t offset, int whence) override {
+        if (whence == SEEK_SET) reads_->add(offset);
+        BufferInputSource::seek(offset, whence);
+    }
+
+  private:
+    std::shared_ptr<ReadStarts> reads_;
+};
+
 // identity: of the file the bytes were read from, or none (size -1).
 PDResult openFrom(std::string bytes, const char* description, const FileIdentity& identity,
                   const char16_t* password, uint32_t passwordLen, PDDoc* outDoc) {
@@ -80,9 +98,11 @@ PDResult openFrom(std::string bytes, const char* description, const FileIdentity
         for (size_t i = 0; i < candidates.size(); ++i) {
             doc->qpdf = std::make_unique<QPDF>();
             doc->qpdf->setSuppressWarnings(true);
+            doc->reads = std::make_shared<ReadStarts>();
             try {
-                doc->qpdf->processMemoryFile(description, doc->fileBytes.data(),
-                                             doc->fileBytes.size(), candidates[i].c_str());
+                doc->qpdf->processInputSource(
+                    std::make_shared<RecordingInput>(description, doc->fileBytes, doc->reads),
+                    candidates[i].c_str());
                 checkPageTreeDepth(*doc->qpdf);
                 doc->qpdf->getAllPages();  // a page tree that cannot be read fails here
                 // Until a collection counts them, the file's objects stand for what is in

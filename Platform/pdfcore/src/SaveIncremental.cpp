@@ -282,11 +282,26 @@ Update update(Document& doc, std::string_view appended, int64_t previous, bool t
     for (const auto& [og, entry] : original->getXRefTable())
         xref.emplace(og, entry.getType() != 0 &&
                              (read.count(og) || !isStreamOf(original->getObject(og), "/XRef")));
+    // An object of the file that qpdf never read here is as the file has it.
+    auto neverRead = [&](QPDFObjGen og) {
+        if (!doc.reads) return false;
+        const auto entry = read.find(og);
+        if (entry == read.end()) return false;
+        switch (entry->second.getType()) {
+        case 1: return !doc.reads->contains(entry->second.getOffset());
+        case 2: {
+            const auto stream = read.find(QPDFObjGen(entry->second.getObjStreamNumber(), 0));
+            return stream != read.end() && stream->second.getType() == 1 &&
+                   !doc.reads->contains(stream->second.getOffset());
+        }
+        default: return false;
+        }
+    };
     int maxId = 0;
     std::vector<QPDFObjGen> written;
     for (const auto& [og, kept] : xref) {
         maxId = std::max(maxId, og.getObj());
-        if (!kept) continue;
+        if (!kept || neverRead(og)) continue;
         QPDFObjectHandle now = live.getObject(og);
         QPDFObjectHandle then = original->getObject(og);
         const bool same = now.isStream() == then.isStream() &&
