@@ -1571,12 +1571,9 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget, Redraw what) {
     } else if (authored && !textual && what <= Redraw::kValue) {
         // A check box or radio button shows its value by its state; one without a drawing
         // of its on-state is drawn anew.
-        std::string on = onStateName(widget);
         if (!checkOrRadio || what == Redraw::kSize) return;
-        if (before.getKeyIfDict("/N").getKeyIfDict(on).isStream()) {
-            std::vector<std::u16string> values = valuesOf(inherited(field, "/V"));
-            bool isOn = !values.empty() && values[0] == toU16(on.substr(1));
-            widget.replaceKey("/AS", QPDFObjectHandle::newName(isOn ? on : "/Off"));
+        if (before.getKeyIfDict("/N").getKeyIfDict(onStateName(widget)).isStream()) {
+            showValueState(widget, field);
             return;
         }
     }
@@ -1675,9 +1672,7 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget, Redraw what) {
         };
         ap.replaceKey("/N", states(f.bg));
         ap.replaceKey("/D", states(pressed(f.bg)));
-        std::vector<std::u16string> values = valuesOf(inherited(field, "/V"));
-        bool isOn = !values.empty() && values[0] == toU16(on.substr(1));
-        widget.replaceKey("/AS", QPDFObjectHandle::newName(isOn ? on : "/Off"));
+        showValueState(widget, field);
     } else if (type == "/Btn") {
         QPDFObjectHandle mk = widget.getKeyIfDict("/MK");
         std::u16string caption = textOf(mk.getKeyIfDict("/CA"));
@@ -1731,6 +1726,14 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget, Redraw what) {
 }
 
 } // namespace
+
+std::string showValueState(QPDFObjectHandle widget, QPDFObjectHandle field) {
+    const std::string on = onStateName(widget);
+    const std::vector<std::u16string> values = valuesOf(inherited(field, "/V"));
+    const bool isOn = !values.empty() && values[0] == toU16(on.substr(1));
+    widget.replaceKey("/AS", QPDFObjectHandle::newName(isOn ? on : "/Off"));
+    return on;
+}
 
 void regenerateAppearance(Document& doc, QPDFObjectHandle widget, Redraw what) {
     if (!widget.isDictionary()) return;

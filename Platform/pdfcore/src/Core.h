@@ -501,6 +501,10 @@ void regenerateField(Document& doc, QPDFObjectHandle field, Redraw what);
 void flushAppearance(Document& doc, QPDFObjectHandle widget);
 // Draws every out-of-date appearance: before the document is written.
 void flushAppearances(Document& doc);
+// Of a check box or radio button: sets /AS as its drawing does, to its on state when the
+// field's value names that state and to /Off otherwise, and answers the on state (the one
+// its /AP holds, /Yes when none; with the slash).
+std::string showValueState(QPDFObjectHandle widget, QPDFObjectHandle field);
 
 // ---- implementation of guard --------------------------------------------------------
 

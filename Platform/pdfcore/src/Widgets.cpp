@@ -679,8 +679,12 @@ PDResult PDButtonWidgetAnnotSetChoice(PDAnnot widget, const char16_t* text, uint
         requireCheckOrRadio(h.obj);
         QPDFObjectHandle w = h.obj;
         QPDFObjectHandle field = holderOf(w);
-        flushAppearance(*h.doc, w);
-        std::string oldState = onStateOf(w);
+        // A widget still to be drawn is drawn once, after the rename: what follows reads its
+        // state and /AS as that drawing would leave them. (Taking the on state away needs
+        // the drawing, as it keeps none.)
+        const bool drawLater = !value.empty() && h.doc->staleAppearances.count(w.getObjGen());
+        if (!drawLater) flushAppearance(*h.doc, w);
+        std::string oldState = drawLater ? showValueState(w, field) : onStateOf(w);
         if (value.empty()) {
             dropOnState(w, oldState);
             return;
