@@ -98,7 +98,7 @@ PDResult openFrom(std::string bytes, const char* description, const FileIdentity
         for (size_t i = 0; i < candidates.size(); ++i) {
             doc->qpdf = std::make_unique<QPDF>();
             doc->qpdf->setSuppressWarnings(true);
-            doc->reads = std::make_shared<ReadStarts>();
+            doc->reads = std::make_shared<ReadStarts>(doc->fileBytes.size());
             try {
                 doc->qpdf->processInputSource(
                     std::make_shared<RecordingInput>(description, doc->fileBytes, doc->reads),
