@@ -1735,6 +1735,19 @@ std::string showValueState(QPDFObjectHandle widget, QPDFObjectHandle field) {
     return on;
 }
 
+std::string pendingValueState(Document& doc, QPDFObjectHandle widget) {
+    if (!widget.isIndirect()) return {};
+    auto it = doc.staleAppearances.find(widget.getObjGen());
+    if (it == doc.staleAppearances.end()) return {};
+    QPDFObjectHandle field = holderOf(widget);
+    const auto flags = static_cast<uint32_t>(intOf(inherited(field, "/Ff"), 0));
+    if (nameOf(inherited(field, "/FT")) != "/Btn" || (flags & PD_FIELD_PUSHBUTTON)) return {};
+    // Only a new size leaves an author's drawing as it is, /AS included (drawAppearance).
+    if (it->second == Redraw::kSize && showsAuthoredLook(widget)) return {};
+    showValueState(widget, field);
+    return nameOf(widget.getKey("/AS"));
+}
+
 void regenerateAppearance(Document& doc, QPDFObjectHandle widget, Redraw what) {
     if (!widget.isDictionary()) return;
     if (!widget.isIndirect()) return drawAppearance(doc, widget, what);

@@ -508,6 +508,10 @@ void flushAppearances(Document& doc);
 // field's value names that state and to /Off otherwise, and answers the on state (the one
 // its /AP holds, /Yes when none; with the slash).
 std::string showValueState(QPDFObjectHandle widget, QPDFObjectHandle field);
+// Of a widget still to be drawn whose drawing will show its field's value by /AS (a check
+// box or radio button): sets /AS now as that drawing will (showValueState) and answers it,
+// with the slash. Of any other widget: changes nothing and answers "".
+std::string pendingValueState(Document& doc, QPDFObjectHandle widget);
 
 // ---- implementation of guard --------------------------------------------------------
 

@@ -610,14 +610,17 @@ PDResult PDAnnotGetAppearanceState(PDAnnot annot, PDAtom* outState) {
 PDResult PDAnnotSetAppearanceState(PDAnnot annot, PDAtom state) {
     return guard([&] {
         auto& a = checked(annot, Kind::Annot);
-        flushAppearance(*a.doc, a.obj); // a later drawing must not undo this state
-        if (state == 0) {
+        const std::string name = state == 0 ? std::string() : "/" + atomName(state);
+        if (name == "/") fail(PD_ERR_BAD_ARGUMENT);
+        // A drawing still to come that will show this state can wait; any other would undo
+        // the state, so it is done first.
+        if (!name.empty() && pendingValueState(*a.doc, a.obj) == name) return;
+        flushAppearance(*a.doc, a.obj);
+        if (name.empty()) {
             a.obj.removeKey("/AS");
             return;
         }
-        std::string name = atomName(state);
-        if (name.empty()) fail(PD_ERR_BAD_ARGUMENT);
-        a.obj.replaceKey("/AS", QPDFObjectHandle::newName("/" + name));
+        a.obj.replaceKey("/AS", QPDFObjectHandle::newName(name));
     });
 }
 
