@@ -219,6 +219,20 @@ TEST(Fields, WidgetsGoBackWhereTheyWere) {
     ASSERT_EQ(back.size(), 3u);
     for (size_t i = 0; i < 3; ++i) EXPECT_EQ(back[i].get(), widgets[i].get()) << i;
 
+    // Also into a field of a damaged tree that holds widgets beside a field kid (grouping
+    // such a widget as a radio button and undoing it failed); a field of fields alone
+    // takes none.
+    auto broken = openDoc(corpus("qpdf-broken-button-set.pdf"));
+    auto mixed = findField(broken.get(), "r1");
+    auto own = widgetsOf(mixed.get());
+    ASSERT_EQ(own.size(), 2u);
+    ASSERT_EQ(PDFieldRemoveWidget(mixed.get(), own[0].get()), PD_OK);
+    ASSERT_EQ(PDFieldInsertWidget(mixed.get(), 0, own[0].get()), PD_OK);
+    EXPECT_EQ(widgetsOf(mixed.get()).at(0).get(), own[0].get());
+    createField(doc.get(), "outer.inner", PD_ATOM_Tx);
+    EXPECT_EQ(PDFieldAppendWidget(findField(doc.get(), "outer").get(), widgets[0].get()),
+              PD_ERR_FIELD_KIND);
+
     auto text = findField(doc.get(), "text");
     auto widget = std::move(widgetsOf(text.get()).at(0));
     ASSERT_EQ(PDFieldRemoveWidget(text.get(), widget.get()), PD_OK);

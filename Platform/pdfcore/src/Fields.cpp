@@ -523,6 +523,15 @@ PDHandleRec& checkedTyped(PDField h, const char* ft) {
     return f;
 }
 
+// A field that widgets may join: a terminal one, or one of a damaged tree that holds
+// widgets of its own beside its field kids (they are its widgets: a widget taken out of it
+// can go back).
+PDHandleRec& checkedHolder(PDField h) {
+    auto& f = checkedField(h);
+    if (!isTerminal(f.obj) && widgetsOf(f.obj).empty()) fail(PD_ERR_FIELD_KIND);
+    return f;
+}
+
 void eraseSubtreeNames(Document& doc, QPDFObjectHandle node, const std::u16string& name) {
     std::set<QPDFObjGen> seen;
     auto visit = [&](QPDFObjectHandle n, const std::u16string& nm, bool) {
@@ -1051,7 +1060,7 @@ PDResult PDFieldGetWidget(PDField field, uint32_t index, PDAnnot* outWidget) {
 
 PDResult PDFieldAppendWidget(PDField field, PDAnnot widget) {
     return guard([&] {
-        auto& f = checkedTyped(field, nullptr);
+        auto& f = checkedHolder(field);
         auto& w = checkedWidget(widget);
         sameDoc(f, w);
         if (fieldOfWidget(w.obj).isDictionary()) fail(PD_ERR_ALREADY);
@@ -1062,7 +1071,7 @@ PDResult PDFieldAppendWidget(PDField field, PDAnnot widget) {
 
 PDResult PDFieldInsertWidget(PDField field, uint32_t index, PDAnnot widget) {
     return guard([&] {
-        auto& f = checkedTyped(field, nullptr);
+        auto& f = checkedHolder(field);
         auto& w = checkedWidget(widget);
         sameDoc(f, w);
         if (fieldOfWidget(w.obj).isDictionary()) fail(PD_ERR_ALREADY);

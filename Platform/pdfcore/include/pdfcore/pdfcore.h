@@ -684,7 +684,8 @@ PDFCORE_API PDResult PDFieldGetWidget(PDField field, uint32_t index, PDAnnot* ou
 /* The position of widget among the field's widgets; PD_ERR_NOT_KID when it is not one. */
 PDFCORE_API PDResult PDFieldGetWidgetIndex(PDField field, PDAnnot widget,
                                            uint32_t* outIndex);
-/* Makes widget a widget of field (a terminal field, else PD_ERR_FIELD_KIND). The
+/* Makes widget a widget of field (a terminal field, or one of a damaged tree that holds
+ * widgets beside field kids; else PD_ERR_FIELD_KIND). The
  * widget must have no field (PD_ERR_ALREADY). A field that shares its dictionary
  * with its one widget is split first; both keep their handles. The widget's
  * appearance shows the field's value from then on. */
