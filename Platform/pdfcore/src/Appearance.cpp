@@ -1542,6 +1542,21 @@ bool sameDrawing(QPDFObjectHandle kept, std::optional<std::string>& decoded,
     return *decoded == data;
 }
 
+// The stream of a drawing that widgets share: one made before with the same entries and
+// data, else a new one that later drawings find.
+QPDFObjectHandle sharedForm(Document& doc, QPDFObjectHandle dict, const std::string& data) {
+    std::string key = dict.unparse();
+    size_t hash = std::hash<std::string>{}(key) ^ (std::hash<std::string>{}(data) * 31);
+    auto [from, to] = doc.sharedDrawings.equal_range(hash);
+    for (auto it = from; it != to; ++it) {
+        std::optional<std::string> decoded;
+        if (sameDrawing(it->second, decoded, dict, data)) return it->second;
+    }
+    QPDFObjectHandle stream = makeForm(doc, dict, data, QPDFObjectHandle::newNull());
+    doc.sharedDrawings.emplace(hash, stream);
+    return stream;
+}
+
 } // namespace
 
 namespace {
@@ -1620,6 +1635,10 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget, Redraw what) {
                     return s.getObjGen() == stream.getObjGen();
                 }))
                 shown.emplace_back(stream, std::nullopt);
+    // A drawing that shows no value of its own (a check box's states, a button, an empty
+    // text) is drawn alike for many widgets, and they share one stream; streams shared are
+    // never written over. A drawing of a value is the widget's own.
+    bool shared = true;
     auto form = [&](const std::vector<const Font*>& fonts, const std::string& content,
                     QPDFObjectHandle icon = QPDFObjectHandle::newNull()) {
         QPDFObjectHandle dict =
@@ -1629,6 +1648,7 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget, Redraw what) {
         data.append(kDrawnMark).append(content);
         for (auto& [stream, decoded] : shown)
             if (sameDrawing(stream, decoded, dict, data)) return stream;
+        if (shared) return sharedForm(doc, dict, data);
         QPDFObjectHandle reuse = QPDFObjectHandle::newNull();
         if (!spare.empty()) {
             reuse = spare.back();
@@ -1696,6 +1716,7 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget, Redraw what) {
         widget.removeKey("/AS");
     } else if (type == "/Tx") {
         std::u16string value = shownText(cx);
+        shared = value.empty();
         Font font = textFont(doc, widget, cx.da, {value});
         nameInForm(doc, widget, font, cx.da);
         Content c;
@@ -1705,6 +1726,7 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget, Redraw what) {
     } else if (type == "/Ch") {
         std::vector<Option> options = optionsOf(field);
         std::vector<std::u16string> values = valuesOf(inherited(field, "/V"));
+        shared = values.empty();
         std::vector<std::u16string> texts = values;
         for (auto& o : options)
             texts.push_back(o.display);
@@ -1722,7 +1744,8 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget, Redraw what) {
     }
     if (authored) keepVisibleStates(before, ap);
     widget.replaceKey("/AP", ap);
-    if (widget.isIndirect()) doc.drawnStreams[widget.getObjGen()] = std::move(drawn);
+    if (widget.isIndirect() && !drawn.empty())
+        doc.drawnStreams[widget.getObjGen()] = std::move(drawn);
 }
 
 } // namespace

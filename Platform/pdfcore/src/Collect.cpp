@@ -122,6 +122,7 @@ size_t collectGarbage(Document& doc) {
         eraseIf(doc.detachedInputs, [&](const auto& e) { return gone(e.first); });
         eraseIf(doc.annotFacts, [&](const auto& e) { return gone(e.first); });
         eraseIf(doc.drawnStreams, [&](const auto& e) { return gone(e.first); });
+        eraseIf(doc.sharedDrawings, [&](const auto& e) { return gone(e.second.getObjGen()); });
         eraseIf(doc.cleanAnnots, [&](const auto& e) { return gone(e.first); });
         eraseIf(doc.annotLists, [&](const auto& e) { return gone(e.first); });
         doc.nameIndexBuilt = false;

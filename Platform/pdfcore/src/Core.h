@@ -277,6 +277,9 @@ struct Document {
     // The appearance streams of each widget's last drawing here, written again by its next
     // drawing. Only pdfcore's own drawings are listed: streams of the file are never reused.
     std::unordered_map<QPDFObjGen, std::vector<QPDFObjectHandle>, ObjGenHash> drawnStreams;
+    // Streams of drawings that many widgets show alike, by a hash of their entries and data.
+    // None is in drawnStreams: a shared stream is never written over.
+    std::unordered_multimap<size_t, QPDFObjectHandle> sharedDrawings;
     // The saved states of fields that are alive (States.cpp): what they hold is kept by
     // collections, so that a restore finds it.
     std::set<PDFieldStateRec*> savedStates;
