@@ -25,6 +25,9 @@ CHECK is one of:
   encrypted  inputs encrypted with RC4 and AES (made here with qpdf) and the corpus's
              encrypted forms keep their encryption through a session and read in every
              reader with their password
+  filling    rows of widgets alike share the drawing that shows no value; one of each row
+             filled in by MuPDF (as its viewers fill in) and by pdf.js (saved as it saves)
+             changes that widget alone, in every reader that draws
 
 --keep DIR works in DIR (made when missing, refused unless empty) and keeps every file
 there, the pages each reader drew among them (binary PPM, named draw-JOB-READER.ppm).
@@ -1245,6 +1248,115 @@ def check_encrypted(args, folder, drawing):
                       (was[reader_name] or "")[:200]))
 
 
+# ---- filled in by readers -------------------------------------------------------------------
+
+# Rows of three widgets alike, each row of a kind: (kind, creation tool, the value a person
+# fills into the first of the row). Widgets alike that show no value share their drawing.
+FILL_ROWS = [("text", "TextFieldCreate", "Filled"), ("combo", "ComboBoxCreate", "Two"),
+             ("list", "ListBoxCreate", "Three"), ("check", "CheckBoxCreate", True),
+             ("radio", "CheckBoxCreate", True)]
+
+# MuPDF's own filling in, as its viewers do it: mutool run fill.js IN OUT NAME VALUE...
+MUPDF_FILL = """
+var doc = new PDFDocument(scriptArgs[0]);
+var page = doc.loadPage(0);
+var widgets = page.getWidgets();
+for (var i = 2; i < scriptArgs.length; i += 2) {
+  for (var j = 0; j < widgets.length; ++j) {
+    var w = widgets[j];
+    if (w.getLabel() != scriptArgs[i]) continue;
+    var type = w.getFieldType();
+    if (type == "text") w.setTextValue(scriptArgs[i + 1]);
+    else if (type == "checkbox" || type == "radiobutton") w.toggle();
+    else w.setChoiceValue(scriptArgs[i + 1]);
+    w.update();
+    break;
+  }
+}
+page.update();
+doc.save(scriptArgs[1], "");
+"""
+
+
+def filling_document(args, folder):
+    steps, options = [{"new": {}}], []
+    for row, (kind, tool, _) in enumerate(FILL_ROWS):
+        top = 740 - 60 * row
+        if kind != "radio":
+            steps.append({"tool": tool})
+        for x in (40, 200, 360):
+            if tool == "CheckBoxCreate":
+                steps.append({"click": {"page": 0, "at": [x, top]}})
+                continue
+            steps.append({"drag": {"page": 0, "from": [x, top], "to": [x + 120, top - 20]}})
+            if kind in ("combo", "list"):
+                options += [{"select": {"page": 0, "at": [x + 60, top - 10]}},
+                            {"set": {"property": "ComboOptList",
+                                     "value": [[o, o] for o in ("One", "Two", "Three")]}}]
+    steps += options
+    steps.append({"command": {"name": "GroupRadioButtons", "widgets": [
+        {"field": "CheckBox%d" % n} for n in (4, 5, 6)]}})
+    out = os.path.join(folder, "filling.pdf")
+    return out if session(args, folder, "filling", steps, "--out", out) else None
+
+
+def check_filling(args, folder, drawing):
+    """Widgets alike share the streams of the drawings that show no value. A reader that
+    fills one in draws that widget anew and leaves the others as they were."""
+    made = filling_document(args, folder)
+    if not made:
+        return
+    qpdf_check(made, where="filling: ")
+    widgets = widgets_of(PdfReader(made))
+    rows = {kind: sorted((w for w in widgets if w.kind == kind), key=lambda w: w.rect[0])
+            for kind, _, _ in FILL_ROWS}
+    values = {}
+    for kind, _, value in FILL_ROWS:
+        row = rows[kind]
+        if not check(len(row) == 3, "filling: %d widgets of kind %s" % (len(row), kind)):
+            return
+        normal = [w.annot["/AP"].raw_get("/N") for w in row]
+        if kind in ("check", "radio"):
+            normal = [resolved(n).raw_get("/Off") for n in normal]
+        check(len({n.idnum for n in normal if isinstance(n, IndirectObject)}) == 1,
+              "filling: the %s widgets alike do not share their drawing: %s" % (kind, normal))
+        values[row[0].name] = value
+
+    copies = {"mupdf": os.path.join(folder, "filled-mupdf.pdf"),
+              "pdfjs": os.path.join(folder, "filled-pdfjs.pdf")}
+    script = os.path.join(folder, "fill.js")
+    with open(script, "w", encoding="utf-8") as f:
+        f.write(MUPDF_FILL)
+    pairs = [str(v) for name, value in values.items() for v in (name, value)]
+    result = run(["mutool", "run", script, made, copies["mupdf"], *pairs])
+    check(result.returncode == 0, "filling: mutool run: " + text_of(result))
+    jobs = os.path.join(folder, "fill-jobs.json")
+    with open(jobs, "w", encoding="utf-8") as f:
+        json.dump([{"pdf": made, "fill": values, "save": copies["pdfjs"]}], f)
+    result = run([args.node, os.path.join(os.path.dirname(os.path.abspath(__file__)),
+                                          "reader_matrix_pdfjs.mjs"),
+                  "--web", args.web, "--jobs", jobs, "--out", jobs + ".out"])
+    check(result.returncode == 0, "filling: pdf.js: " + text_of(result))
+
+    g = Geometry(PdfReader(made).pages[0])
+    boxes = {w.label(): g.pixels(w.rect) for w in widgets}
+    before = drawing.add(made, 0, boxes)
+    after = {who: drawing.add(path, 0, boxes) for who, path in copies.items()
+             if os.path.exists(path) and qpdf_check(path, where="filling, %s: " % who)}
+    drawing.draw()
+    filled = {rows[kind][0].label() for kind, _, _ in FILL_ROWS}
+    for who, job in after.items():
+        for reader_name in READERS:
+            was, now = drawing.results[before][reader_name], drawing.results[job][reader_name]
+            if not check("error" not in was and "error" not in now, "filling: %s of %s: %s" % (
+                    reader_name, who, now.get("error") or was.get("error"))):
+                continue
+            changed = {name for name, crop in now["crops"].items()
+                       if crop.differing(was["crops"][name], 0, tolerance=0)}
+            check(changed == filled, "filling: in %s, %s's filling changed %s, not %s" % (
+                reader_name, who, sorted(changed), sorted(filled)))
+
+
 # ---- main ------------------------------------------------------------------------------------
 
 
@@ -1256,7 +1368,7 @@ def main():
     parser.add_argument("--web", required=True)
     parser.add_argument("--node", default="node")
     parser.add_argument("--keep")
-    parser.add_argument("check", choices=["kinds", "edits", "scripts", "encrypted"])
+    parser.add_argument("check", choices=["kinds", "edits", "scripts", "encrypted", "filling"])
     args = parser.parse_args()
     args.qfforms = os.path.abspath(args.qfforms)
     args.example = os.path.abspath(args.example)
@@ -1277,7 +1389,8 @@ def main():
     try:
         drawing = Drawing(args, folder)
         {"kinds": check_kinds, "edits": check_edits, "scripts": check_scripts,
-         "encrypted": check_encrypted}[args.check](args, folder, drawing)
+         "encrypted": check_encrypted, "filling": check_filling}[args.check](
+             args, folder, drawing)
     finally:
         if temporary:
             temporary.cleanup()

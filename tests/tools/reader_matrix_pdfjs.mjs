@@ -12,6 +12,11 @@
 // page}}, text: [the text items of the page], annotations: [the widget data pdf.js gives
 // its form layer]}. keep, when set, is a path where the whole page is written as a binary
 // PPM.
+//
+// A job with fill: {field name: value} and save: PATH draws nothing: it sets the values as
+// a person filling in the form does (a text or an option; true turns a check box or the
+// field's first radio button on), saves the document as pdf.js saves it to PATH and gets
+// {saved: true}.
 
 import fs from 'node:fs';
 import http from 'node:http';
@@ -63,6 +68,22 @@ const base = `http://127.0.0.1:${server.address().port}`;
 
 // Runs in the page: one job, answered as plain JSON.
 async function renderJob({base, index, job}) {
+  const base64 = (bytes) => {
+    let s = '';
+    for (let i = 0; i < bytes.length; i += 0x8000) {
+      s += String.fromCharCode.apply(null, bytes.subarray(i, i + 0x8000));
+    }
+    return btoa(s);
+  };
+  const fillJob = async (doc, values) => {
+    const fields = (await doc.getFieldObjects()) ?? {};
+    for (const [name, value] of Object.entries(values)) {
+      const widget = (fields[name] ?? []).find((f) => f.id && !f.kidIds);
+      if (!widget) return {error: `pdf.js finds no field ${name}`};
+      doc.annotationStorage.setValue(widget.id, {value});
+    }
+    return {saved: base64(await doc.saveDocument())};
+  };
   const pdfjs = await import(`${base}/pdfjs/build/pdf.mjs`);
   // One worker for every document: starting one costs more than drawing a page.
   if (!window.matrixWorker) {
@@ -84,6 +105,7 @@ async function renderJob({base, index, job}) {
     return {error: `${e.name}: ${e.message}`};
   }
   try {
+    if (job.fill) return await fillJob(doc, job.fill);
     if (job.page >= doc.numPages) return {error: `no page ${job.page} (${doc.numPages} pages)`};
     const page = await doc.getPage(job.page + 1);
     const viewport = page.getViewport({scale: job.scale});
@@ -104,11 +126,7 @@ async function renderJob({base, index, job}) {
           rgb[o++] = rgba[i], rgb[o++] = rgba[i + 1], rgb[o++] = rgba[i + 2];
         }
       }
-      let s = '';
-      for (let i = 0; i < rgb.length; i += 0x8000) {
-        s += String.fromCharCode.apply(null, rgb.subarray(i, i + 0x8000));
-      }
-      return {width: x1 - x0, height: y1 - y0, rgb: btoa(s)};
+      return {width: x1 - x0, height: y1 - y0, rgb: base64(rgb)};
     };
     const crops = {};
     for (const [name, box] of Object.entries(job.boxes ?? {})) crops[name] = encode(...box);
@@ -147,6 +165,10 @@ try {
       result = await page.evaluate(renderJob, {base, index, job});
     } catch (e) {
       result = {error: String(e.message ?? e)};
+    }
+    if (result.saved !== undefined) {
+      fs.writeFileSync(job.save, Buffer.from(result.saved, 'base64'));
+      result.saved = true;
     }
     if (result.page !== undefined) {
       const header = Buffer.from(`P6\n${result.width} ${result.height}\n255\n`);
