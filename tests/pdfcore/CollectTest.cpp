@@ -63,8 +63,9 @@ struct Session {
 
 TEST(Collect, ChangesNothingWrittenAndKeepsWhatHandlesHold) {
     Session plain(false), collected(true);
-    // The 19 fields let go, each with its widget; widgets of a size and kind share drawings.
-    EXPECT_GE(collected.freed, 19u * 2);
+    // The 19 fields let go, each with its widget, and the drawings of those not check boxes
+    // (check boxes alike share theirs).
+    EXPECT_GE(collected.freed, 19u * 2 + 13);
     EXPECT_EQ(saved(collected.doc.get()), saved(plain.doc.get()));
     EXPECT_EQ(collected.written, plain.written);
 
@@ -91,10 +92,7 @@ TEST(Collect, ChangesNothingWrittenAndKeepsWhatHandlesHold) {
     EXPECT_EQ(PDDocGetFieldMade(collected.doc.get(), 25, &past), PD_ERR_RANGE);
     EXPECT_EQ(past, nullptr);
 
-    // The save drew the kept widget again in its field; what it showed without one goes.
     uint32_t again = 99;
-    EXPECT_EQ(PDDocCollectGarbage(collected.doc.get(), &again), PD_OK);
-    EXPECT_EQ(again, 1u);
     EXPECT_EQ(PDDocCollectGarbage(collected.doc.get(), &again), PD_OK);
     EXPECT_EQ(again, 0u);
 

@@ -25,9 +25,9 @@ CHECK is one of:
   encrypted  inputs encrypted with RC4 and AES (made here with qpdf) and the corpus's
              encrypted forms keep their encryption through a session and read in every
              reader with their password
-  filling    rows of widgets alike share the drawing that shows no value; one of each row
-             filled in by MuPDF (as its viewers fill in) and by pdf.js (saved as it saves)
-             changes that widget alone, in every reader that draws
+  filling    rows of check boxes and radio buttons alike share their states' drawings;
+             one widget of each kind filled in by MuPDF (as its viewers fill in) and by
+             pdf.js (saved as it saves) changes that widget alone, in every reader
 
 --keep DIR works in DIR (made when missing, refused unless empty) and keeps every file
 there, the pages each reader drew among them (binary PPM, named draw-JOB-READER.ppm).
@@ -1251,10 +1251,12 @@ def check_encrypted(args, folder, drawing):
 # ---- filled in by readers -------------------------------------------------------------------
 
 # Rows of three widgets alike, each row of a kind: (kind, creation tool, the value a person
-# fills into the first of the row). Widgets alike that show no value share their drawing.
+# fills into the first of the row). Check boxes and radio buttons alike share the streams of
+# their states.
 FILL_ROWS = [("text", "TextFieldCreate", "Filled"), ("combo", "ComboBoxCreate", "Two"),
              ("list", "ListBoxCreate", "Three"), ("check", "CheckBoxCreate", True),
              ("radio", "CheckBoxCreate", True)]
+SHARING = ("check", "radio")
 
 # MuPDF's own filling in, as its viewers do it: mutool run fill.js IN OUT NAME VALUE...
 MUPDF_FILL = """
@@ -1301,8 +1303,10 @@ def filling_document(args, folder):
 
 
 def check_filling(args, folder, drawing):
-    """Widgets alike share the streams of the drawings that show no value. A reader that
-    fills one in draws that widget anew and leaves the others as they were."""
+    """Check boxes and radio buttons alike share the streams of their states; a text or
+    choice field has a drawing of its own, for tools that fill one in by writing over the
+    stream it shows (newer pypdf). A reader that fills one widget in changes that
+    widget and leaves the others as they were."""
     made = filling_document(args, folder)
     if not made:
         return
@@ -1316,10 +1320,12 @@ def check_filling(args, folder, drawing):
         if not check(len(row) == 3, "filling: %d widgets of kind %s" % (len(row), kind)):
             return
         normal = [w.annot["/AP"].raw_get("/N") for w in row]
-        if kind in ("check", "radio"):
-            normal = [resolved(n).raw_get("/Off") for n in normal]
-        check(len({n.idnum for n in normal if isinstance(n, IndirectObject)}) == 1,
-              "filling: the %s widgets alike do not share their drawing: %s" % (kind, normal))
+        if kind in SHARING:
+            normal = [resolved(n).raw_get(state) for n in normal for state in resolved(n)]
+        shared = {n.idnum for n in normal if isinstance(n, IndirectObject)}
+        check(len(shared) == (2 if kind in SHARING else 3),
+              "filling: the %s widgets alike %s their drawing: %s" % (
+                  kind, "do not share" if kind in SHARING else "share", normal))
         values[row[0].name] = value
 
     copies = {"mupdf": os.path.join(folder, "filled-mupdf.pdf"),

@@ -1635,10 +1635,11 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget, Redraw what) {
                     return s.getObjGen() == stream.getObjGen();
                 }))
                 shown.emplace_back(stream, std::nullopt);
-    // A drawing that shows no value of its own (a check box's states, a button, an empty
-    // text) is drawn alike for many widgets, and they share one stream; streams shared are
-    // never written over. A drawing of a value is the widget's own.
-    bool shared = true;
+    // The states of check boxes and radio buttons of a size and style are drawn alike, and
+    // those widgets share the streams: a reader turns a box on through /AS and never draws
+    // into them. A stream shared is never written over. Other drawings stay each widget's
+    // own, for tools fill in a text or choice field by writing over the stream it shows.
+    const bool shared = checkOrRadio;
     auto form = [&](const std::vector<const Font*>& fonts, const std::string& content,
                     QPDFObjectHandle icon = QPDFObjectHandle::newNull()) {
         QPDFObjectHandle dict =
@@ -1716,7 +1717,6 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget, Redraw what) {
         widget.removeKey("/AS");
     } else if (type == "/Tx") {
         std::u16string value = shownText(cx);
-        shared = value.empty();
         Font font = textFont(doc, widget, cx.da, {value});
         nameInForm(doc, widget, font, cx.da);
         Content c;
@@ -1726,7 +1726,6 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget, Redraw what) {
     } else if (type == "/Ch") {
         std::vector<Option> options = optionsOf(field);
         std::vector<std::u16string> values = valuesOf(inherited(field, "/V"));
-        shared = values.empty();
         std::vector<std::u16string> texts = values;
         for (auto& o : options)
             texts.push_back(o.display);
