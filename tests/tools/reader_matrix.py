@@ -27,7 +27,8 @@ CHECK is one of:
              reader with their password
   filling    rows of check boxes and radio buttons alike share their states' drawings;
              one widget of each kind filled in by MuPDF (as its viewers fill in) and by
-             pdf.js (saved as it saves) changes that widget alone, in every reader
+             pdf.js (saved as it saves) changes that widget alone, in every reader; a
+             text value drawn by qpdf --generate-appearances shows once
 
 --keep DIR works in DIR (made when missing, refused unless empty) and keeps every file
 there, the pages each reader drew among them (binary PPM, named draw-JOB-READER.ppm).
@@ -48,7 +49,7 @@ import tempfile
 import time
 import unicodedata
 
-from pypdf import PdfReader
+from pypdf import PdfReader, PdfWriter
 from pypdf.generic import IndirectObject, NameObject, StreamObject
 
 from run_sessions import EXPECTED as ALL_KINDS
@@ -1343,6 +1344,21 @@ def check_filling(args, folder, drawing):
                                           "reader_matrix_pdfjs.mjs"),
                   "--web", args.web, "--jobs", jobs, "--out", jobs + ".out"])
     check(result.returncode == 0, "filling: pdf.js: " + text_of(result))
+
+    # pypdf sets a value with /NeedAppearances, and qpdf draws every text field again over
+    # the stream it shows: the value shows in its own field alone.
+    needing = os.path.join(folder, "filled-pypdf.pdf")
+    writer = PdfWriter()
+    writer.clone_reader_document_root(PdfReader(made))
+    writer.update_page_form_field_values(writer.pages[0], {rows["text"][0].name: "Filled"})
+    writer.write(needing)
+    drawn_by_qpdf = os.path.join(folder, "filled-qpdf.pdf")
+    result = run(["qpdf", "--generate-appearances", needing, drawn_by_qpdf])
+    if check(result.returncode in (0, 3), "filling: qpdf --generate-appearances: " +
+             text_of(result)):
+        shown_text = texts_of(drawn_by_qpdf)["poppler"] or ""
+        check(shown_text.count("Filled") == 1, "filling: after qpdf drew the fields, poppler "
+              "reads %r" % shown_text[:200])
 
     g = Geometry(PdfReader(made).pages[0])
     boxes = {w.label(): g.pixels(w.rect) for w in widgets}
