@@ -222,13 +222,13 @@ int pasteCommand(const std::vector<std::string>& args) {
         if (rc != 0)
             return fail(o.in, "the forms module could not make a widget of the record (the "
                               "forms module: " + moduleText(s.loader, rc) + ")");
-        const bool incremental = savesIncrementally(doc.pdDoc(), o.fullRewrite);
-        if (!incremental && !o.breakSignatures && holdsSignatures(doc.pdDoc()))
+        const SavePlan plan = planSave(doc.pdDoc(), o.fullRewrite);
+        if (plan.breaksSignatures && !o.breakSignatures)
             return fail(o.out, std::string(kSignedDocument) +
                                    " (pass --break-signatures to save anyway)");
-        const PDResult saved =
-            PDDocSaveEx(doc.pdDoc(), o.out.c_str(),
-                        (o.force ? PD_SAVE_FORCE : 0) | (incremental ? PD_SAVE_INCREMENTAL : 0));
+        const PDResult saved = PDDocSaveEx(
+            doc.pdDoc(), o.out.c_str(),
+            (o.force ? PD_SAVE_FORCE : 0) | (plan.incremental ? PD_SAVE_INCREMENTAL : 0));
         if (saved != PD_OK) return fail(o.out, writeProblem(saved, "--force"));
         Handle field;
         check(PDWidgetAnnotGetParent(pasted.get(), field.out()));

@@ -176,8 +176,8 @@ int detectCommand(const std::vector<std::string>& args) {
     } else if (auto problem = pageList(o.pages, doc.pageCount(), pages)) {
         return usage(*problem);
     }
-    const bool incremental = savesIncrementally(doc.pdDoc(), o.fullRewrite);
-    if (!incremental && !o.breakSignatures && holdsSignatures(doc.pdDoc()))
+    const SavePlan plan = planSave(doc.pdDoc(), o.fullRewrite);
+    if (plan.breaksSignatures && !o.breakSignatures)
         return fail(o.out,
                     std::string(kSignedDocument) + " (pass --break-signatures to save anyway)");
 
@@ -224,7 +224,8 @@ int detectCommand(const std::vector<std::string>& args) {
     if (o.json) std::cout << report.dump(2, ' ', false, Json::error_handler_t::replace) << "\n";
 
     Output out;
-    if (auto problem = stageDocument(doc.pdDoc(), fs::u8path(o.out), incremental, o.force, out))
+    if (auto problem =
+            stageDocument(doc.pdDoc(), fs::u8path(o.out), plan.incremental, o.force, out))
         return fail(o.out, *problem);
     session.keep(std::move(out));
     const Written written = writeOutputs(session.outputs(), o.force);

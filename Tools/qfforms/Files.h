@@ -108,7 +108,7 @@ struct Output {
 
 // An output of doc written now into a new file beside path, so that a large document is
 // never whole in memory: as an update appended to the file read when incremental (see
-// savesIncrementally), a read-only target only with force. The line to show after the
+// planSave), a read-only target only with force. The line to show after the
 // file's name when it cannot be written.
 std::optional<std::string> stageDocument(PDDoc doc, const std::filesystem::path& path,
                                          bool incremental, bool force, Output& out);

@@ -75,19 +75,18 @@ const char* const kSignedDocument =
     "the document is signed: saving rewrites the whole file, and its signatures will no "
     "longer hold";
 
-bool holdsSignatures(PDDoc doc) {
+SavePlan planSave(PDDoc doc, bool fullRewrite) {
+    SavePlan plan;
     PDBool isSigned = 0;
-    return doc && PDDocIsSigned(doc, &isSigned) == PD_OK && isSigned;
-}
-
-bool savesIncrementally(PDDoc doc, bool fullRewrite) {
+    if (!doc || PDDocIsSigned(doc, &isSigned) != PD_OK) isSigned = 0;
     PDBool can = 0;
-    if (fullRewrite || !doc || PDDocCanSaveIncrementally(doc, &can) != PD_OK || !can)
-        return false;
-    if (holdsSignatures(doc)) return true;
-    uint64_t size = 0, objects = 0;
-    return PDDocGetFileSize(doc, &size, &objects) == PD_OK && size >= kLargeFile &&
-           size >= objects * kLargeObject;
+    if (!fullRewrite && doc && PDDocCanSaveIncrementally(doc, &can) == PD_OK && can) {
+        uint64_t size = 0, objects = 0;
+        plan.incremental = isSigned || (PDDocGetFileSize(doc, &size, &objects) == PD_OK &&
+                                        size >= kLargeFile && size >= objects * kLargeObject);
+    }
+    plan.breaksSignatures = isSigned && !plan.incremental;
+    return plan;
 }
 
 std::string atomName(PDAtom atom) {

@@ -103,10 +103,6 @@ template <typename Getter> std::optional<std::string> readUtf8(Getter&& getter) 
     return toUtf8(*text);
 }
 
-// Whether doc (null: no) holds a signature. A save that writes the whole file anew leaves
-// the byte ranges of its signatures over other bytes than those signed: readers show them
-// as broken. An incremental update (savesIncrementally) keeps them.
-bool holdsSignatures(PDDoc doc);
 // Why a document holding signatures is not written whole unless the person says so.
 extern const char* const kSignedDocument;
 
@@ -117,11 +113,20 @@ extern const char* const kSignedDocument;
 // 10,000 fields, 16 MB in 56,000 objects) is written whole faster, and in less memory.
 constexpr uint64_t kLargeFile = uint64_t(10) << 20;
 constexpr uint64_t kLargeObject = 4096;
-// Whether a save of doc appends the session's changes to the file it was read from
-// (PD_SAVE_INCREMENTAL) rather than writing the file whole: never with fullRewrite; else for
+
+// How a save of doc (null: written whole, nothing signed) is written.
+// incremental: the session's changes are appended to the file it was read from
+// (PD_SAVE_INCREMENTAL) rather than the file written whole; never with fullRewrite, else for
 // a file that holds signatures (the update keeps them valid) or a large one (kLargeFile),
 // when pdfcore can append to it (not encrypted, read without repairs).
-bool savesIncrementally(PDDoc doc, bool fullRewrite);
+// breaksSignatures: written whole while it holds signatures, whose byte ranges then cover
+// other bytes than those signed, so that readers show them as broken.
+// Whether a document holds signatures is a walk of its form, asked once here.
+struct SavePlan {
+    bool incremental = false;
+    bool breaksSignatures = false;
+};
+SavePlan planSave(PDDoc doc, bool fullRewrite);
 
 // The name of an atom; an atom without a name gives PdError.
 std::string atomName(PDAtom atom);

@@ -351,14 +351,14 @@ int runCommand(const std::vector<std::string>& args) {
             std::cerr << "qfforms: --out: the script opened no document\n";
             return 1;
         }
-        const bool incremental = savesIncrementally(doc->pdDoc(), options.fullRewrite);
-        if (!incremental && !options.breakSignatures && holdsSignatures(doc->pdDoc())) {
+        const SavePlan plan = planSave(doc->pdDoc(), options.fullRewrite);
+        if (plan.breaksSignatures && !options.breakSignatures) {
             std::cerr << "qfforms: " << options.out << ": " << kSignedDocument
                       << " (pass --break-signatures to save anyway)\n";
             return 1;
         }
         Output out;
-        if (auto problem = stageDocument(doc->pdDoc(), fs::u8path(options.out), incremental,
+        if (auto problem = stageDocument(doc->pdDoc(), fs::u8path(options.out), plan.incremental,
                                          options.force, out)) {
             std::cerr << "qfforms: " << options.out << ": " << *problem << "\n";
             if (!runner.outputs().empty()) std::cerr << "qfforms: no file was written\n";

@@ -943,11 +943,11 @@ class Runner {
     void save(const Json& a) {
         const fs::path path = resolve(text(a, "save: the file"));
         qfhost::Document& doc = currentView().document();
-        const bool incremental = savesIncrementally(doc.pdDoc(), fullRewrite_);
-        if (!incremental && !breakSignatures_ && holdsSignatures(doc.pdDoc()))
+        const SavePlan plan = planSave(doc.pdDoc(), fullRewrite_);
+        if (plan.breaksSignatures && !breakSignatures_)
             throw StepFailure(std::nullopt, std::string(kSignedDocument) +
                                                 " (pass --break-signatures to save anyway)");
-        keep(path, saveToMemory(doc, incremental));
+        keep(path, saveToMemory(doc, plan.incremental));
     }
 
     qfhost::Host& host_;

@@ -57,10 +57,10 @@ class Session {
     // The files that "save" and "render" steps kept, in the order first kept.
     const std::vector<Output>& outputs() const;
     // Whether "save" steps may write a document that holds signatures whole (see
-    // holdsSignatures); without it they fail. Off at first.
+    // planSave); without it they fail. Off at first.
     void allowBreakingSignatures(bool allowed);
     // Whether "save" steps write every document whole, never as an incremental update
-    // (savesIncrementally). Off at first.
+    // (planSave). Off at first.
     void setFullRewrite(bool fullRewrite);
     // The password that openFile and "open" steps open documents with (none at first).
     void setPassword(Password password);

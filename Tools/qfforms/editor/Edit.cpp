@@ -1113,16 +1113,15 @@ class Editor {
         Document& doc = view().document();
         // A signed or large file gets an update appended unless asked to write it whole.
         // Asked once: after the first whole write the signatures no longer hold anyway.
-        const bool incremental =
-            savesIncrementally(doc.pdDoc(), body.value("fullRewrite", false));
-        if (!incremental && !signaturesBroken_ && holdsSignatures(doc.pdDoc())) {
+        const SavePlan plan = planSave(doc.pdDoc(), body.value("fullRewrite", false));
+        if (plan.breaksSignatures && !signaturesBroken_) {
             if (!body.value("breakSignatures", false))
                 return jsonAnswer(409, {{"error", sentence(lang_, Sentence::Signed)},
                                         {"signed", true}});
             signaturesBroken_ = true;
         }
         const PDResult saved = PDDocSaveEx(doc.pdDoc(), utf8(target).c_str(),
-                                           incremental ? PD_SAVE_INCREMENTAL : 0);
+                                           plan.incremental ? PD_SAVE_INCREMENTAL : 0);
         if (saved != PD_OK) {
             const std::string file = utf8(target);
             switch (saved) {
