@@ -1,7 +1,13 @@
 // Saved states of fields: a restore gives back the written file byte for byte after changes
-// that redraw pdfcore's own widgets (whose streams the next drawing writes over), also when
-// a collection ran in between, and the export values of /Opt follow a renamed on state.
+// that redraw pdfcore's own widgets (whose streams the next drawing writes over, but for the
+// states that check boxes alike share), also when a collection ran in between, and the
+// export values of /Opt follow a renamed on state.
 #include "TestSupport.h"
+
+#ifndef POINTERHOLDER_TRANSITION
+#define POINTERHOLDER_TRANSITION 4
+#endif
+#include <qpdf/QPDF.hh>
 
 namespace {
 
@@ -27,11 +33,36 @@ std::string bytes(PDDoc doc) {
     return out;
 }
 
+// What the first widget of the field named name shows in the file written: the data of its
+// streams, state by state.
+std::string looks(const std::string& pdf, const std::string& name) {
+    QPDF q;
+    q.processMemoryFile("written", pdf.data(), pdf.size());
+    std::string out;
+    for (auto& field : q.getRoot().getKey("/AcroForm").getKey("/Fields").aitems()) {
+        if (field.getKey("/T").getUTF8Value() != name) continue;
+        QPDFObjectHandle kids = field.getKey("/Kids");
+        QPDFObjectHandle ap = (kids.isArray() ? kids.getArrayItem(0) : field).getKey("/AP");
+        for (const char* which : {"/N", "/D"})
+            for (auto& [state, stream] : ap.getKey(which).ditems()) {
+                auto data = stream.getStreamData();
+                out += std::string(which) + state + ": " +
+                       std::string(reinterpret_cast<const char*>(data->getBuffer()),
+                                   data->getSize()) +
+                       "\n";
+            }
+    }
+    return out;
+}
+
 TEST(FieldStateTest, RestoreGivesBackDrawingsItWroteOver) {
     Owned doc = createDoc();
     Owned pg = page(doc.get(), 0);
     auto text = addField(doc.get(), pg.get(), "name", PD_ATOM_Tx, rect(72, 700, 272, 724));
     auto box = addField(doc.get(), pg.get(), "agree", PD_ATOM_Btn, rect(72, 650, 90, 668));
+    // A check box alike shares the streams of the box's states, which nothing done to the
+    // box may write over.
+    auto twin = addField(doc.get(), pg.get(), "twin", PD_ATOM_Btn, rect(100, 650, 118, 668));
     ASSERT_EQ(setValue(text.field.get(), u"Ann"), PD_OK);
     const std::string before = bytes(doc.get());
 
@@ -43,6 +74,8 @@ TEST(FieldStateTest, RestoreGivesBackDrawingsItWroteOver) {
     ASSERT_EQ(PDWidgetAnnotSetRotate(box.widget.get(), 90), PD_OK);
     const std::string changed = bytes(doc.get());
     ASSERT_NE(changed, before);
+    EXPECT_NE(looks(changed, "agree"), looks(before, "agree"));
+    EXPECT_EQ(looks(changed, "twin"), looks(before, "twin"));
     uint32_t freed = 0;
     ASSERT_EQ(PDDocCollectGarbage(doc.get(), &freed), PD_OK);
 
