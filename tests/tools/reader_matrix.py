@@ -1343,7 +1343,12 @@ def check_filling(args, folder, drawing):
     result = run([args.node, os.path.join(os.path.dirname(os.path.abspath(__file__)),
                                           "reader_matrix_pdfjs.mjs"),
                   "--web", args.web, "--jobs", jobs, "--out", jobs + ".out"])
-    check(result.returncode == 0, "filling: pdf.js: " + text_of(result))
+    answer = ""
+    if os.path.exists(jobs + ".out"):
+        with open(jobs + ".out", encoding="utf-8") as f:
+            answer = json.load(f)[0].get("error", "")
+    check(result.returncode == 0 and not answer, "filling: pdf.js: %s%s" % (
+        text_of(result), answer))
 
     # pypdf sets a value with /NeedAppearances, and qpdf draws every text field again over
     # the stream it shows: the value shows in its own field alone.
@@ -1364,7 +1369,8 @@ def check_filling(args, folder, drawing):
     boxes = {w.label(): g.pixels(w.rect) for w in widgets}
     before = drawing.add(made, 0, boxes)
     after = {who: drawing.add(path, 0, boxes) for who, path in copies.items()
-             if os.path.exists(path) and qpdf_check(path, where="filling, %s: " % who)}
+             if check(os.path.exists(path), "filling: %s wrote no copy" % who) and
+             qpdf_check(path, where="filling, %s: " % who)}
     drawing.draw()
     filled = {rows[kind][0].label() for kind, _, _ in FILL_ROWS}
     for who, job in after.items():
