@@ -132,15 +132,45 @@ size_t collectGarbage(Document& doc) {
     return freed;
 }
 
+namespace {
+
+constexpr int64_t kSizePastObjects = 1 << 20;
+
+// The number the next object made here takes: past the file's own objects and its /Size
+// (a reference past both reads as null, and stays so unless it meets a number given out
+// here), and past those qpdf numbered itself (makeStream). -1 past the largest number
+// there is, where qpdf's numbering takes over (and fails).
+int& nextNumber(Document& doc) {
+    if (doc.nextNumber == 0) {
+        const auto xref = doc.qpdf->getXRefTable();
+        int64_t next = xref.empty() ? 1 : int64_t(xref.rbegin()->first.getObj()) + 1;
+        QPDFObjectHandle size = doc.qpdf->getTrailer().getKey("/Size");
+        // (A /Size far past the objects there are would only make numbers large.)
+        if (size.isInteger() && size.getIntValue() > next &&
+            size.getIntValue() <= next + kSizePastObjects)
+            next = size.getIntValue();
+        doc.nextNumber = next < std::numeric_limits<int>::max() ? int(next) : -1;
+    }
+    return doc.nextNumber;
+}
+
+}  // namespace
+
 QPDFObjectHandle makeIndirect(Document& doc, QPDFObjectHandle direct) {
     ++doc.garbageOutlook;
-    if (doc.spareNumbers.empty()) {
-        QPDFObjectHandle made = doc.qpdf->makeIndirectObject(direct);
+    QPDFObjGen og;
+    if (!doc.spareNumbers.empty()) {
+        og = QPDFObjGen(doc.spareNumbers.back(), 0);
+        doc.spareNumbers.pop_back();
+    } else if (int& next = nextNumber(doc); next > 0) {
+        og = QPDFObjGen(next, 0);
+        next = next < std::numeric_limits<int>::max() - 1 ? next + 1 : -1;
+        doc.firstSessionObject = std::min(doc.firstSessionObject, og.getObj());
+    } else {
+        QPDFObjectHandle made = doc.qpdf->makeIndirectObject(direct);  // throws when full
         doc.firstSessionObject = std::min(doc.firstSessionObject, made.getObjectID());
         return made;
     }
-    const QPDFObjGen og(doc.spareNumbers.back(), 0);
-    doc.spareNumbers.pop_back();
     doc.qpdf->replaceObject(og, direct);
     return doc.qpdf->getObject(og);
 }
@@ -150,6 +180,10 @@ QPDFObjectHandle makeStream(Document& doc, const std::string& data) {
     if (doc.spareStreams.empty()) {
         QPDFObjectHandle made = doc.qpdf->newStream(data);
         doc.firstSessionObject = std::min(doc.firstSessionObject, made.getObjectID());
+        int& next = nextNumber(doc);
+        if (next > 0 && next <= made.getObjectID())
+            next = made.getObjectID() < std::numeric_limits<int>::max() - 1 ? made.getObjectID() + 1
+                                                                           : -1;
         return made;
     }
     QPDFObjectHandle stream = std::move(doc.spareStreams.back());

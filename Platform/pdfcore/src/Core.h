@@ -211,10 +211,15 @@ struct Document {
     std::set<const PDHandleRec*> directHandles;
 
     // Objects numbered from here on were made in this session (collectGarbage): the number
-    // of the first object makeIndirect or makeStream made, as qpdf numbers new objects
+    // of the first object makeIndirect or makeStream made, as new objects are numbered
     // past the file's. How much garbage may have come since the last collection (see
     // collectWhenDue), and how many objects that collection found in use.
     int firstSessionObject = std::numeric_limits<int>::max();
+    // The number the next object makeIndirect makes takes (0 until first asked; -1 when
+    // the numbers ran out). Given out here because qpdf's own numbering
+    // (makeIndirectObject, newStream) first reads every object of the file, and every
+    // object read is one more for an incremental save to compare (SaveIncremental.cpp).
+    int nextNumber = 0;
     size_t garbageOutlook = 0;
     size_t liveAtCollect = 0;
     // What collections freed, for the next objects made here: object numbers (null now;
