@@ -7,7 +7,9 @@
 // cross-reference table (with those of updates appended to the file in place since it was
 // read) is compared, value for value as it would be written, with a second reading of those
 // bytes. That cannot miss an object changed by a call nobody thought of, and costs a reading
-// of the objects' dictionaries, never of stream data. Stream data of the file is
+// of the objects' dictionaries, never of stream data. An object that the file holds exactly
+// as it would be written now (a file qpdf wrote) is known unchanged without that reading,
+// and one qpdf never read in the session cannot have changed. Stream data of the file is
 // never replaced here (drawings write only streams of their own, Appearance.cpp), so a
 // stream of the file is compared by its dictionary.
 #include "SaveIncremental.h"
@@ -31,6 +33,8 @@ namespace {
 
 // Streams without a filter at least this long are compressed when written.
 constexpr size_t kCompressFrom = 64;
+// Objects nested deeper than this are compared value for value (writtenAsIs).
+constexpr int kWrittenDepth = 32;
 
 // The offset that the file's last startxref names, or -1.
 int64_t lastStartXref(const std::string& bytes) {
@@ -262,6 +266,81 @@ bool sameValue(QPDFObjectHandle a, QPDFObjectHandle b) {
     return true;
 }
 
+// An object of the file's cross-reference table: whether it is an object (not a free entry
+// nor an update's section), and where it starts when it is not in an object stream.
+struct Entry {
+    bool kept;
+    int64_t offset;
+};
+
+// Appends the value of obj as qpdf writes it ("<< /Key value >>", "[ item ]", what it
+// holds of other objects as "N G R"), without reading the objects it refers to (qpdf's
+// unparse reads them all, to leave out those that are null). False for what it does not
+// write the way qpdf does: names with other than regular characters, or '#', which qpdf 11
+// writes as it is, though it reads back as another name; nesting deeper than depth.
+bool appendAsWritten(std::string& out, QPDFObjectHandle obj, int depth, bool held = false) {
+    if (held && obj.isIndirect()) {
+        out += std::to_string(obj.getObjectID()) + ' ' + std::to_string(obj.getGeneration()) +
+               " R";
+        return true;
+    }
+    auto appendName = [&](const std::string& name) {
+        if (name.size() < 2 || name[0] != '/') return false;
+        for (size_t i = 1; i < name.size(); ++i) {
+            const char c = name[i];
+            if (c <= ' ' || c > '~' || std::strchr("#()<>[]{}/%", c)) return false;
+        }
+        out += name;
+        return true;
+    };
+    switch (obj.getTypeCode()) {
+    case ::ot_array:
+        if (depth == 0) return false;
+        out += "[ ";
+        for (auto& item : obj.aitems()) {
+            if (!appendAsWritten(out, item, depth - 1, true)) return false;
+            out += ' ';
+        }
+        out += ']';
+        return true;
+    case ::ot_dictionary:
+        if (depth == 0) return false;
+        out += "<< ";
+        for (auto& [key, value] : obj.getDictAsMap()) {
+            if (!value.isIndirect() && value.isNull()) continue;
+            if (!appendName(key)) return false;
+            out += ' ';
+            if (!appendAsWritten(out, value, depth - 1, true)) return false;
+            out += ' ';
+        }
+        out += ">>";
+        return true;
+    case ::ot_name: return appendName(obj.getName());
+    case ::ot_null:
+    case ::ot_boolean:
+    case ::ot_integer:
+    case ::ot_real:
+    case ::ot_string: out += obj.unparse(); return true;
+    default: return false;
+    }
+}
+
+// Whether the file holds the object now, not a stream, at offset (of file and appended,
+// read as one) exactly as qpdf writes it: "N G obj", the value, "endobj". Its value in the
+// file is then the one it has now, and it needs no second reading. Files that other
+// programs wrote space their objects otherwise and are compared value for value.
+bool writtenAsIs(std::string_view file, std::string_view appended, int64_t offset,
+                 QPDFObjGen og, QPDFObjectHandle now) {
+    std::string_view bytes = uint64_t(offset) < file.size()
+                                 ? file.substr(size_t(offset))
+                                 : appended.substr(std::min(size_t(offset) - file.size(),
+                                                            appended.size()));
+    std::string text = std::to_string(og.getObj()) + ' ' + std::to_string(og.getGen()) + " obj\n";
+    if (!appendAsWritten(text, now, kWrittenDepth)) return false;
+    text += "\nendobj";
+    return bytes.compare(0, text.size(), text) == 0;
+}
+
 // Identifies a file that has none from its size and its first and last 64 KiB.
 std::string fileWord(const std::string& bytes) {
     const size_t part = std::min<size_t>(bytes.size(), 65536);
@@ -278,10 +357,12 @@ Update update(Document& doc, std::string_view appended, int64_t previous, bool t
     // Every object of the file, with those that earlier updates made but their sections
     // (numbered past the file's objects, as qpdf numbers what a session makes).
     const auto read = live.getXRefTable();
-    std::map<QPDFObjGen, bool> xref;
+    std::map<QPDFObjGen, Entry> xref;
     for (const auto& [og, entry] : original->getXRefTable())
-        xref.emplace(og, entry.getType() != 0 &&
-                             (read.count(og) || !isStreamOf(original->getObject(og), "/XRef")));
+        xref.emplace(og, Entry{entry.getType() != 0 && (read.count(og) ||
+                                                        !isStreamOf(original->getObject(og),
+                                                                    "/XRef")),
+                               entry.getType() == 1 ? entry.getOffset() : -1});
     // An object of the file that qpdf never read here is as the file has it.
     auto neverRead = [&](QPDFObjGen og) {
         if (!doc.reads) return false;
@@ -299,10 +380,13 @@ Update update(Document& doc, std::string_view appended, int64_t previous, bool t
     };
     int maxId = 0;
     std::vector<QPDFObjGen> written;
-    for (const auto& [og, kept] : xref) {
+    for (const auto& [og, entry] : xref) {
         maxId = std::max(maxId, og.getObj());
-        if (!kept || neverRead(og)) continue;
+        if (!entry.kept || neverRead(og)) continue;
         QPDFObjectHandle now = live.getObject(og);
+        if (!now.isStream() && entry.offset >= 0 &&
+            writtenAsIs(doc.fileBytes, appended, entry.offset, og, now))
+            continue;
         QPDFObjectHandle then = original->getObject(og);
         const bool same = now.isStream() == then.isStream() &&
                           (now.isStream() ? sameValue(now.getDict(), then.getDict())
@@ -322,7 +406,7 @@ Update update(Document& doc, std::string_view appended, int64_t previous, bool t
     auto reach = [&](QPDFObjectHandle ref) {
         const QPDFObjGen og = ref.getObjGen();
         const auto known = xref.find(og);
-        if ((known != xref.end() && known->second) || !made.insert(og).second) return;
+        if ((known != xref.end() && known->second.kept) || !made.insert(og).second) return;
         todo.push_back(live.getObject(og));
     };
     for (const auto& og : written) forEachReference(live.getObject(og), reach);
