@@ -5,6 +5,8 @@
 #include "Core.h"
 #include "Fonts.h"
 
+#include <qpdf/BufferInputSource.hh>
+
 #include <algorithm>
 #include <functional>
 #include <iterator>
@@ -135,6 +137,7 @@ size_t collectGarbage(Document& doc) {
 namespace {
 
 constexpr int64_t kSizePastObjects = 1 << 20;
+constexpr int kStreamsNumbered = 256;
 
 // The number the next object made here takes: past the file's own objects and its /Size
 // (a reference past both reads as null, and stays so unless it meets a number given out
@@ -177,19 +180,34 @@ QPDFObjectHandle makeIndirect(Document& doc, QPDFObjectHandle direct) {
 
 QPDFObjectHandle makeStream(Document& doc, const std::string& data) {
     ++doc.garbageOutlook;
-    if (doc.spareStreams.empty()) {
-        QPDFObjectHandle made = doc.qpdf->newStream(data);
-        doc.firstSessionObject = std::min(doc.firstSessionObject, made.getObjectID());
-        int& next = nextNumber(doc);
+    if (!doc.spareStreams.empty()) {
+        QPDFObjectHandle stream = std::move(doc.spareStreams.back());
+        doc.spareStreams.pop_back();
+        stream.replaceStreamData(data, QPDFObjectHandle::newNull(), QPDFObjectHandle::newNull());
+        return stream;
+    }
+    int& next = nextNumber(doc);
+    QPDFObjectHandle made;
+    if (!doc.fileBytes.empty() && doc.streamsNumbered < kStreamsNumbered && next > 0 &&
+        next < std::numeric_limits<int>::max() - 1) {
+        // qpdf's update from JSON is its one way to make a stream under a number of one's
+        // own. Each walks every object qpdf holds, so only the first streams of a session
+        // are made so; a session that draws more has the file read once, by newStream.
+        ++doc.streamsNumbered;
+        const QPDFObjGen og(next++, 0);
+        doc.qpdf->updateFromJSON(std::make_shared<BufferInputSource>(
+            "new stream", "{\"qpdf\": [{\"jsonversion\": 2}, {\"obj:" + og.unparse(' ') +
+                              " R\": {\"stream\": {\"dict\": {}, \"data\": \"\"}}}]}"));
+        made = doc.qpdf->getObject(og);
+        made.replaceStreamData(data, QPDFObjectHandle::newNull(), QPDFObjectHandle::newNull());
+    } else {
+        made = doc.qpdf->newStream(data);
         if (next > 0 && next <= made.getObjectID())
             next = made.getObjectID() < std::numeric_limits<int>::max() - 1 ? made.getObjectID() + 1
                                                                            : -1;
-        return made;
     }
-    QPDFObjectHandle stream = std::move(doc.spareStreams.back());
-    doc.spareStreams.pop_back();
-    stream.replaceStreamData(data, QPDFObjectHandle::newNull(), QPDFObjectHandle::newNull());
-    return stream;
+    doc.firstSessionObject = std::min(doc.firstSessionObject, made.getObjectID());
+    return made;
 }
 
 void collectWhenDue(Document& doc) {

@@ -220,6 +220,8 @@ struct Document {
     // (makeIndirectObject, newStream) first reads every object of the file, and every
     // object read is one more for an incremental save to compare (SaveIncremental.cpp).
     int nextNumber = 0;
+    // How many streams makeStream numbered itself.
+    int streamsNumbered = 0;
     size_t garbageOutlook = 0;
     size_t liveAtCollect = 0;
     // What collections freed, for the next objects made here: object numbers (null now;
