@@ -157,6 +157,12 @@ int& nextNumber(Document& doc) {
     return doc.nextNumber;
 }
 
+// Moves next past used, a number just given out.
+void passNumber(int& next, int used) {
+    if (next > 0 && next <= used)
+        next = used < std::numeric_limits<int>::max() - 1 ? used + 1 : -1;
+}
+
 }  // namespace
 
 QPDFObjectHandle makeIndirect(Document& doc, QPDFObjectHandle direct) {
@@ -167,7 +173,7 @@ QPDFObjectHandle makeIndirect(Document& doc, QPDFObjectHandle direct) {
         doc.spareNumbers.pop_back();
     } else if (int& next = nextNumber(doc); next > 0) {
         og = QPDFObjGen(next, 0);
-        next = next < std::numeric_limits<int>::max() - 1 ? next + 1 : -1;
+        passNumber(next, og.getObj());
         doc.firstSessionObject = std::min(doc.firstSessionObject, og.getObj());
     } else {
         QPDFObjectHandle made = doc.qpdf->makeIndirectObject(direct);  // throws when full
@@ -188,13 +194,13 @@ QPDFObjectHandle makeStream(Document& doc, const std::string& data) {
     }
     int& next = nextNumber(doc);
     QPDFObjectHandle made;
-    if (!doc.fileBytes.empty() && doc.streamsNumbered < kStreamsNumbered && next > 0 &&
-        next < std::numeric_limits<int>::max() - 1) {
+    if (!doc.fileBytes.empty() && doc.streamsNumbered < kStreamsNumbered && next > 0) {
         // qpdf's update from JSON is its one way to make a stream under a number of one's
         // own. Each walks every object qpdf holds, so only the first streams of a session
         // are made so; a session that draws more has the file read once, by newStream.
         ++doc.streamsNumbered;
-        const QPDFObjGen og(next++, 0);
+        const QPDFObjGen og(next, 0);
+        passNumber(next, og.getObj());
         doc.qpdf->updateFromJSON(std::make_shared<BufferInputSource>(
             "new stream", "{\"qpdf\": [{\"jsonversion\": 2}, {\"obj:" + og.unparse(' ') +
                               " R\": {\"stream\": {\"dict\": {}, \"data\": \"\"}}}]}"));
@@ -202,9 +208,7 @@ QPDFObjectHandle makeStream(Document& doc, const std::string& data) {
         made.replaceStreamData(data, QPDFObjectHandle::newNull(), QPDFObjectHandle::newNull());
     } else {
         made = doc.qpdf->newStream(data);
-        if (next > 0 && next <= made.getObjectID())
-            next = made.getObjectID() < std::numeric_limits<int>::max() - 1 ? made.getObjectID() + 1
-                                                                           : -1;
+        passNumber(next, made.getObjectID());
     }
     doc.firstSessionObject = std::min(doc.firstSessionObject, made.getObjectID());
     return made;
