@@ -37,7 +37,8 @@ export function setUp(name) {
 export async function startEditor(qfforms, file, folder, {log} = {}) {
   const proc = spawn(qfforms, ['edit', file, '--port', '0'], {
     cwd: folder, stdio: ['ignore', 'pipe', log ? 'pipe' : 'inherit'],
-    env: {...process.env, XDG_CONFIG_HOME: `${folder}/config`, XDG_STATE_HOME: `${folder}/state`},
+    env: {...process.env, XDG_CONFIG_HOME: `${folder}/config`, XDG_STATE_HOME: `${folder}/state`,
+      QF_CLIPBOARD: `${folder}/clipboard.json`},
   });
   const logFile = log && fs.createWriteStream(log);
   if (logFile) proc.stderr.pipe(logFile);
