@@ -353,7 +353,7 @@ std::string fileWord(const std::string& bytes) {
 // PD_ERR_INTERNAL when it cannot read the result back as it was meant.
 Update update(Document& doc, std::string_view appended, int64_t previous, bool table) {
     QPDF& live = *doc.qpdf;
-    const auto original = readJoined("original", {doc.fileBytes, appended});
+    auto original = readJoined("original", {doc.fileBytes, appended});
     // Every object of the file, with those that earlier updates made but their sections
     // (numbered past the file's objects, as qpdf numbers what a session makes).
     const auto read = live.getXRefTable();
@@ -397,6 +397,10 @@ Update update(Document& doc, std::string_view appended, int64_t previous, bool t
         if (!isStreamOf(then, "/ObjStm")) original->replaceObject(og, QPDFObjectHandle::newNull());
     }
     if (original->anyWarnings() || live.anyWarnings()) fail(PD_ERR_UNSUPPORTED);
+    // The reading is done with: what it holds goes before the update is written and read.
+    QPDFObjectHandle sizeThen = original->getTrailer().getKey("/Size");
+    const int sizeThenValue = sizeThen.isInteger() ? sizeThen.getIntValueAsInt() : 0;
+    original.reset();
 
     // Objects made here that the changed ones or the trailer lead to; the file's unchanged
     // objects lead to none of them.
@@ -464,10 +468,9 @@ Update update(Document& doc, std::string_view appended, int64_t previous, bool t
             runs.emplace_back(og.getObj(), 1);
         }
     }
-    int size = table ? maxId + 1 : maxId + 2;
-    for (QPDFObjectHandle t : {trailer, original->getTrailer()})
-        if (t.getKey("/Size").isInteger())
-            size = std::max(size, t.getKey("/Size").getIntValueAsInt());
+    int size = std::max(table ? maxId + 1 : maxId + 2, sizeThenValue);
+    if (trailer.getKey("/Size").isInteger())
+        size = std::max(size, trailer.getKey("/Size").getIntValueAsInt());
     next.replaceKey("/Size", QPDFObjectHandle::newInteger(size));
     char line[64];
     if (table) {
@@ -514,6 +517,8 @@ Update update(Document& doc, std::string_view appended, int64_t previous, bool t
         if (back.isNull() != live.getObject(og).isNull() ||
             back.isStream() != live.getObject(og).isStream())
             fail(PD_ERR_INTERNAL);
+        // Let go of each as it is checked, as the comparison does.
+        check->replaceObject(og, QPDFObjectHandle::newNull());
     }
     if (check->anyWarnings()) fail(PD_ERR_INTERNAL);
     return {std::move(out), sectionAt};
