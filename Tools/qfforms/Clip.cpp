@@ -23,7 +23,7 @@ const char* const kClipUsage =
     "       qfforms copy IN.pdf --field NAME [--widget K] [--password PASSWORD]\n"
     "                    [--password-file FILE] [--module PATH]\n"
     "       qfforms paste IN.pdf --page N --out OUT.pdf [--join] [--break-signatures]\n"
-    "                     [--full-rewrite] [--force] [--password PASSWORD]\n"
+    "                     [--full-rewrite | --incremental] [--force] [--password PASSWORD]\n"
     "                     [--password-file FILE]\n"
     "                     [--module PATH] < RECORD.json\n";
 
@@ -36,6 +36,7 @@ struct Options {
     bool help = false;
     bool breakSignatures = false;
     bool fullRewrite = false;
+    bool incremental = false;
     bool join = false;
     bool force = false;
 };
@@ -68,11 +69,13 @@ std::optional<std::string> parse(const std::vector<std::string>& args, Options& 
                               {{"--help", &o.help},
                                {"--break-signatures", &o.breakSignatures},
                                {"--full-rewrite", &o.fullRewrite},
+                               {"--incremental", &o.incremental},
                                {"--join", &o.join},
                                {"--force", &o.force}},
                               files);
     if (problem || o.help) return problem;
     if (auto conflict = passwordUsage(o.password, o.passwordFile)) return conflict;
+    if (auto conflict = saveUsage(o.fullRewrite, o.incremental)) return conflict;
     if (files.size() > 1) return "one input file";
     if (files.empty() || files[0].empty()) return "an input file is needed";
     o.in = files[0];
@@ -222,7 +225,7 @@ int pasteCommand(const std::vector<std::string>& args) {
         if (rc != 0)
             return fail(o.in, "the forms module could not make a widget of the record (the "
                               "forms module: " + moduleText(s.loader, rc) + ")");
-        const SavePlan plan = planSave(doc.pdDoc(), o.fullRewrite);
+        const SavePlan plan = planSave(doc.pdDoc(), saveAs(o.fullRewrite, o.incremental));
         if (plan.breaksSignatures && !o.breakSignatures)
             return fail(o.out, std::string(kSignedDocument) +
                                    " (pass --break-signatures to save anyway)");

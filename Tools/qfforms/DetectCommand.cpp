@@ -20,7 +20,7 @@ namespace qfforms {
 
 const char* const kDetectUsage =
     "       qfforms detect IN.pdf --out OUT.pdf [--pages LIST] [--lang en|ja] [--json]\n"
-    "                      [--full-rewrite] [--break-signatures] [--force]\n"
+    "                      [--full-rewrite | --incremental] [--break-signatures] [--force]\n"
     "                      [--password PASSWORD] [--password-file FILE] [--module PATH]\n";
 
 namespace {
@@ -41,13 +41,16 @@ constexpr const char* kHelp = R"(
   --full-rewrite write OUT.pdf whole, never as an update appended to IN.pdf's bytes (a
                  signed file is saved as an update by default, which keeps its signatures;
                  written whole it needs --break-signatures)
+  --incremental  write OUT.pdf as IN.pdf's bytes and an update appended to them, whatever
+                 IN.pdf's size (an encrypted or repaired file is written whole all the same)
   Exit status: 0 written (also when no page drew a box: it says so); 1 the file could not
   be read or written; 2 wrong usage.
 )";
 
 struct Options {
     std::string in, out, pages, language = "en", module, password, passwordFile;
-    bool json = false, force = false, breakSignatures = false, fullRewrite = false, help = false;
+    bool json = false, force = false, breakSignatures = false, fullRewrite = false,
+         incremental = false, help = false;
 };
 
 int usage(const std::string& problem) {
@@ -136,7 +139,8 @@ int detectCommand(const std::vector<std::string>& args) {
                                        {"--json", &o.json},
                                        {"--force", &o.force},
                                        {"--break-signatures", &o.breakSignatures},
-                                       {"--full-rewrite", &o.fullRewrite}},
+                                       {"--full-rewrite", &o.fullRewrite},
+                                       {"--incremental", &o.incremental}},
                                       files))
         return usage(*problem);
     if (o.help) return std::cout << "usage:\n" << kDetectUsage << kHelp, 0;
@@ -146,6 +150,7 @@ int detectCommand(const std::vector<std::string>& args) {
     if (o.language != "en" && o.language != "ja")
         return usage("unknown language '" + o.language + "' (en, ja)");
     if (auto problem = passwordUsage(o.password, o.passwordFile)) return usage(*problem);
+    if (auto problem = saveUsage(o.fullRewrite, o.incremental)) return usage(*problem);
     Password password;
     if (auto problem = readPassword(o.password, o.passwordFile, password))
         return fail(o.passwordFile, *problem);
@@ -176,7 +181,7 @@ int detectCommand(const std::vector<std::string>& args) {
     } else if (auto problem = pageList(o.pages, doc.pageCount(), pages)) {
         return usage(*problem);
     }
-    const SavePlan plan = planSave(doc.pdDoc(), o.fullRewrite);
+    const SavePlan plan = planSave(doc.pdDoc(), saveAs(o.fullRewrite, o.incremental));
     if (plan.breaksSignatures && !o.breakSignatures)
         return fail(o.out,
                     std::string(kSignedDocument) + " (pass --break-signatures to save anyway)");

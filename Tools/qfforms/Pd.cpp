@@ -75,15 +75,25 @@ const char* const kSignedDocument =
     "the document is signed: saving rewrites the whole file, and its signatures will no "
     "longer hold";
 
-SavePlan planSave(PDDoc doc, bool fullRewrite) {
+std::optional<std::string> saveUsage(bool fullRewrite, bool incremental) {
+    if (fullRewrite && incremental) return "--full-rewrite and --incremental exclude each other";
+    return std::nullopt;
+}
+
+SaveAs saveAs(bool fullRewrite, bool incremental) {
+    return fullRewrite ? SaveAs::Whole : incremental ? SaveAs::Update : SaveAs::ByFile;
+}
+
+SavePlan planSave(PDDoc doc, SaveAs asked) {
     SavePlan plan;
     PDBool isSigned = 0;
     if (!doc || PDDocIsSigned(doc, &isSigned) != PD_OK) isSigned = 0;
     PDBool can = 0;
-    if (!fullRewrite && doc && PDDocCanSaveIncrementally(doc, &can) == PD_OK && can) {
+    if (asked != SaveAs::Whole && doc && PDDocCanSaveIncrementally(doc, &can) == PD_OK && can) {
         uint64_t size = 0, objects = 0;
-        plan.incremental = isSigned || (PDDocGetFileSize(doc, &size, &objects) == PD_OK &&
-                                        size >= kLargeFile && size >= objects * kLargeObject);
+        plan.incremental = asked == SaveAs::Update || isSigned ||
+                           (PDDocGetFileSize(doc, &size, &objects) == PD_OK &&
+                            size >= kLargeFile && size >= objects * kLargeObject);
     }
     plan.breaksSignatures = isSigned && !plan.incremental;
     return plan;

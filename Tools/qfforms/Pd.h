@@ -114,11 +114,19 @@ extern const char* const kSignedDocument;
 constexpr uint64_t kLargeFile = uint64_t(10) << 20;
 constexpr uint64_t kLargeObject = 4096;
 
+// What a save was asked to be: left to the file (planSave), written whole (--full-rewrite),
+// or appended to the file whenever pdfcore can (--incremental).
+enum class SaveAs { ByFile, Whole, Update };
+
+// The SaveAs of the two options; both at once is a usage problem, said here.
+std::optional<std::string> saveUsage(bool fullRewrite, bool incremental);
+SaveAs saveAs(bool fullRewrite, bool incremental);
+
 // How a save of doc (null: written whole, nothing signed) is written.
 // incremental: the session's changes are appended to the file it was read from
-// (PD_SAVE_INCREMENTAL) rather than the file written whole; never with fullRewrite, else for
-// a file that holds signatures (the update keeps them valid) or a large one (kLargeFile),
-// when pdfcore can append to it (not encrypted, read without repairs).
+// (PD_SAVE_INCREMENTAL) rather than the file written whole, when pdfcore can append to it
+// (not encrypted, read without repairs): never as Whole, always as Update, else (ByFile) for
+// a file that holds signatures (the update keeps them valid) or a large one (kLargeFile).
 // breaksSignatures: written whole while it holds signatures, whose byte ranges then cover
 // other bytes than those signed, so that readers show them as broken.
 // Whether a document holds signatures is a walk of its form, asked once here.
@@ -126,7 +134,7 @@ struct SavePlan {
     bool incremental = false;
     bool breaksSignatures = false;
 };
-SavePlan planSave(PDDoc doc, bool fullRewrite);
+SavePlan planSave(PDDoc doc, SaveAs asked);
 
 // The name of an atom; an atom without a name gives PdError.
 std::string atomName(PDAtom atom);

@@ -22,7 +22,7 @@ namespace qfforms {
 const char* const kRunHelp =
     R"(usage: qfforms run SCRIPT.json [--in IN.pdf] [--out OUT.pdf] [--lang en|ja]
                       [--settings FILE] [--keep-going] [--break-signatures]
-                      [--full-rewrite] [--force]
+                      [--full-rewrite | --incremental] [--force]
                       [--password PASSWORD | --password-file FILE] [--module PATH]
 
 Replays an authoring session through the reference host and the forms module, as the
@@ -105,6 +105,9 @@ Options:
                      then what the session changed (its signatures stay valid, and the
                      save costs what changed); an encrypted file, or one that had to be
                      repaired to be read, is written whole all the same
+  --incremental      save every document read from a file as an incremental update,
+                     whatever its size (not with --full-rewrite; an encrypted or
+                     repaired file is written whole all the same)
   --force            write over outputs that are read-only (they stay read-only)
   --password PASSWORD
                      the password of encrypted documents (--in and "open" steps); a
@@ -151,6 +154,7 @@ struct Options {
     bool keepGoing = false;
     bool breakSignatures = false;
     bool fullRewrite = false;
+    bool incremental = false;
     bool force = false;
     bool help = false;
 };
@@ -183,6 +187,7 @@ std::optional<std::string> parseOptions(const std::vector<std::string>& args, Op
                                        {"--keep-going", &o.keepGoing},
                                        {"--break-signatures", &o.breakSignatures},
                                        {"--full-rewrite", &o.fullRewrite},
+                                       {"--incremental", &o.incremental},
                                        {"--force", &o.force}},
                                       scripts))
         return problem;
@@ -193,6 +198,7 @@ std::optional<std::string> parseOptions(const std::vector<std::string>& args, Op
     if (o.help) return std::nullopt;
     if (!scriptSeen) return "run needs a script";
     if (auto problem = passwordUsage(o.password, o.passwordFile)) return problem;
+    if (auto problem = saveUsage(o.fullRewrite, o.incremental)) return problem;
     if (o.language != "en" && o.language != "ja")
         return "unknown language '" + o.language + "' (en, ja)";
     return std::nullopt;
@@ -331,7 +337,7 @@ int runCommand(const std::vector<std::string>& args) {
 
     Session runner(*host, *loader, scriptPath.parent_path());
     runner.allowBreakingSignatures(options.breakSignatures);
-    runner.setFullRewrite(options.fullRewrite);
+    runner.setSaveAs(saveAs(options.fullRewrite, options.incremental));
     runner.setPassword(std::move(password));
     if (!options.in.empty()) {
         try {
@@ -351,7 +357,7 @@ int runCommand(const std::vector<std::string>& args) {
             std::cerr << "qfforms: --out: the script opened no document\n";
             return 1;
         }
-        const SavePlan plan = planSave(doc->pdDoc(), options.fullRewrite);
+        const SavePlan plan = planSave(doc->pdDoc(), saveAs(options.fullRewrite, options.incremental));
         if (plan.breaksSignatures && !options.breakSignatures) {
             std::cerr << "qfforms: " << options.out << ": " << kSignedDocument
                       << " (pass --break-signatures to save anyway)\n";

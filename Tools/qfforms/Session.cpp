@@ -191,7 +191,7 @@ class Runner {
 
     const std::vector<Output>& outputs() const { return outputs_; }
     void allowBreakingSignatures(bool allowed) { breakSignatures_ = allowed; }
-    void setFullRewrite(bool fullRewrite) { fullRewrite_ = fullRewrite; }
+    void setSaveAs(SaveAs asked) { saveAs_ = asked; }
     void setPassword(Password password) { password_ = std::move(password); }
 
   private:
@@ -943,7 +943,7 @@ class Runner {
     void save(const Json& a) {
         const fs::path path = resolve(text(a, "save: the file"));
         qfhost::Document& doc = currentView().document();
-        const SavePlan plan = planSave(doc.pdDoc(), fullRewrite_);
+        const SavePlan plan = planSave(doc.pdDoc(), saveAs_);
         if (plan.breaksSignatures && !breakSignatures_)
             throw StepFailure(std::nullopt, std::string(kSignedDocument) +
                                                 " (pass --break-signatures to save anyway)");
@@ -956,7 +956,7 @@ class Runner {
     std::vector<Output> outputs_;
     uint32_t commandId_ = 0;
     bool breakSignatures_ = false;
-    bool fullRewrite_ = false;
+    SaveAs saveAs_ = SaveAs::ByFile;
     Password password_;
 };
 
@@ -1108,7 +1108,7 @@ void Session::keep(Output output) { impl_->keep(std::move(output)); }
 const std::vector<Output>& Session::outputs() const { return impl_->outputs(); }
 
 void Session::allowBreakingSignatures(bool allowed) { impl_->allowBreakingSignatures(allowed); }
-void Session::setFullRewrite(bool fullRewrite) { impl_->setFullRewrite(fullRewrite); }
+void Session::setSaveAs(SaveAs asked) { impl_->setSaveAs(asked); }
 
 void Session::setPassword(Password password) { impl_->setPassword(std::move(password)); }
 

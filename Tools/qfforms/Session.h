@@ -4,6 +4,7 @@
 #pragma once
 
 #include "Files.h"
+#include "Pd.h"
 
 #include "qfhost/Host.h"
 #include "qfhost/ModuleLoader.h"
@@ -59,9 +60,8 @@ class Session {
     // Whether "save" steps may write a document that holds signatures whole (see
     // planSave); without it they fail. Off at first.
     void allowBreakingSignatures(bool allowed);
-    // Whether "save" steps write every document whole, never as an incremental update
-    // (planSave). Off at first.
-    void setFullRewrite(bool fullRewrite);
+    // How "save" steps write documents (planSave). SaveAs::ByFile at first.
+    void setSaveAs(SaveAs asked);
     // The password that openFile and "open" steps open documents with (none at first).
     void setPassword(Password password);
 

@@ -39,14 +39,16 @@ constexpr const char* kUsage =
     "usage: qfforms inspect FILE.pdf\n"
     "       qfforms run SCRIPT.json [--in IN.pdf] [--out OUT.pdf] [--lang en|ja]\n"
     "                   [--settings FILE] [--keep-going] [--break-signatures]\n"
-    "                   [--full-rewrite] [--force] [--module PATH]\n"
+    "                   [--full-rewrite | --incremental] [--force] [--module PATH]\n"
     "       qfforms render IN.pdf --page N --out OUT.svg [--zoom Z]\n"
     "                      [--rotation 0|90|180|270] [--force]\n"
     "       qfforms copy IN.pdf --field NAME [--widget K] [--module PATH]\n"
     "       qfforms paste IN.pdf --page N --out OUT.pdf [--join] [--break-signatures]\n"
-    "                     [--full-rewrite] [--force] [--module PATH] < RECORD.json\n"
+    "                     [--full-rewrite | --incremental] [--force] [--module PATH]\n"
+    "                     < RECORD.json\n"
     "       qfforms detect IN.pdf --out OUT.pdf [--pages LIST] [--lang en|ja] [--json]\n"
-    "                      [--full-rewrite] [--break-signatures] [--force] [--module PATH]\n"
+    "                      [--full-rewrite | --incremental] [--break-signatures] [--force]\n"
+    "                      [--module PATH]\n"
     "       qfforms edit [IN.pdf] [--port N] [--lang en|ja] [--module PATH] [--web DIR]\n"
     "  each also [--password PASSWORD | --password-file FILE] for encrypted files\n"
     "\n"
@@ -78,7 +80,7 @@ constexpr const char* kUsage =
     "  is refused, and so is one that is read-only unless --force is given. A signed file,\n"
     "  or one of 10 MiB or more made mostly of stream data (4 KiB an object or more), is\n"
     "  saved as an incremental update (its bytes kept, the changes appended) unless\n"
-    "  --full-rewrite is given.\n";
+    "  --full-rewrite is given; --incremental saves any file that way.\n";
 
 // pdfcore's warnings (a font file that cannot be read, a character no font draws), one line
 // each on standard error.

@@ -441,6 +441,19 @@ def check_failures(args, folder):
     check(result.returncode == 0, "unsigned signature field: %r" % result.stderr)
     if os.path.exists(out):
         os.remove(out)
+    # --incremental appends to a small unsigned file too, and excludes --full-rewrite.
+    result = qfforms(args.qfforms, "run", field, "--in", unsigned, "--out", out, "--incremental")
+    if check(result.returncode == 0, "--incremental: %r" % result.stderr):
+        before = open(unsigned, "rb").read()
+        written = open(out, "rb").read()
+        check(written.startswith(before) and len(written) > len(before) and
+              len(PdfReader(out).get_fields()) == len(PdfReader(unsigned).get_fields()) + 1,
+              "--incremental: the file's bytes were not kept in front of the new field")
+        os.remove(out)
+    result = qfforms(args.qfforms, "run", field, "--in", unsigned, "--out", out,
+                     "--incremental", "--full-rewrite")
+    check(result.returncode == 2 and "exclude each other" in result.stderr and
+          not os.path.exists(out), "--incremental --full-rewrite: %r" % result.stderr)
 
     with open(os.path.join(folder, "broken.json"), "w") as f:
         f.write('[{"new": {}}, {"tool": "TextFieldCreate", "tool": "CheckBoxCreate"}]')

@@ -1113,7 +1113,7 @@ class Editor {
         Document& doc = view().document();
         // A signed or large file gets an update appended unless asked to write it whole.
         // Asked once: after the first whole write the signatures no longer hold anyway.
-        const SavePlan plan = planSave(doc.pdDoc(), body.value("fullRewrite", false));
+        const SavePlan plan = planSave(doc.pdDoc(), body.value("fullRewrite", false) ? SaveAs::Whole : SaveAs::ByFile);
         if (plan.breaksSignatures && !signaturesBroken_) {
             if (!body.value("breakSignatures", false))
                 return jsonAnswer(409, {{"error", sentence(lang_, Sentence::Signed)},
