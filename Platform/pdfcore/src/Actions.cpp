@@ -357,8 +357,8 @@ PDResult PDActionCreate(PDDoc doc, PDAtom type, const PDActionArg* arg, PDAction
             return t;
         };
         auto action = QPDFObjectHandle::newDictionary();
-        action.replaceKey("/Type", QPDFObjectHandle::newName("/Action"));
-        action.replaceKey("/S", QPDFObjectHandle::newName("/" + s));
+        action.replaceKey("/Type", sharedName("/Action"));
+        action.replaceKey("/S", sharedName("/" + s));
         if (s == "GoTo") {
             if (!arg || !arg->dest) fail(PD_ERR_BAD_ARGUMENT);
             auto& dest = checked(arg->dest, Kind::Dest);

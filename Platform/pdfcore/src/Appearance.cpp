@@ -85,7 +85,7 @@ std::string num(double v) {
 constexpr double kPi = 3.14159265358979323846;
 
 QPDFObjectHandle real(double v) {
-    return QPDFObjectHandle::newReal(num(v));
+    return sharedReal(num(v));
 }
 
 int64_t intOf(QPDFObjectHandle o, int64_t fallback) {
@@ -589,7 +589,7 @@ void nameInForm(Document& doc, QPDFObjectHandle widget, const Font& font, Defaul
     da.font = keyOf(face->dictionaryFor(family, style),
                     letters.empty() ? face->resourceName() : letters + "-" + face->resourceName());
     QPDFObjectHandle holder = widget.getKey("/DA").isString() ? widget : holderOf(widget);
-    holder.replaceKey("/DA", QPDFObjectHandle::newString(writeDA(da)));
+    holder.replaceKey("/DA", sharedString(writeDA(da)));
 }
 
 // ---- text --------------------------------------------------------------------------
@@ -979,8 +979,8 @@ QPDFObjectHandle formDict(const Frame& f, int rotation, double rectW, double rec
                           const std::vector<const Font*>& fonts, QPDFObjectHandle icon,
                           QPDFObjectHandle frame) {
     QPDFObjectHandle d = QPDFObjectHandle::newDictionary();
-    d.replaceKey("/Type", QPDFObjectHandle::newName("/XObject"));
-    d.replaceKey("/Subtype", QPDFObjectHandle::newName("/Form"));
+    d.replaceKey("/Type", sharedName("/XObject"));
+    d.replaceKey("/Subtype", sharedName("/Form"));
     d.replaceKey("/BBox", QPDFObjectHandle::newArray({real(0), real(0), real(f.w), real(f.h)}));
     if (rotation != 0) {
         auto matrix = QPDFObjectHandle::newArray();
@@ -1480,8 +1480,8 @@ QPDFObjectHandle authoredFrame(Document& doc, QPDFObjectHandle normal) {
     if (!frame || !fitting(normal, 1, 1)) return QPDFObjectHandle::newNull();
     QPDFObjectHandle stream = makeStream(doc, *frame);
     QPDFObjectHandle from = normal.getDict(), to = stream.getDict();
-    to.replaceKey("/Type", QPDFObjectHandle::newName("/XObject"));
-    to.replaceKey("/Subtype", QPDFObjectHandle::newName("/Form"));
+    to.replaceKey("/Type", sharedName("/XObject"));
+    to.replaceKey("/Subtype", sharedName("/Form"));
     for (const char* key : {"/BBox", "/Matrix", "/Resources"})
         if (from.hasKey(key)) to.replaceKey(key, from.getKey(key));
     return stream;
@@ -1753,7 +1753,7 @@ std::string showValueState(QPDFObjectHandle widget, QPDFObjectHandle field) {
     const std::string on = onStateName(widget);
     const std::vector<std::u16string> values = valuesOf(inherited(field, "/V"));
     const bool isOn = !values.empty() && values[0] == toU16(on.substr(1));
-    widget.replaceKey("/AS", QPDFObjectHandle::newName(isOn ? on : "/Off"));
+    widget.replaceKey("/AS", sharedName(isOn ? on : "/Off"));
     return on;
 }
 

@@ -7,6 +7,8 @@
 #include <mutex>
 #include <new>
 #include <set>
+#include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace pdfcore {
@@ -415,6 +417,42 @@ std::u16string textOf(QPDFObjectHandle obj) {
 
 QPDFObjectHandle textString(const std::u16string& s) {
     return QPDFObjectHandle::newUnicodeString(toUtf8(s));
+}
+
+// ---- values many objects hold alike -----------------------------------------------------
+
+namespace {
+
+template <class Key, class Make>
+QPDFObjectHandle shared(std::unordered_map<Key, QPDFObjectHandle>& made, const Key& key,
+                        Make&& make) {
+    auto it = made.find(key);
+    if (it != made.end()) return it->second;
+    QPDFObjectHandle value = make();
+    if (made.size() < kSharedValues) made.emplace(key, value);
+    return value;
+}
+
+} // namespace
+
+QPDFObjectHandle sharedName(const std::string& name) {
+    thread_local std::unordered_map<std::string, QPDFObjectHandle> made;
+    return shared(made, name, [&] { return QPDFObjectHandle::newName(name); });
+}
+
+QPDFObjectHandle sharedReal(const std::string& written) {
+    thread_local std::unordered_map<std::string, QPDFObjectHandle> made;
+    return shared(made, written, [&] { return QPDFObjectHandle::newReal(written); });
+}
+
+QPDFObjectHandle sharedInteger(long long value) {
+    thread_local std::unordered_map<long long, QPDFObjectHandle> made;
+    return shared(made, value, [&] { return QPDFObjectHandle::newInteger(value); });
+}
+
+QPDFObjectHandle sharedString(const std::string& bytes) {
+    thread_local std::unordered_map<std::string, QPDFObjectHandle> made;
+    return shared(made, bytes, [&] { return QPDFObjectHandle::newString(bytes); });
 }
 
 // ---- object helpers -------------------------------------------------------------------

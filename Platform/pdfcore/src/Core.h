@@ -347,6 +347,22 @@ QPDFObjectHandle textString(const std::u16string& s);
 // Hands a warning to the process's warning handler (PDSetWarningHandler), if any.
 void warn(const std::u16string& text);
 
+// ---- values many objects hold alike --------------------------------------------------
+
+// A name (with its slash), a real as it is written ("0.5", "12"), an integer or a string,
+// made once per thread and then held by every dictionary and array given it. qpdf writes a
+// direct object wherever it is held, as if each holder had its own, and never changes one
+// in place; a form of thousands of fields holds the same few hundred names and numbers
+// tens of thousands of times, each an object of 100 to 200 bytes of its own. Only as
+// values of dictionaries and arrays: never made indirect, nor given to
+// QPDF::replaceObject, either of which would make the one object indirect wherever it is
+// held. Past kSharedValues values of a kind, values are made anew.
+constexpr size_t kSharedValues = 4096;
+QPDFObjectHandle sharedName(const std::string& name);
+QPDFObjectHandle sharedReal(const std::string& written);
+QPDFObjectHandle sharedInteger(long long value);
+QPDFObjectHandle sharedString(const std::string& bytes);
+
 // ---- names (Names.cpp) -------------------------------------------------------------
 
 // The state name (with its slash) that text stands for as a value of the button field: the

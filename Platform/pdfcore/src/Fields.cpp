@@ -3,6 +3,8 @@
 // values and options.
 #include "Core.h"
 
+#include <qpdf/QUtil.hh>
+
 #include <algorithm>
 #include <cmath>
 #include <map>
@@ -489,11 +491,11 @@ PDResult createField(PDDoc doc, std::u16string name, bool freshIfEmpty, PDAtom t
         if (findByName(d, name).isDictionary()) fail(PD_ERR_NAME_IN_USE);
         auto parent = parentFor(d, parts, parts.size() - 1, true);
         auto field = QPDFObjectHandle::newDictionary();
-        field.replaceKey("/FT", QPDFObjectHandle::newName(ft));
+        field.replaceKey("/FT", sharedName(ft));
         field.replaceKey("/T", textString(parts.back()));
-        if (flags) field.replaceKey("/Ff", QPDFObjectHandle::newInteger(flags));
+        if (flags) field.replaceKey("/Ff", sharedInteger(flags));
         if (type == PD_ATOM_Tx || type == PD_ATOM_Ch) {
-            field.replaceKey("/DA", QPDFObjectHandle::newString("/Helv 0 Tf 0 g"));
+            field.replaceKey("/DA", sharedString("/Helv 0 Tf 0 g"));
         }
         if (parent.isDictionary()) field.replaceKey("/Parent", parent);
         field = makeIndirect(d, field);
@@ -1248,26 +1250,33 @@ static PDResult createWidget(PDDoc doc, PDField field, PDPage page, const PDRect
             fail(PD_ERR_BAD_ARGUMENT);
         }
         auto w = QPDFObjectHandle::newDictionary();
-        w.replaceKey("/Type", QPDFObjectHandle::newName("/Annot"));
-        w.replaceKey("/Subtype", QPDFObjectHandle::newName("/Widget"));
-        w.replaceKey("/Rect", QPDFObjectHandle::newArray(QPDFObjectHandle::Rectangle(
-                                  std::min(rect->left, rect->right),
-                                  std::min(rect->top, rect->bottom),
-                                  std::max(rect->left, rect->right),
-                                  std::max(rect->top, rect->bottom))));
-        w.replaceKey("/F", QPDFObjectHandle::newInteger(PD_ANNOT_PRINT));
+        w.replaceKey("/Type", sharedName("/Annot"));
+        w.replaceKey("/Subtype", sharedName("/Widget"));
+        // As qpdf writes the numbers of a QPDFObjectHandle::Rectangle.
+        auto coordinate = [](double v) { return sharedReal(QUtil::double_to_string(v)); };
+        w.replaceKey("/Rect", QPDFObjectHandle::newArray(
+                                  {coordinate(std::min(rect->left, rect->right)),
+                                   coordinate(std::min(rect->top, rect->bottom)),
+                                   coordinate(std::max(rect->left, rect->right)),
+                                   coordinate(std::max(rect->top, rect->bottom))}));
+        w.replaceKey("/F", sharedInteger(PD_ANNOT_PRINT));
         if (p) w.replaceKey("/P", p->obj);
-        auto mk = QPDFObjectHandle::parse("<< /BC [0 0 0] >>");
-        w.replaceKey("/BS", QPDFObjectHandle::parse("<< /W 1 /S /S >>"));
+        auto mk = QPDFObjectHandle::newDictionary();
+        mk.replaceKey("/BC", QPDFObjectHandle::newArray(
+                                 {sharedInteger(0), sharedInteger(0), sharedInteger(0)}));
+        auto bs = QPDFObjectHandle::newDictionary();
+        bs.replaceKey("/W", sharedInteger(1));
+        bs.replaceKey("/S", sharedName("/S"));
+        w.replaceKey("/BS", bs);
         uint32_t flags = 0;
         auto ff = inherited(f.obj, "/Ff");
         if (ff.isInteger()) flags = static_cast<uint32_t>(ff.getIntValue());
         bool isButton = std::string(ft) == "/Btn";
         if (isButton && !(flags & PD_FIELD_PUSHBUTTON)) {
             bool radio = flags & PD_FIELD_RADIO;
-            mk.replaceKey("/CA", QPDFObjectHandle::newString(radio ? "l" : "4"));
+            mk.replaceKey("/CA", sharedString(radio ? "l" : "4"));
             // The appearance names the on state "Yes"; /AS follows the field value.
-            w.replaceKey("/AS", QPDFObjectHandle::newName("/Off"));
+            w.replaceKey("/AS", sharedName("/Off"));
         } else if (isButton) {
             mk.replaceKey("/BG", QPDFObjectHandle::parse("[0.75 0.75 0.75]"));
         }

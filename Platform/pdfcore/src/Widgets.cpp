@@ -23,11 +23,11 @@ std::string num(double v) {
 }
 
 QPDFObjectHandle real(double v) {
-    return QPDFObjectHandle::newReal(num(v));
+    return sharedReal(num(v));
 }
 
 QPDFObjectHandle name(const std::string& withoutSlash) {
-    return QPDFObjectHandle::newName("/" + withoutSlash);
+    return sharedName("/" + withoutSlash);
 }
 
 QPDFObjectHandle colourArray(uint32_t argb) {
@@ -326,7 +326,7 @@ void changeDA(PDHandleRec& h, const std::function<void(DefaultAppearance&)>& cha
         DefaultAppearance da = parseDA(current);
         change(da);
         if (da.font.empty()) da.font = fontResource(doc, "Helvetica", 0);
-        dict.replaceKey("/DA", QPDFObjectHandle::newString(writeDA(da)));
+        dict.replaceKey("/DA", sharedString(writeDA(da)));
     };
     // A widget that shares its field with other widgets is styled on its own.
     if (h.obj.getObjGen() != holder.getObjGen() && widgetsOf(holder).size() > 1) {
@@ -409,7 +409,7 @@ PDResult PDWidgetAnnotSetRotate(PDAnnot widget, int32_t degrees) {
     return guard([&] {
         PDHandleRec& h = checkedWidget(widget);
         if (degrees % 90 != 0) fail(PD_ERR_BAD_ARGUMENT);
-        putMk(h, "/R", QPDFObjectHandle::newInteger(((degrees % 360) + 360) % 360));
+        putMk(h, "/R", sharedInteger(((degrees % 360) + 360) % 360));
     });
 }
 
@@ -654,7 +654,7 @@ void dropOnState(QPDFObjectHandle w, const std::string& state) {
         }
         w.replaceKey("/AP", newAp);
     }
-    if (nameOf(w.getKey("/AS")) == state) w.replaceKey("/AS", QPDFObjectHandle::newName("/Off"));
+    if (nameOf(w.getKey("/AS")) == state) w.replaceKey("/AS", sharedName("/Off"));
     // The field's value names the state no longer when no other widget of it has it.
     QPDFObjectHandle field = holderOf(w);
     if (!isStateOf(field.getKey("/V"), state)) return;
@@ -666,7 +666,7 @@ void dropOnState(QPDFObjectHandle w, const std::string& state) {
             if (normal.isDictionary() && normal.hasKey(state)) return;
         }
     }
-    field.replaceKey("/V", QPDFObjectHandle::newName("/Off"));
+    field.replaceKey("/V", sharedName("/Off"));
 }
 
 } // namespace
@@ -757,10 +757,10 @@ PDResult PDTextWidgetAnnotSetQuadding(PDAnnot widget, int32_t quadding) {
         if (quadding < 0 || quadding > 2) fail(PD_ERR_BAD_ARGUMENT);
         requireType(h.obj, "/Tx", "/Ch");
         QPDFObjectHandle field = holderOf(h.obj);
-        field.replaceKey("/Q", QPDFObjectHandle::newInteger(quadding));
+        field.replaceKey("/Q", sharedInteger(quadding));
         // A /Q of the widget's own would hide the field's.
         if (field.getObjGen() != h.obj.getObjGen() && h.obj.hasKey("/Q"))
-            h.obj.replaceKey("/Q", QPDFObjectHandle::newInteger(quadding));
+            h.obj.replaceKey("/Q", sharedInteger(quadding));
         refreshField(h, Redraw::kText);
     });
 }
