@@ -357,8 +357,8 @@ PDResult PDActionCreate(PDDoc doc, PDAtom type, const PDActionArg* arg, PDAction
             return t;
         };
         auto action = QPDFObjectHandle::newDictionary();
-        action.replaceKey("/Type", sharedName("/Action"));
-        action.replaceKey("/S", sharedName("/" + s));
+        action.replaceKey("/Type", sharedName(d, "/Action"));
+        action.replaceKey("/S", sharedName(d, "/" + s));
         if (s == "GoTo") {
             if (!arg || !arg->dest) fail(PD_ERR_BAD_ARGUMENT);
             auto& dest = checked(arg->dest, Kind::Dest);

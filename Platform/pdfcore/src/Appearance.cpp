@@ -84,8 +84,8 @@ std::string num(double v) {
 
 constexpr double kPi = 3.14159265358979323846;
 
-QPDFObjectHandle real(double v) {
-    return sharedReal(num(v));
+QPDFObjectHandle real(Document& doc, double v) {
+    return sharedReal(doc, num(v));
 }
 
 int64_t intOf(QPDFObjectHandle o, int64_t fallback) {
@@ -589,7 +589,7 @@ void nameInForm(Document& doc, QPDFObjectHandle widget, const Font& font, Defaul
     da.font = keyOf(face->dictionaryFor(family, style),
                     letters.empty() ? face->resourceName() : letters + "-" + face->resourceName());
     QPDFObjectHandle holder = widget.getKey("/DA").isString() ? widget : holderOf(widget);
-    holder.replaceKey("/DA", sharedString(writeDA(da)));
+    holder.replaceKey("/DA", sharedString(doc, writeDA(da)));
 }
 
 // ---- text --------------------------------------------------------------------------
@@ -975,17 +975,18 @@ std::array<double, 6> rotationMatrix(int rotation, double rectW, double rectH) {
 
 // The entries of a form XObject that draws a widget of frame f turned by rotation, with
 // fonts and the icon or the author's frame as its resources.
-QPDFObjectHandle formDict(const Frame& f, int rotation, double rectW, double rectH,
+QPDFObjectHandle formDict(Document& doc, const Frame& f, int rotation, double rectW, double rectH,
                           const std::vector<const Font*>& fonts, QPDFObjectHandle icon,
                           QPDFObjectHandle frame) {
     QPDFObjectHandle d = QPDFObjectHandle::newDictionary();
-    d.replaceKey("/Type", sharedName("/XObject"));
-    d.replaceKey("/Subtype", sharedName("/Form"));
-    d.replaceKey("/BBox", QPDFObjectHandle::newArray({real(0), real(0), real(f.w), real(f.h)}));
+    d.replaceKey("/Type", sharedName(doc, "/XObject"));
+    d.replaceKey("/Subtype", sharedName(doc, "/Form"));
+    d.replaceKey("/BBox", QPDFObjectHandle::newArray(
+                              {real(doc, 0), real(doc, 0), real(doc, f.w), real(doc, f.h)}));
     if (rotation != 0) {
         auto matrix = QPDFObjectHandle::newArray();
         for (double v : rotationMatrix(rotation, rectW, rectH))
-            matrix.appendItem(real(v));
+            matrix.appendItem(real(doc, v));
         d.replaceKey("/Matrix", matrix);
     }
     auto resources = QPDFObjectHandle::newDictionary();
@@ -1480,8 +1481,8 @@ QPDFObjectHandle authoredFrame(Document& doc, QPDFObjectHandle normal) {
     if (!frame || !fitting(normal, 1, 1)) return QPDFObjectHandle::newNull();
     QPDFObjectHandle stream = makeStream(doc, *frame);
     QPDFObjectHandle from = normal.getDict(), to = stream.getDict();
-    to.replaceKey("/Type", sharedName("/XObject"));
-    to.replaceKey("/Subtype", sharedName("/Form"));
+    to.replaceKey("/Type", sharedName(doc, "/XObject"));
+    to.replaceKey("/Subtype", sharedName(doc, "/Form"));
     for (const char* key : {"/BBox", "/Matrix", "/Resources"})
         if (from.hasKey(key)) to.replaceKey(key, from.getKey(key));
     return stream;
@@ -1643,7 +1644,7 @@ void drawAppearance(Document& doc, QPDFObjectHandle widget, Redraw what) {
     auto form = [&](const std::vector<const Font*>& fonts, const std::string& content,
                     QPDFObjectHandle icon = QPDFObjectHandle::newNull()) {
         QPDFObjectHandle dict =
-            formDict(cx.frame, static_cast<int>(rotation), rectW, rectH, fonts, icon, frame);
+            formDict(doc, cx.frame, static_cast<int>(rotation), rectW, rectH, fonts, icon, frame);
         std::string data;
         data.reserve(kDrawnMark.size() + content.size());
         data.append(kDrawnMark).append(content);
@@ -1753,7 +1754,7 @@ std::string showValueState(QPDFObjectHandle widget, QPDFObjectHandle field) {
     const std::string on = onStateName(widget);
     const std::vector<std::u16string> values = valuesOf(inherited(field, "/V"));
     const bool isOn = !values.empty() && values[0] == toU16(on.substr(1));
-    widget.replaceKey("/AS", sharedName(isOn ? on : "/Off"));
+    widget.replaceKey("/AS", QPDFObjectHandle::newName(isOn ? on : "/Off"));
     return on;
 }
 

@@ -423,36 +423,84 @@ QPDFObjectHandle textString(const std::u16string& s) {
 
 namespace {
 
+// The value made for key, made now while there is room; past it, a new one, or with
+// onlyShared an empty handle.
 template <class Key, class Make>
 QPDFObjectHandle shared(std::unordered_map<Key, QPDFObjectHandle>& made, const Key& key,
-                        Make&& make) {
+                        Make&& make, bool onlyShared = false) {
     auto it = made.find(key);
     if (it != made.end()) return it->second;
-    QPDFObjectHandle value = make();
-    if (made.size() < kSharedValues) made.emplace(key, value);
-    return value;
+    if (made.size() >= kSharedValues) return onlyShared ? QPDFObjectHandle() : make();
+    return made.emplace(key, make()).first->second;
+}
+
+// The shared value that stands for value (direct), if any. Strings are left out: a file's
+// strings are mostly its fields' names and values, each one of its own.
+QPDFObjectHandle sharedFor(SharedValues& v, QPDFObjectHandle value) {
+    switch (value.getTypeCode()) {
+    case ::ot_name: {
+        const std::string name = value.getName();
+        return shared(v.names, name, [&] { return QPDFObjectHandle::newName(name); }, true);
+    }
+    case ::ot_integer: {
+        const long long n = value.getIntValue();
+        return shared(v.integers, n, [&] { return QPDFObjectHandle::newInteger(n); }, true);
+    }
+    case ::ot_real: {
+        const std::string text = value.getRealValue();
+        return shared(v.reals, text, [&] { return QPDFObjectHandle::newReal(text); }, true);
+    }
+    default: return {};
+    }
+}
+
+void shareIn(SharedValues& v, QPDFObjectHandle container, int depth) {
+    auto share = [&](QPDFObjectHandle value, auto&& put) {
+        if (value.isIndirect()) return;
+        if (value.isArray() || value.isDictionary()) {
+            if (depth < kSharedDepth) shareIn(v, value, depth + 1);
+            return;
+        }
+        QPDFObjectHandle one = sharedFor(v, value);
+        if (one.isInitialized() && !one.isSameObjectAs(value)) put(one);
+    };
+    if (container.isArray()) {
+        const int n = container.getArrayNItems();
+        for (int i = 0; i < n; ++i)
+            share(container.getArrayItem(i),
+                  [&](QPDFObjectHandle one) { container.setArrayItem(i, one); });
+    } else {
+        // getDictAsMap: qpdf's getKeys and ditems read every value, to leave out nulls.
+        for (const auto& entry : container.getDictAsMap()) {
+            const std::string& key = entry.first;
+            share(entry.second, [&](QPDFObjectHandle one) { container.replaceKey(key, one); });
+        }
+    }
 }
 
 } // namespace
 
-QPDFObjectHandle sharedName(const std::string& name) {
-    thread_local std::unordered_map<std::string, QPDFObjectHandle> made;
-    return shared(made, name, [&] { return QPDFObjectHandle::newName(name); });
+QPDFObjectHandle sharedName(Document& doc, const std::string& name) {
+    return shared(doc.sharedValues.names, name, [&] { return QPDFObjectHandle::newName(name); });
 }
 
-QPDFObjectHandle sharedReal(const std::string& written) {
-    thread_local std::unordered_map<std::string, QPDFObjectHandle> made;
-    return shared(made, written, [&] { return QPDFObjectHandle::newReal(written); });
+QPDFObjectHandle sharedReal(Document& doc, const std::string& written) {
+    return shared(doc.sharedValues.reals, written,
+                  [&] { return QPDFObjectHandle::newReal(written); });
 }
 
-QPDFObjectHandle sharedInteger(long long value) {
-    thread_local std::unordered_map<long long, QPDFObjectHandle> made;
-    return shared(made, value, [&] { return QPDFObjectHandle::newInteger(value); });
+QPDFObjectHandle sharedInteger(Document& doc, long long value) {
+    return shared(doc.sharedValues.integers, value,
+                  [&] { return QPDFObjectHandle::newInteger(value); });
 }
 
-QPDFObjectHandle sharedString(const std::string& bytes) {
-    thread_local std::unordered_map<std::string, QPDFObjectHandle> made;
-    return shared(made, bytes, [&] { return QPDFObjectHandle::newString(bytes); });
+QPDFObjectHandle sharedString(Document& doc, const std::string& bytes) {
+    return shared(doc.sharedValues.strings, bytes,
+                  [&] { return QPDFObjectHandle::newString(bytes); });
+}
+
+void shareValues(Document& doc, QPDFObjectHandle dict) {
+    if (dict.isDictionary()) shareIn(doc.sharedValues, dict, 1);
 }
 
 // ---- object helpers -------------------------------------------------------------------

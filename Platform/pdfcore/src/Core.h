@@ -193,6 +193,13 @@ class ReadStarts {
     std::vector<std::unique_ptr<Page>> pages_;
 };
 
+// Names, reals, strings and integers made once for a document and held by all its
+// dictionaries and arrays that hold them (sharedName), by value.
+struct SharedValues {
+    std::unordered_map<std::string, QPDFObjectHandle> names, reals, strings;
+    std::unordered_map<long long, QPDFObjectHandle> integers;
+};
+
 // One open document. Lives as long as its own handle or any handle of one of its
 // objects holds a reference: every object handle adds one reference to the document
 // handle and drops it when freed.
@@ -291,6 +298,8 @@ struct Document {
     // collections, so that a restore finds it.
     std::set<PDFieldStateRec*> savedStates;
     uint32_t nextCookie = 1;
+    // The names and numbers this document's objects hold alike, each one object (sharedName).
+    SharedValues sharedValues;
     // The faces of the system's fonts that drew text here, embedded when it is written.
     std::unique_ptr<FontStore, FontStoreDeleter> fonts;
 };
@@ -350,18 +359,26 @@ void warn(const std::u16string& text);
 // ---- values many objects hold alike --------------------------------------------------
 
 // A name (with its slash), a real as it is written ("0.5", "12"), an integer or a string,
-// made once per thread and then held by every dictionary and array given it. qpdf writes a
-// direct object wherever it is held, as if each holder had its own, and never changes one
-// in place; a form of thousands of fields holds the same few hundred names and numbers
+// made once for doc and then held by every dictionary and array of it given it. qpdf writes
+// a direct object wherever it is held, as if each holder had its own, and never changes
+// one in place; a form of thousands of fields holds the same few hundred names and numbers
 // tens of thousands of times, each an object of 100 to 200 bytes of its own. Only as
-// values of dictionaries and arrays: never made indirect, nor given to
+// values of doc's dictionaries and arrays: never made indirect, nor given to
 // QPDF::replaceObject, either of which would make the one object indirect wherever it is
-// held. Past kSharedValues values of a kind, values are made anew.
+// held, nor put into another document (qpdf's destructor writes into the direct objects
+// its document holds, which another thread may be reading). Past kSharedValues values of
+// a kind, values are made anew.
 constexpr size_t kSharedValues = 4096;
-QPDFObjectHandle sharedName(const std::string& name);
-QPDFObjectHandle sharedReal(const std::string& written);
-QPDFObjectHandle sharedInteger(long long value);
-QPDFObjectHandle sharedString(const std::string& bytes);
+QPDFObjectHandle sharedName(Document& doc, const std::string& name);
+QPDFObjectHandle sharedReal(Document& doc, const std::string& written);
+QPDFObjectHandle sharedInteger(Document& doc, long long value);
+QPDFObjectHandle sharedString(Document& doc, const std::string& bytes);
+// Puts doc's shared values in place of the names and numbers that dict (of a file qpdf
+// read, where each is an object of its own) holds directly, or in the dictionaries and
+// arrays it holds directly, down to kSharedDepth levels; never reads what it refers to. A
+// value no shared one stands for (past kSharedValues) stays as it is.
+constexpr int kSharedDepth = 4;
+void shareValues(Document& doc, QPDFObjectHandle dict);
 
 // ---- names (Names.cpp) -------------------------------------------------------------
 

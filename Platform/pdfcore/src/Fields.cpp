@@ -201,7 +201,9 @@ bool anySignedField(Document& doc) {
 }
 
 void checkFormDepth(Document& doc) {
-    // Down /Kids from the roots of /Fields, as the walks that index the form go.
+    // Down /Kids from the roots of /Fields, as the walks that index the form go. This reads
+    // every field and widget of the form, each for the first time: their names and numbers
+    // become shared values here (shareValues).
     std::set<QPDFObjGen> seen;
     std::vector<std::pair<QPDFObjectHandle, int>> pending;
     auto form = acroForm(doc, false);
@@ -213,13 +215,28 @@ void checkFormDepth(Document& doc) {
         pending.pop_back();
         if (!node.isDictionary()) continue;
         if (node.isIndirect() && !seen.insert(node.getObjGen()).second) continue;
+        shareValues(doc, node);
         auto kids = node.getKey("/Kids");
         if (!kids.isArray()) continue;
         for (auto& kid : kids.aitems()) {
-            if (!isFieldKid(kid)) continue;
+            if (!isFieldKid(kid)) {
+                // A widget, read just now.
+                if (kid.isDictionary() &&
+                    (!kid.isIndirect() || seen.insert(kid.getObjGen()).second))
+                    shareValues(doc, kid);
+                continue;
+            }
             if (level >= kMaxDepth) fail(PD_ERR_TOO_DEEP);
             pending.emplace_back(kid, level + 1);
         }
+    }
+    // Widgets of the pages that no field lists among its /Kids.
+    for (QPDFObjectHandle page : doc.qpdf->getAllPages()) {
+        auto annots = page.getKey("/Annots");
+        if (!annots.isArray()) continue;
+        for (auto& annot : annots.aitems())
+            if (isWidget(annot) && (!annot.isIndirect() || seen.insert(annot.getObjGen()).second))
+                shareValues(doc, annot);
     }
     if (!parentChainsWithinLimit(doc)) fail(PD_ERR_TOO_DEEP);
 }
@@ -491,11 +508,11 @@ PDResult createField(PDDoc doc, std::u16string name, bool freshIfEmpty, PDAtom t
         if (findByName(d, name).isDictionary()) fail(PD_ERR_NAME_IN_USE);
         auto parent = parentFor(d, parts, parts.size() - 1, true);
         auto field = QPDFObjectHandle::newDictionary();
-        field.replaceKey("/FT", sharedName(ft));
+        field.replaceKey("/FT", sharedName(d, ft));
         field.replaceKey("/T", textString(parts.back()));
-        if (flags) field.replaceKey("/Ff", sharedInteger(flags));
+        if (flags) field.replaceKey("/Ff", sharedInteger(d, flags));
         if (type == PD_ATOM_Tx || type == PD_ATOM_Ch) {
-            field.replaceKey("/DA", sharedString("/Helv 0 Tf 0 g"));
+            field.replaceKey("/DA", sharedString(d, "/Helv 0 Tf 0 g"));
         }
         if (parent.isDictionary()) field.replaceKey("/Parent", parent);
         field = makeIndirect(d, field);
@@ -1250,23 +1267,23 @@ static PDResult createWidget(PDDoc doc, PDField field, PDPage page, const PDRect
             fail(PD_ERR_BAD_ARGUMENT);
         }
         auto w = QPDFObjectHandle::newDictionary();
-        w.replaceKey("/Type", sharedName("/Annot"));
-        w.replaceKey("/Subtype", sharedName("/Widget"));
+        w.replaceKey("/Type", sharedName(d, "/Annot"));
+        w.replaceKey("/Subtype", sharedName(d, "/Widget"));
         // As qpdf writes the numbers of a QPDFObjectHandle::Rectangle.
-        auto coordinate = [](double v) { return sharedReal(QUtil::double_to_string(v)); };
+        auto coordinate = [&](double v) { return sharedReal(d, QUtil::double_to_string(v)); };
         w.replaceKey("/Rect", QPDFObjectHandle::newArray(
                                   {coordinate(std::min(rect->left, rect->right)),
                                    coordinate(std::min(rect->top, rect->bottom)),
                                    coordinate(std::max(rect->left, rect->right)),
                                    coordinate(std::max(rect->top, rect->bottom))}));
-        w.replaceKey("/F", sharedInteger(PD_ANNOT_PRINT));
+        w.replaceKey("/F", sharedInteger(d, PD_ANNOT_PRINT));
         if (p) w.replaceKey("/P", p->obj);
         auto mk = QPDFObjectHandle::newDictionary();
         mk.replaceKey("/BC", QPDFObjectHandle::newArray(
-                                 {sharedInteger(0), sharedInteger(0), sharedInteger(0)}));
+                                 {sharedInteger(d, 0), sharedInteger(d, 0), sharedInteger(d, 0)}));
         auto bs = QPDFObjectHandle::newDictionary();
-        bs.replaceKey("/W", sharedInteger(1));
-        bs.replaceKey("/S", sharedName("/S"));
+        bs.replaceKey("/W", sharedInteger(d, 1));
+        bs.replaceKey("/S", sharedName(d, "/S"));
         w.replaceKey("/BS", bs);
         uint32_t flags = 0;
         auto ff = inherited(f.obj, "/Ff");
@@ -1274,9 +1291,9 @@ static PDResult createWidget(PDDoc doc, PDField field, PDPage page, const PDRect
         bool isButton = std::string(ft) == "/Btn";
         if (isButton && !(flags & PD_FIELD_PUSHBUTTON)) {
             bool radio = flags & PD_FIELD_RADIO;
-            mk.replaceKey("/CA", sharedString(radio ? "l" : "4"));
+            mk.replaceKey("/CA", sharedString(d, radio ? "l" : "4"));
             // The appearance names the on state "Yes"; /AS follows the field value.
-            w.replaceKey("/AS", sharedName("/Off"));
+            w.replaceKey("/AS", sharedName(d, "/Off"));
         } else if (isButton) {
             mk.replaceKey("/BG", QPDFObjectHandle::parse("[0.75 0.75 0.75]"));
         }

@@ -23,18 +23,18 @@ std::string num(double v) {
 }
 
 QPDFObjectHandle real(double v) {
-    return sharedReal(num(v));
+    return QPDFObjectHandle::newReal(num(v));
 }
 
 QPDFObjectHandle name(const std::string& withoutSlash) {
-    return sharedName("/" + withoutSlash);
+    return QPDFObjectHandle::newName("/" + withoutSlash);
 }
 
-QPDFObjectHandle colourArray(uint32_t argb) {
+QPDFObjectHandle colourArray(Document& doc, uint32_t argb) {
     Colour k = Colour::fromArgb(argb);
     auto arr = QPDFObjectHandle::newArray();
     for (int i = 0; i < 3; ++i)
-        arr.appendItem(real(k.c[i]));
+        arr.appendItem(sharedReal(doc, num(k.c[i])));
     return arr;
 }
 
@@ -326,7 +326,7 @@ void changeDA(PDHandleRec& h, const std::function<void(DefaultAppearance&)>& cha
         DefaultAppearance da = parseDA(current);
         change(da);
         if (da.font.empty()) da.font = fontResource(doc, "Helvetica", 0);
-        dict.replaceKey("/DA", sharedString(writeDA(da)));
+        dict.replaceKey("/DA", sharedString(doc, writeDA(da)));
     };
     // A widget that shares its field with other widgets is styled on its own.
     if (h.obj.getObjGen() != holder.getObjGen() && widgetsOf(holder).size() > 1) {
@@ -379,7 +379,7 @@ PDResult getMkColour(PDAnnot widget, const char* key, uint32_t* outArgb) {
 PDResult setMkColour(PDAnnot widget, const char* key, uint32_t argb) {
     return guard([&] {
         PDHandleRec& h = checkedWidget(widget);
-        putMk(h, key, (argb >> 24) == 0 ? QPDFObjectHandle::newNull() : colourArray(argb));
+        putMk(h, key, (argb >> 24) == 0 ? QPDFObjectHandle::newNull() : colourArray(*h.doc, argb));
     });
 }
 
@@ -409,7 +409,7 @@ PDResult PDWidgetAnnotSetRotate(PDAnnot widget, int32_t degrees) {
     return guard([&] {
         PDHandleRec& h = checkedWidget(widget);
         if (degrees % 90 != 0) fail(PD_ERR_BAD_ARGUMENT);
-        putMk(h, "/R", sharedInteger(((degrees % 360) + 360) % 360));
+        putMk(h, "/R", sharedInteger(*h.doc, ((degrees % 360) + 360) % 360));
     });
 }
 
@@ -454,8 +454,8 @@ PDResult PDWidgetAnnotSetBorderStyle(PDAnnot widget, const PDBorderStyle* style)
         for (uint32_t i = 0; i < count; ++i)
             if (!std::isfinite(style->dash[i]) || style->dash[i] < 0) fail(PD_ERR_BAD_ARGUMENT);
         auto bs = QPDFObjectHandle::newDictionary();
-        bs.replaceKey("/W", real(style->width));
-        bs.replaceKey("/S", name(std::string(1, "SDBIU"[style->style])));
+        bs.replaceKey("/W", sharedReal(*h.doc, num(style->width)));
+        bs.replaceKey("/S", sharedName(*h.doc, std::string("/") + "SDBIU"[style->style]));
         if (count > 0) {
             auto dash = QPDFObjectHandle::newArray();
             for (uint32_t i = 0; i < count; ++i)
@@ -654,7 +654,7 @@ void dropOnState(QPDFObjectHandle w, const std::string& state) {
         }
         w.replaceKey("/AP", newAp);
     }
-    if (nameOf(w.getKey("/AS")) == state) w.replaceKey("/AS", sharedName("/Off"));
+    if (nameOf(w.getKey("/AS")) == state) w.replaceKey("/AS", QPDFObjectHandle::newName("/Off"));
     // The field's value names the state no longer when no other widget of it has it.
     QPDFObjectHandle field = holderOf(w);
     if (!isStateOf(field.getKey("/V"), state)) return;
@@ -666,7 +666,7 @@ void dropOnState(QPDFObjectHandle w, const std::string& state) {
             if (normal.isDictionary() && normal.hasKey(state)) return;
         }
     }
-    field.replaceKey("/V", sharedName("/Off"));
+    field.replaceKey("/V", QPDFObjectHandle::newName("/Off"));
 }
 
 } // namespace
@@ -757,10 +757,10 @@ PDResult PDTextWidgetAnnotSetQuadding(PDAnnot widget, int32_t quadding) {
         if (quadding < 0 || quadding > 2) fail(PD_ERR_BAD_ARGUMENT);
         requireType(h.obj, "/Tx", "/Ch");
         QPDFObjectHandle field = holderOf(h.obj);
-        field.replaceKey("/Q", sharedInteger(quadding));
+        field.replaceKey("/Q", sharedInteger(*h.doc, quadding));
         // A /Q of the widget's own would hide the field's.
         if (field.getObjGen() != h.obj.getObjGen() && h.obj.hasKey("/Q"))
-            h.obj.replaceKey("/Q", sharedInteger(quadding));
+            h.obj.replaceKey("/Q", sharedInteger(*h.doc, quadding));
         refreshField(h, Redraw::kText);
     });
 }
