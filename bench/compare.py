@@ -222,8 +222,12 @@ def main():
             write_json(path("w1-%s.json" % tag), w1_script(pages, fields))
             results = {w: {who: Measure() for who in ["ours", "floor"] + peers}
                        for w in ("W1", "W2")}
+            # W2 again, its changes appended to W1's file (--incremental) rather than the
+            # file written whole as by default; beside the same peers' runs.
+            appended = {"ours": Measure(), "floor": Measure()}
             out = path("w1-%s.pdf" % tag)
             renamed = path("w2-%s.pdf" % tag)
+            renamed_appended = path("w2u-%s.pdf" % tag)
             for _ in range(args.runs):
                 results["W1"]["ours"].run(qf + [path("w1-%s.json" % tag), "--out", out], env)
                 names = workloads.verify_w1(out, fields)
@@ -233,6 +237,13 @@ def main():
                     qf + [path("w2-%s.json" % tag), "--in", out, "--out", renamed], env)
                 workloads.verify_w2(renamed, fields, names)
                 results["W2"]["floor"].run(["qpdf", renamed, path("floor.pdf")])
+                appended["ours"].run(qf + [path("w2-%s.json" % tag), "--in", out, "--out",
+                                           renamed_appended, "--incremental"], env)
+                workloads.verify_w2(renamed_appended, fields, names)
+                with open(out, "rb") as before, open(renamed_appended, "rb") as after:
+                    if not after.read().startswith(before.read()):
+                        raise AssertionError("W2 appended: W1's bytes are not kept in front")
+                appended["floor"].run(["qpdf", renamed_appended, path("floor.pdf")])
             # The peers: W1 of their own, checked by the shared check.py; W2 on our W1
             # output. A run stopped at the cap ends that peer's runs of the workload.
             for peer in peers:
@@ -253,6 +264,8 @@ def main():
                     workloads.verify_w2(path("%s-w2.pdf" % peer), fields, names)
             for w in ("W1", "W2"):
                 rows.append((w, pages, fields, results[w]))
+            rows.append(("W2 appended", pages, fields,
+                         dict(results["W2"], **appended)))
 
         if not args.no_w3:
             source = path("w3-in.pdf")
