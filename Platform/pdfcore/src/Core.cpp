@@ -434,22 +434,27 @@ QPDFObjectHandle shared(std::unordered_map<Key, QPDFObjectHandle>& made, const K
     return made.emplace(key, make()).first->second;
 }
 
+QPDFObjectHandle nameIn(SharedValues& v, const std::string& name, bool onlyShared = false) {
+    return shared(v.names, name, [&] { return QPDFObjectHandle::newName(name); }, onlyShared);
+}
+
+QPDFObjectHandle realIn(SharedValues& v, const std::string& written, bool onlyShared = false) {
+    return shared(v.reals, written, [&] { return QPDFObjectHandle::newReal(written); },
+                  onlyShared);
+}
+
+QPDFObjectHandle integerIn(SharedValues& v, long long value, bool onlyShared = false) {
+    return shared(v.integers, value, [&] { return QPDFObjectHandle::newInteger(value); },
+                  onlyShared);
+}
+
 // The shared value that stands for value (direct), if any. Strings are left out: a file's
 // strings are mostly its fields' names and values, each one of its own.
 QPDFObjectHandle sharedFor(SharedValues& v, QPDFObjectHandle value) {
     switch (value.getTypeCode()) {
-    case ::ot_name: {
-        const std::string name = value.getName();
-        return shared(v.names, name, [&] { return QPDFObjectHandle::newName(name); }, true);
-    }
-    case ::ot_integer: {
-        const long long n = value.getIntValue();
-        return shared(v.integers, n, [&] { return QPDFObjectHandle::newInteger(n); }, true);
-    }
-    case ::ot_real: {
-        const std::string text = value.getRealValue();
-        return shared(v.reals, text, [&] { return QPDFObjectHandle::newReal(text); }, true);
-    }
+    case ::ot_name: return nameIn(v, value.getName(), true);
+    case ::ot_integer: return integerIn(v, value.getIntValue(), true);
+    case ::ot_real: return realIn(v, value.getRealValue(), true);
     default: return {};
     }
 }
@@ -481,17 +486,15 @@ void shareIn(SharedValues& v, QPDFObjectHandle container, int depth) {
 } // namespace
 
 QPDFObjectHandle sharedName(Document& doc, const std::string& name) {
-    return shared(doc.sharedValues.names, name, [&] { return QPDFObjectHandle::newName(name); });
+    return nameIn(doc.sharedValues, name);
 }
 
 QPDFObjectHandle sharedReal(Document& doc, const std::string& written) {
-    return shared(doc.sharedValues.reals, written,
-                  [&] { return QPDFObjectHandle::newReal(written); });
+    return realIn(doc.sharedValues, written);
 }
 
 QPDFObjectHandle sharedInteger(Document& doc, long long value) {
-    return shared(doc.sharedValues.integers, value,
-                  [&] { return QPDFObjectHandle::newInteger(value); });
+    return integerIn(doc.sharedValues, value);
 }
 
 QPDFObjectHandle sharedString(Document& doc, const std::string& bytes) {

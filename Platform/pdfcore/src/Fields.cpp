@@ -203,7 +203,7 @@ bool anySignedField(Document& doc) {
 void checkFormDepth(Document& doc) {
     // Down /Kids from the roots of /Fields, as the walks that index the form go. This reads
     // every field and widget of the form, each for the first time: their names and numbers
-    // become shared values here (shareValues).
+    // become shared values here (shareValues). A widget no field lists keeps its own.
     std::set<QPDFObjGen> seen;
     std::vector<std::pair<QPDFObjectHandle, int>> pending;
     auto form = acroForm(doc, false);
@@ -229,14 +229,6 @@ void checkFormDepth(Document& doc) {
             if (level >= kMaxDepth) fail(PD_ERR_TOO_DEEP);
             pending.emplace_back(kid, level + 1);
         }
-    }
-    // Widgets of the pages that no field lists among its /Kids.
-    for (QPDFObjectHandle page : doc.qpdf->getAllPages()) {
-        auto annots = page.getKey("/Annots");
-        if (!annots.isArray()) continue;
-        for (auto& annot : annots.aitems())
-            if (isWidget(annot) && (!annot.isIndirect() || seen.insert(annot.getObjGen()).second))
-                shareValues(doc, annot);
     }
     if (!parentChainsWithinLimit(doc)) fail(PD_ERR_TOO_DEEP);
 }
