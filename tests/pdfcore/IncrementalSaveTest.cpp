@@ -378,3 +378,22 @@ TEST(IncrementalSaveRefused, WritesTheFileWhole) {
 }
 
 }  // namespace
+
+// Whether a document is signed decides how it is saved by default: a file's signatures are
+// found, and a document without any stays so.
+TEST(SignedDocument, TheSignaturesOfTheFileAreFound) {
+    auto isSigned = [](PDDoc doc) {
+        PDBool yes = 2;
+        EXPECT_EQ(PDDocIsSigned(doc, &yes), PD_OK);
+        return yes == 1;
+    };
+    for (const char* file : {"pyhanko-two-fields-signed-twice.pdf", "qpdf-digitally-signed.pdf"})
+        EXPECT_TRUE(isSigned(openDoc(corpus(file)).get())) << file;
+    EXPECT_FALSE(isSigned(openDoc(corpus("pyhanko-textfield-group-unsigned-sig.pdf")).get()));
+    Owned doc = createDoc();
+    Owned pg = page(doc.get(), 0);
+    Owned sig = createField(doc.get(), "sig", PD_ATOM_Sig);
+    addWidget(doc.get(), sig.get(), pg.get(), rect(20, 700, 120, 730));
+    EXPECT_FALSE(isSigned(doc.get()));
+    EXPECT_FALSE(isSigned(openBytes(savedMem(doc.get(), 0)).get()));
+}

@@ -209,6 +209,11 @@ struct Document {
     std::string fileBytes;  // the opened file, read whole, so the source may be overwritten
     std::shared_ptr<FileOnDisk> onDisk;  // of a document read from a regular file
     std::shared_ptr<ReadStarts> reads;   // where qpdf read in fileBytes
+    // Whether a field or widget may hold a dictionary as its /V, as a signature does. Known
+    // false only for a new document, and for a file whose open walk read every field and
+    // widget and found none; set again when a call puts one under /V. Never cleared:
+    // anySignedField then walks the form.
+    bool signaturesPossible = true;
 
     // Handle registry: (object, role) -> live handle. Guarded by registryMutex, as
     // handles may be released from any thread.
@@ -455,7 +460,9 @@ QPDFObjectHandle pageOf(Document& doc, uint32_t index);  // fails PD_ERR_RANGE
 std::vector<QPDFObjectHandle> formRoots(Document& doc, size_t* listed = nullptr);
 // Fails with PD_ERR_TOO_DEEP when the field tree nests deeper than PD_MAX_TREE_DEPTH levels,
 // down /Kids from the roots of /Fields or up /Parent from the widgets of the pages; reads
-// only. When a document opens, so that such a form is refused at once.
+// only. When a document opens, so that such a form is refused at once. Clears
+// doc.signaturesPossible when the walks met every field and widget and none holds a
+// dictionary as /V.
 void checkFormDepth(Document& doc);
 // Whether a signature field of the form holds a signature (/V).
 bool anySignedField(Document& doc);

@@ -344,6 +344,7 @@ PDResult PDDocCreate(uint32_t pageCount, float width, float height, PDDoc* outDo
         doc->qpdf = std::make_unique<QPDF>();
         doc->qpdf->emptyPDF();
         doc->firstSessionObject = 1;
+        doc->signaturesPossible = false;
         QPDFPageDocumentHelper pages(*doc->qpdf);
         auto box = QPDFObjectHandle::newArray(QPDFObjectHandle::Rectangle(0, 0, width, height));
         for (uint32_t i = 0; i < pageCount; ++i) {

@@ -90,7 +90,10 @@ std::u16string qualified(const std::u16string& parent, QPDFObjectHandle node) {
     return parent.empty() ? t : parent + u'.' + t;
 }
 
-bool parentChainsWithinLimit(Document& doc);
+// everySeen (when given) is cleared at a widget of the pages, or a field above one, that
+// seen does not hold.
+bool parentChainsWithinLimit(Document& doc, const std::set<QPDFObjGen>* seen = nullptr,
+                             bool* everySeen = nullptr);
 
 // A /Parent link given to a kid whose own is missing or broken (a field's widget, or a
 // field, listed under a parent it does not point back to). In a damaged file such a link
@@ -170,6 +173,7 @@ void walkFields(Document& doc, QPDFObjectHandle root, std::u16string name, int l
 // Read only: unlike the walks that index the form, it repairs nothing, so that asking
 // leaves the document as it was.
 bool anySignedField(Document& doc) {
+    if (!doc.signaturesPossible) return false;
     // ft and v: the values the node inherits, down the /Kids it was reached through.
     struct Pending {
         QPDFObjectHandle node, ft, v;
@@ -206,16 +210,24 @@ void checkFormDepth(Document& doc) {
     // become shared values here (shareValues). A widget no field lists keeps its own.
     std::set<QPDFObjGen> seen;
     std::vector<std::pair<QPDFObjectHandle, int>> pending;
+    bool valueDict = false;
+    auto read = [&](QPDFObjectHandle node) {
+        shareValues(doc, node);
+        if (!valueDict) valueDict = node.getKey("/V").isDictionary();
+    };
     auto form = acroForm(doc, false);
     if (form.isDictionary() && form.getKey("/Fields").isArray()) {
-        for (auto& root : form.getKey("/Fields").aitems()) pending.emplace_back(root, 1);
+        for (auto& root : form.getKey("/Fields").aitems()) {
+            pending.emplace_back(root, 1);
+            if (!valueDict) valueDict = inherited(root, "/V").isDictionary();
+        }
     }
     while (!pending.empty()) {
         auto [node, level] = std::move(pending.back());
         pending.pop_back();
         if (!node.isDictionary()) continue;
         if (node.isIndirect() && !seen.insert(node.getObjGen()).second) continue;
-        shareValues(doc, node);
+        read(node);
         auto kids = node.getKey("/Kids");
         if (!kids.isArray()) continue;
         for (auto& kid : kids.aitems()) {
@@ -223,14 +235,18 @@ void checkFormDepth(Document& doc) {
                 // A widget, read just now.
                 if (kid.isDictionary() &&
                     (!kid.isIndirect() || seen.insert(kid.getObjGen()).second))
-                    shareValues(doc, kid);
+                    read(kid);
                 continue;
             }
             if (level >= kMaxDepth) fail(PD_ERR_TOO_DEEP);
             pending.emplace_back(kid, level + 1);
         }
     }
-    if (!parentChainsWithinLimit(doc)) fail(PD_ERR_TOO_DEEP);
+    // A widget of the pages that the walk down /Kids did not reach, or reached under
+    // another field than its /Parent, may lie under fields it did not read.
+    bool everyWidgetSeen = true;
+    if (!parentChainsWithinLimit(doc, &seen, &everyWidgetSeen)) fail(PD_ERR_TOO_DEEP);
+    doc.signaturesPossible = valueDict || !everyWidgetSeen;
 }
 
 namespace {
@@ -238,13 +254,15 @@ namespace {
 // Up /Parent from the widgets of the pages, as the search for roots that /Fields misses
 // goes: whether at most kMaxDepth fields lie above each field (itself included), each
 // counted once.
-bool parentChainsWithinLimit(Document& doc) {
+bool parentChainsWithinLimit(Document& doc, const std::set<QPDFObjGen>* seen, bool* everySeen) {
     std::map<QPDFObjGen, size_t> above;
     for (QPDFObjectHandle page : doc.qpdf->getAllPages()) {
         auto annots = page.getKey("/Annots");
         if (!annots.isArray()) continue;
         for (auto& annot : annots.aitems()) {
             if (!isWidget(annot)) continue;
+            if (everySeen && (!annot.isIndirect() || !seen->count(annot.getObjGen())))
+                *everySeen = false;
             std::vector<QPDFObjGen> path;
             std::set<QPDFObjGen> onPath;
             size_t known = 0;
@@ -259,6 +277,7 @@ bool parentChainsWithinLimit(Document& doc) {
                     if (!onPath.insert(og).second) break;  // a loop: followed once
                 }
                 path.push_back(og);
+                if (everySeen && !seen->count(og)) *everySeen = false;
                 if (known + path.size() > static_cast<size_t>(kMaxDepth)) return false;
             }
             for (size_t i = 0; i < path.size(); ++i) {

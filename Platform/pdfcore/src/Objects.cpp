@@ -200,6 +200,8 @@ PDResult PDObjectDictPut(PDObject dict, PDAtom key, PDObject value) {
         auto& v = checkedObject(value);
         sameDoc(o, v);
         if (!target.isIndirect() && holdsDirect(v.obj, target)) fail(PD_ERR_CYCLE);
+        // A dictionary under /V may be a signature, if target is (or becomes) a field.
+        if (k == "/V" && v.obj.isDictionary()) o.doc->signaturesPossible = true;
         target.replaceKey(k, v.obj);
     });
 }
