@@ -311,6 +311,11 @@ std::vector<QPDFObjectHandle> formRoots(Document& doc, size_t* listed) {
         if (!annots.isArray()) continue;
         for (auto& a : annots.aitems()) {
             if (!isWidget(a)) continue;
+            // Most widgets are kids of a root that is known already.
+            auto parent = fieldParent(a);
+            if (parent.isIndirect() && known.count(parent.getObjGen()) &&
+                !fieldParent(parent).isDictionary())
+                continue;
             auto node = a;
             std::set<QPDFObjGen> chain;
             for (int d = 0; fieldParent(node).isDictionary(); ++d) {
