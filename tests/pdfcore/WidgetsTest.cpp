@@ -493,6 +493,21 @@ for a in pdf.pages[0]['/Annots']:
     EXPECT_EQ(plain, "/AS /Oui#e9\n/V /Oui#e9\n") << "the value, the state and its key agree";
 }
 
+// A '#' that the file escapes inside a compressed object stream is escaped again when the
+// file is written whole (in a process that made no such name itself). qpdf writes the name
+// "A#23B" as it is, which reads back as "A#B".
+TEST(WidgetNames, AHashEscapedInAnObjectStreamStaysEscaped) {
+    ScratchDir dir;
+    const std::string packed = dir.file("packed.pdf");
+    std::ofstream(dir.file("hash.pdf"), std::ios::binary) << minimalPdf(
+        "<< /Type /Annot /Subtype /Widget /FT /Btn /T (h) /Rect [10 10 30 30] /P 3 0 R "
+        "/V /A#2323B /AS /A#2323B /AP << /N << /A#2323B 5 0 R /Off 5 0 R >> >> >>");
+    run("qpdf --object-streams=generate '" + dir.file("hash.pdf") + "' '" + packed + "'");
+    ASSERT_EQ(run("grep -c '#23' '" + packed + "'"), "0\n");
+    auto hashed = reopen(openDoc(packed).get(), dir.file("packed-saved.pdf"));
+    EXPECT_EQ(atomText(get(PDAnnotGetAppearanceState, annotAt(hashed.get(), 0).get())), "A#B");
+}
+
 TEST_F(Widgets, QuaddingAndChoiceSelection) {
     auto [tf, tw] = add("text", PD_ATOM_Tx, rect(50, 700, 250, 720));
     auto tw2 = addWidget(doc.get(), tf.get(), pg.get(), rect(50, 650, 250, 670));

@@ -379,7 +379,9 @@ PDResult PDActionCreate(PDDoc doc, PDAtom type, const PDActionArg* arg, PDAction
             Held spec(made);
             action.replaceKey("/F", spec->obj);
         } else if (s == "Named") {
-            action.replaceKey("/N", QPDFObjectHandle::newName("/" + toUtf8(text(true))));
+            const std::string name = "/" + toUtf8(text(true));
+            noteName(name);
+            action.replaceKey("/N", QPDFObjectHandle::newName(name));
         }
         *outAction = handleFor(d, makeIndirect(d, action), Kind::Action);
     });

@@ -66,6 +66,7 @@ class DynamicAtoms {
         PDAtom atom = kPredefinedCount + hash(name) % kSpan;
         while (byAtom_.count(atom))
             atom = atom + 1 < kPredefinedCount + kSpan ? atom + 1 : kPredefinedCount;
+        noteName(name);
         const std::string& stored = names_.emplace_back(name);
         try {
             byAtom_.emplace(atom, &stored);

@@ -214,6 +214,9 @@ struct Document {
     // widget and found none; set again when a call puts one under /V. Never cleared:
     // anySignedField then walks the form.
     bool signaturesPossible = true;
+    // Whether a name of the file may hold a '#': false for a new document, and for a file
+    // without object streams (not looked into) whose bytes never escape a '#' ("#23").
+    bool fileNamesMayHoldHash = true;
 
     // Handle registry: (object, role) -> live handle. Guarded by registryMutex, as
     // handles may be released from any thread.
@@ -394,12 +397,19 @@ std::string buttonStateName(QPDFObjectHandle field, const std::u16string& text);
 // Whether a button value (a name, or a text string as older files have it) is state.
 bool isStateOf(QPDFObjectHandle value, const std::string& state);
 
+// Notes a name made of text from outside the document's names (a caller's text or atom, a
+// string of the file): one that holds a '#' makes every later write in this process look
+// for such names (NamesEscapedForWriting). Any thread.
+void noteName(std::string_view name);
+// Whether a name of doc may hold a '#': one of its file's, or one noted.
+bool namesMayHoldHash(const Document& doc);
+
 // While it lives, every name that holds a '#' in what the trailer leads to (what the writer
 // writes) is written "#23" in its place, when qpdf's writer would write the '#' as it is
 // (which reads back as the start of an escape); the destructor puts the names back. Made
 // around writing the file, after everything else that changes objects. It walks every
-// object once per write; the second form only the objects given (those an update writes),
-// without following their references.
+// object once per write, unless no name may hold a '#' (namesMayHoldHash); the second form
+// only the objects given (those an update writes), without following their references.
 class NamesEscapedForWriting {
 public:
     explicit NamesEscapedForWriting(Document& doc);

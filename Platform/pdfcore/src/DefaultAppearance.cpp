@@ -199,6 +199,7 @@ DefaultAppearance parseDA(const std::string& s) {
                 if (word == "Tf") {
                     if (first[0].isName && first[1].isNumber) {
                         da.font = first[0].name;
+                        noteName(da.font);
                         da.size = first[1].value;
                     }
                 } else if (std::all_of(first, stack.end(), [](auto& o) { return o.isNumber; })) {

@@ -105,6 +105,13 @@ PDResult openFrom(std::string bytes, const char* description, const FileIdentity
                     candidates[i].c_str());
                 checkPageTreeDepth(*doc->qpdf);
                 doc->qpdf->getAllPages();  // a page tree that cannot be read fails here
+                // qpdf reads a '#' in a name only from "#23"; object streams are not
+                // looked into.
+                doc->fileNamesMayHoldHash = doc->fileBytes.find("#23") != std::string::npos;
+                if (!doc->fileNamesMayHoldHash) {
+                    for (const auto& [og, entry] : doc->qpdf->getXRefTable())
+                        if (entry.getType() == 2) doc->fileNamesMayHoldHash = true;
+                }
                 // Until a collection counts them, the file's objects stand for what is in
                 // use: garbage is collected once it is a share of the document. (An object
                 // takes 8 bytes of the file at least, whatever /Size claims.)
@@ -345,6 +352,7 @@ PDResult PDDocCreate(uint32_t pageCount, float width, float height, PDDoc* outDo
         doc->qpdf->emptyPDF();
         doc->firstSessionObject = 1;
         doc->signaturesPossible = false;
+        doc->fileNamesMayHoldHash = false;
         QPDFPageDocumentHelper pages(*doc->qpdf);
         auto box = QPDFObjectHandle::newArray(QPDFObjectHandle::Rectangle(0, 0, width, height));
         for (uint32_t i = 0; i < pageCount; ++i) {

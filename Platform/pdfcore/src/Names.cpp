@@ -3,6 +3,7 @@
 #include "Core.h"
 
 #include <algorithm>
+#include <atomic>
 
 namespace pdfcore {
 namespace {
@@ -33,7 +34,18 @@ std::string escapedHash(const std::string& name) {
 // Direct objects nest no deeper than qpdf's parser lets them; this bounds the walk.
 constexpr int kMaxNesting = 600;
 
+// Whether a name noted in this process held a '#'.
+std::atomic<bool> hashNoted{false};
+
 }  // namespace
+
+void noteName(std::string_view name) {
+    if (name.find('#') != std::string_view::npos) hashNoted.store(true, std::memory_order_relaxed);
+}
+
+bool namesMayHoldHash(const Document& doc) {
+    return doc.fileNamesMayHoldHash || hashNoted.load(std::memory_order_relaxed);
+}
 
 std::string buttonStateName(QPDFObjectHandle field, const std::u16string& text) {
     if (text == u"Off") return "/Off";
@@ -46,7 +58,9 @@ std::string buttonStateName(QPDFObjectHandle field, const std::u16string& text) 
                 if (toU16(key.substr(1)) == text) return key;
         }
     }
-    return "/" + toUtf8(text);
+    std::string name = "/" + toUtf8(text);
+    noteName(name);
+    return name;
 }
 
 bool isStateOf(QPDFObjectHandle value, const std::string& state) {
@@ -55,7 +69,7 @@ bool isStateOf(QPDFObjectHandle value, const std::string& state) {
 }
 
 NamesEscapedForWriting::NamesEscapedForWriting(Document& doc) : doc_(doc) {
-    if (kWriterEscapesHash) return;
+    if (kWriterEscapesHash || !namesMayHoldHash(doc)) return;
     // What the writer writes: what the trailer leads to, each object once.
     // (By object number, grown as it goes: qpdf's object count walks every object.)
     std::vector<bool> seen;
@@ -70,7 +84,7 @@ NamesEscapedForWriting::NamesEscapedForWriting(Document& doc) : doc_(doc) {
 NamesEscapedForWriting::NamesEscapedForWriting(Document& doc,
                                                const std::vector<QPDFObjectHandle>& objects)
     : doc_(doc) {
-    if (kWriterEscapesHash) return;
+    if (kWriterEscapesHash || !namesMayHoldHash(doc)) return;
     std::vector<bool> seen;
     std::vector<QPDFObjectHandle> notFollowed;
     for (const QPDFObjectHandle& obj : objects) escapeObject(obj, seen, notFollowed);

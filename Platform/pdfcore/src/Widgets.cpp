@@ -693,6 +693,7 @@ PDResult PDButtonWidgetAnnotSetChoice(PDAnnot widget, const char16_t* text, uint
         std::string newState = !oldState.empty() && toU16(oldState.substr(1)) == value
                                    ? oldState
                                    : "/" + toUtf8(value);
+        noteName(newState);
 
         // Rename the state in copies of /AP /N and /D, which other widgets may share.
         QPDFObjectHandle ap = w.getKey("/AP");
