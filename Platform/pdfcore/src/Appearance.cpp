@@ -1799,9 +1799,22 @@ void flushAppearances(Document& doc) {
 }
 
 std::string drawingInputs(QPDFObjectHandle widget) {
+    // Each key as inherited() finds it, up the /Parent chain once for all of them.
+    static const char* const kKeys[] = {"/FT", "/Ff", "/V",  "/Opt", "/MaxLen",
+                                        "/TI", "/I",  "/DA", "/Q",   "/DR"};
+    constexpr size_t kCount = std::size(kKeys);
+    QPDFObjectHandle found[kCount];
+    std::set<QPDFObjGen> seen;
+    QPDFObjectHandle node = widget;
+    for (int depth = 0; depth <= PD_MAX_TREE_DEPTH && node.isDictionary(); ++depth) {
+        if (node.isIndirect() && !seen.insert(node.getObjGen()).second) break;
+        for (size_t i = 0; i < kCount; ++i)
+            if (!found[i].isInitialized() && node.hasKey(kKeys[i])) found[i] = node.getKey(kKeys[i]);
+        node = node.getKey("/Parent");
+    }
     std::string out;
-    for (const char* key : {"/FT", "/Ff", "/V", "/Opt", "/MaxLen", "/TI", "/I", "/DA", "/Q", "/DR"})
-        out.append(inherited(widget, key).unparse()).push_back('\n');
+    for (auto& value : found)
+        out.append(value.isInitialized() ? value.unparse() : "null").push_back('\n');
     return out;
 }
 
