@@ -977,7 +977,25 @@ void checkNesting(int depth, Json::parse_event_t event) {
 // Parses the script. An object that holds one key twice is refused: JSON readers keep
 // only one of the values, which would silently drop the other.
 Json parseScript(const std::string& text) {
-    std::vector<std::set<std::string>> keys;
+    // The keys of each object open, kept for the next object at that depth: most objects
+    // hold a few keys, looked through one by one; a set takes over past kFewKeys.
+    constexpr size_t kFewKeys = 16;
+    struct Keys {
+        std::vector<std::string> few;
+        std::set<std::string> many;
+        bool insert(const std::string& key) {
+            if (many.empty() && few.size() < kFewKeys) {
+                if (std::find(few.begin(), few.end(), key) != few.end()) return false;
+                few.push_back(key);
+                return true;
+            }
+            many.insert(few.begin(), few.end());
+            few.clear();
+            return many.insert(key).second;
+        }
+    };
+    std::vector<Keys> keys;
+    size_t open = 0;
     int step = -1;
     auto callback = [&](int depth, Json::parse_event_t event, Json& parsed) {
         checkNesting(depth, event);
@@ -986,12 +1004,14 @@ Json parseScript(const std::string& text) {
              event == Json::parse_event_t::array_start || event == Json::parse_event_t::value))
             ++step;
         if (event == Json::parse_event_t::object_start) {
-            keys.emplace_back();
+            if (open == keys.size()) keys.emplace_back();
+            keys[open].few.clear();
+            keys[open++].many.clear();
         } else if (event == Json::parse_event_t::object_end) {
-            keys.pop_back();
-        } else if (event == Json::parse_event_t::key && !keys.empty()) {
-            const std::string key = parsed.get<std::string>();
-            if (!keys.back().insert(key).second) {
+            --open;
+        } else if (event == Json::parse_event_t::key && open > 0) {
+            const std::string& key = parsed.get_ref<const std::string&>();
+            if (!keys[open - 1].insert(key)) {
                 throw std::runtime_error(
                     (step >= 0 ? "step " + std::to_string(step) + ": " : std::string()) +
                     "the key " + quoted(key) + " appears twice in one object");
