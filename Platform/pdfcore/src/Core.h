@@ -214,9 +214,11 @@ struct Document {
     // widget and found none; set again when a call puts one under /V. Never cleared:
     // anySignedField then walks the form.
     bool signaturesPossible = true;
-    // Whether a name of the file may hold a '#': false for a new document, and for a file
-    // without object streams (not looked into) whose bytes never escape a '#' ("#23").
+    // Whether a name of the file may hold a '#', which qpdf reads only from "#23": false
+    // for a new document and for a file whose bytes hold no "#23". The object streams of
+    // such a file (by number) are looked into when it is first written whole.
     bool fileNamesMayHoldHash = true;
+    std::vector<int> objectStreamsToLook;
 
     // Handle registry: (object, role) -> live handle. Guarded by registryMutex, as
     // handles may be released from any thread.

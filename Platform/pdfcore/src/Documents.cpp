@@ -105,12 +105,14 @@ PDResult openFrom(std::string bytes, const char* description, const FileIdentity
                     candidates[i].c_str());
                 checkPageTreeDepth(*doc->qpdf);
                 doc->qpdf->getAllPages();  // a page tree that cannot be read fails here
-                // qpdf reads a '#' in a name only from "#23"; object streams are not
-                // looked into.
+                // qpdf reads a '#' in a name only from "#23": in the bytes, or in object
+                // streams, which are looked into later (NamesEscapedForWriting).
                 doc->fileNamesMayHoldHash = doc->fileBytes.find("#23") != std::string::npos;
                 if (!doc->fileNamesMayHoldHash) {
+                    std::set<int> streams;
                     for (const auto& [og, entry] : doc->qpdf->getXRefTable())
-                        if (entry.getType() == 2) doc->fileNamesMayHoldHash = true;
+                        if (entry.getType() == 2) streams.insert(entry.getObjStreamNumber());
+                    doc->objectStreamsToLook.assign(streams.begin(), streams.end());
                 }
                 // Until a collection counts them, the file's objects stand for what is in
                 // use: garbage is collected once it is a share of the document. (An object

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <qpdf/Buffer.hh>
 
 namespace pdfcore {
 namespace {
@@ -44,8 +45,35 @@ void noteName(std::string_view name) {
 }
 
 bool namesMayHoldHash(const Document& doc) {
-    return doc.fileNamesMayHoldHash || hashNoted.load(std::memory_order_relaxed);
+    return doc.fileNamesMayHoldHash || !doc.objectStreamsToLook.empty() ||
+           hashNoted.load(std::memory_order_relaxed);
 }
+
+namespace {
+
+// Looks for "#23" in the file's object streams, unless names are looked through anyway.
+// Made before the document is written whole, which reads them all as well.
+void lookIntoObjectStreams(Document& doc) {
+    if (doc.objectStreamsToLook.empty() || doc.fileNamesMayHoldHash ||
+        hashNoted.load(std::memory_order_relaxed))
+        return;
+    for (int number : doc.objectStreamsToLook) {
+        try {
+            auto data = doc.qpdf->getObjectByID(number, 0).getStreamData(qpdf_dl_generalized);
+            const std::string_view text(reinterpret_cast<const char*>(data->getBuffer()),
+                                        data->getSize());
+            if (text.find("#23") != std::string_view::npos) doc.fileNamesMayHoldHash = true;
+        } catch (const std::bad_alloc&) {
+            throw;
+        } catch (const std::exception&) {
+            doc.fileNamesMayHoldHash = true;  // not read here: its names are looked through
+        }
+        if (doc.fileNamesMayHoldHash) break;
+    }
+    doc.objectStreamsToLook.clear();
+}
+
+}  // namespace
 
 std::string buttonStateName(QPDFObjectHandle field, const std::u16string& text) {
     if (text == u"Off") return "/Off";
@@ -69,7 +97,9 @@ bool isStateOf(QPDFObjectHandle value, const std::string& state) {
 }
 
 NamesEscapedForWriting::NamesEscapedForWriting(Document& doc) : doc_(doc) {
-    if (kWriterEscapesHash || !namesMayHoldHash(doc)) return;
+    if (kWriterEscapesHash) return;
+    lookIntoObjectStreams(doc);
+    if (!namesMayHoldHash(doc)) return;
     // What the writer writes: what the trailer leads to, each object once.
     // (By object number, grown as it goes: qpdf's object count walks every object.)
     std::vector<bool> seen;
