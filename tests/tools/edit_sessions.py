@@ -28,8 +28,8 @@ import tempfile
 from pypdf import PdfReader, PdfWriter
 from pypdf.generic import DictionaryObject, NameObject, TextStringObject
 
-from run_sessions import (check, failures, field_of, form_of, full_name, qfforms, resolved, run,
-                          run_script, widgets_of)
+from run_sessions import (check, failures, field_of, form_of, full_name, qfforms, report, resolved,
+                          run, run_script, widgets_of)
 
 
 def rect_of(path, page, field):
@@ -707,10 +707,7 @@ def main():
             os.environ.pop(name, None)
         {"edit": check_edit, "clipboard": check_clipboard, "corpus": check_corpus,
          "records": check_records}[args.check](args, folder)
-    for f in failures:
-        print("FAIL:", f)
-    print("%s: %s" % (args.check, "ok" if not failures else "%d failures" % len(failures)))
-    return 1 if failures else 0
+    return report(args.check)
 
 
 if __name__ == "__main__":

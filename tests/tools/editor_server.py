@@ -42,7 +42,7 @@ import time
 from pypdf import PdfReader
 
 from passwords import check_saved, encrypt
-from run_sessions import check, failures
+from run_sessions import check, failures, report
 
 
 class Editor:
@@ -645,10 +645,7 @@ def main():
         os.makedirs(work)
         {"doors": check_doors, "limits": check_limits, "records": check_records,
          "password": check_password}[args.check](args, work)
-    for f in failures:
-        print("FAIL:", f)
-    print("%s: %s" % (args.check, "ok" if not failures else "%d failures" % len(failures)))
-    return 1 if failures else 0
+    return report(args.check)
 
 
 if __name__ == "__main__":

@@ -21,7 +21,7 @@ import tempfile
 
 from pypdf import PdfReader
 
-from run_sessions import check, failures, field_of, run_script
+from run_sessions import check, failures, field_of, report, run_script
 
 FORM = "qpdf-field-types.pdf"
 
@@ -139,10 +139,7 @@ def main():
     with tempfile.TemporaryDirectory() as folder:
         os.environ["XDG_CONFIG_HOME"] = os.path.join(folder, "config")
         {"several": check_several, "refusals": check_refusals}[args.check](args, folder)
-    for f in failures:
-        print("FAIL:", f)
-    print("%s: %s" % (args.check, "ok" if not failures else "%d failures" % len(failures)))
-    return 1 if failures else 0
+    return report(args.check)
 
 
 if __name__ == "__main__":

@@ -23,7 +23,7 @@ import xml.etree.ElementTree as ET
 
 from pypdf import PdfReader
 
-from run_sessions import check, failures, qfforms
+from run_sessions import check, failures, qfforms, report
 
 SVG = "{http://www.w3.org/2000/svg}"
 HIDDEN, NOVIEW = 2, 32
@@ -139,10 +139,7 @@ def main():
     args = parser.parse_args()
     with tempfile.TemporaryDirectory() as folder:
         {"corpus": check_corpus, "cli": check_cli}[args.check](args, folder)
-    for f in failures:
-        print("FAIL:", f)
-    print("%s: %s" % (args.check, "ok" if not failures else "%d failures" % len(failures)))
-    return 1 if failures else 0
+    return report(args.check)
 
 
 if __name__ == "__main__":

@@ -38,6 +38,14 @@ TIMEOUT = 120
 failures = []
 
 
+def report(name):
+    """Prints each failure and a last line for name; the process's exit status."""
+    for f in failures:
+        print("FAIL:", f)
+    print("%s: %s" % (name, "ok" if not failures else "%d failures" % len(failures)))
+    return 1 if failures else 0
+
+
 def check(condition, message):
     if not condition:
         failures.append(message)
@@ -589,10 +597,7 @@ def main():
         os.environ["XDG_CONFIG_HOME"] = os.path.join(folder, "config")
         {"example": check_example, "undo": check_undo, "failures": check_failures,
          "fonts": check_fonts, "depth": check_depth}[args.check](args, folder)
-    for f in failures:
-        print("FAIL:", f)
-    print("%s: %s" % (args.check, "ok" if not failures else "%d failures" % len(failures)))
-    return 1 if failures else 0
+    return report(args.check)
 
 
 if __name__ == "__main__":

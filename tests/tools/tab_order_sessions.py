@@ -26,7 +26,7 @@ import tempfile
 from pypdf import PdfReader, PdfWriter
 from pypdf.generic import ArrayObject, FloatObject, NameObject
 
-from run_sessions import check, failures, field_of, full_name, resolved, run, run_script
+from run_sessions import check, failures, field_of, full_name, report, resolved, run, run_script
 
 
 def f32(value):
@@ -281,10 +281,7 @@ def main():
         os.environ["XDG_CONFIG_HOME"] = os.path.join(folder, "config")
         {"auto": check_auto, "move": check_move, "tool": check_tool,
          "failures": check_failures}[args.check](args, folder)
-    for f in failures:
-        print("FAIL:", f)
-    print("%s: %s" % (args.check, "ok" if not failures else "%d failures" % len(failures)))
-    return 1 if failures else 0
+    return report(args.check)
 
 
 if __name__ == "__main__":
